@@ -257,6 +257,9 @@ struct MV_Timer {
     std::atomic<uint32_t> isCleared;
     void* data;
     fnline handler;
+    // Changes at every arming, so that an owner holding a stale pointer cannot
+    // clear the timer of whoever took the record after it.
+    std::atomic<uint64_t> Generation;
 };
 
 struct MV_Timer_Tick {
@@ -267,6 +270,9 @@ struct MV_Timer_Tick {
 
 MV_Timer* __mv_core_start_timer(void* data, fnline handler, int seconds);
 void __mv_core_clear_timer(MV_Timer* timer);
+uint64_t __mv_core_timer_generation(MV_Timer* timer);
+// Clears only when the record still belongs to the arming of that generation.
+void __mv_core_clear_timer_gen(MV_Timer* timer, uint64_t generation);
 int __mv_core_sch_timer(MV_Timer* timer, int seconds);
 MV_Timer* __mv_allocate_timer();
 void __mv_release_timer(MV_Timer* timer);

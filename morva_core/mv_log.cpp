@@ -156,7 +156,7 @@ void __mv_set_logger_rootpath(const char* root) { copyText(rootPath(), 249, root
 
 void __mv_log(uint32_t mLogType, uint32_t mLogCat, uint32_t mLogLevel, const char* mLogMessage, ...) {
     if (mLogType >= MV_LOG_TYPE_COUNT) {
-        printf("invalid log cat, should be between 0 and 6<%s|%s|%d>\n", __FILE__, __func__, __LINE__);
+        printf("invalid log cat, should be between 0 and 6<%s|%s|%d>\n", __FILE_NAME__, __func__, __LINE__);
         return;
     }
     MV_LogConfig& lc = logConfigs()[mLogType];
@@ -170,11 +170,11 @@ void __mv_log(uint32_t mLogType, uint32_t mLogCat, uint32_t mLogLevel, const cha
     }
     if (!lc.Enabled) return;
     if (mLogCat >= MV_LOG_CAT_COUNT) {
-        printf("invalid log cat, should be between 0 and 30 <%s|%s|%d>\n", __FILE__, __func__, __LINE__);
+        printf("invalid log cat, should be between 0 and 30 <%s|%s|%d>\n", __FILE_NAME__, __func__, __LINE__);
         return;
     }
     if (!lc.LogCat[mLogCat].iEnabled && mLogLevel != MV_LOG_CRITICAL) {
-        printf("mLogType=%d mLogCat=%d <%s|%s|%d>\n", int(mLogType), int(mLogCat), __FILE__, __func__, __LINE__);
+        printf("mLogType=%d mLogCat=%d <%s|%s|%d>\n", int(mLogType), int(mLogCat), __FILE_NAME__, __func__, __LINE__);
         return;
     }
     if (mLogLevel < MV_LOG_LOWER_LIMIT || mLogLevel > MV_LOG_UPPER_LIMIT) return;
@@ -229,7 +229,7 @@ void __mv_log_buffer(const char* prefix, const uint8_t* buff, int len) {
     text[0] = 0;
     for (int i = 0; buff && i < len && pos + 3 < sizeof text; ++i) pos += size_t(snprintf(text + pos, sizeof text - pos, "%02X ", buff[i]));
     __mv_log(MV_STK_LOG, LOG_CAT_CORE, MV_LOG_DEBUG, "%s [%s] len=%d <%s|%s|%d>", prefix ? prefix : "", text, len,
-             __FILE__, __func__, __LINE__);
+             __FILE_NAME__, __func__, __LINE__);
 }
 
 void __mv_log_delete_old_log_files(const char* dir_path, int keepCount, int maxFiles) {

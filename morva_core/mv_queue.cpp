@@ -121,7 +121,7 @@ void* queueWorker(void* arg) {
 
 MV_CoreQueue* newQueue(int maxQueueItems) {
     // Queue objects are made at start-up and never given back.
-    void* mem = __mv_malloc_block(sizeof(MV_CoreQueue), __FILE__, __LINE__);
+    void* mem = __mv_malloc_block(sizeof(MV_CoreQueue), __FILE_NAME__, __LINE__);
     auto* q = new (mem) MV_CoreQueue{};
     q->MaxQueueCount = maxQueueItems;
     return q;
@@ -196,12 +196,12 @@ int __mv_core_queue_wait(void* objQueue, void** dataItem) {
 
 int __mv_core_create_fsmqueue(void** fsmQueuePoolObject, fnptr ptrCallBackHandler, int iNoOfThreads, int maxQueueItems) {
     if (!fsmQueuePoolObject || iNoOfThreads < 1) return -1;
-    void* mem = __mv_malloc_block(sizeof(__mv_core_fsm_queue), __FILE__, __LINE__);
+    void* mem = __mv_malloc_block(sizeof(__mv_core_fsm_queue), __FILE_NAME__, __LINE__);
     auto* f = new (mem) __mv_core_fsm_queue{};
     f->ThreadCount = iNoOfThreads;
     f->MaxQueueCount = maxQueueItems;
     f->coreQueue = static_cast<MV_CoreQueue**>(
-        __mv_malloc_block(sizeof(MV_CoreQueue*) * size_t(iNoOfThreads), __FILE__, __LINE__));
+        __mv_malloc_block(sizeof(MV_CoreQueue*) * size_t(iNoOfThreads), __FILE_NAME__, __LINE__));
     for (int i = 0; i < iNoOfThreads; ++i) {
         f->coreQueue[i] = newQueue(maxQueueItems);
         startWorkers(f->coreQueue[i], ptrCallBackHandler, 1, i, "fsm_thread");

@@ -41,6 +41,7 @@ MV_Timer* __mv_allocate_timer() {
                 t->Next = nullptr;
                 t->isReleased = 0;
                 t->isCleared = 0;
+                t->Generation.fetch_add(1);
                 return t;
             }
         }
@@ -88,6 +89,14 @@ MV_Timer* __mv_core_start_timer(void* data, fnline handler, int seconds) {
 
 void __mv_core_clear_timer(MV_Timer* timer) {
     if (timer) timer->isCleared = 1;
+}
+
+uint64_t __mv_core_timer_generation(MV_Timer* timer) { return timer ? timer->Generation.load() : 0; }
+
+void __mv_core_clear_timer_gen(MV_Timer* timer, uint64_t generation) {
+    if (!timer) return;
+    std::lock_guard g(__mvCore->TimerLock);
+    if (!timer->isReleased && timer->Generation.load() == generation) timer->isCleared = 1;
 }
 
 int __mv_core_get_timer_tick() { return __mvCore->TimerTickIndex.load(); }

@@ -1,0 +1,72 @@
+#include "Kestrane_seams.h"
+
+#include <arpa/inet.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "Kestrane.h"
+
+namespace {
+void absent(const char* what, const char* func) {
+    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_INFO, "%s is not part of this build, skipped %s|%d", what, func, __LINE__);
+}
+}  // namespace
+
+void KsSeam__socket_engine_init() { absent("socket engine", __func__); }
+void KsSeam__init_crypto() { absent("NAS crypto set-up", __func__); }
+void KsSeam__TemplateMgr_Init() { absent("template manager", __func__); }
+void KsSeam__AddStaticAMF(json_t*) { absent("static AMF node", __func__); }
+void KsSeam__create_cpTeidTable() { absent("control-plane TEID table", __func__); }
+
+void KsSeam__UECServer_Start(uint32_t port) {
+    if (port == 0) {
+        printf("Cannot Start UE-Console on TCPPort=0\n");
+        return;
+    }
+    absent("UE-Console server", __func__);
+}
+
+void KsSeam__LoadScanarioFiles() { absent("scenario files", __func__); }
+void KsSeam__create_id_tables(uint32_t) { absent("NGAP and Diameter id tables", __func__); }
+void KsSeam__CreateNGRanUEContext() { absent("RAN UE context pool", __func__); }
+void KsSeam__LoadUEFiles() { absent("subscriber files", __func__); }
+void KsSeam__create_commandPool() { absent("command pool", __func__); }
+void KsSeam__create_N1_counters() { absent("global N1 counters", __func__); }
+void KsSeam__CreateCommandSteps() { absent("prebuilt command steps", __func__); }
+void KsSeam__DiamDict_Init() { absent("Diameter dictionaries", __func__); }
+void KsSeam__TemplateEng_Init() { absent("template engine", __func__); }
+
+int KsSeam__GTP_Init(json_t* cfg) {
+    const char* ip = json_string_value(json_object_get(cfg, "LOCAL_GTP_IP"));
+    const char* dot = ip ? strchr(ip, '.') : nullptr;
+    if (dot && dot > ip) {
+        __ksEngine->localGTP_IPType = 4;
+        struct in_addr a;
+        if (inet_pton(AF_INET, ip, &a) == 1) {
+            uint32_t host = ntohl(a.s_addr);
+            memcpy(__ksEngine->localGTP_IPv4, &host, sizeof host);
+        }
+    } else if (ip && strchr(ip, ':')) {
+        __ksEngine->localGTP_IPType = 6;
+        struct in6_addr a6;
+        if (inet_pton(AF_INET6, ip, &a6) == 1) memcpy(__ksEngine->localGTP_IPv6, &a6, 16);
+    } else {
+        printf("unable to identify an_ip=%s version in GTP %s|%d\n", ip ? ip : "", __func__, __LINE__);
+        return 0;
+    }
+    absent("GTP-U traffic engine", __func__);
+    return 1;
+}
+
+void KsSeam__DataPath_Init() { absent("data-path peer", __func__); }
+void KsSeam__PFCP_Init() { absent("PFCP", __func__); }
+void KsSeam__AGF_Init() { absent("access gateway client", __func__); }
+void KsSeam__register_ngap_handlers() { absent("NGAP and S1AP handlers", __func__); }
+void KsSeam__InitializeRanNode_Configs() { absent("RAN and MME node configuration", __func__); }
+void KsSeam__register_diam_handlers() { absent("Diameter handlers", __func__); }
+void KsSeam__StartNGRANs() { absent("NG RAN connections", __func__); }
+void KsSeam__TE_Init() { absent("test-element connections", __func__); }
+void KsSeam__LoadUEAddlData(json_t*) { absent("additional UE data", __func__); }
+void KsSeam__MonitoringEngine_Init() { absent("monitoring engine", __func__); }
+void KsSeam__doRanStats() {}

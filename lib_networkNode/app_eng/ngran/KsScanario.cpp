@@ -1,0 +1,462 @@
+// Scenarios of a test, a UE's step executions, the road of a step to its runner,
+// the completion contract and the step timer.
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+#include "KsPool.h"
+#include "Kestrane.h"
+#include "Kestrane_util.h"
+
+namespace {
+
+// Builders by scenario step id; the catalogue adds its entries here.
+using StepBuilder = void (*)(KsScanario*, json_t*);
+
+StepBuilder builderFor(uint32_t stepId) {
+    switch (stepId) {
+        case 3: return Kestrane___ScanarioAddSleep;
+        default: return nullptr;
+    }
+}
+
+// A Dict value for a key, or null: Dict is an array of {Key: number, Value: string}.
+const char* dictValue(json_t* dict, long long key) {
+    size_t i;
+    json_t* e;
+    json_array_foreach(dict, i, e) {
+        if (KsJson::number(e, "Key", -1) == key) return json_string_value(json_object_get(e, "Value"));
+    }
+    return nullptr;
+}
+
+void incr(int64_t& v, MV_Mutex& m, int64_t by) {
+    std::lock_guard g(m);
+    v += by;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- scenarios
+
+KsStep* KsScanario__NewStep(uint32_t StepCode, uint32_t StepIndex) {
+    KsStep* st = __ksEngine->ksStepPool->allocate();
+    st->StepCode = StepCode;
+    st->StepIndex = StepIndex;
+    return st;
+}
+
+void KsScanario__AddStep(KsScanario* scanario, KsStep* step) {
+    if (!scanario || !step) return;
+    step->Next = nullptr;
+    if (scanario->stepCurrent) scanario->stepCurrent->Next = step;
+    else scanario->stepHead = step;
+    scanario->stepCurrent = step;
+    ++scanario->totalSteps;
+}
+
+void Kestrane___ScanarioAddSleep(KsScanario* scanario, json_t* dict) {
+    KsStep* st = KsScanario__NewStep(KS_STEP__SLEEP, 3);
+    st->SleepTime = 10;
+    if (const char* v = dictValue(dict, 3)) {
+        char* end = nullptr;
+        errno = 0;
+        unsigned long secs = strtoul(v, &end, 10);
+        if (end != v && errno == 0 && secs < MV_TIMER_WHEEL_SLOTS) st->SleepTime = uint32_t(secs);
+        else
+            __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "sleep step: Value=[%s] is not a number of seconds, using %u %s|%d",
+                     v, st->SleepTime, __func__, __LINE__);
+    }
+    KsScanario__AddStep(scanario, st);
+}
+
+KsScanario* Kestrane___createScanarioForKsTestExec(KsTestExec* tstItem, uint32_t ScanarioID) {
+    if (tstItem->ksScanario) {
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_INFO, "Scenario Object already exists for tstItem=%p %p ScanarioID=%u %s|%d",
+                 (void*)tstItem, (void*)tstItem->ksScanario, ScanarioID, __func__, __LINE__);
+        return tstItem->ksScanario;
+    }
+    json_t* found = nullptr;
+    size_t i;
+    json_t* sc;
+    json_array_foreach(__ksEngine->scenarios, i, sc) {
+        if (KsJson::number(sc, "ID", -1) == (long long)ScanarioID) {
+            found = sc;
+            break;
+        }
+    }
+    if (!found) {
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_CRITICAL,
+                 "creating scenario failed for tstItem=%p, ScanarioID=%u Configuration NOT found for TestItem, "
+                 "reconfigure TestItem with Scenario %s|%d",
+                 (void*)tstItem, ScanarioID, __func__, __LINE__);
+        return nullptr;
+    }
+    KsScanario* scanario = __ksEngine->ksScanarioPool->allocate();
+    scanario->id = tstItem->TestId + 200001;
+    json_t* steps = json_object_get(found, "Config");
+    json_t* step;
+    json_array_foreach(steps, i, step) {
+        long long id = KsJson::number(step, "ID", 0);
+        if (id <= 0 || id > 199999) {
+            __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
+                     "Creating Scanario for StepID=%u Failed, StepID NOT-IN-RANGE tstItem=%p ScanarioID=%u %s|%d",
+                     uint32_t(id), (void*)tstItem, ScanarioID, __func__, __LINE__);
+            continue;
+        }
+        if (StepBuilder b = builderFor(uint32_t(id))) b(scanario, json_object_get(step, "Dict"));
+    }
+    tstItem->ksScanario = scanario;
+    return scanario;
+}
+
+// ---------------------------------------------------------------- executions
+
+void KsScanario__ReleaseUEExecutionSteps(MV_KsUE* ksUe) {
+    std::lock_guard g(ksUe->pduSessionsRecvCountLock);
+    KsStepExecution* e = ksUe->ksStepExecutionHead;
+    while (e) {
+        KsStepExecution* next = e->Next;
+        __ks_pduSessionSetupInfo* p = e->pduSessionSetupHead;
+        while (p) {
+            __ks_pduSessionSetupInfo* pn = p->Next;
+            delete p;
+            p = pn;
+        }
+        __ksEngine->ksStepExecutionPool->release(e);
+        e = next;
+    }
+    ksUe->ksStepExecutionHead = ksUe->ksStepExecutionCurrent = nullptr;
+    ksUe->ksStepExecution = nullptr;
+    ksUe->ksStepExecutionItemCount = 0;
+    ksUe->CommandId = 0;
+    ksUe->TestId = 0;
+}
+
+void KsScanario__CreateKsStepExecutions(MV_KsUE* ksUe, int stepId) {
+    if (!ksUe->ksScanario) {
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "Scanario Not Configured for the SUPI=%s <%s|%s|%d>", ksUe->supi,
+                 __FILE_NAME__, __func__, __LINE__);
+        return;
+    }
+    // Releasing the list frees the UE's owner ids; the UE stays with its test.
+    uint32_t testId = ksUe->TestId, commandId = ksUe->CommandId;
+    KsScanario__ReleaseUEExecutionSteps(ksUe);
+    ksUe->TestId = testId;
+    ksUe->CommandId = commandId;
+
+    int pos = 0;
+    uint32_t taken = 0;
+    for (KsStep* st = ksUe->ksScanario->stepHead; st; st = st->Next, ++pos) {
+        if (stepId != -1 && pos != stepId) continue;
+        KsStepExecution* e = __ksEngine->ksStepExecutionPool->allocate();
+        e->Id = ++taken;
+        e->ksStep = st;
+        e->ksUe = ksUe;
+        ksUe->StepCode = st->StepCode;
+        for (__ks_pduSessionInfo* info = st->pduSessionHead; info; info = info->Next) {
+            auto* setup = new __ks_pduSessionSetupInfo{nullptr, info, 0};
+            if (e->pduSessionSetupCurrent) e->pduSessionSetupCurrent->Next = setup;
+            else e->pduSessionSetupHead = setup;
+            e->pduSessionSetupCurrent = setup;
+            ++e->pduSessionCount;
+        }
+        if (ksUe->ksStepExecutionCurrent) ksUe->ksStepExecutionCurrent->Next = e;
+        else ksUe->ksStepExecutionHead = e;
+        ksUe->ksStepExecutionCurrent = e;
+        ++ksUe->ksStepExecutionItemCount;
+    }
+    if (taken == 0) {
+        // Only reachable with a position past the scenario's end; the UE then has nothing to run.
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_CRITICAL, "[%s] ksStep got NULL  <%s|%s|%d>", ksUe->supi, __FILE_NAME__,
+                 __func__, __LINE__);
+    }
+    ksUe->TotalKsSteps = int32_t(taken);
+}
+
+KsStepExecution* KsScanario__GetKsExecution(MV_KsUE* ksUe) {
+    if (!ksUe) return nullptr;
+    return ksUe->ksStepExecution ? ksUe->ksStepExecution : ksUe->ksStepExecutionHead;
+}
+
+KsStep* KsScanario__GetKsExecutionStep(MV_KsUE* ksUe) {
+    KsStepExecution* e = KsScanario__GetKsExecution(ksUe);
+    return e ? e->ksStep : nullptr;
+}
+
+KsStepExecution* KsScanario__GetCurrentExecutingStep(MV_KsUE* ksUe, uint32_t expected) {
+    KsStepExecution* e = KsScanario__GetKsExecution(ksUe);
+    if (!e || expected == 0) return e;
+    return e->ksStep && e->ksStep->StepCode == expected ? e : nullptr;
+}
+
+int KsScanario__CurrentStepEquals(MV_KsUE* ksUe, uint32_t StepCode) {
+    if (!ksUe) return -1;
+    KsStepExecution* e = KsScanario__GetKsExecution(ksUe);
+    if (!e) return -ENOENT;
+    if (!e->ksStep) return -ESRCH;
+    return e->ksStep->StepCode == StepCode ? 1 : 0;
+}
+
+int Kestrane___hasStepExecTemplate(MV_KsUE* ksUe) {
+    KsStep* st = KsScanario__GetKsExecutionStep(ksUe);
+    return st && st->nas5G_regTemplate ? 1 : 0;
+}
+
+// ---------------------------------------------------------------- the road to a runner
+
+void Kestrane___runStep(void* v, int index) {
+    (void)index;
+    auto* ue = static_cast<MV_KsUE*>(v);
+    if (!ue) return;
+    __mv_core_queue_fsm2(__ksEngine->fsmNGAPProcessingQueue, uint32_t(ue->ueId % __ksEngine->fsmNGAPProcessingThreadCount),
+                         ue, Kestrane___runStepFSM);
+}
+
+void Kestrane___runStepFSM(void* v) {
+    auto* ksUe = static_cast<MV_KsUE*>(v);
+    KsStepExecution* head = ksUe->ksStepExecutionHead;
+    KsStep* st = head ? head->ksStep : nullptr;
+    if (!st) {
+        if (head)
+            __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "  ksUe=%p  ksStepExecutionHead=%p  ksStep=%p   %s|%s|%d",
+                     (void*)ksUe, (void*)head, (void*)st, __FILE_NAME__, __func__, __LINE__);
+        KsNAS__runStep_FQ(ksUe, 1);
+        return;
+    }
+    if (st->StepIndex == 0) {
+        switch (st->StepCode) {
+            case 39: st->StepIndex = 1001; break;
+            case 40: st->StepIndex = 1002; break;
+            case 41: st->StepIndex = 1003; break;
+            default:
+                __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "StepIndex Not Coded for StepCode=%d  %s|%s|%d",
+                         int(st->StepCode), __FILE_NAME__, __func__, __LINE__);
+        }
+    }
+    uint32_t i = st->StepIndex;
+    if (i < 1000) KsNAS__runStep_FQ(ksUe, 1);
+    else if (i < 2000) KsPFCP__runStep_FQ(ksUe);
+    else if (i < 3000) KsPGW__runStep_FQ(ksUe);
+    else if (i < 4000) KsSGW__runStep_FQ(ksUe);
+    else if (i <= 4900) KsS1AP__runStep_FQ(ksUe);
+    else if (i <= 4903) KsGGSN__runStep_FQ(ksUe);
+    else if (i < 5000) KsS1AP__runStep_FQ(ksUe);
+    else if (i < 6000) Ks4GEIR__runStep_FQ(ksUe);
+    else if (i < 7000) {
+        // No runner serves this range from a scenario: the UE waits for the no-progress watch.
+    } else if (i < 8000) KsAAA__runStep_FQ(ksUe);
+    else if (i < 9000) KsCHF__runStep_FQ(ksUe);
+    else if (i < 10000) KsPCRF__runStep_FQ(ksUe);
+    else if (i < 11000) KsHSS__runStep_FQ(ksUe, 0);
+    else if (i < 12000) KsSMF__runStep_FQ(ksUe);
+    else KsNAS__runStep_FQ(ksUe, 1);
+}
+
+void Kestrane___runStepAsync(MV_KsUE* ksUe, uint8_t bearer) {
+    (void)bearer;
+    KsTestExec* t = ksUe->testExec;
+    void* q = __ksEngine->M_MPS_Q[t ? t->MPSIndex : 0];
+    __mv_core_queue_item_force(q, ksUe, 1);
+}
+
+void Kestrane___runStepAsync_timer(MV_KsUE* ksUe) { Kestrane___runStepAsync(ksUe, 1); }
+void Kestrane___runStepAsync_timeout(MV_KsUE* ksUe) { Kestrane___runStepAsync(ksUe, 1); }
+
+// ---------------------------------------------------------------- completion
+
+void KsScanario__CompleteCurrentStepAndExecutionNextStep(MV_KsUE* ksUe, uint32_t StepCode, const char* funcName,
+                                                         const char* file, int line) {
+    if (!ksUe) return;
+    KsEngine__KsUE_ClearDefaultTimer(ksUe, funcName);
+    if (StepCode == KS_STEP_CODE_FROM_UE) StepCode = ksUe->ksScanario ? ksUe->StepCode : 0;
+    if (ksUe->ksScanario) {
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_DEBUG,
+                 "%s|Completed StepCode=[%u|%u|%s] CurrentStepCount=%d TotalSteps=%d   %s|%s|%d  SRC=%s|%d", ksUe->supi,
+                 StepCode, ksUe->StepCode, funcName ? funcName : "", ksUe->CompletedKsStep, ksUe->TotalKsSteps, __FILE_NAME__,
+                 __func__, __LINE__, file ? file : "", line);
+    } else if (ksUe->CommandId) {
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_DEBUG, "%s|Completed Command[%d] Execution   %s|%s|%d  SRC=%s|%d",
+                 ksUe->supi, int(ksUe->CommandId), __FILE_NAME__, __func__, __LINE__, file ? file : "", line);
+        KsScanario__ReleaseUEExecutionSteps(ksUe);
+        ksUe->CommandId = 0;
+        return;
+    }
+    Kestrane___completedScalingModeStep(ksUe, StepCode, funcName, file, line);
+}
+
+void Kestrane___completedScalingModeStep(MV_KsUE* ksUe, uint32_t StepCode, const char* funcName, const char* file,
+                                         int line) {
+    (void)funcName;
+    (void)file;
+    (void)line;
+    if (StepCode != ksUe->StepCode) {
+        if (StepCode == KS_STEP__SERVICE_REQUEST) {
+            __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_DEBUG, "executing step=%u after service request <%s|%s|%d>",
+                     ksUe->StepCode, __FILE_NAME__, __func__, __LINE__);
+            Kestrane___runStepAsync_timer(ksUe);
+            return;
+        }
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
+                 "[%s] expected step code=%u, got step code=%u  CompletedKsStep=%u  TotalKsSteps=%u  "
+                 "ksStepExecutionHead=%p  <%s|%s|%d>",
+                 ksUe->supi, ksUe->StepCode, StepCode, uint32_t(ksUe->CompletedKsStep), uint32_t(ksUe->TotalKsSteps),
+                 (void*)ksUe->ksStepExecutionHead, __FILE_NAME__, __func__, __LINE__);
+        if (!ksUe->ksStepExecutionHead) return;
+    }
+    KsTestExec* t = ksUe->testExec;
+    KsScanario* scanario = t ? t->ksScanario : nullptr;
+    if (!t || !ksUe->ksScanario || !scanario) {
+        ++ksUe->CompletedKsStep;
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
+                 "[%s] KsTestExec got NULL  tstItem=%p ksScanario=%p TestId=%d CommandId=%d  CompletedKsStep=%u  "
+                 "TotalKsSteps=%u <%s|%s|%d>",
+                 ksUe->supi, (void*)t, (void*)ksUe->ksScanario, int(ksUe->TestId), int(ksUe->CommandId),
+                 uint32_t(ksUe->CompletedKsStep), uint32_t(ksUe->TotalKsSteps), __FILE_NAME__, __func__, __LINE__);
+        ksUe->CompletedKsStep = 0;
+        ksUe->EndOfTest = 1;
+        return;
+    }
+    ++ksUe->CompletedKsStep;
+    {
+        std::lock_guard g(t->CompletedExecutionUECountLock);
+        ++t->TotalExecSteps;
+    }
+    uint32_t testId = ksUe->TestId;
+    KsScanario__ReleaseUEExecutionSteps(ksUe);
+    incr(__ksEngine->executngSteps, __ksEngine->executngStepsLock, -1);
+    incr(__ksEngine->executedSteps, __ksEngine->executedStepsLock, 1);
+    incr(__ksEngine->lastReceived, __ksEngine->lastReceivedLock, 1);
+    ksUe->ksStepExecution = nullptr;
+    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_DEBUG, "[%s] CompletedKsStep=%u  TotalKsSteps=%u SEC=%d <%s|%s|%d>",
+             ksUe->supi, uint32_t(ksUe->CompletedKsStep), uint32_t(ksUe->TotalKsSteps), 0, __FILE_NAME__, __func__, __LINE__);
+
+    if (ksUe->CompletedKsStep < scanario->totalSteps && t->Status != KS_TEST__STOP) {
+        ksUe->TestId = testId;  // still this test's UE between steps
+        ksUe->ksScanario = scanario;
+        KsScanario__CreateKsStepExecutions(ksUe, ksUe->CompletedKsStep);
+        incr(__ksEngine->executngSteps, __ksEngine->executngStepsLock, 1);
+        Kestrane___runStepAsync_timer(ksUe);
+    } else if (t->Status == KS_TEST__STOP) {
+        ksUe->TestId = testId;
+        return;
+    } else {
+        ksUe->TestId = testId;
+        ksUe->CompletedKsStep = 0;
+        ksUe->ksScanario = nullptr;
+        ksUe->ksStepExecutionItemCount = 0;
+        std::lock_guard g(t->CompletedExecutionUECountLock);
+        ++t->CompletedExecutionUECount;
+    }
+    std::lock_guard g(t->CurrentExecutionCountLock);
+    if (t->CurrentExecutionCount > 0) --t->CurrentExecutionCount;
+}
+
+void Kestrane___execMarkAsComplete(MV_KsUE* ksUe) {
+    if (!ksUe) return;
+    if (KsTestExec* t = ksUe->testExec) {
+        {
+            std::lock_guard g(t->CurrentExecutionCountLock);
+            if (t->CurrentExecutionCount > 0) --t->CurrentExecutionCount;
+        }
+        std::lock_guard g(t->CompletedExecutionUECountLock);
+        ++t->CompletedExecutionUECount;
+        ++t->TotalExecSteps;
+    }
+    KsEngine__KsUE_ClearDefaultTimer(ksUe, __func__);
+    KsScanario__CompleteCurrentStepAndExecutionNextStep(ksUe, ksUe->StepCode, __func__, __FILE_NAME__, __LINE__);
+}
+
+// ---------------------------------------------------------------- step timer
+
+namespace {
+
+// Runs on a queue line: hands the expiry to the UE's own line, where all its step work runs.
+void defTimerExpired(void* data) {
+    auto* ksUe = static_cast<MV_KsUE*>(data);
+    __mv_core_queue_fsm2(__ksEngine->fsmNGAPProcessingQueue, uint32_t(ksUe->ueId % __ksEngine->fsmNGAPProcessingThreadCount),
+                         ksUe, [](void* ue) { KsEngine_KsUE_TimerActionOnTimeout(static_cast<uint8_t*>(ue)); });
+}
+
+void armDefTimer(MV_KsUE* ksUe) {
+    ksUe->defTimerSeq.fetch_add(1);
+    ksUe->defTimer = __mv_core_start_timer(ksUe, defTimerExpired, int(__ksEngine->DefaultTimeoutSeconds));
+    ksUe->defTimerGen = __mv_core_timer_generation(ksUe->defTimer);
+    ksUe->defTimerFiredSeq = ksUe->defTimerSeq.load();
+}
+
+void clearDefTimer(MV_KsUE* ksUe) {
+    if (!ksUe->defTimer) return;
+    __mv_core_clear_timer_gen(ksUe->defTimer, ksUe->defTimerGen);
+    ksUe->defTimer = nullptr;
+    ksUe->defTimerSeq.fetch_add(1);  // an expiry already on its way is now stale
+}
+
+}  // namespace
+
+void KsEngine__KsUE_SetTimerActionRetry(MV_KsUE* ksUe, uint8_t maxAttempts, uint32_t stepCode) {
+    clearDefTimer(ksUe);
+    armDefTimer(ksUe);
+    if (!ksUe->defTimer) {
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_CRITICAL, "%s Timer Allocation Failed  %s|%s|%d", ksUe->supi, __FILE_NAME__,
+                 __func__, __LINE__);
+        abort();
+    }
+    if (stepCode != ksUe->defStepCode) {
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_DEBUG, "%s defStepCode=%u stepCode=%u  %s|%s|%d", ksUe->supi,
+                 ksUe->defStepCode, stepCode, __FILE_NAME__, __func__, __LINE__);
+        ksUe->defTimerCounter = 0;
+    }
+    ksUe->defTimerMaxAttempts = maxAttempts;
+    ksUe->defTimerOnTimeout = 1;
+    ksUe->defStepCode = stepCode;
+}
+
+void KsEngine__KsUE_ClearDefaultTimer(MV_KsUE* ksUe, const char* funcName) {
+    if (ksUe->defTimer) {
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_DEBUG, "%s cleared step timer SRC=%s %s|%d", ksUe->supi,
+                 funcName ? funcName : "", __func__, __LINE__);
+        clearDefTimer(ksUe);
+    }
+    if (ksUe->defTimerCounter == 0) {
+        ksUe->defTimerMaxAttempts = 0;
+        ksUe->defTimerOnTimeout = 0;
+    }
+}
+
+void KsEngine__KsUE_ReschduleTimer(MV_KsUE* ksUe, const char* reason) {
+    if (!ksUe->defTimer) return;
+    clearDefTimer(ksUe);
+    armDefTimer(ksUe);
+    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_DEBUG, "%s Reschduled Timer for %s %s|%s|%d", ksUe->supi,
+             reason ? reason : "", __FILE_NAME__, __func__, __LINE__);
+}
+
+void KsEngine_KsUE_TimerActionOnTimeout(uint8_t* u8Ue) {
+    auto* ksUe = reinterpret_cast<MV_KsUE*>(u8Ue);
+    // Only the arming the UE still holds may act; a cleared or re-armed timer's late expiry is dropped.
+    if (!ksUe->defTimer || ksUe->defTimerFiredSeq.load() != ksUe->defTimerSeq.load()) return;
+    ksUe->defTimer = nullptr;  // the record went back to the wheel's pool at expiry
+    if (KsTestExec* t = ksUe->testExec) {
+        t->WatchTotalExecSteps = 0;
+        ++t->ExecutionTimeout.Request;
+        ++t->ExecutionTimeout.Total;
+    }
+    if (ksUe->defTimerOnTimeout == 1 && ksUe->defTimerCounter < ksUe->defTimerMaxAttempts) {
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_INFO,
+                 "%s Timeout Happened for current step, attempting again  defTimerCounter=%u defTimerMaxAttempts=%u   "
+                 "ksScanario=%p  %s|%s|%d",
+                 ksUe->supi, ksUe->defTimerCounter, ksUe->defTimerMaxAttempts, (void*)ksUe->ksScanario, __FILE_NAME__,
+                 __func__, __LINE__);
+        ++ksUe->defTimerCounter;
+        Kestrane___runStepAsync_timer(ksUe);
+        return;
+    }
+    ksUe->defTimerCounter = 0;
+    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_INFO,
+             "%s Timeout Happened for current step, moving next  ksScanario=%p   %s|%s|%d", ksUe->supi,
+             (void*)ksUe->ksScanario, __FILE_NAME__, __func__, __LINE__);
+    KsScanario__CompleteCurrentStepAndExecutionNextStep(ksUe, ksUe->defStepCode, __func__, __FILE_NAME__, __LINE__);
+}

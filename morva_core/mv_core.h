@@ -274,6 +274,11 @@ uint64_t __mv_core_timer_generation(MV_Timer* timer);
 // Clears only when the record still belongs to the arming of that generation.
 void __mv_core_clear_timer_gen(MV_Timer* timer, uint64_t generation);
 int __mv_core_sch_timer(MV_Timer* timer, int seconds);
+// The wheel slot a delay of `seconds` lands in when the present slot is `tickIndex`.
+constexpr int __mv_core_timer_slot(int tickIndex, int seconds) {
+    int slot = tickIndex + seconds;
+    return slot >= MV_TIMER_WHEEL_SLOTS ? slot - MV_TIMER_WHEEL_SLOTS : slot;
+}
 MV_Timer* __mv_allocate_timer();
 void __mv_release_timer(MV_Timer* timer);
 int __mv_core_get_timer_tick();

@@ -67,8 +67,7 @@ void __mv_release_timer(MV_Timer* timer) {
 int __mv_core_sch_timer(MV_Timer* timer, int seconds) {
     // The wheel has one lap: a delay of a full lap or more would fire a lap early.
     if (!timer || seconds < 1 || seconds >= MV_TIMER_WHEEL_SLOTS) return 0;
-    int slot = __mvCore->TimerTickIndex.load() + seconds;
-    if (slot >= MV_TIMER_WHEEL_SLOTS) slot -= MV_TIMER_WHEEL_SLOTS;
+    int slot = __mv_core_timer_slot(__mvCore->TimerTickIndex.load(), seconds);
     MV_Timer_Tick& tick = __mvCore->Timers[slot];
     std::lock_guard g(tick.Lock);
     timer->Next = nullptr;

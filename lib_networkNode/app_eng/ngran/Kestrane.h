@@ -425,6 +425,9 @@ void KsEngine__sentmpscounter();
 int KsEngine__InitializeksUE_Pool(uint32_t count);
 MV_KsUE* KsEngine__AllocateUE();
 void KsEngine__FindUEByIMSI(MV_KsUE** ksUe, const char* imsi);
+// The IMSI text of a number: "%lu", padded on the left with '0' to 15 digits when
+// IMSIPrefixWithZERO is 1. Loading and the test's range lookup both use it.
+void KsEngine__IMSIText(uint64_t imsi, char* out, size_t cap);
 // Creates one UE per IMSI of every uel.json range; returns the number created.
 int KsEngine__LoadUEConfigs();
 int KsEngine__ConfigureUEList(json_t* ueList);
@@ -494,6 +497,11 @@ void KsCHF__runStep_FQ(MV_KsUE* ksUe);
 void KsPCRF__runStep_FQ(MV_KsUE* ksUe);
 void KsHSS__runStep_FQ(MV_KsUE* ksUe, int mode);
 void KsSMF__runStep_FQ(MV_KsUE* ksUe);
+
+// When set, every step goes to this runner instead of its family's: scripted runs
+// and tests stand in for a protocol with it. Null restores the families.
+typedef void (*KsStepRunner)(MV_KsUE* ksUe);
+void KsEngine__SetRunnerOverride(KsStepRunner runner);
 
 // A step whose runner is not built yet: counted as send-failed and completed at once.
 void Kestrane___runnerNotAvailable(MV_KsUE* ksUe, const char* runner);

@@ -287,7 +287,7 @@ void Kestrane___RunTest(KsTestExec* tstItem) {
     tstItem->Head = tstItem->Current = nullptr;
     for (uint64_t n = supiStart; n <= supiEnd; ++n) {
         char imsi[24];
-        snprintf(imsi, sizeof imsi, "%" PRIu64, n);
+        KsEngine__IMSIText(n, imsi, sizeof imsi);
         MV_KsUE* ue = nullptr;
         KsEngine__FindUEByIMSI(&ue, imsi);
         if (!ue) continue;

@@ -32,6 +32,8 @@ const char* dictValue(json_t* dict, long long key) {
     return nullptr;
 }
 
+std::atomic<KsStepRunner> runnerOverride{nullptr};
+
 void incr(int64_t& v, MV_Mutex& m, int64_t by) {
     std::lock_guard g(m);
     v += by;
@@ -236,6 +238,10 @@ void Kestrane___runStepFSM(void* v) {
                          int(st->StepCode), __FILE_NAME__, __func__, __LINE__);
         }
     }
+    if (KsStepRunner r = runnerOverride.load(std::memory_order_relaxed)) {
+        r(ksUe);
+        return;
+    }
     uint32_t i = st->StepIndex;
     if (i < 1000) KsNAS__runStep_FQ(ksUe, 1);
     else if (i < 2000) KsPFCP__runStep_FQ(ksUe);
@@ -254,6 +260,8 @@ void Kestrane___runStepFSM(void* v) {
     else if (i < 12000) KsSMF__runStep_FQ(ksUe);
     else KsNAS__runStep_FQ(ksUe, 1);
 }
+
+void KsEngine__SetRunnerOverride(KsStepRunner runner) { runnerOverride = runner; }
 
 void Kestrane___runStepAsync(MV_KsUE* ksUe, uint8_t bearer) {
     (void)bearer;

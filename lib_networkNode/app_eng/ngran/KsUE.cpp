@@ -49,6 +49,11 @@ bool imsiNumber(json_t* v, uint64_t& out) {
 
 }  // namespace
 
+void KsEngine__IMSIText(uint64_t imsi, char* out, size_t cap) {
+    if (__ksEngine && __ksEngine->IMSIPrefixWithZERO == 1) snprintf(out, cap, "%015" PRIu64, imsi);
+    else snprintf(out, cap, "%" PRIu64, imsi);
+}
+
 int KsEngine__InitializeksUE_Pool(uint32_t count) {
     // Pages of the block are only touched when a record is taken, so a large pool
     // costs address space, not memory.
@@ -99,7 +104,7 @@ int KsEngine__ConfigureUEList(json_t* ueList) {
         KsJson::copyString(el, "MNC", mnc, sizeof mnc);
         for (uint64_t n = start; n <= end; ++n) {
             char imsi[24];
-            snprintf(imsi, sizeof imsi, "%" PRIu64, n);
+            KsEngine__IMSIText(n, imsi, sizeof imsi);
             MV_KsUE* existing = imsiFind(__ksEngine->imsiTable, imsi);
             if (existing) continue;
             MV_KsUE* ue = KsEngine__AllocateUE();

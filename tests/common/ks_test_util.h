@@ -1,0 +1,125 @@
+// Helpers shared by the test groups: temporary directories, files, child processes
+// and waiting for a condition.
+#pragma once
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace kst {
+
+inline std::string makeTempDir(const char* tag) {
+    std::string tmpl = std::string("/tmp/ks_") + tag + "_XXXXXX";
+    std::vector<char> buf(tmpl.begin(), tmpl.end());
+    buf.push_back(0);
+    if (!mkdtemp(buf.data())) return {};
+    return buf.data();
+}
+
+inline void removeTree(const std::string& dir) {
+    if (dir.rfind("/tmp/ks_", 0) != 0) return;  // never outside our own scratch space
+    std::string cmd = "rm -rf '" + dir + "'";
+    if (system(cmd.c_str()) != 0) {
+    }
+}
+
+inline void writeFile(const std::string& path, const std::string& text) {
+    std::ofstream f(path, std::ios::binary | std::ios::trunc);
+    f << text;
+}
+
+inline std::string readFile(const std::string& path) {
+    std::ifstream f(path, std::ios::binary);
+    std::stringstream ss;
+    ss << f.rdbuf();
+    return ss.str();
+}
+
+inline std::vector<std::string> listFiles(const std::string& dir) {
+    std::vector<std::string> out;
+    if (DIR* d = opendir(dir.c_str())) {
+        while (dirent* e = readdir(d))
+            if (e->d_name[0] != '.') out.push_back(dir + "/" + e->d_name);
+        closedir(d);
+    }
+    return out;
+}
+
+// Everything written so far to one log channel directory, all files joined.
+inline std::string readLogDir(const std::string& dir) {
+    std::string all;
+    for (const auto& f : listFiles(dir)) all += readFile(f);
+    return all;
+}
+
+inline size_t countOccurrences(const std::string& hay, const std::string& needle) {
+    size_t n = 0;
+    for (size_t p = hay.find(needle); p != std::string::npos; p = hay.find(needle, p + needle.size())) ++n;
+    return n;
+}
+
+inline bool waitFor(const std::function<bool()>& pred, double seconds) {
+    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(int(seconds * 1000));
+    while (std::chrono::steady_clock::now() < end) {
+        if (pred()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return pred();
+}
+
+struct ChildResult {
+    int exitStatus = -1;  // -1 when killed by a signal or timed out
+    bool timedOut = false;
+    std::string out;
+};
+
+// Runs a program in `cwd` with stdout captured. After `seconds` it is sent
+// `stopSignal` (so a long-running engine can be ended the way a user would).
+inline ChildResult runChild(const std::vector<std::string>& argv, const std::string& cwd, double seconds,
+                            int stopSignal = SIGKILL) {
+    ChildResult r;
+    std::string outPath = cwd + "/.child_stdout";
+    pid_t pid = fork();
+    if (pid == 0) {
+        if (chdir(cwd.c_str()) != 0) _exit(127);
+        int fd = open(outPath.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0644);
+        dup2(fd, 1);
+        dup2(fd, 2);
+        std::vector<char*> args;
+        for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+        args.push_back(nullptr);
+        execv(args[0], args.data());
+        _exit(127);
+    }
+    int status = 0;
+    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(int(seconds * 1000));
+    for (;;) {
+        pid_t w = waitpid(pid, &status, WNOHANG);
+        if (w == pid) break;
+        if (std::chrono::steady_clock::now() >= end) {
+            r.timedOut = true;
+            kill(pid, stopSignal);
+            waitpid(pid, &status, 0);
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    if (WIFEXITED(status)) r.exitStatus = WEXITSTATUS(status);
+    r.out = readFile(outPath);
+    return r;
+}
+
+}  // namespace kst

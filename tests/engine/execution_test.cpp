@@ -159,6 +159,7 @@ TEST(TestExecution, NoOfTimesAboveHundredActsAsOneAndLaterStepsPassTheQueue) {
     EXPECT_EQ(t->NoOfTimes, 1u);
     EXPECT_EQ(t->CompletedExecutionUECount.load(), 10);
     EXPECT_EQ(t->TotalExecSteps.load(), 20);
+    std::lock_guard g(__ksEngine->lastSentLock);
     EXPECT_GE(__ksEngine->lastSent, 10) << "each paced item of the step queue is counted as sent";
 }
 

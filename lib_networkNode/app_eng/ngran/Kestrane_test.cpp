@@ -351,10 +351,11 @@ void Kestrane___RunTest(KsTestExec* tstItem) {
                      attachedTotal, failed, pending, ueCount, tstItem->TestId, __func__, __LINE__);
             ++attempts;
             if (attempts > 9) {
-                tstItem->Status = KS_TEST__NO_UE;
+                // The UEs are free before the state says the run is over.
+                for (MV_KsUE* ue = tstItem->Head; ue; ue = ue->TestNext) freeUEOfList(ue);
                 __mv_log(MV_CMN_LOG, LOG_CAT_APP, MV_LOG_CRITICAL, "UE Attached Failed TestId=%u Attempted=%u  %s|%d",
                          tstItem->TestId, attempts, __func__, __LINE__);
-                for (MV_KsUE* ue = tstItem->Head; ue; ue = ue->TestNext) freeUEOfList(ue);
+                tstItem->Status = KS_TEST__NO_UE;
                 return;
             }
             if (pending == 0 || attachedTotal >= ueCount) break;

@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Builds everything and runs the tests. With KS_SANITIZERS=1 (CI sets it) it also
+# runs the tests under address + undefined sanitizers, and the runtime's
+# concurrency tests under the thread sanitizer.
+set -euo pipefail
+top=$(cd "$(dirname "$0")/.." && pwd)
+jobs=${KS_JOBS:-2}
+
+build() {  # dir, extra cmake args...
+    local dir=$1; shift
+    cmake -S "$top" -B "$dir" -G Ninja "$@" >/dev/null
+    ninja -C "$dir" -j "$jobs"
+}
+
+build "$top/build"
+ctest --test-dir "$top/build" --output-on-failure -j "$jobs"
+
+if [ "${KS_SANITIZERS:-0}" = 1 ]; then
+    build "$top/build-asan" -DKS_SANITIZE=address,undefined -DKS_BUILD_BENCH=OFF
+    ASAN_OPTIONS=detect_leaks=0 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
+        ctest --test-dir "$top/build-asan" --output-on-failure -j "$jobs"
+    build "$top/build-tsan" -DKS_SANITIZE=thread -DKS_BUILD_BENCH=OFF
+    TSAN_OPTIONS=halt_on_error=1 ctest --test-dir "$top/build-tsan" --output-on-failure -j "$jobs" -L runtime
+fi

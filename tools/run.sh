@@ -7,7 +7,7 @@ top=$(cd "$(dirname "$0")/.." && pwd)
 build=${KS_BUILD_DIR:-$top/build}
 run=${KS_RUN_DIR:-$top/run}
 
-cmake -S "$top" -B "$build" -G Ninja -DKS_BUILD_TESTS=OFF -DKS_BUILD_BENCH=OFF >/dev/null
+cmake -S "$top" -B "$build" -G Ninja >/dev/null
 ninja -C "$build" kestrane
 
 mkdir -p "$run"

@@ -12,13 +12,13 @@ build() {  # dir, extra cmake args...
     ninja -C "$dir" -j "$jobs"
 }
 
-build "$top/build"
+build "$top/build" -DKS_BUILD_TESTS=ON -DKS_BUILD_BENCH=ON
 ctest --test-dir "$top/build" --output-on-failure -j "$jobs"
 
 if [ "${KS_SANITIZERS:-0}" = 1 ]; then
-    build "$top/build-asan" -DKS_SANITIZE=address,undefined -DKS_BUILD_BENCH=OFF
+    build "$top/build-asan" -DKS_SANITIZE=address,undefined -DKS_BUILD_TESTS=ON -DKS_BUILD_BENCH=OFF
     ASAN_OPTIONS=detect_leaks=0 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
         ctest --test-dir "$top/build-asan" --output-on-failure -j "$jobs"
-    build "$top/build-tsan" -DKS_SANITIZE=thread -DKS_BUILD_BENCH=OFF
+    build "$top/build-tsan" -DKS_SANITIZE=thread -DKS_BUILD_TESTS=ON -DKS_BUILD_BENCH=OFF
     TSAN_OPTIONS=halt_on_error=1 ctest --test-dir "$top/build-tsan" --output-on-failure -j "$jobs" -L runtime
 fi

@@ -50,7 +50,8 @@ public:
                            "{\"ID\": 2, \"Config\": [" + sleepStep(0) + "," + sleepStep(0) + "," + sleepStep(0) + "]}," +
                            "{\"ID\": 3, \"Config\": [" + sleepStep(30) + "]}," +
                            "{\"ID\": 4, \"Config\": [{\"ID\": 0}, {\"ID\": 200000}, {\"ID\": 50}]}," +
-                           "{\"ID\": 5, \"Config\": [" + sleepStep(1) + "," + sleepStep(0) + "]}]");
+                           "{\"ID\": 5, \"Config\": [" + sleepStep(1) + "," + sleepStep(0) + "]}," +
+                           "{\"ID\": 6, \"Config\": [" + sleepStep(1) + "]}]");
         std::string tests = "[" + testEntry(1, 1, 1, 200, "\"MPS\": 1000") + "," +
                             testEntry(2, 2, 201, 250, "\"MPS\": 1000, \"EndAction\": 1") + "," +
                             testEntry(3, 1, 251, 280, "\"MPS\": 10") + "," +
@@ -66,7 +67,8 @@ public:
                             testEntry(24, 1, 1900000, 1900010) + "," +
                             testEntry(25, 1, 501, 505, "\"AppType\": 1") + "," +
                             testEntry(30, 1, 601, 605) + "," +  //
-                            testEntry(31, 5, 701, 710, "\"MPS\": 2, \"NoOfTimes\": 101") + "]";
+                            testEntry(31, 5, 701, 710, "\"MPS\": 2, \"NoOfTimes\": 101") + "," +
+                            testEntry(32, 6, 801, 803, "\"Concurrent\": 1") + "]";
         kst::writeFile(gDir + "/data/tst.json", tests);
         if (chdir(gDir.c_str()) != 0) FAIL();
         std::string cfg = gDir + "/cfg.json";
@@ -163,6 +165,15 @@ TEST(TestExecution, NoOfTimesAboveHundredActsAsOneAndLaterStepsPassTheQueue) {
     EXPECT_GE(__ksEngine->lastSent, 10) << "each paced item of the step queue is counted as sent";
 }
 
+TEST(TestExecution, CeilingOfOneAdmitsTheNextUEAtEachCompletion) {
+    EXPECT_EQ(runToEnd(32, 20), KS_TEST__IDLE);
+    EXPECT_EQ(KsEngine__FindTest(32)->CompletedExecutionUECount.load(), 3);
+    std::string log = cmnLog();
+    EXPECT_GE(kst::countOccurrences(log, "< Concurrent 1]"), 3u) << "one UE at a time: a tick or more each";
+    for (const char* over : {"[Current 2 < Concurrent 1]", "[Current 3 < Concurrent 1]"})
+        EXPECT_EQ(log.find(over), std::string::npos) << over;
+}
+
 TEST(TestExecution, CeilingZeroEndsByTheNoProgressWatch) {
     EXPECT_EQ(runToEnd(4, 30), KS_TEST__IDLE);
     KsTestExec* t = KsEngine__FindTest(4);
@@ -254,6 +265,21 @@ TEST(StepTimer, RetriesThenMovesOnAndTimeoutsCountAsProgress) {
         << "more than 8 ticks without a completion, yet the expiries kept the watch at zero";
     EXPECT_NE(kst::readLogDir(gDir + "/logs//app").find("Timeout Happened for current step, moving next"),
               std::string::npos);
+}
+
+TEST(DataLists, SaveWritesWholeFilesAndNeverHalfOfOne) {
+    json_t* list = json_pack("[{s:i, s:s}]", "ID", 9, "Name", "saved");
+    ASSERT_EQ(KsEngine__SaveFile(list, "data/saved.json"), 1);
+    std::string text = kst::readFile(gDir + "/data/saved.json");
+    EXPECT_NE(text.find("\n        \"ID\": 9"), std::string::npos) << "indent of 4: " << text;
+    for (const auto& f : kst::listFiles(gDir + "/data")) EXPECT_EQ(f.find(".tmp"), std::string::npos) << f;
+
+    EXPECT_EQ(KsEngine__SaveFile(list, "missing-dir/saved.json"), 0);
+    EXPECT_EQ(KsEngine__SaveFile(nullptr, "data/saved.json"), 0);
+    EXPECT_EQ(kst::readFile(gDir + "/data/saved.json"), text) << "a failed save leaves the old file as it was";
+    json_decref(list);
+
+    EXPECT_EQ(KsNAS_GetSettingValue(1), nullptr) << "a missing set.json reads as an empty object";
 }
 
 TEST(Completion, StaleCodeOnAnIdleUEChangesNothing) {

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "KsCommandSteps.h"
 #include "mv_core.h"
 
 #define KestraneVersion "2.30.12.04"
@@ -372,6 +373,10 @@ struct __mv_ks__engine {
     MV_Mutex RanSelectionMode_lock;
     void* pcap_protocol_files;  // names of pcap_protocols/, in directory order
     MV_Mutex step_lock;
+    // the prebuilt command steps, one field each
+#define KS_COMMAND_STEP_FIELD(name) KsStep* name;
+    KS_COMMAND_STEP_FIELDS(KS_COMMAND_STEP_FIELD)
+#undef KS_COMMAND_STEP_FIELD
     uint32_t WriteReport;
     char cwd[250];
     uint32_t UseSCTPSendLock;
@@ -461,6 +466,9 @@ KsScanario* Kestrane___createScanarioForKsTestExec(KsTestExec* tstItem, uint32_t
 void KsScanario__AddStep(KsScanario* scanario, KsStep* step);
 KsStep* KsScanario__NewStep(uint32_t StepCode, uint32_t StepIndex);
 void Kestrane___ScanarioAddSleep(KsScanario* scanario, json_t* dict);
+// The builder of a scenario step id, or null when the id has none.
+typedef void (*KsStepBuilder)(KsScanario* scanario, json_t* dict);
+KsStepBuilder KsScanario__GetStepBuilder(uint32_t stepId);
 void KsScanario__CreateKsStepExecutions(MV_KsUE* ksUe, int stepId);
 void KsScanario__ReleaseUEExecutionSteps(MV_KsUE* ksUe);
 void KsScanario__CompleteCurrentStepAndExecutionNextStep(MV_KsUE* ksUe, uint32_t StepCode, const char* funcName,

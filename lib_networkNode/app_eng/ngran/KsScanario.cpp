@@ -12,26 +12,6 @@
 
 namespace {
 
-// Builders by scenario step id; the catalogue adds its entries here.
-using StepBuilder = void (*)(KsScanario*, json_t*);
-
-StepBuilder builderFor(uint32_t stepId) {
-    switch (stepId) {
-        case 3: return Kestrane___ScanarioAddSleep;
-        default: return nullptr;
-    }
-}
-
-// A Dict value for a key, or null: Dict is an array of {Key: number, Value: string}.
-const char* dictValue(json_t* dict, long long key) {
-    size_t i;
-    json_t* e;
-    json_array_foreach(dict, i, e) {
-        if (KsJson::number(e, "Key", -1) == key) return json_string_value(json_object_get(e, "Value"));
-    }
-    return nullptr;
-}
-
 std::atomic<KsStepRunner> runnerOverride{nullptr};
 
 void incr(int64_t& v, MV_Mutex& m, int64_t by) {
@@ -57,21 +37,6 @@ void KsScanario__AddStep(KsScanario* scanario, KsStep* step) {
     else scanario->stepHead = step;
     scanario->stepCurrent = step;
     ++scanario->totalSteps;
-}
-
-void Kestrane___ScanarioAddSleep(KsScanario* scanario, json_t* dict) {
-    KsStep* st = KsScanario__NewStep(KS_STEP__SLEEP, 3);
-    st->SleepTime = 10;
-    if (const char* v = dictValue(dict, 3)) {
-        char* end = nullptr;
-        errno = 0;
-        unsigned long secs = strtoul(v, &end, 10);
-        if (end != v && errno == 0 && secs < MV_TIMER_WHEEL_SLOTS) st->SleepTime = uint32_t(secs);
-        else
-            __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "sleep step: Value=[%s] is not a number of seconds, using %u %s|%d",
-                     v, st->SleepTime, __func__, __LINE__);
-    }
-    KsScanario__AddStep(scanario, st);
 }
 
 KsScanario* Kestrane___createScanarioForKsTestExec(KsTestExec* tstItem, uint32_t ScanarioID) {
@@ -108,7 +73,7 @@ KsScanario* Kestrane___createScanarioForKsTestExec(KsTestExec* tstItem, uint32_t
                      uint32_t(id), (void*)tstItem, ScanarioID, __func__, __LINE__);
             continue;
         }
-        if (StepBuilder b = builderFor(uint32_t(id))) b(scanario, json_object_get(step, "Dict"));
+        if (KsStepBuilder b = KsScanario__GetStepBuilder(uint32_t(id))) b(scanario, json_object_get(step, "Dict"));
     }
     tstItem->ksScanario = scanario;
     return scanario;

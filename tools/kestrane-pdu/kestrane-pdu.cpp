@@ -1,0 +1,148 @@
+// kestrane-pdu: decodes and re-encodes NGAP and S1AP PDUs given as hex, for writing templates and
+// reading captures.
+#include <cctype>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "mv_amf_asn.h"
+#include "mv_asn.h"
+#include "mv_core.h"
+#include "mv_mme_asn.h"
+
+namespace {
+
+int usage() {
+    fprintf(stderr,
+            "usage: kestrane-pdu decode ngap|s1ap [--json] [HEX | -f FILE | -]\n"
+            "       kestrane-pdu recode ngap|s1ap [HEX | -f FILE | -]\n"
+            "HEX may hold blanks, ':' and a leading 0x; '-' or no HEX reads standard input.\n");
+    return 2;
+}
+
+FILE* g_dumpOut = stdout;
+void sink(int level, const char* line) {
+    fprintf(level <= MV_LOG_WARNING ? stderr : g_dumpOut, "%s\n", line);
+}
+
+bool parseHex(const std::string& text, std::vector<uint8_t>& out, std::string& err) {
+    std::string digits;
+    for (size_t i = 0; i < text.size(); i++) {
+        char c = text[i];
+        if (isspace(static_cast<unsigned char>(c)) || c == ':') continue;
+        if (c == '0' && i + 1 < text.size() && (text[i + 1] == 'x' || text[i + 1] == 'X') && digits.empty()) {
+            i++;
+            continue;
+        }
+        if (!isxdigit(static_cast<unsigned char>(c))) {
+            err = std::string("not a hex digit: '") + c + "'";
+            return false;
+        }
+        digits += c;
+    }
+    if (digits.empty()) {
+        err = "no bytes given";
+        return false;
+    }
+    if (digits.size() % 2) {
+        err = "odd number of hex digits";
+        return false;
+    }
+    for (size_t i = 0; i < digits.size(); i += 2) out.push_back(uint8_t(std::stoi(digits.substr(i, 2), nullptr, 16)));
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 3) return usage();
+    std::string cmd = argv[1], proto = argv[2];
+    bool json = false;
+    std::string hexText, file;
+    bool haveHex = false;
+    for (int i = 3; i < argc; i++) {
+        std::string a = argv[i];
+        if (a == "--json")
+            json = true;
+        else if (a == "-f" && i + 1 < argc)
+            file = argv[++i];
+        else if (a == "-")
+            haveHex = false;
+        else if (!haveHex) {
+            hexText = a;
+            haveHex = true;
+        } else
+            return usage();
+    }
+    if ((cmd != "decode" && cmd != "recode") || (proto != "ngap" && proto != "s1ap") || (json && cmd != "decode"))
+        return usage();
+    if (!file.empty()) {
+        std::ifstream in(file);
+        if (!in) {
+            fprintf(stderr, "kestrane-pdu: cannot read %s\n", file.c_str());
+            return 1;
+        }
+        std::stringstream ss;
+        ss << in.rdbuf();
+        hexText = ss.str();
+    } else if (!haveHex) {
+        std::stringstream ss;
+        ss << std::cin.rdbuf();
+        hexText = ss.str();
+    }
+    std::vector<uint8_t> bytes;
+    std::string err;
+    if (!parseHex(hexText, bytes, err)) {
+        fprintf(stderr, "kestrane-pdu: bad input: %s\n", err.c_str());
+        return 1;
+    }
+    const MvAsnPdu* table = proto == "ngap" ? mv_asn_amf::kPdus : mv_asn_mme::kPdus;
+    unsigned count = proto == "ngap" ? mv_asn_amf::kPduCount : mv_asn_mme::kPduCount;
+    const MvAsnPdu* p = __mv_asn_find_pdu(table, count, bytes.data(), bytes.size());
+    if (!p) {
+        if (bytes.size() < 2)
+            fprintf(stderr, "kestrane-pdu: bad input: %zu byte(s) is too short for a PDU\n", bytes.size());
+        else
+            fprintf(stderr, "kestrane-pdu: bad input: %s has no message of form %u with procedure code %u\n",
+                    proto.c_str(), (bytes[0] >> 5) & 7u, bytes[1]);
+        return 1;
+    }
+    __mv_asn_set_log_sink(sink, MV_LOG_WARNING);
+    static __mv_asn_coding_context ctx;
+    if (!__mv_asn_init_decode(&ctx, bytes.data(), bytes.size())) return 1;
+    void* rec = __mv_asn_new_record(p->type);
+    int r = __mv_asn_decode_pdu(p, rec, &ctx);
+    if (r != 1) {
+        fprintf(stderr, "kestrane-pdu: bad input: %s does not decode (error %u at byte %u of %zu)\n", p->name,
+                ctx.iError, ctx.pos, bytes.size());
+        __mv_asn_memfree_pdu(p, rec);
+        return 1;
+    }
+    int rc = 0;
+    if (cmd == "decode") {
+        if (json) {
+            std::string out;
+            __mv_asn_json_pdu(p, rec, out);
+            printf("%s\n", out.c_str());
+        } else {
+            __mv_asn_set_log_sink(sink, MV_LOG_DEBUG);
+            __mv_asn_debug_pdu(p, rec);
+        }
+    } else {
+        static __mv_asn_coding_context enc;
+        __mv_asn_init_CodingContext(&enc);
+        if (__mv_asn_encode_pdu(p, rec, &enc) != 0) {
+            fprintf(stderr, "kestrane-pdu: %s decodes but does not encode again\n", p->name);
+            rc = 1;
+        } else {
+            for (unsigned i = 0; i < enc.pos; i++) printf("%02x", enc.buffer[i]);
+            printf("\n");
+        }
+    }
+    __mv_asn_memfree_pdu(p, rec);
+    return rc;
+}

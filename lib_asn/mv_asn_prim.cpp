@@ -409,9 +409,11 @@ static int octets_of(uint64_t v) {
 static int add_cwn(uint64_t v, uint64_t span, __mv_asn_coding_context* ctx) {
     if (span == 0) return 0;
     if (span < 255) return __mv_asn_add_value_bits(v, __mv_asn_getRequiredBitCount(span), ctx);
-    __mv_asn_pad_bits(ctx);
-    if (span == 255) return __mv_asn_add_value_bits(v, 8, ctx);
-    if (span <= 65535) return __mv_asn_add_value_bits(v, 16, ctx);
+    if (span <= 65535) {
+        __mv_asn_pad_bits(ctx);
+        return __mv_asn_add_value_bits(v, span == 255 ? 8 : 16, ctx);
+    }
+    // the octet count goes unaligned ahead of the aligned octets
     int n = octets_of(v);
     int maxn = octets_of(span);
     if (__mv_asn_add_value_bits(uint64_t(n - 1), __mv_asn_getRequiredBitCount(uint64_t(maxn - 1)), ctx) < 0)
@@ -424,9 +426,10 @@ static int get_cwn(uint64_t* v, uint64_t span, __mv_asn_coding_context* ctx) {
     *v = 0;
     if (span == 0) return 0;
     if (span < 255) return __mv_asn_get_bits(__mv_asn_getRequiredBitCount(span), v, ctx);
-    __mv_asn_pad_readbits(ctx);
-    if (span == 255) return __mv_asn_get_bits(8, v, ctx);
-    if (span <= 65535) return __mv_asn_get_bits(16, v, ctx);
+    if (span <= 65535) {
+        __mv_asn_pad_readbits(ctx);
+        return __mv_asn_get_bits(span == 255 ? 8 : 16, v, ctx);
+    }
     int maxn = octets_of(span);
     uint64_t n1 = 0;
     if (__mv_asn_get_bits(__mv_asn_getRequiredBitCount(uint64_t(maxn - 1)), &n1, ctx) < 0) return -1;

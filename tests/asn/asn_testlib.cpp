@@ -65,7 +65,25 @@ void AsnFiller::fill(const MvAsnType* t, void* slot, int depth) {
         case MV_ASN_K_OID:
         case MV_ASN_K_PRTSTR: {
             std::vector<uint8_t> v;
-            if (t->item) {
+            std::string name = t->name;
+            if (name == "PLMNIdentity" || name == "PLMNidentity") {
+                // digits that a dissector reads as an MCC and a two-digit MNC
+                v = {uint8_t(below(10) << 4 | below(10)), uint8_t(0xF0 | below(10)), uint8_t(below(10) << 4 | below(10))};
+            } else if (name == "NGRANTraceID" || name == "E-UTRAN-Trace-ID") {
+                v = {0x02, 0xF8, 0x39};
+                for (int i = 0; i < 5; i++) v.push_back(uint8_t(rng()));
+            } else if (name == "IMSI" || name == "TBCD-STRING" || name == "MSClassmark2") {
+                uint32_t n = sizeOf(5);
+                for (uint32_t i = 0; i < n; i++) v.push_back(uint8_t(below(10) << 4 | below(10)));
+            } else if (name.size() > 12 && (name.compare(name.size() - 12, 12, "NGAP-Message") == 0 ||
+                                            name.compare(name.size() - 10, 10, "S1-Message") == 0)) {
+                // a whole PDU of the protocol: an overload stop with no IEs
+                v = {0x00, uint8_t(name.find("NGAP") != std::string::npos ? 23 : 35), 0x40, 0x03, 0x00, 0x00, 0x00};
+            } else if (name == "WarningMessageContents") {
+                v.assign(84, 0x20);
+                v[0] = 1;       // one page of 82 octets and its length octet
+                v[83] = 82;
+            } else if (t->item) {
                 // an OCTET STRING (CONTAINING X) carries a real encoding of X
                 void* inner = nullptr;
                 fill(t->item, &inner, depth + 1);
@@ -91,6 +109,7 @@ void AsnFiller::fill(const MvAsnType* t, void* slot, int depth) {
         }
         case MV_ASN_K_BITSTR: {
             uint32_t bits = sizeOf(40);
+            if (std::string(t->name) == "TransportLayerAddress") bits = below(2) ? 32 : 128;
             if (bits == 0) bits = 1;
             uint32_t bytes = (bits + 7) / 8;
             std::vector<uint8_t> v(bytes);
@@ -107,6 +126,7 @@ void AsnFiller::fill(const MvAsnType* t, void* slot, int depth) {
                 if (m.type->kind == MV_ASN_K_EXTC) continue;
                 if (m.optional) {
                     bool on = allOptional || (!minimal && depth < 4 && below(2));
+                    if (skipOptional.count(m.type->name)) on = false;
                     if (!on) continue;
                     st(at(rec, uint32_t(m.presOff)), 1);
                 }
@@ -144,6 +164,7 @@ void AsnFiller::fill(const MvAsnType* t, void* slot, int depth) {
             for (unsigned i = 0; i < t->nAll; i++) {
                 const MvAsnIE& ie = t->ies[i];
                 bool on = ie.presence == 2 || allOptional || (!minimal && below(2));
+                if (ie.presence != 2 && skipOptional.count(ie.type->name)) on = false;
                 if (!on) continue;
                 st(at(rec, ie.issetOff), 1);
                 fill(ie.type, at(rec, ie.off), depth + 1);

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,8 @@ struct AsnFiller {
     std::mt19937_64 rng;
     bool allOptional = false;  // every optional member and IE present
     bool minimal = false;      // no optional member or IE, shortest strings and lists
+    // types never put in an optional member or IE (octets of other protocols a dissector would judge)
+    std::set<std::string> skipOptional;
 
     void fill(const MvAsnType* t, void* slot, int depth = 0);
     void* pdu(const MvAsnPdu* p);

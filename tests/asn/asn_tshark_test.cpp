@@ -15,7 +15,7 @@
 namespace {
 
 // Sub-dissectors of octet strings that hold other protocols: random contents are not theirs to judge.
-const char* kOpaque = "nas-5gs,nas-eps,nr-rrc,lte-rrc,rrc,ranap,x2ap,xnap";
+const char* kOpaque = "nas-5gs,nas-eps,nr-rrc,lte-rrc,rrc,ranap,x2ap,xnap,nrppa,lppa,bssgp,gcsna,gsm_a_rr,gsm_a_dtap,gsm_a_bssmap,gsm_a_common";
 
 void checkFamily(const char* proto, const MvAsnPdu* pdus, unsigned count, uint32_t seedBase) {
     std::string dir = ::testing::TempDir();
@@ -25,10 +25,14 @@ void checkFamily(const char* proto, const MvAsnPdu* pdus, unsigned count, uint32
     for (unsigned i = 0; i < count; i++) {
         const MvAsnPdu* p = &pdus[i];
         if (p->type->flags & MV_ASN_F_PRIVATE) continue;
+        // its mandatory sector id is a cdma2000 structure the dissector parses; round trips cover it
+        if (std::string(p->name) == "UplinkS1cdma2000tunnelling") continue;
         for (uint32_t k = 0; k < 3; k++) {
             AsnFiller fill(seedBase + i * 31 + k);
             fill.allOptional = k == 1;
             fill.minimal = k == 2;
+            fill.skipOptional = {"EN-DCSONConfigurationTransfer", "NAS-PDU", "NASSecurityParameterstoE-UTRAN",
+                                 "NASSecurityParametersfromE-UTRAN"};
             void* rec = fill.pdu(p);
             std::vector<uint8_t> b = encodePdu(p, rec);
             __mv_asn_memfree_pdu(p, rec);
@@ -40,7 +44,7 @@ void checkFamily(const char* proto, const MvAsnPdu* pdus, unsigned count, uint32
         }
     }
     std::string out;
-    std::string cmd = std::string("sh ") + KS_ASN_TEST_DIR + "/wsdecode.sh -q -D " + kOpaque + " " + proto + args + " 2>&1";
+    std::string cmd = std::string("sh ") + KS_ASN_TEST_DIR + "/wsdecode.sh -q -o ngap.dissect_container:FALSE -o s1ap.dissect_container:FALSE -D " + kOpaque + " " + proto + args + " 2>&1";
     int rc = runCommand(cmd, &out);
     if (rc != 0) {
         // name the packets tshark did not accept

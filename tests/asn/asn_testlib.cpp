@@ -37,6 +37,9 @@ void AsnFiller::fill(const MvAsnType* t, void* slot, int depth) {
                 v = r == 0 ? 0 : r == 1 ? span : (span == ~0ull ? rng() : below(span + 1));
                 v += uint64_t(t->lb);
                 if (t->ext && below(8) == 0) v = uint64_t(t->ub) + 1 + below(1000);
+                // the root of these is 1..30 and a few single values up to 181
+                std::string n = t->name;
+                if ((n == "ExpectedActivityPeriod" || n == "ExpectedIdlePeriod") && v <= 181) v = 1 + below(30);
             } else {
                 v = below(1u << 20);
             }

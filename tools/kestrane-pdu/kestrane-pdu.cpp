@@ -72,11 +72,10 @@ int main(int argc, char** argv) {
             file = argv[++i];
         else if (a == "-")
             haveHex = false;
-        else if (!haveHex) {
-            hexText = a;
+        else {
+            hexText += a;  // hex may come split over several arguments
             haveHex = true;
-        } else
-            return usage();
+        }
     }
     if ((cmd != "decode" && cmd != "recode") || (proto != "ngap" && proto != "s1ap") || (json && cmd != "decode"))
         return usage();

@@ -1,0 +1,47 @@
+// kestrane-pdu from the outside: decode, JSON, recode, input from a file and standard input, and
+// clear refusals of bad input.
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "asn_testlib.h"
+
+#ifndef KS_PDU_TOOL
+#define KS_PDU_TOOL "kestrane-pdu"
+#endif
+
+namespace {
+
+const std::string kTool = KS_PDU_TOOL;
+// DownlinkNASTransport: RAN-UE-NGAP-ID 1 and a one-octet NAS-PDU
+const std::string kDownlink = "0004400f00000200550002000100260002017e";
+
+TEST(KestranePdu, DecodesRecodesAndRefuses) {
+    struct Case {
+        std::string args;
+        int rc;
+        std::string expect;
+    };
+    std::string file = ::testing::TempDir() + "/pdu.hex";
+    std::ofstream(file) << "0x" << kDownlink.substr(0, 10) << " " << kDownlink.substr(10) << "\n";
+    const Case cases[] = {
+        {"decode ngap " + kDownlink, 0, "BEGIN DEBUG - DownlinkNASTransport"},
+        {"decode ngap " + kDownlink, 0, "[NAS-PDU] 0x7E, len=1 STRING key=id-NAS-PDU"},
+        {"decode ngap --json " + kDownlink, 0, "\"id-RAN-UE-NGAP-ID\":1,\"id-NAS-PDU\":\"7e\""},
+        {"recode ngap -f " + file, 0, kDownlink},
+        {"recode ngap - < " + file, 0, kDownlink},
+        {"decode ngap 00zz", 1, "not a hex digit"},
+        {"decode ngap 000", 1, "odd number of hex digits"},
+        {"decode s1ap 00ff4001", 1, "no message of form 0 with procedure code 255"},
+        {"decode ngap " + kDownlink.substr(0, kDownlink.size() - 2), 1, "does not decode"},
+        {"decode x2ap " + kDownlink, 2, "usage"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.args);
+        std::string out;
+        EXPECT_EQ(runCommand(kTool + " " + c.args + " 2>&1", &out), c.rc);
+        EXPECT_NE(out.find(c.expect), std::string::npos) << out;
+    }
+}
+
+}  // namespace

@@ -503,6 +503,8 @@ int decMsgIEs(const MvAsnType* t, void* rec, __mv_asn_coding_context* ctx, bool 
         int r;
         if (ie) {
             void* slot = at(rec, ie->off);
+            // a repeated IE replaces the first
+            if (ld<int>(at(rec, ie->issetOff)) == 1) __mv_asn_free_type(ie->type, slot);
             int isset = 0;
             r = __mv_asn_decode_type(ie->type, slot, &isset, 0, ctx);
             st(at(rec, ie->issetOff), isset);

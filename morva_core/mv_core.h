@@ -296,6 +296,7 @@ struct MV_Event;
 struct MV_EventSet;
 struct MV_Task;
 struct MV_LinkedListItem;
+struct MV_LinkedList;
 struct MV_ServiceRequest;
 struct MV_Activity;
 struct MV_AppEventInfo;
@@ -402,8 +403,8 @@ struct __mv_core {
     std::atomic<int> TimerTickIndex;
     std::atomic<long> SeverTimerTick;
 
-    MV_LinkedListItem* LinkedListPoolHead;
-    MV_LinkedListItem* LinkedListPoolCurrent;
+    MV_LinkedList* LinkedListPoolHead;
+    MV_LinkedList* LinkedListPoolCurrent;
     MV_Mutex LinkedListPoolLock;
     int TotalLinkedListPoolCount;
     int AvailableLinkedListPoolCount;

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds everything and runs the tests. With KS_SANITIZERS=1 (CI sets it) it also
 # runs the tests under address + undefined sanitizers, and the runtime's
-# concurrency tests under the thread sanitizer.
+# concurrency tests under the thread sanitizer. With KS_FUZZ_SECONDS=N it runs each
+# libFuzzer target for N seconds.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 jobs=${KS_JOBS:-2}
@@ -21,4 +22,13 @@ if [ "${KS_SANITIZERS:-0}" = 1 ]; then
         ctest --test-dir "$top/build-asan" --output-on-failure -j "$jobs"
     build "$top/build-tsan" -DKS_SANITIZE=thread -DKS_BUILD_TESTS=ON -DKS_BUILD_BENCH=OFF
     TSAN_OPTIONS=halt_on_error=1 ctest --test-dir "$top/build-tsan" --output-on-failure -j "$jobs" -L runtime
+fi
+
+if [ "${KS_FUZZ_SECONDS:-0}" -gt 0 ]; then
+    for f in "$top"/tools/fuzz/run*.sh; do
+        echo "== fuzz: $(basename "$f") for ${KS_FUZZ_SECONDS}s =="
+        bash "$f" "$KS_FUZZ_SECONDS" >"$top/build/$(basename "$f" .sh).log" 2>&1 ||
+            { tail -n 60 "$top/build/$(basename "$f" .sh).log"; exit 1; }
+        grep -E 'stat::number_of_executed_units|Done [0-9]+ runs' "$top/build/$(basename "$f" .sh).log" | tail -n 1
+    done
 fi

@@ -367,21 +367,30 @@ TEST(Pool, ExtendAddsFiveHundredTwelve) {
 
 TEST(Pool, TypedPoolUnderTwoThreads) {
     struct Rec {
+        std::atomic<int> owner;
         uint64_t a;
-        int b;
     };
     MV_TypedPool<Rec> pool("typed", 16, 1);
-    auto work = [&] {
-        for (int i = 0; i < 20000; ++i) {
-            Rec* r = pool.allocate();
-            r->a = uint64_t(i);
-            pool.release(r);
-            pool.release(r);
+    std::atomic<int> sharedAtOnce{0};
+    // A record handed to both threads at once would show up as the other's mark.
+    auto work = [&](int me) {
+        Rec* held[4];
+        for (int i = 0; i < 5000; ++i) {
+            for (auto& r : held) {
+                r = pool.allocate();
+                r->owner.store(me);
+                r->a = uint64_t(i);
+            }
+            for (auto& r : held) {
+                if (r->owner.load() != me) ++sharedAtOnce;
+                pool.release(r);
+            }
         }
     };
-    std::thread t1(work), t2(work);
+    std::thread t1(work, 1), t2(work, 2);
     t1.join();
     t2.join();
+    EXPECT_EQ(sharedAtOnce.load(), 0);
     uint32_t total, avail;
     __mv_pool_get_availability(pool.pool(), &total, &avail, nullptr);
     EXPECT_EQ(total, avail);

@@ -187,7 +187,7 @@ struct __mv_ks__test_exec {
     std::atomic<int64_t> CurrentExecutionCount;  // read unlocked by the drive loop
     uint32_t ExecutionTicks;
     MV_ExecTime totalStartTime, loadStartTime, snapStartTime;
-    int32_t TotalAttachedUECount;
+    std::atomic<int32_t> TotalAttachedUECount;  // read by the per-second progress line
     MV_Mutex CompletedExecutionUECountLock;
     std::atomic<int32_t> CompletedExecutionUECount;
     int32_t LastCompletedExecutionUECount;

@@ -443,14 +443,14 @@ void Kestrane___RunTest(KsTestExec* tstItem) {
                  "TotalAttachedUECount=%d  TotalTestSteps=%d  TotalExecSteps=%d WriteReport=%d   %s|%d",
                  int(tstItem->TestId), tstItem->TestName, completed, tstItem->ExecutedTPS,
                  long(tstItem->loadStartTime.lapsed.tv_sec), long(tstItem->loadStartTime.lapsed.tv_usec / 1000),
-                 tstItem->TotalAttachedUECount, tstItem->TotalTestSteps, int(tstItem->TotalExecSteps),
+                 tstItem->TotalAttachedUECount.load(), tstItem->TotalTestSteps, int(tstItem->TotalExecSteps),
                  int(__ksEngine->WriteReport), __func__, __LINE__);
         __mv_log(MV_PER_LOG, LOG_CAT_CORE, MV_LOG_CRITICAL,
                  "End Of ScalingModeTest=%d TestName=%s   CompletedUEs=%d with TPS=%3d in %ld.%ld seconds,",
                  int(tstItem->TestId), tstItem->TestName, completed, tstItem->ExecutedTPS,
                  long(tstItem->loadStartTime.lapsed.tv_sec), long(tstItem->loadStartTime.lapsed.tv_usec / 1000));
         __mv_log(MV_PER_LOG, LOG_CAT_CORE, MV_LOG_CRITICAL,
-                 "TotalAttachedUECount=%d  TotalTestSteps=%d  TotalExecSteps=%d   %s|%d", tstItem->TotalAttachedUECount,
+                 "TotalAttachedUECount=%d  TotalTestSteps=%d  TotalExecSteps=%d   %s|%d", tstItem->TotalAttachedUECount.load(),
                  tstItem->TotalTestSteps, int(tstItem->TotalExecSteps), __func__, __LINE__);
         logBoth(MV_PER_LOG, "------------------------------------------------------------------------------------------------");
 

@@ -153,12 +153,43 @@ private:
 // Multiplication in GF(2^64) modulo x^64 + x^4 + x^3 + x + 1.
 uint64_t mul64(uint64_t v, uint64_t p) {
     uint64_t r = 0;
-    for (int i = 0; i < 64; ++i, p >>= 1) {
-        if (p & 1) r ^= v;
-        v = (v << 1) ^ ((v >> 63) ? 0x1B : 0);
+    for (int i = 0; i < 64; ++i, p >>= 1) {  // branch-free: the bits of P are data
+        r ^= v & (0 - (p & 1));
+        v = (v << 1) ^ (0x1B & (0 - (v >> 63)));
     }
     return r;
 }
+
+// x^64 reduced, for the 4 bits shifted out of a product: h * (x^4 + x^3 + x + 1).
+constexpr std::array<uint64_t, 16> makeReduce4() {
+    std::array<uint64_t, 16> t{};
+    for (unsigned h = 0; h < 16; ++h)
+        for (int b = 0; b < 4; ++b)
+            if (h >> b & 1) t[h] ^= uint64_t(0x1B) << b;
+    return t;
+}
+constexpr auto kReduce4 = makeReduce4();
+
+// Multiplication by a fixed P, four bits of the other operand at a time: the MAC
+// multiplies every message block by the same P.
+class Mul64ByP {
+public:
+    explicit Mul64ByP(uint64_t p) {
+        t_[0] = 0;
+        t_[1] = p;
+        for (unsigned j = 2; j < 16; j <<= 1) t_[j] = (t_[j / 2] << 1) ^ (0x1B & (0 - (t_[j / 2] >> 63)));
+        for (unsigned j = 3; j < 16; ++j)
+            if (j & (j - 1)) t_[j] = t_[j & (j - 1)] ^ t_[j & (0 - j)];
+    }
+    uint64_t operator()(uint64_t v) const {
+        uint64_t r = 0;
+        for (int k = 60; k >= 0; k -= 4) r = (r << 4) ^ kReduce4[r >> 60] ^ t_[(v >> k) & 15];
+        return r;
+    }
+
+private:
+    uint64_t t_[16];
+};
 
 }  // namespace
 
@@ -182,7 +213,8 @@ int __mv_algo__nia1(std::span<const uint8_t, 16> key, uint32_t count, uint8_t be
     for (auto& w : z) w = g.next();
     uint64_t p = uint64_t(z[0]) << 32 | z[1], q = uint64_t(z[2]) << 32 | z[3];
     uint64_t eval = 0;
-    for (size_t off = 0; off < bits; off += 64) eval = mul64(eval ^ readBits64(data.data(), bits, off), p);
+    Mul64ByP byP(p);
+    for (size_t off = 0; off < bits; off += 64) eval = byP(eval ^ readBits64(data.data(), bits, off));
     eval = mul64(eval ^ uint64_t(bits), q);
     store32(mac.data(), uint32_t(eval >> 32) ^ z[4]);
     return 0;

@@ -2,6 +2,8 @@
 // and reading bounded 64-bit slices of one. Internal to the library.
 #pragma once
 
+#include <endian.h>
+
 #include <cstddef>
 #include <cstdint>
 
@@ -36,6 +38,11 @@ void xorKeystream(Next&& next, uint8_t* data, size_t bits) {
 // The 64 bits of the bit string (of `bits` bits) that start at bit `off`, with the
 // bits at or beyond `bits` read as 0. off is a multiple of 8.
 inline uint64_t readBits64(const uint8_t* data, size_t bits, size_t off) {
+    if (off + 64 <= bits) {
+        uint64_t be;
+        memcpy(&be, data + off / 8, 8);
+        return be64toh(be);
+    }
     uint64_t v = 0;
     size_t first = off / 8, end = bytesFor(bits);
     for (size_t i = 0; i < 8; ++i) v = v << 8 | (first + i < end ? data[first + i] : 0);

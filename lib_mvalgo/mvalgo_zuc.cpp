@@ -142,9 +142,11 @@ int __mv_algo__nia3(std::span<const uint8_t, 16> key, uint32_t count, uint8_t be
     // over two words, so no keystream is kept beyond them.
     auto window = [](uint32_t cur, uint32_t nxt, unsigned r) { return uint32_t((uint64_t(cur) << 32 | nxt) >> (32 - r)); };
     auto absorb = [&](uint32_t cur, uint32_t nxt, size_t base, unsigned n, uint32_t& t) {
+        uint64_t w = uint64_t(cur) << 32 | nxt;
         for (unsigned r = 0; r < n; ++r) {
             size_t i = base + r;
-            if (data[i / 8] & (0x80 >> (i % 8))) t ^= window(cur, nxt, r);
+            uint32_t set = (data[i / 8] >> (7 - i % 8)) & 1;
+            t ^= uint32_t(w >> (32 - r)) & (0 - set);
         }
     };
     uint32_t t = 0, cur = z.next(), nxt = z.next();

@@ -31,6 +31,11 @@ using KdfCtxPtr = std::unique_ptr<EVP_KDF_CTX, Deleter<EVP_KDF_CTX, EVP_KDF_CTX_
 
 constexpr size_t kTagLen = 8;
 
+// An empty view may have no storage at all, which memmove must not be given.
+void moveBytes(uint8_t* to, std::span<const uint8_t> from) {
+    if (!from.empty()) memmove(to, from.data(), from.size());
+}
+
 struct SchemeKeys {
     uint8_t enc[16];
     uint8_t icb[16];
@@ -162,7 +167,7 @@ int __mv_algo__suci_conceal(uint8_t scheme, std::span<const uint8_t> hnPublicKey
                             std::span<const uint8_t> ephPrivate, std::span<uint8_t> out) {
     if (scheme == MV_ALGO_SUCI_NULL) {
         if (out.size() < schemeInput.size()) return MV_ALGO_ERR_ARG;
-        memmove(out.data(), schemeInput.data(), schemeInput.size());
+        moveBytes(out.data(), schemeInput);
         return int(schemeInput.size());
     }
     if (scheme != MV_ALGO_SUCI_PROFILE_A && scheme != MV_ALGO_SUCI_PROFILE_B) return MV_ALGO_ERR_ARG;
@@ -177,7 +182,7 @@ int __mv_algo__suci_conceal(uint8_t scheme, std::span<const uint8_t> hnPublicKey
     if (!x963({shared, 32}, {ephPub, ephLen}, keys)) return MV_ALGO_ERR_CRYPTO;
     uint8_t* ct = out.data() + ephLen;
     // The input may lie in `out`: move it into place before anything overwrites it.
-    memmove(ct, schemeInput.data(), schemeInput.size());
+    moveBytes(ct, schemeInput);
     memcpy(out.data(), ephPub, ephLen);
     if (!aesCtr(keys.enc, keys.icb, ct, ct, schemeInput.size()) ||
         !tag(keys, {ct, schemeInput.size()}, ct + schemeInput.size()))
@@ -189,7 +194,7 @@ int __mv_algo__suci_deconceal(uint8_t scheme, std::span<const uint8_t> hnPrivate
                               std::span<const uint8_t> schemeOutput, std::span<uint8_t> out) {
     if (scheme == MV_ALGO_SUCI_NULL) {
         if (out.size() < schemeOutput.size()) return MV_ALGO_ERR_ARG;
-        memmove(out.data(), schemeOutput.data(), schemeOutput.size());
+        moveBytes(out.data(), schemeOutput);
         return int(schemeOutput.size());
     }
     if (scheme != MV_ALGO_SUCI_PROFILE_A && scheme != MV_ALGO_SUCI_PROFILE_B) return MV_ALGO_ERR_ARG;
@@ -216,7 +221,7 @@ int __mv_algo__suci_deconceal(uint8_t scheme, std::span<const uint8_t> hnPrivate
     uint8_t expect[kTagLen];
     if (!x963({shared, 32}, eph, keys) || !tag(keys, ct, expect)) return MV_ALGO_ERR_CRYPTO;
     if (CRYPTO_memcmp(expect, rxTag.data(), kTagLen) != 0) return MV_ALGO_ERR_MAC;
-    memmove(out.data(), ct.data(), ct.size());
+    moveBytes(out.data(), ct);
     if (!aesCtr(keys.enc, keys.icb, out.data(), out.data(), ct.size())) return MV_ALGO_ERR_CRYPTO;
     return int(ct.size());
 }

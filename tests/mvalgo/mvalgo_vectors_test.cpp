@@ -75,8 +75,10 @@ NasCase nasCase(json_t* s) {
             uint8_t(num(s, "bearer")), uint8_t(num(s, "direction")), size_t(num(s, "length_bits"))};
 }
 
-TEST(MvalgoVectors, NasCipheringAllSetsBothWays) {
-    VectorFile f("nas_ciphering.json");
+// Runs check on every set of a NAS algorithm file; the sets seen per algorithm.
+template <class Check>
+std::map<int, int> forEachNasSet(const char* file, Check&& check) {
+    VectorFile f(file);
     std::map<int, int> perAlgo;
     size_t i;
     json_t* s;
@@ -84,25 +86,25 @@ TEST(MvalgoVectors, NasCipheringAllSetsBothWays) {
         NasCase c = nasCase(s);
         SCOPED_TRACE(str(s, "algorithm") + " set " + std::to_string(num(s, "test_set")) + " bits " +
                      std::to_string(c.bits));
+        check(s, c);
+        ++perAlgo[c.algo];
+    }
+    return perAlgo;
+}
+
+TEST(MvalgoVectors, NasCipheringAllSetsBothWays) {
+    auto perAlgo = forEachNasSet("nas_ciphering.json", [](json_t* s, const NasCase& c) {
         Bytes data = hexOf(s, "plaintext");
         ASSERT_EQ(__mv_algo__nea(uint8_t(c.algo), fixed<16>(c.key), c.count, c.bearer, c.direction, data, c.bits), 0);
         EXPECT_EQ(toHex(data), str(s, "ciphertext"));
         ASSERT_EQ(__mv_algo__nea(uint8_t(c.algo), fixed<16>(c.key), c.count, c.bearer, c.direction, data, c.bits), 0);
         EXPECT_EQ(toHex(data), str(s, "plaintext"));
-        ++perAlgo[c.algo];
-    }
+    });
     EXPECT_EQ(perAlgo, (std::map<int, int>{{1, 6}, {2, 6}, {3, 5}}));
 }
 
 TEST(MvalgoVectors, NasIntegrityAllSets) {
-    VectorFile f("nas_integrity.json");
-    std::map<int, int> perAlgo;
-    size_t i;
-    json_t* s;
-    json_array_foreach(f.list(), i, s) {
-        NasCase c = nasCase(s);
-        SCOPED_TRACE(str(s, "algorithm") + " set " + std::to_string(num(s, "test_set")) + " bits " +
-                     std::to_string(c.bits));
+    auto perAlgo = forEachNasSet("nas_integrity.json", [](json_t* s, const NasCase& c) {
         Bytes msg = hexOf(s, "message");
         std::array<uint8_t, 4> mac{};
         ASSERT_EQ(__mv_algo__nia(uint8_t(c.algo), fixed<16>(c.key), c.count, c.bearer, c.direction, msg, c.bits, mac), 0);
@@ -114,8 +116,7 @@ TEST(MvalgoVectors, NasIntegrityAllSets) {
                       0);
             EXPECT_EQ(mac2, mac);
         }
-        ++perAlgo[c.algo];
-    }
+    });
     EXPECT_EQ(perAlgo, (std::map<int, int>{{1, 7}, {2, 8}, {3, 5}}));
 }
 

@@ -93,7 +93,7 @@ constexpr auto kS2 = makeSTables(kSQ, 0x69);
 constexpr auto kMulAlpha = makeAlpha(false);
 constexpr auto kDivAlpha = makeAlpha(true);
 
-uint32_t sbox(const std::array<std::array<uint32_t, 256>, 4>& t, uint32_t w) {
+[[gnu::always_inline]] inline uint32_t sbox(const std::array<std::array<uint32_t, 256>, 4>& t, uint32_t w) {
     return t[0][w >> 24] ^ t[1][(w >> 16) & 0xFF] ^ t[2][(w >> 8) & 0xFF] ^ t[3][w & 0xFF];
 }
 

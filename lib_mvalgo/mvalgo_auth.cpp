@@ -18,7 +18,7 @@ int failedAt(int status, const char* text, const char* func, int line) {
     __mv_log(MV_STK_LOG, LOG_CAT_CORE, MV_LOG_ERROR, "%s <%s|%s|%d>", text, __FILE_NAME__, func, line);
     return status;
 }
-#define failed(status, text) failedAt(status, text, __func__, __LINE__)
+#define MV_ALGO_FAILED(status, text) failedAt(status, text, __func__, __LINE__)
 
 // The freshness rule of mvalgo.h. x48 is the caller's counter completed with the
 // network's high bits.
@@ -34,21 +34,21 @@ bool fresh(uint64_t sqnNet, uint32_t sqn, int handleSqnSync, uint64_t& x48) {
 int verifyAutn(MV_Milenage& m, const uint8_t autn[16], uint32_t sqn, int handleSqnSync, uint8_t res[8], uint8_t ck[16],
                uint8_t ik[16], uint8_t* auts, uint64_t* sqnAmf) {
     uint8_t ak[6], sqnNet[6], xmac[8];
-    if (!m.f2f5(res, ak)) return failed(MV_ALGO_AUTH_F2345_FAILED, "milenage_f2345-1 failed");
+    if (!m.f2f5(res, ak)) return MV_ALGO_FAILED(MV_ALGO_AUTH_F2345_FAILED, "milenage_f2345-1 failed");
     for (int i = 0; i < 6; ++i) sqnNet[i] = autn[i] ^ ak[i];
     uint64_t n = load48(sqnNet);
     *sqnAmf = n;
-    if (!m.f1(sqnNet, autn + 6, xmac, nullptr)) return failed(MV_ALGO_AUTH_F1_FAILED, "milenage_f1-1 failed");
-    if (memcmp(xmac, autn + 8, 8) != 0) return failed(MV_ALGO_AUTH_MAC_MISMATCH, "autn mismatch");
+    if (!m.f1(sqnNet, autn + 6, xmac, nullptr)) return MV_ALGO_FAILED(MV_ALGO_AUTH_F1_FAILED, "milenage_f1-1 failed");
+    if (memcmp(xmac, autn + 8, 8) != 0) return MV_ALGO_FAILED(MV_ALGO_AUTH_MAC_MISMATCH, "autn mismatch");
     uint64_t x48 = 0;
     if (!fresh(n, sqn, handleSqnSync, x48)) {
         if (!auts) return MV_ALGO_AUTH_SQN_OUT_OF_RANGE;
         int st = MV_Milenage::buildAuts(m, (x48 + MV_ALGO_SQN_MS_AHEAD) & kSqnMask, auts);
-        if (st == -2) return failed(MV_ALGO_AUTH_F5STAR_FAILED, "milenage_f2345-2 failed");
-        if (st == -5) return failed(MV_ALGO_AUTH_F1STAR_FAILED, "milenage_f1-2 failed");
+        if (st == -2) return MV_ALGO_FAILED(MV_ALGO_AUTH_F5STAR_FAILED, "milenage_f2345-2 failed");
+        if (st == -5) return MV_ALGO_FAILED(MV_ALGO_AUTH_F1STAR_FAILED, "milenage_f1-2 failed");
         return MV_ALGO_AUTH_SQN_OUT_OF_RANGE;
     }
-    if ((ck && !m.f3(ck)) || (ik && !m.f4(ik))) return failed(MV_ALGO_AUTH_F2345_FAILED, "milenage_f2345-1 failed");
+    if ((ck && !m.f3(ck)) || (ik && !m.f4(ik))) return MV_ALGO_FAILED(MV_ALGO_AUTH_F2345_FAILED, "milenage_f2345-1 failed");
     return MV_ALGO_AUTH_OK;
 }
 
@@ -90,7 +90,7 @@ int __mv_algo__ue_authenticate2(const uint8_t* K, const uint8_t* OPc, uint32_t s
     std::string_view name(snn, snnLen);
     if (__mv_algo__res_star(ck, ik, name, in<16>(rand), res, out<16>(xres_star)) != 0 ||
         __mv_algo__kausf(ck, ik, name, in<6>(autn), out<32>(kausf)) != 0)
-        return failed(MV_ALGO_AUTH_F2345_FAILED, "milenage_f2345-1 failed");
+        return MV_ALGO_FAILED(MV_ALGO_AUTH_F2345_FAILED, "milenage_f2345-1 failed");
     return MV_ALGO_AUTH_OK;
 }
 
@@ -121,7 +121,7 @@ int __mv_algo__lte__gen_kasme(const uint8_t* K, const uint8_t* OPc, const uint8_
     if (!K || !OPc || !rand || !autn || !plmn || !kasme) return MV_ALGO_ERR_ARG;
     MV_Milenage m(K, OPc, rand);
     uint8_t ck[16], ik[16];
-    if (!m.f3(ck) || !m.f4(ik)) return failed(MV_ALGO_AUTH_F2345_FAILED, "milenage_f2345-1 failed");
+    if (!m.f3(ck) || !m.f4(ik)) return MV_ALGO_FAILED(MV_ALGO_AUTH_F2345_FAILED, "milenage_f2345-1 failed");
     return __mv_algo__kasme(ck, ik, in<3>(plmn), in<6>(autn), out<32>(kasme));
 }
 
@@ -151,7 +151,7 @@ int __mv_ogs_init_crypto_fun() {
     for (int i = 0; i < 6; ++i) sqnXorAk[i] = sqn[i] ^ ak[i];
     ok = ok && __mv_algo__kausf(ck, ik, "5G:mnc001.mcc001.3gppnetwork.org", sqnXorAk, kausf) == 0 &&
          memcmp(kausf, kausfHead, 4) == 0;
-    if (!ok) return failed(MV_ALGO_ERR_CRYPTO, "libmvalgo self-test failed, OpenSSL lacks AES, HMAC or SHA-256");
+    if (!ok) return MV_ALGO_FAILED(MV_ALGO_ERR_CRYPTO, "libmvalgo self-test failed, OpenSSL lacks AES, HMAC or SHA-256");
     __mv_log(MV_STK_LOG, LOG_CAT_CORE, MV_LOG_INFO, "libmvalgo ready <%s|%s|%d>", __FILE_NAME__, __func__, __LINE__);
     return 0;
 }

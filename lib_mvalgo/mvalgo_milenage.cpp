@@ -87,11 +87,14 @@ int __mv_algo__milenage_f1(std::span<const uint8_t, 16> k, std::span<const uint8
 int __mv_algo__milenage_f2345(std::span<const uint8_t, 16> k, std::span<const uint8_t, 16> opc,
                               std::span<const uint8_t, 16> rand, std::span<uint8_t> res, std::span<uint8_t> ck,
                               std::span<uint8_t> ik, std::span<uint8_t> ak, std::span<uint8_t> akStar) {
+    auto wanted = [](std::span<uint8_t> o, size_t n) { return o.empty() || o.size() == n; };
+    if (!wanted(res, 8) || !wanted(ck, 16) || !wanted(ik, 16) || !wanted(ak, 6) || !wanted(akStar, 6))
+        return MV_ALGO_ERR_ARG;
     MV_Milenage m(k.data(), opc.data(), rand.data());
-    bool ok = m.f2f5(res.size() == 8 ? res.data() : nullptr, ak.size() == 6 ? ak.data() : nullptr);
-    if (ok && ck.size() == 16) ok = m.f3(ck.data());
-    if (ok && ik.size() == 16) ok = m.f4(ik.data());
-    if (ok && akStar.size() == 6) ok = m.f5star(akStar.data());
+    bool ok = m.f2f5(res.empty() ? nullptr : res.data(), ak.empty() ? nullptr : ak.data());
+    if (ok && !ck.empty()) ok = m.f3(ck.data());
+    if (ok && !ik.empty()) ok = m.f4(ik.data());
+    if (ok && !akStar.empty()) ok = m.f5star(akStar.data());
     return ok ? 0 : MV_ALGO_ERR_CRYPTO;
 }
 

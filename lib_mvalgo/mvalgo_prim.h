@@ -34,9 +34,9 @@ constexpr int MV_ALGO_ERR_MAC = -EBADMSG;  // a received MAC or tag does not ver
                                          std::span<const uint8_t, 16> rand, std::span<const uint8_t, 6> sqn,
                                          std::span<const uint8_t, 2> amf, std::span<uint8_t> macA,
                                          std::span<uint8_t> macS);
-// f2 (RES), f3 (CK), f4 (IK), f5 (AK), f5* (AK for resynchronisation). Outputs of the
-// wrong size are skipped, so a caller asks only for what it needs: res 8, ck 16,
-// ik 16, ak 6, akStar 6.
+// f2 (RES), f3 (CK), f4 (IK), f5 (AK), f5* (AK for resynchronisation): res 8, ck 16,
+// ik 16, ak 6, akStar 6 octets. An empty output is not computed, so a caller asks
+// only for what it needs; another size is MV_ALGO_ERR_ARG.
 [[nodiscard]] int __mv_algo__milenage_f2345(std::span<const uint8_t, 16> k, std::span<const uint8_t, 16> opc,
                                             std::span<const uint8_t, 16> rand, std::span<uint8_t> res,
                                             std::span<uint8_t> ck, std::span<uint8_t> ik, std::span<uint8_t> ak,

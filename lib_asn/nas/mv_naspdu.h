@@ -181,7 +181,8 @@ int __mv_naspdu_decodeNASHeader(__naspduHeader* header, __naspduDecode* decode);
 // EPS (type and discriminator, MAC, sequence number), chosen by header->ProtocolDiscriminator.
 int __mv_naspdu_encodeSecurityHeader(const __naspduFGSecurityHeader* header, __mv_asn_coding_context* context);
 // Reads the security header in front of a protected 5GS or EPS message: its length (7 or 6, the plain
-// message follows), 0 for a plain message, -1 for too few octets or another discriminator.
+// message follows), 0 for a plain message (session management messages are always plain), -1 for too
+// few octets or another discriminator.
 int __mv_naspdu_decodeSecurityHeader(__naspduFGSecurityHeader* header, const uint8_t* data, uint32_t len);
 
 // Cause texts; an empty text for a value the standard does not give.

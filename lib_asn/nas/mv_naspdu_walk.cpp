@@ -303,6 +303,11 @@ int __mv_naspdu_encodeSecurityHeader(const __naspduFGSecurityHeader* h, __mv_asn
 
 int __mv_naspdu_decodeSecurityHeader(__naspduFGSecurityHeader* h, const uint8_t* data, uint32_t len) {
     if (!data || len < 1) return -1;
+    // Session management messages travel inside a mobility management message and have no header.
+    if (data[0] == MV_5GS_SM_EPD || (data[0] & 0x0F) == MV_EPS_SM_PD) {
+        memset(static_cast<void*>(h), 0, sizeof *h);
+        return 0;
+    }
     int off;
     uint8_t sht;
     if (data[0] == MV_5GS_MM_EPD) {

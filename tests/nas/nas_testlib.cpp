@@ -193,7 +193,7 @@ const std::map<std::string, std::string> kByType = {
     {"ControlPlaneOnlyIndication", "01"},
     {"ServingPLMNRateControl", "00 10"},
     {"ExtendedAPNAggregateMaximumBitRate", "03 0001 03 0001"},
-    {"ExtendedEPSQoS", "03 0001 0001 0001 0001"},
+    {"ExtendedEPSQoS", "03 0001 0001 03 0001 0001"},
     {"ReAttemptIndicator", "01"},
     {"ESMInformationTransferFlag", "01"},
     {"UserDataContainer", "00"},

@@ -209,7 +209,7 @@ void value(std::string& out, const NasElem* e, const uint8_t* p, bool json) {
     if (t->kind == NAS_K_AMBR) {
         const auto* a = reinterpret_cast<const __naspdu_session_ambr*>(p);
         appendf(out, json ? "{\"downlinkUnit\":%u,\"downlink\":%u,\"uplinkUnit\":%u,\"uplink\":%u}"
-                          : "downlink %u unit %u, uplink %u unit %u",
+                          : "downlink unit %u rate %u, uplink unit %u rate %u",
                 a->DownlinkUnit, a->Downlink, a->UplinkUnit, a->Uplink);
         return;
     }
@@ -243,16 +243,18 @@ void __mv_naspdu_describe(const __naspduDecode* d, std::string& out, bool json) 
     const char* family = "";
     for (const NasFamily& f : kNasFamilies)
         if (f.discriminator == d->ProtocolDiscriminator) family = f.name;
+    // A session management message has no security header type of its own.
+    bool mm = d->ProtocolDiscriminator == MV_5GS_MM_EPD || d->ProtocolDiscriminator == MV_EPS_MM_PD;
+    unsigned sht = mm ? d->SecurityHeaderType : 0;
     if (json) {
         appendf(out, "{\"family\":\"%s\",\"message\":\"%s\",\"type\":%d,\"securityHeaderType\":%u,", family,
-                m ? m->name : "", d->MessageType, d->SecurityHeaderType);
+                m ? m->name : "", d->MessageType, sht);
         appendf(out, "\"mandatoryDecoded\":%u,\"status\":%d,\"pos\":%d,\"length\":%d,", d->iMandatoryDecoded,
                 d->iStatus, d->pos, d->length);
         appendf(out, "\"lastElementId\":\"%02x\",\"refusedElementId\":\"%02x\",\"ies\":{", d->iLastElementId,
                 d->iUnSuccessfulElementId);
     } else {
-        appendf(out, "%s %s (type %d), security header type %u\n", family, m ? m->name : "?", d->MessageType,
-                d->SecurityHeaderType);
+        appendf(out, "%s %s (type %d), security header type %u\n", family, m ? m->name : "?", d->MessageType, sht);
         appendf(out, "  mandatory part %s, status %d, read %d of %d octets", d->iMandatoryDecoded ? "read" : "NOT read",
                 d->iStatus, d->pos, d->length);
         if (d->iStatus == NAS_DECODE_IE_NOT_TAKEN) appendf(out, ", stopped at IE %02X", d->iUnSuccessfulElementId);

@@ -125,7 +125,7 @@ struct __attribute__((packed)) __naspdu_session_ambr {
     X(PDUSessionIdentity2, __naspdu_ie_byte, NAS_F_V, NAS_K_PLAIN, 1)                \
     X(RequestType, __naspdu_ie_half, NAS_F_HALF, NAS_K_PLAIN, 0)                     \
     X(SNSSAI, __naspdu_ie_l8<8>, NAS_F_LV, NAS_K_PLAIN, 0)                           \
-    X(DNN, __naspdu_ie_l8<100>, NAS_F_LV, NAS_K_PLAIN, 0)                            \
+    X(DNN, __naspdu_ie_l8<102>, NAS_F_LV, NAS_K_PLAIN, 0) /* templates may give 102 */ \
     X(AdditionalInformation, __naspdu_ie_l8<255>, NAS_F_LV, NAS_K_PLAIN, 0)          \
     X(ConfigurationUpdateIndication, __naspdu_ie_half, NAS_F_HALF, NAS_K_PLAIN, 0)   \
     /* TS 24.501, 5GSM */                                                            \

@@ -399,6 +399,8 @@ int __mv_naspdu_decode_message(const NasMsgDesc* m, __naspduDecode* d) {
             }
             d->iStatus = NAS_DECODE_IE_NOT_TAKEN;
             d->iUnSuccessfulElementId = b;
+            __mv_asn_log(MV_LOG_DEBUG, "NAS %s %s: IE %02X not taken at octet %d of %d (%s|%s|%d)",
+                         familyName(m->discriminator), m->name, b, d->pos, d->length, __FILE_NAME__, __func__, __LINE__);
             if (!(m->flags & NAS_MSG_CONTINUE)) break;
             d->pos++;
             if (skipUnknown(b, d) < 0) break;
@@ -412,6 +414,19 @@ int __mv_naspdu_decode_message(const NasMsgDesc* m, __naspduDecode* d) {
     if (d->iStatus == NAS_DECODE_ENDED_INSIDE_IE || d->iStatus == NAS_DECODE_IE_TOO_LARGE) logFailure(m, d);
     return 0;
 }
+
+namespace {
+int decodeByType(uint8_t discriminator, uint8_t type, __naspduDecode* d) {
+    const NasMsgDesc* m = __mv_naspdu_find_message(discriminator, type);
+    if (!m) {
+        d->MessageType = type;
+        __mv_asn_log(MV_LOG_WARNING, "NAS %s message type %u is not known (%s|%s|%d)", familyName(discriminator), type,
+                     __FILE_NAME__, __func__, __LINE__);
+        return -ESRCH;
+    }
+    return __mv_naspdu_decode_message(m, d);
+}
+}  // namespace
 
 int __mv_naspdu_DecodeFGMessage(__naspduDecode* d, const uint8_t* data, uint32_t len) {
     if (!d) return -1;
@@ -432,14 +447,7 @@ int __mv_naspdu_DecodeFGMessage(__naspduDecode* d, const uint8_t* data, uint32_t
         return -1;
     }
     d->SecurityHeaderType = data[1] & 0x0F;
-    const NasMsgDesc* m = __mv_naspdu_find_message(disc, data[typeAt]);
-    if (!m) {
-        d->MessageType = data[typeAt];
-        __mv_asn_log(MV_LOG_WARNING, "NAS %s message type %u is not known (%s|%s|%d)", familyName(disc),
-                     data[typeAt], __FILE_NAME__, __func__, __LINE__);
-        return -ESRCH;
-    }
-    return __mv_naspdu_decode_message(m, d);
+    return decodeByType(disc, data[typeAt], d);
 }
 
 int __mv_naspdu_DecodeMessage(__naspduDecode* d) {
@@ -463,14 +471,7 @@ int __mv_naspdu_DecodeMessage(__naspduDecode* d) {
         return -1;
     }
     if (pd == MV_EPS_MM_PD) d->SecurityHeaderType = data[0] >> 4;
-    const NasMsgDesc* m = __mv_naspdu_find_message(pd, data[typeAt]);
-    if (!m) {
-        d->MessageType = data[typeAt];
-        __mv_asn_log(MV_LOG_WARNING, "NAS %s message type %u is not known (%s|%s|%d)", familyName(pd),
-                     data[typeAt], __FILE_NAME__, __func__, __LINE__);
-        return -ESRCH;
-    }
-    return __mv_naspdu_decode_message(m, d);
+    return decodeByType(pd, data[typeAt], d);
 }
 
 void __mv_naspdu_freeNASPduDecode(__naspduDecode* d) {

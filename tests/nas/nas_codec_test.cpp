@@ -170,8 +170,8 @@ TEST(NasCodec, PartialDecodersStopSkipAndGoOn) {
         EXPECT_EQ(a.d.d.iStatus, NAS_DECODE_ENDED_INSIDE_IE);
     }
     {  // an optional IE longer than its member is stepped over, and the walk goes on
-        std::string dnn(2 * 101, 'a');
-        Dec a("2e0501c2 11 0000 06060064060032 2565" + dnn + " 5612");
+        std::string dnn(2 * 103, 'a');
+        Dec a("2e0501c2 11 0000 06060064060032 2567" + dnn + " 5612");
         auto* r = a.rec<__naspduFGSM_PDUSessionEstablishmentAccept>();
         EXPECT_EQ(a.d.d.iStatus, 0);
         EXPECT_EQ(r->mDNN.isset, 0);

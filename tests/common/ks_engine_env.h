@@ -1,0 +1,56 @@
+// Starts the real engine in-process in a scratch directory filled with the given
+// files, for test groups that look at what start-up loaded. ctest runs each test in
+// a process of its own, so every test sees a freshly started engine.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <map>
+#include <string>
+
+#include "Kestrane.h"
+#include "ks_test_util.h"
+
+namespace kst {
+
+class EngineInDir : public ::testing::Environment {
+public:
+    // `files` maps paths relative to the scratch directory to their text; "cfg.json"
+    // is the configuration.
+    EngineInDir(const char* tag, std::map<std::string, std::string> files) : tag_(tag), files_(std::move(files)) {}
+
+    void SetUp() override {
+        dir_ = makeTempDir(tag_);
+        mkdir((dir_ + "/data").c_str(), 0700);
+        for (const auto& [name, text] : files_) writeFile(dir_ + "/" + name, text);
+        ASSERT_EQ(chdir(dir_.c_str()), 0);
+        std::string cfg = dir_ + "/cfg.json";
+        char* argv[] = {const_cast<char*>("kestrane"), cfg.data(), nullptr};
+        ASSERT_EQ(KsEngine__Startup(2, argv), 1);
+    }
+    void TearDown() override { removeTree(dir_); }
+
+    const std::string& dir() const { return dir_; }
+    std::string appLog() const { return readLogDir(dir_ + "/logs//app"); }
+
+private:
+    const char* tag_;
+    std::map<std::string, std::string> files_;
+    std::string dir_;
+};
+
+// Runs the engine binary in a scratch directory with the given files until it stops
+// by itself or `seconds` pass, and returns what it printed.
+inline ChildResult runEngineBinary(const std::string& binary, const std::map<std::string, std::string>& files,
+                                   double seconds) {
+    std::string dir = makeTempDir("bin");
+    mkdir((dir + "/data").c_str(), 0700);
+    for (const auto& [name, text] : files) writeFile(dir + "/" + name, text);
+    ChildResult r = runChild({binary, dir + "/cfg.json"}, dir, seconds, SIGTERM);
+    removeTree(dir);
+    return r;
+}
+
+}  // namespace kst

@@ -41,6 +41,15 @@ private:
     std::string dir_;
 };
 
+// The UE of IMSI 00101 followed by n in ten digits, or null.
+inline MV_KsUE* ueOf001(int n) {
+    char imsi[20];
+    snprintf(imsi, sizeof imsi, "00101%010d", n);
+    MV_KsUE* u = nullptr;
+    KsEngine__FindUEByIMSI(&u, imsi);
+    return u;
+}
+
 // Runs the engine binary in a scratch directory with the given files until it stops
 // by itself or `seconds` pass, and returns what it printed.
 inline ChildResult runEngineBinary(const std::string& binary, const std::map<std::string, std::string>& files,

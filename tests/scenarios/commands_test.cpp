@@ -18,13 +18,7 @@ kst::EngineInDir* const gEnv = static_cast<kst::EngineInDir*>(::testing::AddGlob
             {"data/uel.json", R"([{"ID": 1, "MSINStart": "001010000000001", "MSINEnd": "001010000000020",
                                    "MSISDNBegin": "1", "MCC": "001", "MNC": "01"}])"}})));
 
-MV_KsUE* ue(int n) {
-    char imsi[20];
-    snprintf(imsi, sizeof imsi, "0010100000000%02d", n);
-    MV_KsUE* u = nullptr;
-    KsEngine__FindUEByIMSI(&u, imsi);
-    return u;
-}
+MV_KsUE* ue(int n) { return kst::ueOf001(n); }
 
 MV_KsTestCommand command(uint32_t n) {
     MV_KsTestCommand c{};

@@ -46,13 +46,7 @@ kst::EngineInDir* const gEnv = static_cast<kst::EngineInDir*>(::testing::AddGlob
                                   {"sc52.json", "[]"},
                                   {"data/uel.json", kUel}})));
 
-MV_KsUE* ue(int n) {
-    char imsi[20];
-    snprintf(imsi, sizeof imsi, "0010100000000%02d", n);
-    MV_KsUE* u = nullptr;
-    KsEngine__FindUEByIMSI(&u, imsi);
-    return u;
-}
+MV_KsUE* ue(int n) { return kst::ueOf001(n); }
 
 // Builds a scenario of data/sce.json through the test path and returns it.
 KsScanario* buildScenario(const std::string& config) {

@@ -402,6 +402,8 @@ KsScanario* KsScanario__NewScanario(uint32_t id);
 void KsScanario__AddStep(KsScanario* scanario, KsStep* step);
 KsStep* KsScanario__NewStep(uint32_t StepCode, uint32_t StepIndex);
 void KsScanario__CreateKsStepExecutions(MV_KsUE* ksUe, int stepId);
+// An execution of `st` with its PDU session entries, appended to the UE's list.
+KsStepExecution* KsScanario__AppendExecution(MV_KsUE* ksUe, KsStep* st, uint32_t Id);
 void KsScanario__ReleaseUEExecutionSteps(MV_KsUE* ksUe);
 void KsScanario__CompleteCurrentStepAndExecutionNextStep(MV_KsUE* ksUe, uint32_t StepCode, const char* funcName,
                                                          const char* file, int line);

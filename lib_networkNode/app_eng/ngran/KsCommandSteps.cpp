@@ -436,26 +436,8 @@ void KsScanario__AddCommand(MV_KsTestCommand* command, MV_KsUE* ksUe, KsStep* ks
     }
     ksUe->CommandId = n;
 
-    KsStepExecution* e = __ksEngine->ksStepExecutionPool->allocate();
-    e->Id = uint32_t(ksUe->TotalKsSteps);
-    e->ksStep = ksStep;
-    e->ksUe = ksUe;
+    KsStepExecution* e = KsScanario__AppendExecution(ksUe, ksStep, uint32_t(ksUe->TotalKsSteps));
     e->RANAMFConnId = command->RANAMFConnId;
-    for (__ks_pduSessionInfo* info = ksStep->pduSessionHead; info; info = info->Next) {
-        auto* setup = new __ks_pduSessionSetupInfo{nullptr, info, 0};
-        if (e->pduSessionSetupCurrent) e->pduSessionSetupCurrent->Next = setup;
-        else e->pduSessionSetupHead = setup;
-        e->pduSessionSetupCurrent = setup;
-        ++e->pduSessionCount;
-    }
-    e->pduSessionSetupItem = e->pduSessionSetupHead;
-    {
-        std::lock_guard g(ksUe->pduSessionsRecvCountLock);
-        if (ksUe->ksStepExecutionCurrent) ksUe->ksStepExecutionCurrent->Next = e;
-        else ksUe->ksStepExecutionHead = e;
-        ksUe->ksStepExecutionCurrent = e;
-        ++ksUe->ksStepExecutionItemCount;
-    }
     __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_INFO, "Added Command=%u KsStepCode=%u to UE=%s  TotalKsSteps=%u  <%s|%s|%d>", n,
              ksStep->StepCode, KsUE__supi(ksUe), uint32_t(ksUe->TotalKsSteps), __FILE_NAME__, __func__, __LINE__);
     ++ksUe->TotalKsSteps;

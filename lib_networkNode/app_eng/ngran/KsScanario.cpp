@@ -148,6 +148,27 @@ void KsScanario__ReleaseUEExecutionSteps(MV_KsUE* ksUe) {
     ksUe->TestId = 0;
 }
 
+KsStepExecution* KsScanario__AppendExecution(MV_KsUE* ksUe, KsStep* st, uint32_t Id) {
+    KsStepExecution* e = __ksEngine->ksStepExecutionPool->allocate();
+    e->Id = Id;
+    e->ksStep = st;
+    e->ksUe = ksUe;
+    for (__ks_pduSessionInfo* info = st->pduSessionHead; info; info = info->Next) {
+        auto* setup = new __ks_pduSessionSetupInfo{nullptr, info, 0};
+        if (e->pduSessionSetupCurrent) e->pduSessionSetupCurrent->Next = setup;
+        else e->pduSessionSetupHead = setup;
+        e->pduSessionSetupCurrent = setup;
+        ++e->pduSessionCount;
+    }
+    e->pduSessionSetupItem = e->pduSessionSetupHead;
+    std::lock_guard g(ksUe->pduSessionsRecvCountLock);
+    if (ksUe->ksStepExecutionCurrent) ksUe->ksStepExecutionCurrent->Next = e;
+    else ksUe->ksStepExecutionHead = e;
+    ksUe->ksStepExecutionCurrent = e;
+    ++ksUe->ksStepExecutionItemCount;
+    return e;
+}
+
 void KsScanario__CreateKsStepExecutions(MV_KsUE* ksUe, int stepId) {
     if (!ksUe->ksScanario) {
         __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "Scanario Not Configured for the SUPI=%s <%s|%s|%d>", KsUE__supi(ksUe),
@@ -164,22 +185,8 @@ void KsScanario__CreateKsStepExecutions(MV_KsUE* ksUe, int stepId) {
     uint32_t taken = 0;
     for (KsStep* st = ksUe->ksScanario->stepHead; st; st = st->Next, ++pos) {
         if (stepId != -1 && pos != stepId) continue;
-        KsStepExecution* e = __ksEngine->ksStepExecutionPool->allocate();
-        e->Id = ++taken;
-        e->ksStep = st;
-        e->ksUe = ksUe;
+        KsScanario__AppendExecution(ksUe, st, ++taken);
         ksUe->StepCode = st->StepCode;
-        for (__ks_pduSessionInfo* info = st->pduSessionHead; info; info = info->Next) {
-            auto* setup = new __ks_pduSessionSetupInfo{nullptr, info, 0};
-            if (e->pduSessionSetupCurrent) e->pduSessionSetupCurrent->Next = setup;
-            else e->pduSessionSetupHead = setup;
-            e->pduSessionSetupCurrent = setup;
-            ++e->pduSessionCount;
-        }
-        if (ksUe->ksStepExecutionCurrent) ksUe->ksStepExecutionCurrent->Next = e;
-        else ksUe->ksStepExecutionHead = e;
-        ksUe->ksStepExecutionCurrent = e;
-        ++ksUe->ksStepExecutionItemCount;
     }
     if (taken == 0) {
         // Only reachable with a position past the scenario's end; the UE then has nothing to run.

@@ -86,6 +86,29 @@ BENCHMARK(BM_LoadRangeFile_1M)->Iterations(1)->Unit(benchmark::kMillisecond);
 void BM_LoadListFile_100k(benchmark::State& state) { loadFile(state, "list.json", 100000); }
 BENCHMARK(BM_LoadListFile_100k)->Iterations(1)->Unit(benchmark::kMillisecond);
 
+// A test's start looks every IMSI of its range up in the index.
+void BM_FindUEByIMSI_100k(benchmark::State& state) {
+    startEngine();
+    if (__ksEngine->ksUETotal != 100000) {
+        KsEngine__DropUETable();
+        KsEngine__InitializeksUE_Pool(KS_BUILTIN_UE_CAPACITY);
+        snprintf(__ksEngine->UEFiles[0].FileName, sizeof __ksEngine->UEFiles[0].FileName, "%s", "list.json");
+        __ksEngine->UEFiles[0].Enabled = 1;
+        __ksEngine->UEFileCount = 1;
+        if (KsEngine__LoadUEConfigs() != 1) state.SkipWithError("load failed");
+    }
+    uint64_t n = 0;
+    for (auto _ : state) {
+        char imsi[24];
+        KsEngine__IMSIText(1010002000001ULL + (n * 7919) % 100000, imsi, sizeof imsi);
+        MV_KsUE* u = nullptr;
+        KsEngine__FindUEByIMSI(&u, imsi);
+        benchmark::DoNotOptimize(u);
+        ++n;
+    }
+}
+BENCHMARK(BM_FindUEByIMSI_100k);
+
 }  // namespace
 
 BENCHMARK_MAIN();

@@ -183,6 +183,8 @@ void KsEngine__get_plmnHex(uint8_t* out, const char* mcc, const char* mnc) {
     out[2] = uint8_t(d(mnc[1]) << 4 | d(mnc[0]));
 }
 
+void KsEngine__get_plmnHex2(uint8_t* out, const char* mcc, const char* mnc) { KsEngine__get_plmnHex(out, mcc, mnc); }
+
 void KsEngine__get_mcc_mnc(const uint8_t* plmn, char* mcc, char* mnc) {
     auto c = [](uint8_t n) { return n <= 9 ? char('0' + n) : char('A' + n - 10); };
     mcc[0] = c(plmn[0] & 0x0F);

@@ -403,6 +403,8 @@ void KsEngine__LoadUEAddlData(json_t* cfg);
 // Three bytes of TS 24.008 PLMN coding; a 2-digit MNC puts 0xF in the high nibble of
 // the second byte.
 void KsEngine__get_plmnHex(uint8_t* outPlmnHex, const char* mcc, const char* mnc);
+// The same bytes, for the NAS registration path and the template manager.
+void KsEngine__get_plmnHex2(uint8_t* outPlmnHex, const char* mcc, const char* mnc);
 // The digits of three PLMN bytes; an MNC filler of 0xF gives a 2-digit MNC.
 void KsEngine__get_mcc_mnc(const uint8_t* plmnHex, char* mcc, char* mnc);
 // The TS 24.501 serving network name: "5G:mnc" with the MNC in three digits, ".mcc"

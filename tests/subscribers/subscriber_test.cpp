@@ -346,9 +346,11 @@ TEST(ServingNetwork, PlmnCodingBothWays) {
                           {"999", "999", {0x99, 0x99, 0x99}}};
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.mcc) + "/" + c.mnc);
-        uint8_t p[3] = {};
+        uint8_t p[3] = {}, p2[3] = {};
         KsEngine__get_plmnHex(p, c.mcc, c.mnc);
+        KsEngine__get_plmnHex2(p2, c.mcc, c.mnc);
         EXPECT_EQ(bytes(p, 3), c.plmn);
+        EXPECT_EQ(bytes(p2, 3), c.plmn);
         char mcc[4], mnc[4];
         KsEngine__get_mcc_mnc(c.plmn.data(), mcc, mnc);
         EXPECT_STREQ(mcc, c.mcc);
@@ -357,6 +359,29 @@ TEST(ServingNetwork, PlmnCodingBothWays) {
     uint8_t untouched[3] = {0xAA, 0xAA, 0xAA};
     KsEngine__get_plmnHex(untouched, "01", "01");
     EXPECT_EQ(bytes(untouched, 3), (std::vector<uint8_t>(3, 0xAA))) << "a short MCC writes nothing";
+}
+
+// The PLMN bytes inside a SUCI of a registration request, as tshark reads them.
+TEST(ServingNetwork, PlmnBytesReadBackByAnIndependentDecoder) {
+    if (system("command -v tshark >/dev/null 2>&1") != 0) GTEST_SKIP() << "tshark is not installed";
+    for (auto [mcc, mnc] : {std::pair{"310", "410"}, std::pair{"208", "093"}, std::pair{"404", "26"}, std::pair{"001", "01"}}) {
+        SCOPED_TRACE(std::string(mcc) + "/" + mnc);
+        uint8_t p[3] = {};
+        KsEngine__get_plmnHex(p, mcc, mnc);
+        char hex[80];
+        snprintf(hex, sizeof hex, "7E004179000D01%02X%02X%02XF0FF0000000000000010", p[0], p[1], p[2]);
+        std::string cmd = std::string("bash ") + KS_WSDECODE + " -j pdu:nas-5gs " + hex + " 2>&1";
+        std::string out;
+        if (FILE* f = popen(cmd.c_str(), "r")) {
+            char buf[4096];
+            size_t n;
+            while ((n = fread(buf, 1, sizeof buf, f)) > 0) out.append(buf, n);
+            pclose(f);
+        }
+        // tshark writes the codes as numbers, without leading zeros.
+        EXPECT_NE(out.find("\"e212.mcc\": \"" + std::to_string(atoi(mcc)) + "\""), std::string::npos) << out;
+        EXPECT_NE(out.find("\"e212.mnc\": \"" + std::to_string(atoi(mnc)) + "\""), std::string::npos) << out;
+    }
 }
 
 TEST(ServingNetwork, NameFollowsThePlmnTheUEIsPresentedOn) {

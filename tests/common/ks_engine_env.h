@@ -50,14 +50,41 @@ inline MV_KsUE* ueOf001(int n) {
     return u;
 }
 
-// Runs the engine binary in a scratch directory with the given files until it stops
-// by itself or `seconds` pass, and returns what it printed.
+// Runs the engine binary in a scratch directory with the given files until it stops by
+// itself, or until it has printed that start-up is complete (then it is ended with
+// SIGTERM), or until `seconds` pass; returns what it printed.
 inline ChildResult runEngineBinary(const std::string& binary, const std::map<std::string, std::string>& files,
                                    double seconds) {
     std::string dir = makeTempDir("bin");
     mkdir((dir + "/data").c_str(), 0700);
     for (const auto& [name, text] : files) writeFile(dir + "/" + name, text);
-    ChildResult r = runChild({binary, dir + "/cfg.json"}, dir, seconds, SIGTERM);
+    std::string outPath = dir + "/.child_stdout";
+    ChildResult r;
+    pid_t pid = fork();
+    if (pid == 0) {
+        if (chdir(dir.c_str()) != 0) _exit(127);
+        int fd = open(outPath.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0644);
+        dup2(fd, 1);
+        dup2(fd, 2);
+        std::string cfg = dir + "/cfg.json";
+        execl(binary.c_str(), binary.c_str(), cfg.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    int status = 0;
+    bool reaped = false;
+    bool started = waitFor(
+        [&] {
+            reaped = waitpid(pid, &status, WNOHANG) == pid;
+            return reaped || readFile(outPath).find("Initalization of KsTest is completed") != std::string::npos;
+        },
+        seconds);
+    if (!reaped) {
+        r.timedOut = !started;
+        kill(pid, started ? SIGTERM : SIGKILL);
+        waitpid(pid, &status, 0);
+    }
+    if (WIFEXITED(status)) r.exitStatus = WEXITSTATUS(status);
+    r.out = readFile(outPath);
     removeTree(dir);
     return r;
 }

@@ -437,16 +437,14 @@ TEST(ScenarioFiles, BrokenFileStopsStartUpWithItsText) {
         auto r = kst::runEngineBinary(
             kBinary,
             {{"cfg.json", R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 10, "ScanarioFiles": [{"ID": 7, "File": "bad.json"}]})"},
-             {"bad.json", c.content}},
-            10);
+             {"bad.json", c.content}}, 60);
         EXPECT_FALSE(r.timedOut);
         EXPECT_EQ(r.exitStatus, 0);
         EXPECT_NE(r.out.find(c.text), std::string::npos) << r.out;
         EXPECT_EQ(r.out.find("Initalization of KsTest is completed"), std::string::npos);
     }
     auto missing = kst::runEngineBinary(
-        kBinary, {{"cfg.json", R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 10, "ScanarioFiles": [{"ID": 8, "File": "no.json"}]})"}},
-        10);
+        kBinary, {{"cfg.json", R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 10, "ScanarioFiles": [{"ID": 8, "File": "no.json"}]})"}}, 60);
     EXPECT_EQ(missing.exitStatus, 0);
     EXPECT_NE(missing.out.find("error loading scanario-config id=8 file:no.json  error:[unable to open"), std::string::npos);
 }
@@ -455,8 +453,7 @@ TEST(ScenarioFiles, UnknownStepsAndMissingArraysAreReported) {
     auto r = kst::runEngineBinary(kBinary,
                                   {{"cfg.json", R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 10,
                                      "ScanarioFiles": [{"ID": 51, "File": "sc.json"}, {"File": "noid.json"}]})"},
-                                   {"sc.json", kRegFile}},
-                                  3);
+                                   {"sc.json", kRegFile}}, 60);
     EXPECT_NE(r.out.find("Unsupported RegistrationType configured for step=[2] in scanario file=[sc.json]"),
               std::string::npos)
         << r.out;

@@ -557,7 +557,7 @@ TEST(SubscriberStartup, UnreadableFileStopsStartUpWithItsText) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        auto r = kst::runEngineBinary(kBinary, c.files, 10);
+        auto r = kst::runEngineBinary(kBinary, c.files, 60);
         EXPECT_FALSE(r.timedOut);
         EXPECT_EQ(r.exitStatus, 0);
         EXPECT_NE(r.out.find(c.text), std::string::npos) << r.out;
@@ -579,8 +579,7 @@ TEST(SubscriberStartup, FullPoolEndsEachLoaderWithItsLine) {
                                    {"r.json", range},
                                    {"l.json", list},
                                    {"f.json", R"({"Format": 9})"},
-                                   {"data/uel.json", uel}},
-                                  4);
+                                   {"data/uel.json", uel}}, 60);
     EXPECT_EQ(r.exitStatus, 0);
     EXPECT_NE(r.out.find("creatd ue-pool with count=30"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("Adding UE Failed after=30 KsEngine__LoadSupiRangeFormat|"), std::string::npos) << r.out;
@@ -596,8 +595,7 @@ TEST(SubscriberStartup, FullPoolEndsEachLoaderWithItsLine) {
 TEST(SubscriberStartup, BrokenAdditionalDataIsReportedAndStartUpGoesOn) {
     auto r = kst::runEngineBinary(
         kBinary, {{"cfg.json", R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 10, "UEAddlData": "addl.json"})"},
-                  {"addl.json", "[{\"IMSI\": "}},
-        3);
+                  {"addl.json", "[{\"IMSI\": "}}, 60);
     EXPECT_EQ(r.exitStatus, 0);
     EXPECT_NE(r.out.find("Loading UEAddlData=[addl.json] Config Failed error:["), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("Initalization of KsTest is completed"), std::string::npos);

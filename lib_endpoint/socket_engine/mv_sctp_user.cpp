@@ -153,11 +153,28 @@ int uAccept(int fd, sockaddr* peer, socklen_t* len) {
     return adopt(so);
 }
 
+// The stack's connectx only starts the handshake; callers of a blocking socket
+// expect it finished, as the kernel's is, so wait for the association to stand or
+// to be given up (after the INIT attempts).
 int uConnectX(int fd, sockaddr* addrs, int count) {
     Ref r(fd);
     if (!r) return -1;
     sctp_assoc_t id = 0;
-    return usrsctp_connectx(r->so, addrs, count, &id);
+    if (usrsctp_connectx(r->so, addrs, count, &id) != 0) return -1;
+    if (usrsctp_get_non_blocking(r->so) == 1) {
+        errno = EINPROGRESS;
+        return -1;
+    }
+    for (;;) {
+        sctp_status st{};
+        socklen_t len = sizeof st;
+        if (usrsctp_getsockopt(r->so, IPPROTO_SCTP, SCTP_STATUS, &st, &len) != 0) break;
+        if (st.sstat_state == SCTP_ESTABLISHED) return 0;
+        if (st.sstat_state == SCTP_CLOSED) break;
+        usleep(2000);
+    }
+    errno = ECONNREFUSED;
+    return -1;
 }
 
 // The stack frees its port when the socket closes; there is nothing to reuse.
@@ -219,12 +236,23 @@ int uGetStatus(int fd, MV_SctpStatus* status) {
 int uSetHeartbeat(int fd, uint32_t intervalMs, uint32_t* inForce) {
     Ref r(fd);
     if (!r) return -1;
-    sctp_paddrparams pp{};
-    pp.spp_flags = SPP_HB_ENABLE;
-    pp.spp_hbinterval = intervalMs;
-    if (setOpt(r->so, IPPROTO_SCTP, SCTP_PEER_ADDR_PARAMS, &pp, sizeof pp) != 0) return -1;
+    // The stack wants the wildcard address of a family for "every path"; which
+    // family depends on the socket, so take the one it accepts.
+    int rc = -1;
+    sa_family_t fam = AF_INET;
+    for (sa_family_t f : {AF_INET, AF_INET6}) {
+        sctp_paddrparams pp{};
+        pp.spp_address.ss_family = f;
+        pp.spp_flags = SPP_HB_ENABLE;
+        pp.spp_hbinterval = intervalMs;
+        rc = setOpt(r->so, IPPROTO_SCTP, SCTP_PEER_ADDR_PARAMS, &pp, sizeof pp);
+        fam = f;
+        if (rc == 0 || errno != EAFNOSUPPORT) break;
+    }
+    if (rc != 0) return -1;
     if (inForce) {
         sctp_paddrparams got{};
+        got.spp_address.ss_family = fam;
         socklen_t len = sizeof got;
         *inForce = usrsctp_getsockopt(r->so, IPPROTO_SCTP, SCTP_PEER_ADDR_PARAMS, &got, &len) == 0 ? got.spp_hbinterval
                                                                                                     : 0;

@@ -89,3 +89,4 @@ const MV_SctpBackend* __mv_sctp_backend_kernel();
 const MV_SctpBackend* __mv_sctp_backend_userspace();
 // Starts the userspace stack once; false when it cannot run (raw mode needs root).
 bool __mv_sctp_userspace_start(uint16_t udpPort, uint16_t remoteUdpPort);
+bool __mv_sctp_userspace_started();

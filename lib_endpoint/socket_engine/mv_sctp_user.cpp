@@ -97,7 +97,7 @@ int setOpt(struct socket* so, int level, int name, const void* v, socklen_t len)
 }
 
 // Gives a stack socket its eventfd and table row; closes the socket on failure.
-int adopt(struct socket* so) {
+int adopt(struct socket* so, int family) {
     int efd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     if (efd < 0 || efd >= kMaxFd) {
         int e = efd < 0 ? errno : EMFILE;
@@ -115,8 +115,11 @@ int adopt(struct socket* so) {
     setOpt(so, IPPROTO_SCTP, SCTP_RECVRCVINFO, &on, sizeof on);
     if (uint16_t port = remoteEncapsPort.load()) {
         sctp_udpencaps enc{};
+        enc.sue_address.ss_family = sa_family_t(family);  // the wildcard of the family: every path
         enc.sue_port = htons(port);
-        setOpt(so, IPPROTO_SCTP, SCTP_REMOTE_UDP_ENCAPS_PORT, &enc, sizeof enc);
+        if (setOpt(so, IPPROTO_SCTP, SCTP_REMOTE_UDP_ENCAPS_PORT, &enc, sizeof enc) != 0)
+            __mv_log(MV_STK_LOG, LOG_CAT_CORE, MV_LOG_ERROR, "setting the remote UDP port %u failed errno=%d %s|%s|%d",
+                     port, errno, __FILE_NAME__, __func__, __LINE__);
     }
     usrsctp_set_upcall(so, upcall, reinterpret_cast<void*>(intptr_t(efd)));
     // Anything that arrived before the upcall was set would otherwise wait unseen.
@@ -127,7 +130,7 @@ int adopt(struct socket* so) {
 int uSocket(int family) {
     struct socket* so = usrsctp_socket(family, SOCK_STREAM, IPPROTO_SCTP, nullptr, nullptr, 0, nullptr);
     if (!so) return -1;
-    return adopt(so);
+    return adopt(so, family);
 }
 
 int uBindX(int fd, sockaddr* addrs, int count, int how) {
@@ -150,7 +153,7 @@ int uAccept(int fd, sockaddr* peer, socklen_t* len) {
         so = usrsctp_accept(r->so, peer, len);
     }
     if (!so) return -1;
-    return adopt(so);
+    return adopt(so, peer && len && *len >= sizeof(sockaddr_in6) ? AF_INET6 : AF_INET);
 }
 
 // The stack's connectx only starts the handshake; callers of a blocking socket
@@ -386,11 +389,13 @@ constexpr MV_SctpBackend kUser = {
 };
 
 std::once_flag startOnce;
-bool started = false;
+std::atomic<bool> started{false};
 
 }  // namespace
 
 const MV_SctpBackend* __mv_sctp_backend_userspace() { return &kUser; }
+
+bool __mv_sctp_userspace_started() { return started.load(); }
 
 bool __mv_sctp_userspace_start(uint16_t udpPort, uint16_t remoteUdpPort) {
     std::call_once(startOnce, [&] {

@@ -153,6 +153,12 @@ int __mv_socket_engine__set_sctp_backend(const char* backend, int udpPort) {
 
 int __mv_socket_engine__set_sctp_backend2(const char* backend, int udpPort, int remoteUdpPort) {
     if (udpPort < 0 || udpPort > 65535 || remoteUdpPort < 0 || remoteUdpPort > 65535) return -1;
+    // The running stack keeps its mode and ports until the process ends.
+    if (__mv_sctp_userspace_started()) {
+        MV_SOK_LOG(MV_LOG_CRITICAL, "SCTP backend already running as %s, SCTPBackend=%s ignored %s|%s|%d",
+                   __mv_socket_engine__sctp_backend_name(), backend ? backend : "", __FILE_NAME__, __func__, __LINE__);
+        return 0;
+    }
     __mv_sctp_backend_choose(backend, uint16_t(udpPort), uint16_t(remoteUdpPort));
     return 1;
 }

@@ -35,7 +35,10 @@ public:
         __mv_set_log_level(MV_STK_LOG, MV_LOG_DEBUG);
         __mv_socket_engine_init();
     }
-    void TearDown() override { kst::removeTree(root()); }
+    void TearDown() override {
+        if (getenv("KS_KEEP_LOGS")) printf("logs kept in %s\n", root().c_str());
+        else kst::removeTree(root());
+    }
 };
 
 inline std::string stackLog() { return kst::readLogDir(root() + "/logs//stk"); }

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <vector>
 
 #include "mv_fifo.h"
 #include "mv_socket_internal.h"
@@ -87,12 +88,17 @@ void* reconnectThread(void*) {
             wake().cv.wait_for(lk, std::chrono::microseconds(3 * 999999), [] { return wake().pending; });
             wake().pending = false;
         }
-        // Sockets are only added, at the tail, so the walk needs no lock.
         long now = __mv_core_get_server_timer_tick();
-        for (MV_Socket* s = __mv_socketEngine->SocketHead; s; s = s->Next) {
-            if (s->TransportType != MV_TRANSPORT_SCTP || s->isHost || s->isActive || s->isConnected ||
-                s->disableClientAutoReConnect || (s->UseEPoll != 1 && s->UseEPoll != 2))
-                continue;
+        std::vector<MV_Socket*> due;
+        {
+            // Held for the walk only; a connect can take seconds.
+            std::lock_guard g(__mv_socketEngine->SocketLock);
+            for (MV_Socket* s = __mv_socketEngine->SocketHead; s; s = s->Next)
+                if (s->TransportType == MV_TRANSPORT_SCTP && !s->isHost && (s->UseEPoll == 1 || s->UseEPoll == 2))
+                    due.push_back(s);
+        }
+        for (MV_Socket* s : due) {
+            if (s->isActive || s->isConnected || s->disableClientAutoReConnect) continue;
             // A socket its owner has not started yet may still lack its callbacks;
             // leave it a second before connecting it on our own.
             if (!s->isStarted && now - s->TimerTick < 2) continue;
@@ -303,7 +309,12 @@ void __mv_socket_engine_print_stats() {
     __mv_log(MV_PER_LOG, LOG_CAT_CORE, MV_LOG_CRITICAL, "Socket: TotalSocketsCount=%d SocketClosedCount=%d",
              e->TotalSocketsCount.load(), e->SocketClosedCount.load());
     __mv__per_log_pending_queuecount("SCTP ", e->queueSctpSocketBufferPoolObject);
-    for (MV_Socket* s = e->SocketHead; s; s = s->Next) {
+    std::vector<MV_Socket*> all;
+    {
+        std::lock_guard g(e->SocketLock);
+        for (MV_Socket* s = e->SocketHead; s; s = s->Next) all.push_back(s);
+    }
+    for (MV_Socket* s : all) {
         printSocketLine("Server", s, s->ChildSocketCount);
         std::lock_guard g(s->ChildLock);
         for (MV_Socket* c = s->ChildHead; c; c = c->Next) printSocketLine("SerChi", c, s->ChildSocketCount);

@@ -234,7 +234,7 @@ struct MV_Socket {
     int BufferPacketCount;
     socklen_t clientlen;
 
-    MV_SocketThread* epollThread;
+    std::atomic<MV_SocketThread*> epollThread;
     std::atomic<int> UnknownSCTPEventCount;
     MV_SocketThread* clientReadThread;
 

@@ -402,10 +402,9 @@ int __mv_socket_engine___sctp_close(MV_Socket* s, int ret) {
         ++__mv_socketEngine->SocketClosedCount;
     }
     if (s->UseEPoll == 1) {
-        if (MV_SocketThread* t = s->epollThread) {
+        if (MV_SocketThread* t = s->epollThread.exchange(nullptr)) {
             std::lock_guard c(t->epollSocketFdCountLock);
             --t->epollSocketFdCount;
-            s->epollThread = nullptr;
         }
     }
     {

@@ -75,14 +75,17 @@ void releaseWaitingBuffers(MV_Socket* s) {
 
 void visitAsyncWrites(int epollFd) {
     auto* e = __mv_socketEngine;
-    MV_Socket* s;
+    // Only the sockets of this thread with something queued; the list lock is held
+    // for the walk alone, never while buffers go back.
+    MV_Socket* mine[64];
+    int n = 0;
     {
         std::lock_guard g(e->SocketAyncWriteLock);
-        s = e->SocketEPollAyncWriteHead;
+        for (MV_Socket* s = e->SocketEPollAyncWriteHead; s && n < 64; s = s->SENext)
+            if (s->epoll_fd == epollFd && s->AyncWriteBufferHead) mine[n++] = s;
     }
-    // Children are only appended, so the walk is safe without the list lock.
-    for (; s; s = s->SENext) {
-        if (s->epoll_fd != epollFd || !s->AyncWriteBufferHead) continue;
+    for (int i = 0; i < n; ++i) {
+        MV_Socket* s = mine[i];
         MV_SocketBuffer* b;
         {
             std::lock_guard g(s->AsyncWriteLock);
@@ -163,9 +166,9 @@ int tcpRead(MV_Socket* s) {
             b->siSocket = s;
             ++icount;
             ++s->TotalReads;
-            if (s->epollThread) {
-                ++s->epollThread->TotalReads;
-                ++s->epollThread->LastReads;
+            if (MV_SocketThread* t = s->epollThread) {
+                ++t->TotalReads;
+                ++t->LastReads;
             }
             s->AddBuffer(s, b);
             continue;
@@ -467,10 +470,9 @@ int __mv_socket_engine_tcp_close_socket(MV_Socket* siSocket) {
         s->isConnected = 0;
         if (fd >= 0) close(fd);
         ++__mv_socketEngine->SocketClosedCount;
-        if (MV_SocketThread* t = s->epollThread) {
+        if (MV_SocketThread* t = s->epollThread.exchange(nullptr)) {
             --t->count;
             --__mv_socketEngine->TotalSocketsCount;
-            s->epollThread = nullptr;
         }
         {
             std::lock_guard b(s->BufferLock);

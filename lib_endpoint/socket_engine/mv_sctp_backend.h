@@ -9,10 +9,12 @@
 // kernel's numbering (MV_SCTP_SN_*) whichever stack delivered them.
 #pragma once
 
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/types.h>
 
 #include <cstdint>
+#include <cstring>
 
 // Notification types as the kernel numbers them; the userspace backend renumbers its own.
 constexpr uint16_t MV_SCTP_SN_ASSOC_CHANGE = 32769;
@@ -83,6 +85,22 @@ MV_SctpBackendKind __mv_sctp_backend_choose(const char* name, uint16_t udpPort, 
 const MV_SctpBackend* __mv_sctp_backend();
 MV_SctpBackendKind __mv_sctp_backend_kind();
 bool __mv_sctp_kernel_available();
+
+// Copies n addresses packed one after the other (each by its own size, as both
+// stacks list them) into out; returns how many it copied.
+inline int __mv_sctp_unpack_addresses(const struct sockaddr* packed, int n, struct sockaddr_storage* out, int max) {
+    int count = 0;
+    const auto* p = reinterpret_cast<const uint8_t*>(packed);
+    for (int i = 0; i < n && count < max; ++i) {
+        const auto* sa = reinterpret_cast<const struct sockaddr*>(p);
+        size_t sz = sa->sa_family == AF_INET6 ? sizeof(struct sockaddr_in6) : sizeof(struct sockaddr_in);
+        memset(&out[count], 0, sizeof out[count]);
+        memcpy(&out[count], sa, sz);
+        ++count;
+        p += sz;
+    }
+    return count;
+}
 
 // Defined by the two backends.
 const MV_SctpBackend* __mv_sctp_backend_kernel();

@@ -130,16 +130,7 @@ int kLocalAddresses(int fd, sockaddr_storage* out, int max) {
     sockaddr* addrs = nullptr;
     int n = sctp_getladdrs(fd, 0, &addrs);
     if (n <= 0) return n;
-    int count = 0;
-    auto* p = reinterpret_cast<uint8_t*>(addrs);
-    for (int i = 0; i < n && count < max; ++i) {
-        auto* sa = reinterpret_cast<sockaddr*>(p);
-        size_t sz = sa->sa_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
-        memset(&out[count], 0, sizeof out[count]);
-        memcpy(&out[count], sa, sz);
-        ++count;
-        p += sz;
-    }
+    int count = __mv_sctp_unpack_addresses(addrs, n, out, max);
     sctp_freeladdrs(addrs);
     return count;
 }

@@ -206,6 +206,19 @@ void __mv_socket_engine___add_child(MV_Socket* s) {
     e->SocketEPollAyncWriteCurrent = s;
 }
 
+MV_Socket* __mv_socket_engine___take_child(MV_Socket* parent) {
+    for (MV_Socket* c = parent->ChildHead; c; c = c->Next)
+        if (c->isActive == 0 && c->isFree == 1) return c;
+    MV_Socket* child = __mv_socket_engine___new_socket();
+    child->Parent = parent;
+    if (parent->ChildCurrent) parent->ChildCurrent->Next = child;
+    else parent->ChildHead = child;
+    parent->ChildCurrent = child;
+    ++parent->ChildSocketCount;
+    __mv_socket_engine___add_child(child);
+    return child;
+}
+
 void __mv_socket_engine___wake_reconnect() {
     {
         std::lock_guard g(wake().lock);

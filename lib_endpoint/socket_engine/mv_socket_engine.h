@@ -25,6 +25,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <shared_mutex>
 
 #include "mv_core.h"
 
@@ -158,6 +159,9 @@ struct MV_Socket {
     MV_Mutex ChildLock;
     MV_Mutex CloseLock;
     MV_Mutex ConnectLock;
+    // Reads and sends hold it shared while they use fd, a close holds it alone, so a
+    // descriptor is never closed (and its number reused) under a read or a send.
+    std::shared_mutex FdLock;
     int UseEPoll;  // SCTP read model: 0 own thread, 1 shared epoll threads, 2 round-robin poll threads
 
     int isListner;
@@ -175,7 +179,7 @@ struct MV_Socket {
     int StateFull;
     int noDelay;
     char host[17];
-    int epoll_fd;
+    std::atomic<int> epoll_fd;
 
     MV_SocketBuffer* AyncWriteBufferHead;
     MV_SocketBuffer* AyncWriteBufferCurrent;
@@ -244,7 +248,7 @@ struct MV_Socket {
     fn_mv_on_accept OnAccept;
     fn_mv_on_socket OnClose;
     MV_BufferHandler OnBufferReceive;
-    fn_mv_on_udp_packet OnUdpPacketReceive;
+    std::atomic<fn_mv_on_udp_packet> OnUdpPacketReceive;  // a UDP client's reader starts before the owner sets it
     int OnCloseFired;
     MV_Mutex OnCloseLock;
 

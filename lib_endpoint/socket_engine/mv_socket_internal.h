@@ -14,6 +14,8 @@ MV_Socket* __mv_socket_engine___new_socket();
 // Appends an accepted child to the engine's async list.
 void __mv_socket_engine___add_child(MV_Socket* s);
 int __mv_socket_engine___next_socket_id();
+// Under the parent's ChildLock: the first free child, or a new one on both lists.
+MV_Socket* __mv_socket_engine___take_child(MV_Socket* parent);
 
 // Thread "mv_s_socket" bodies.
 void __mv_socket_engine___tcp_server_loop(MV_Socket* s);

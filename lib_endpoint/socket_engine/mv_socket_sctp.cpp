@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <shared_mutex>
 
 #include "mv_socket_internal.h"
 
@@ -88,24 +89,10 @@ bool sctpAddr(const char* ip, int version, int port, sockaddr_storage* out, sock
 
 int sctpAccept(MV_Socket* parent, int connFd, sockaddr_storage* peer, socklen_t peerLen) {
     const MV_SctpBackend* be = __mv_sctp_backend();
-    MV_Socket* child = nullptr;
+    MV_Socket* child;
     {
         std::lock_guard g(parent->ChildLock);
-        for (MV_Socket* c = parent->ChildHead; c; c = c->Next) {
-            if (c->isActive == 0 && c->isFree == 1) {
-                child = c;
-                break;
-            }
-        }
-        if (!child) {
-            child = __mv_socket_engine___new_socket();
-            child->Parent = parent;
-            if (parent->ChildCurrent) parent->ChildCurrent->Next = child;
-            else parent->ChildHead = child;
-            parent->ChildCurrent = child;
-            ++parent->ChildSocketCount;
-            __mv_socket_engine___add_child(child);
-        }
+        child = __mv_socket_engine___take_child(parent);
         child->TransportType = MV_TRANSPORT_SCTP;
         child->UseSendLock = parent->UseSendLock;
         child->UseEPoll = parent->UseEPoll;
@@ -146,10 +133,10 @@ int sctpAccept(MV_Socket* parent, int connFd, sockaddr_storage* peer, socklen_t 
         if (!child->OnBufferReceive) child->OnBufferReceive = parent->OnBufferReceive;
         if (!child->OnClose) child->OnClose = parent->OnClose;
         if (!child->OnConnected) child->OnConnected = parent->OnConnected;
+        ++child->GenId;
         child->isFree = 0;
         child->isActive = 1;
         child->isConnected = 1;
-        ++child->GenId;
     }
     if (child->StateFull) {
         MV_SOK_LOG(MV_LOG_INFO,
@@ -389,23 +376,26 @@ int __mv_socket_engine___sctp_close(MV_Socket* s, int ret) {
     int fd;
     {
         std::lock_guard g(s->CloseLock);
+        std::unique_lock f(s->FdLock);
         fd = s->fd.exchange(0);
         s->isConnected = 0;
         s->isActive = 0;
-    }
-    // Shut down before closing: after the close the number may already name
-    // another socket.
-    const MV_SctpBackend* be = fd > 0 ? __mv_sctp_backend() : nullptr;
-    if (be) {
-        be->Shutdown(fd, SHUT_RDWR);
-        be->Close(fd);
-        ++__mv_socketEngine->SocketClosedCount;
+        // Shut down before closing: after the close the number may already name
+        // another socket.
+        if (const MV_SctpBackend* be = fd > 0 ? __mv_sctp_backend() : nullptr) {
+            be->Shutdown(fd, SHUT_RDWR);
+            be->Close(fd);
+            ++__mv_socketEngine->SocketClosedCount;
+        }
     }
     if (s->UseEPoll == 1) {
         if (MV_SocketThread* t = s->epollThread.exchange(nullptr)) {
             std::lock_guard c(t->epollSocketFdCountLock);
             --t->epollSocketFdCount;
+            --__mv_socketEngine->TotalSocketsCount;
         }
+    } else if (s->UseEPoll == 2 && fd > 0 && !s->StateFull) {
+        --__mv_socketEngine->TotalSocketsCount;
     }
     {
         std::lock_guard c(s->OnCloseLock);
@@ -446,22 +436,26 @@ int sctpSendCommon(MV_Socket* s, const void* buffer, int len, uint16_t stream, S
         MV_SOK_LOG(MV_LOG_ERROR, "sending data on not-connected sctp socket %s|%s|%d", __FILE_NAME__, __func__, __LINE__);
         return -1;
     }
-    int fd = s->fd;
-    if (fd < 1) {
-        MV_SOK_LOG(MV_LOG_ERROR, "sending data failed fd=%d already closed sctp socket %s|%s|%d", fd, __FILE_NAME__,
-                   __func__, __LINE__);
-        return -1;
-    }
-    const MV_SctpBackend* be = __mv_sctp_backend();
-    ++s->BeforeMessageSend;
     ssize_t n;
-    if (kind == SendKind::Ngap && s->UseSendLock == 1) {
-        std::lock_guard g(s->SendLock);
-        n = be->Send(fd, buffer, size_t(len), stream, ppid, MSG_NOSIGNAL);
-    } else {
-        n = be->Send(fd, buffer, size_t(len), stream, ppid, MSG_NOSIGNAL);
+    int fd, err;
+    {
+        std::shared_lock f(s->FdLock);
+        fd = s->fd;
+        if (fd < 1) {
+            MV_SOK_LOG(MV_LOG_ERROR, "sending data failed fd=%d already closed sctp socket %s|%s|%d", fd,
+                       __FILE_NAME__, __func__, __LINE__);
+            return -1;
+        }
+        const MV_SctpBackend* be = __mv_sctp_backend();
+        ++s->BeforeMessageSend;
+        if (kind == SendKind::Ngap && s->UseSendLock == 1) {
+            std::lock_guard g(s->SendLock);
+            n = be->Send(fd, buffer, size_t(len), stream, ppid, MSG_NOSIGNAL);
+        } else {
+            n = be->Send(fd, buffer, size_t(len), stream, ppid, MSG_NOSIGNAL);
+        }
+        err = errno;
     }
-    int err = errno;
     ++s->AfterMessageSent;
     if (n > 0) {
         s->TotalWrites += n;

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 #include <mutex>
+#include <shared_mutex>
 #include <vector>
 
 #include "mv_socket_internal.h"
@@ -312,16 +313,25 @@ int __mv_socket_engine___sctp_on_notification(MV_Socket* s, const MV_SctpRecvInf
 
 int __mv_socket_engine___sctp_read_one(MV_Socket* s, MV_SocketThread* t, int epollModel) {
     const MV_SctpBackend* be = backend();
-    int fd = s->fd;
-    if (!be || fd < 1) return -1;
+    if (!be) return -1;
     MV_SocketSCTPBuffer* b = __mv_socket_engine_get_sctp_socket_buffer();
     sockaddr_storage from{};
     socklen_t flen = sizeof from;
     MV_SctpRecvInfo info{};
-    int flags = 0;
-    ssize_t n = be->RecvMsg(fd, b->buff, MV_SOCKET_SCTP_BUFFER_SIZE, reinterpret_cast<sockaddr*>(&from), &flen, &info,
-                            &flags);
-    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
+    int flags = 0, fd, err;
+    ssize_t n;
+    {
+        std::shared_lock f(s->FdLock);
+        fd = s->fd;
+        if (fd < 1) {
+            __mv_socket_engine_release_sctp_socket_buffer(b);
+            return -1;
+        }
+        n = be->RecvMsg(fd, b->buff, MV_SOCKET_SCTP_BUFFER_SIZE, reinterpret_cast<sockaddr*>(&from), &flen, &info,
+                        &flags);
+        err = errno;
+    }
+    if (n < 0 && (err == EAGAIN || err == EWOULDBLOCK || err == EINTR)) {
         __mv_socket_engine_release_sctp_socket_buffer(b);
         return 0;
     }
@@ -329,7 +339,7 @@ int __mv_socket_engine___sctp_read_one(MV_Socket* s, MV_SocketThread* t, int epo
         __mv_socket_engine_release_sctp_socket_buffer(b);
         // A descriptor closed under us by a sender or the owner is no read failure.
         if (s->fd != fd) return -1;
-        MV_SOK_LOG(MV_LOG_ERROR, "SCTP error ret=%d n=%d, closing connection <%s|%s|%d>", int(n), errno, __FILE_NAME__,
+        MV_SOK_LOG(MV_LOG_ERROR, "SCTP error ret=%d n=%d, closing connection <%s|%s|%d>", int(n), err, __FILE_NAME__,
                    __func__, __LINE__);
         __mv_socket_engine___sctp_close(s, int(n));
         return -1;

@@ -12,6 +12,8 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <shared_mutex>
+#include <vector>
 
 #include "mv_socket_internal.h"
 
@@ -75,17 +77,15 @@ void releaseWaitingBuffers(MV_Socket* s) {
 
 void visitAsyncWrites(int epollFd) {
     auto* e = __mv_socketEngine;
-    // Only the sockets of this thread with something queued; the list lock is held
-    // for the walk alone, never while buffers go back.
-    MV_Socket* mine[64];
-    int n = 0;
+    // The sockets of this thread; the list lock is held for the walk alone, never
+    // while buffers go back.
+    std::vector<MV_Socket*> mine;
     {
         std::lock_guard g(e->SocketAyncWriteLock);
-        for (MV_Socket* s = e->SocketEPollAyncWriteHead; s && n < 64; s = s->SENext)
-            if (s->epoll_fd == epollFd && s->AyncWriteBufferHead) mine[n++] = s;
+        for (MV_Socket* s = e->SocketEPollAyncWriteHead; s; s = s->SENext)
+            if (s->epoll_fd == epollFd) mine.push_back(s);
     }
-    for (int i = 0; i < n; ++i) {
-        MV_Socket* s = mine[i];
+    for (MV_Socket* s : mine) {
         MV_SocketBuffer* b;
         {
             std::lock_guard g(s->AsyncWriteLock);
@@ -154,60 +154,52 @@ int tcpAddBuffer(MV_Socket* s, MV_SocketBuffer* b) {
 }
 
 int tcpRead(MV_Socket* s) {
-    int fd = s->fd;
-    if (!s->isActive || fd < 1) return 0;
-    int icount = 0;
-    for (;;) {
-        MV_SocketBuffer* b = __mv_socket_engine_get_socket_buffer();
-        ssize_t n = read(fd, b->buff, MV_SOCKET_BUFFER_SIZE);
-        if (n > 0) {
-            b->pos = 0;
-            b->len = int(n);
-            b->siSocket = s;
-            ++icount;
-            ++s->TotalReads;
-            if (MV_SocketThread* t = s->epollThread) {
-                ++t->TotalReads;
-                ++t->LastReads;
+    int icount = 0, fd, err = 0;
+    bool failed = false;
+    {
+        std::shared_lock g(s->FdLock);
+        fd = s->fd;
+        if (!s->isActive || fd < 1) return 0;
+        for (;;) {
+            MV_SocketBuffer* b = __mv_socket_engine_get_socket_buffer();
+            ssize_t n = read(fd, b->buff, MV_SOCKET_BUFFER_SIZE);
+            if (n > 0) {
+                b->pos = 0;
+                b->len = int(n);
+                b->siSocket = s;
+                ++icount;
+                ++s->TotalReads;
+                if (MV_SocketThread* t = s->epollThread) {
+                    ++t->TotalReads;
+                    ++t->LastReads;
+                }
+                s->AddBuffer(s, b);
+                continue;
             }
-            s->AddBuffer(s, b);
-            continue;
+            err = errno;
+            __mv_socket_engine_release_socket_buffer(b);
+            // Nothing to read yet is no failure; a read of 0 closes nothing either: an
+            // orderly close by the peer shows at the next failing send.
+            failed = n < 0 && icount == 0 && err != EAGAIN && err != EWOULDBLOCK && err != EINTR && !s->TlsEnabled;
+            break;
         }
-        int err = errno;
-        __mv_socket_engine_release_socket_buffer(b);
-        // Nothing to read yet is no failure; a read of 0 closes nothing either: an
-        // orderly close by the peer shows at the next failing send.
-        if (n < 0 && icount == 0 && err != EAGAIN && err != EWOULDBLOCK && err != EINTR && !s->TlsEnabled) {
-            MV_SOK_LOG(MV_LOG_ERROR,
-                       "closing socket fd=%d as ReadTimes=0 isSocketErorCode=%d icount=%d errno=%d err=%s EPIPE(%d) "
-                       "<%s|%s|%d>",
-                       fd, __mv_socket_engine_socket_error_code(s), icount, err, strerror(err), EPIPE, __FILE_NAME__,
-                       __func__, __LINE__);
-            s->Close(s);
-        }
-        return icount;
     }
+    if (failed) {
+        MV_SOK_LOG(MV_LOG_ERROR,
+                   "closing socket fd=%d as ReadTimes=0 isSocketErorCode=%d icount=%d errno=%d err=%s EPIPE(%d) "
+                   "<%s|%s|%d>",
+                   fd, __mv_socket_engine_socket_error_code(s), icount, err, strerror(err), EPIPE, __FILE_NAME__,
+                   __func__, __LINE__);
+        s->Close(s);
+    }
+    return icount;
 }
 
 int tcpAccept(MV_Socket* parent, int connFd, sockaddr_storage* peer, socklen_t peerLen) {
-    MV_Socket* child = nullptr;
+    MV_Socket* child;
     {
         std::lock_guard g(parent->ChildLock);
-        for (MV_Socket* c = parent->ChildHead; c; c = c->Next) {
-            if (c->isActive == 0 && c->isFree == 1) {
-                child = c;
-                break;
-            }
-        }
-        if (!child) {
-            child = __mv_socket_engine___new_socket();
-            child->Parent = parent;
-            if (parent->ChildCurrent) parent->ChildCurrent->Next = child;
-            else parent->ChildHead = child;
-            parent->ChildCurrent = child;
-            ++parent->ChildSocketCount;
-            __mv_socket_engine___add_child(child);
-        }
+        child = __mv_socket_engine___take_child(parent);
         setConnectedOptions(child, connFd);
         child->TransportType = MV_TRANSPORT_TCP;
         child->TlsEnabled = parent->TlsEnabled;
@@ -234,10 +226,10 @@ int tcpAccept(MV_Socket* parent, int connFd, sockaddr_storage* peer, socklen_t p
         if (parent->OnAccept) parent->OnAccept(child, parent);
         if (!child->OnBufferReceive) child->OnBufferReceive = parent->OnBufferReceive;
         if (!child->OnClose) child->OnClose = parent->OnClose;
+        ++child->GenId;
         child->isFree = 0;
         child->isActive = 1;
         child->isConnected = 1;
-        ++child->GenId;
     }
     if (!child->StateFull) __mv_socket_engine_attach_to_epoll(child);
     return 1;
@@ -465,10 +457,13 @@ int __mv_socket_engine_tcp_close_socket(MV_Socket* siSocket) {
             releaseWaitingBuffers(s);
             return 0;
         }
-        fd = s->fd.exchange(-1);
-        s->isActive = 0;
-        s->isConnected = 0;
-        if (fd >= 0) close(fd);
+        {
+            std::unique_lock f(s->FdLock);
+            fd = s->fd.exchange(-1);
+            s->isActive = 0;
+            s->isConnected = 0;
+            if (fd >= 0) close(fd);
+        }
         ++__mv_socketEngine->SocketClosedCount;
         if (MV_SocketThread* t = s->epollThread.exchange(nullptr)) {
             --t->count;
@@ -491,27 +486,34 @@ int __mv_socket_engine_tcp_close_socket(MV_Socket* siSocket) {
 int __mv_socket_engine_tcp_send_socket_data(MV_Socket* siSocket, const void* buff, int len, int) {
     MV_Socket* s = siSocket;
     if (!s || !s->isConnected) return -1;
-    int fd = s->fd;
-    if (fd < 0) return -1;
-    ++s->BeforeMessageSend;
-    const auto* p = static_cast<const uint8_t*>(buff);
-    int sent = 0;
-    // A non-blocking socket may take part of a message; the rest must follow it, or
-    // the stream would be cut in the middle of a frame.
-    while (sent < len) {
-        ssize_t n = send(fd, p + sent, size_t(len - sent), MSG_NOSIGNAL);
-        if (n > 0) {
-            sent += int(n);
-            continue;
-        }
-        int err = errno;
-        if (n < 0 && (err == EAGAIN || err == EWOULDBLOCK || err == EINTR)) {
-            pollfd pf{fd, POLLOUT, 0};
-            if (err == EINTR || poll(&pf, 1, 1000) > 0) continue;
-            MV_SOK_LOG(MV_LOG_ERROR, "send timed out on tcp socket fd=%d sent=%d of len=%d ip=%s port=%d <%s|%s|%d>", fd,
-                       sent, len, s->host, int(s->IPPort), __FILE_NAME__, __func__, __LINE__);
+    int sent = 0, fd, err = 0;
+    ssize_t n = 0;
+    {
+        std::shared_lock g(s->FdLock);
+        fd = s->fd;
+        if (fd < 0) return -1;
+        ++s->BeforeMessageSend;
+        const auto* p = static_cast<const uint8_t*>(buff);
+        // A non-blocking socket may take part of a message; the rest must follow it,
+        // or the stream would be cut in the middle of a frame.
+        while (sent < len) {
+            n = send(fd, p + sent, size_t(len - sent), MSG_NOSIGNAL);
+            if (n > 0) {
+                sent += int(n);
+                continue;
+            }
+            err = errno;
+            if (n < 0 && (err == EAGAIN || err == EWOULDBLOCK || err == EINTR)) {
+                pollfd pf{fd, POLLOUT, 0};
+                if (err == EINTR || poll(&pf, 1, 1000) > 0) continue;
+                MV_SOK_LOG(MV_LOG_ERROR,
+                           "send timed out on tcp socket fd=%d sent=%d of len=%d ip=%s port=%d <%s|%s|%d>", fd, sent,
+                           len, s->host, int(s->IPPort), __FILE_NAME__, __func__, __LINE__);
+            }
             break;
         }
+    }
+    if (sent < len && err != EAGAIN && err != EWOULDBLOCK) {
         MV_SOK_LOG(MV_LOG_ERROR,
                    "error while sending data, closing tcp socket fd=%d as iSentBytes=%d is <= 0 errorno=%d strerror=%s "
                    "EPIPE(%d) ip=%s port=%d  <%s|%s|%d>",

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <shared_mutex>
 
 #include "mv_socket_internal.h"
 
@@ -24,11 +25,12 @@ int udpClose(MV_Socket* s) {
     {
         std::lock_guard g(s->CloseLock);
         if (!s->isActive && !s->isConnected) return 0;
+        std::unique_lock f(s->FdLock);
         fd = s->fd.exchange(-1);
         s->isActive = 0;
         s->isConnected = 0;
+        if (fd >= 0) close(fd);
     }
-    if (fd >= 0) close(fd);
     ++__mv_socketEngine->SocketClosedCount;
     if (s->OnClose) s->OnClose(s);
     return 1;
@@ -36,7 +38,7 @@ int udpClose(MV_Socket* s) {
 
 void deliverUdp(void* data) {
     auto* b = static_cast<MV_SocketUdpBuffer*>(data);
-    fn_mv_on_udp_packet cb = b->siSocket ? b->siSocket->OnUdpPacketReceive : nullptr;
+    fn_mv_on_udp_packet cb = b->siSocket ? b->siSocket->OnUdpPacketReceive.load() : nullptr;
     if (cb) cb(b);
     else __mv_socket_engine_release_socket_udp_buffer(b);
 }
@@ -54,9 +56,14 @@ void readLoop(MV_Socket* s) {
         MV_SocketUdpBuffer* b = __mv_socket_engine_get_socket_udp_buffer();
         sockaddr_storage from{};
         socklen_t flen = sizeof from;
-        ssize_t n = recvfrom(fd, b->buff, MV_SOCKET_UDP_BUFFER_SIZE, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&from),
+        ssize_t n = -1;
+        {
+            std::shared_lock f(s->FdLock);
+            if (s->fd == fd)
+                n = recvfrom(fd, b->buff, MV_SOCKET_UDP_BUFFER_SIZE, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&from),
                              &flen);
-        if (n <= 0 || !s->OnUdpPacketReceive) {
+        }
+        if (n <= 0 || !s->OnUdpPacketReceive.load()) {
             __mv_socket_engine_release_socket_udp_buffer(b);
             continue;
         }
@@ -177,6 +184,7 @@ int __mv_socket_engine_udp_send(MV_Socket* siSocket, const char* ip, int port, i
     to.sin_family = AF_INET;
     to.sin_port = htons(uint16_t(port));
     if (!ip || inet_pton(AF_INET, ip, &to.sin_addr) != 1) return -1000;
+    std::shared_lock f(siSocket->FdLock);
     ssize_t n = sendto(siSocket->fd, buff, size_t(len), MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&to), sizeof to);
     if (n > 0) ++siSocket->AfterMessageSent;
     return int(n);
@@ -185,6 +193,7 @@ int __mv_socket_engine_udp_send(MV_Socket* siSocket, const char* ip, int port, i
 int __mv_socket_engine_udp_send2(MV_Socket* siSocket, const sockaddr* servaddr, socklen_t slen, const void* buff,
                                  int len) {
     if (!siSocket || siSocket->fd < 0 || !servaddr) return -1;
+    std::shared_lock f(siSocket->FdLock);
     ssize_t n = sendto(siSocket->fd, buff, size_t(len), MSG_DONTWAIT, servaddr, slen);
     if (n > 0) ++siSocket->AfterMessageSent;
     return int(n);
@@ -199,6 +208,7 @@ int __mv_socket_engine_udp_send_socket_data(MV_Socket* siSocket, const void* buf
     const sockaddr* to = siSocket->ai_family == AF_INET6 ? reinterpret_cast<const sockaddr*>(&siSocket->cli_addr6)
                                                          : reinterpret_cast<const sockaddr*>(&siSocket->cli_addr);
     ++siSocket->BeforeMessageSend;
+    std::shared_lock f(siSocket->FdLock);
     ssize_t n = sendto(siSocket->fd, buff, size_t(len), MSG_DONTWAIT, to, siSocket->cli_len);
     if (n > 0) ++siSocket->AfterMessageSent;
     return int(n);

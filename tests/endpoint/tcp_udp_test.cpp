@@ -173,7 +173,7 @@ TEST_F(Tcp, EngineClientEchoCloseAndReconnectReusesTheChild) {
     EXPECT_EQ(r.closes.load(), 2);
 
     ASSERT_EQ(cli->Connect(cli), 1);
-    ASSERT_TRUE(kst::waitFor([&] { return r.accepts.load() == 2; }, 5));
+    ASSERT_TRUE(kst::waitFor([&] { return r.accepts.load() == 2 && child->isActive == 1; }, 5));
     EXPECT_EQ(lastChild.load(), child) << "the free child is reused";
     EXPECT_EQ(child->id, childId);
     EXPECT_EQ(child->GenId, gen + 1);

@@ -219,6 +219,37 @@ MV_Socket* __mv_socket_engine___take_child(MV_Socket* parent) {
     return child;
 }
 
+void __mv_socket_engine___hand_child_over(MV_Socket* parent, MV_Socket* child, int connFd, bool copyOnConnected) {
+    child->parentData1 = child->transportEng = nullptr;
+    child->OnBufferReceive = nullptr;
+    child->OnClose = nullptr;
+    child->OnConnected = nullptr;
+    child->fd = connFd;
+    if (parent->OnAccept) parent->OnAccept(child, parent);
+    if (!child->OnBufferReceive) child->OnBufferReceive = parent->OnBufferReceive;
+    if (!child->OnClose) child->OnClose = parent->OnClose;
+    if (copyOnConnected && !child->OnConnected) child->OnConnected = parent->OnConnected;
+    // GenId before isActive: whoever sees the child active sees its new generation.
+    ++child->GenId;
+    child->isFree = 0;
+    child->isActive = 1;
+    child->isConnected = 1;
+}
+
+int __mv_socket_engine___server_descriptor(MV_Socket* s, int type, const char* kind, const char* reuseKind) {
+    int fd = socket(s->IPVersion == 6 ? AF_INET6 : AF_INET, type | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        printf("%s Host Server Socket Creation Failed (Host Process) for Port=%d\n", kind, int(s->IPPort));
+        exit(0);
+    }
+    int on = 1;
+    if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0) {
+        printf("%s setsockopt SO_REUSEADDR failed", reuseKind);
+        exit(0);
+    }
+    return fd;
+}
+
 void __mv_socket_engine___wake_reconnect() {
     {
         std::lock_guard g(wake().lock);

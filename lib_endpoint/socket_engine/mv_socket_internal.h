@@ -17,6 +17,14 @@ int __mv_socket_engine___next_socket_id();
 // Under the parent's ChildLock: the first free child, or a new one on both lists.
 MV_Socket* __mv_socket_engine___take_child(MV_Socket* parent);
 
+// Under ChildLock, with the child's transport state set: clears what the last owner
+// left, gives the child its descriptor, calls OnAccept, takes the parent's callbacks
+// where OnAccept set none, and marks the child active with a new GenId.
+void __mv_socket_engine___hand_child_over(MV_Socket* parent, MV_Socket* child, int connFd, bool copyOnConnected);
+// A server's descriptor with SO_REUSEADDR; a failure ends the process with the texts
+// "<kind> Host Server Socket Creation Failed ..." and "<reuseKind> setsockopt SO_REUSEADDR failed".
+int __mv_socket_engine___server_descriptor(MV_Socket* s, int type, const char* kind, const char* reuseKind);
+
 // Thread "mv_s_socket" bodies.
 void __mv_socket_engine___tcp_server_loop(MV_Socket* s);
 void __mv_socket_engine___udp_server_loop(MV_Socket* s);

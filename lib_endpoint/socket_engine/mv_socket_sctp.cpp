@@ -123,20 +123,8 @@ int sctpAccept(MV_Socket* parent, int connFd, sockaddr_storage* peer, socklen_t 
         child->UnknownSCTPEventCount = 0;
         child->OnCloseFired = 0;
         child->epollThread = nullptr;
-        child->parentData1 = child->transportEng = nullptr;
-        child->OnBufferReceive = nullptr;
-        child->OnClose = nullptr;
-        child->OnConnected = nullptr;
         __mv_socket_engine___set_sctp_operations(child);
-        child->fd = connFd;
-        if (parent->OnAccept) parent->OnAccept(child, parent);
-        if (!child->OnBufferReceive) child->OnBufferReceive = parent->OnBufferReceive;
-        if (!child->OnClose) child->OnClose = parent->OnClose;
-        if (!child->OnConnected) child->OnConnected = parent->OnConnected;
-        ++child->GenId;
-        child->isFree = 0;
-        child->isActive = 1;
-        child->isConnected = 1;
+        __mv_socket_engine___hand_child_over(parent, child, connFd, true);
     }
     if (child->StateFull) {
         MV_SOK_LOG(MV_LOG_INFO,

@@ -217,19 +217,8 @@ int tcpAccept(MV_Socket* parent, int connFd, sockaddr_storage* peer, socklen_t p
         child->BufferLength = child->BufferPacketCount = 0;
         child->ReadInProgress = 0;
         child->ReadSignal = 0;
-        child->parentData1 = child->transportEng = nullptr;
-        child->OnBufferReceive = nullptr;
-        child->OnClose = nullptr;
-        child->OnConnected = nullptr;
         __mv_socket_engine___set_tcp_operations(child);
-        child->fd = connFd;
-        if (parent->OnAccept) parent->OnAccept(child, parent);
-        if (!child->OnBufferReceive) child->OnBufferReceive = parent->OnBufferReceive;
-        if (!child->OnClose) child->OnClose = parent->OnClose;
-        ++child->GenId;
-        child->isFree = 0;
-        child->isActive = 1;
-        child->isConnected = 1;
+        __mv_socket_engine___hand_child_over(parent, child, connFd, false);
     }
     if (!child->StateFull) __mv_socket_engine_attach_to_epoll(child);
     return 1;
@@ -302,17 +291,7 @@ void __mv_socket_engine_attach_to_epoll(MV_Socket* siSocket) {
 }
 
 void __mv_socket_engine___tcp_server_loop(MV_Socket* s) {
-    int family = s->IPVersion == 6 ? AF_INET6 : AF_INET;
-    int fd = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        printf("TCP Host Server Socket Creation Failed (Host Process) for Port=%d\n", int(s->IPPort));
-        exit(0);
-    }
-    int on = 1;
-    if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0) {
-        printf("TCP setsockopt SO_REUSEADDR failed");
-        exit(0);
-    }
+    int fd = __mv_socket_engine___server_descriptor(s, SOCK_STREAM, "TCP", "TCP");
     sockaddr_storage addr;
     socklen_t alen;
     const char* ip = s->IPAddressCount ? s->IPAddresses[0].IP : nullptr;

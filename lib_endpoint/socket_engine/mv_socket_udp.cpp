@@ -91,17 +91,7 @@ void __mv_socket_engine___set_udp_operations(MV_Socket* s) {
 }
 
 void __mv_socket_engine___udp_server_loop(MV_Socket* s) {
-    int family = s->IPVersion == 6 ? AF_INET6 : AF_INET;
-    int fd = socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        printf("UDP Host Server Socket Creation Failed (Host Process) for Port=%d\n", int(s->IPPort));
-        exit(0);
-    }
-    int on = 1;
-    if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0) {
-        printf("UCP setsockopt SO_REUSEADDR failed");
-        exit(0);
-    }
+    int fd = __mv_socket_engine___server_descriptor(s, SOCK_DGRAM, "UDP", "UCP");
     sockaddr_storage addr;
     socklen_t alen;
     // IPv6 servers listen on every address.

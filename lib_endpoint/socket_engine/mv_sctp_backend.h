@@ -23,8 +23,10 @@ constexpr uint16_t MV_SCTP_SN_SEND_FAILED = 32771;
 constexpr uint16_t MV_SCTP_SN_REMOTE_ERROR = 32772;
 constexpr uint16_t MV_SCTP_SN_SHUTDOWN_EVENT = 32773;
 
-// Set in RecvMsg's flags when the message is a notification, not data.
+// Set in RecvMsg's flags when the message is a notification, not data, and when
+// the read ends a message (a message larger than the buffer comes in pieces).
 constexpr int MV_SCTP_MSG_NOTIFICATION = 0x8000;
+constexpr int MV_SCTP_MSG_EOR = 0x4000;
 
 constexpr int MV_SCTP_BINDX_ADD = 1;
 constexpr int MV_SCTP_BINDX_REM = 2;

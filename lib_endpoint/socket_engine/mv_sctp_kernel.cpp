@@ -86,7 +86,8 @@ ssize_t kRecvMsg(int fd, void* buf, size_t len, sockaddr* from, socklen_t* froml
     sctp_sndrcvinfo sinfo{};
     int flags = 0;
     int n = sctp_recvmsg(fd, buf, len, from, fromlen, &sinfo, &flags);
-    if (msgFlags) *msgFlags = (flags & MSG_NOTIFICATION) ? MV_SCTP_MSG_NOTIFICATION : 0;
+    if (msgFlags)
+        *msgFlags = ((flags & MSG_NOTIFICATION) ? MV_SCTP_MSG_NOTIFICATION : 0) | ((flags & MSG_EOR) ? MV_SCTP_MSG_EOR : 0);
     if (!info) return n;
     *info = MV_SctpRecvInfo{};
     info->stream = sinfo.sinfo_stream;

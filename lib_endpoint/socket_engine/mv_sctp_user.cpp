@@ -313,7 +313,9 @@ ssize_t uRecvMsg(int fd, void* buf, size_t len, sockaddr* from, socklen_t* froml
         ssize_t n = usrsctp_recvv(r->so, buf, len, from, fromlen ? &fl : nullptr, &rcv, &infolen, &infotype, &flags);
         if (n >= 0) {
             if (fromlen) *fromlen = fl;
-            if (msgFlags) *msgFlags = (flags & MSG_NOTIFICATION) ? MV_SCTP_MSG_NOTIFICATION : 0;
+            if (msgFlags)
+                *msgFlags =
+                    ((flags & MSG_NOTIFICATION) ? MV_SCTP_MSG_NOTIFICATION : 0) | ((flags & MSG_EOR) ? MV_SCTP_MSG_EOR : 0);
             if (info) {
                 *info = MV_SctpRecvInfo{};
                 if (infotype == SCTP_RECVV_RCVINFO) {

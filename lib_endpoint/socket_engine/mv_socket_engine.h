@@ -241,6 +241,8 @@ struct MV_Socket {
     std::atomic<MV_SocketThread*> epollThread;
     std::atomic<int> UnknownSCTPEventCount;
     MV_SocketThread* clientReadThread;
+    // 1 while the rest of a message too large for one SCTP buffer is read and dropped.
+    std::atomic<int> SctpDiscardToEOR;
 
     void* parentData1;
     void* transportEng;

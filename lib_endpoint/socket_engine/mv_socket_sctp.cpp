@@ -121,6 +121,7 @@ int sctpAccept(MV_Socket* parent, int connFd, sockaddr_storage* peer, socklen_t 
         child->BeforeMessageSend = child->AfterMessageSent = child->ReceivedMessages = 0;
         child->LastMessageSent = child->LastReceivedMessages = 0;
         child->UnknownSCTPEventCount = 0;
+        child->SctpDiscardToEOR = 0;
         child->OnCloseFired = 0;
         child->epollThread = nullptr;
         __mv_socket_engine___set_sctp_operations(child);
@@ -331,6 +332,7 @@ int __mv_socket_engine_sctp_connect_socket(MV_Socket* siSocket) {
         return -1;
     }
     s->UnknownSCTPEventCount = 0;
+    s->SctpDiscardToEOR = 0;
     s->last_o_streams = 0;
     {
         std::lock_guard c(s->OnCloseLock);

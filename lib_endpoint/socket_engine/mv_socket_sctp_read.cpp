@@ -348,6 +348,17 @@ int __mv_socket_engine___sctp_read_one(MV_Socket* s, MV_SocketThread* t, int epo
         __mv_socket_engine_release_sctp_socket_buffer(b);
         return __mv_socket_engine___sctp_on_notification(s, info, int(n), epollModel) ? -1 : 1;
     }
+    // A message larger than the buffer comes in pieces; a piece handed on as a
+    // message would be decoded as one, so the whole message is dropped instead.
+    bool eor = flags & MV_SCTP_MSG_EOR;
+    if (s->SctpDiscardToEOR || !eor) {
+        if (!s->SctpDiscardToEOR)
+            MV_SOK_LOG(MV_LOG_ERROR, "sctp message longer than %d bytes on stream=%u dropped fd=%d <%s|%s|%d>",
+                       MV_SOCKET_SCTP_BUFFER_SIZE, unsigned(info.stream), fd, __FILE_NAME__, __func__, __LINE__);
+        s->SctpDiscardToEOR = eor ? 0 : 1;
+        __mv_socket_engine_release_sctp_socket_buffer(b);
+        return 1;
+    }
     b->pos = 0;
     b->len = int(n);
     b->ppid = ntohl(info.ppid);

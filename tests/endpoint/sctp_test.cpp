@@ -314,9 +314,17 @@ TEST_F(Sctp, ServerSideAcceptsEchoesAndGivesEveryBufferBack) {
     EXPECT_NE(std::string(srv->ChildHead->ClientConnectionId).find(std::string(kse::Netns::A[1]) + "-132-"),
               std::string::npos);
 
+    // A message too large for one buffer is dropped whole, not handed on in pieces.
+    std::string big(MV_SOCKET_SCTP_BUFFER_SIZE + 1000, 'b');
+    ASSERT_EQ(__mv_socket_engine_sctp_send(cli, big.data(), int(big.size())), int(big.size()));
     // Warm the pool, then count: a long exchange must leave the counts as they were.
     ASSERT_EQ(__mv_socket_engine_sctp_send(cli, "warm", 4), 4);
     ASSERT_TRUE(kst::waitFor([&] { return r.messageCount() == 1; }, 5));
+    {
+        std::lock_guard g(r.m);
+        EXPECT_EQ(r.messages.front(), "warm");
+    }
+    EXPECT_NE(kse::stackLog().find("sctp message longer than 5000 bytes on stream=0 dropped"), std::string::npos);
     MV_SocketPoolCounts before = __mv_socket_engine_sctp_pool_counts();
     constexpr int kMessages = 3000;
     std::string payload(200, 'p');

@@ -17,6 +17,7 @@
 
 #include "KsPool.h"
 #include "Kestrane_seams.h"
+#include "mv_socket_engine.h"
 #include "Kestrane_util.h"
 #include "mvalgo.h"
 
@@ -83,6 +84,9 @@ void readScalarKeys(json_t* cfg) {
     uint32_t t = uint32_t(KsJson::number(cfg, "DefaultTimeoutSeconds", 7));
     __ksEngine->DefaultTimeoutSeconds = t < 2 ? 2 : t;
     __ksEngine->UseSCTPSendLock = uint32_t(KsJson::number(cfg, "SCTPSendLock", 0));
+    char sctpBackend[16] = "auto";
+    KsJson::copyString(cfg, "SCTPBackend", sctpBackend, sizeof sctpBackend);
+    __mv_socket_engine__set_sctp_backend(sctpBackend, int(KsJson::number(cfg, "SCTPUDPPort", 0)));
     __ksEngine->DataPlanePort = uint32_t(KsJson::number(cfg, "DataPlanePort", 0));
     KsJson::copyString(cfg, "DataPlaneIP", __ksEngine->DataPlaneIP, sizeof __ksEngine->DataPlaneIP);
     KsJson::copyString(cfg, "DataPlaneAccessIP", __ksEngine->DataPlaneAccessIP, sizeof __ksEngine->DataPlaneAccessIP);
@@ -266,7 +270,7 @@ int KsEngine__Startup(int argc, char** argv) {
     snprintf(logRoot, sizeof logRoot, "%s/logs/", cwd);
     __init_morva_core();
     __mv_init_logger(logRoot);
-    KsSeam__socket_engine_init();
+    __mv_socket_engine_init();
     __mv_ogs_init_crypto_fun();
     printf("logs path:%s\n", logRoot);
 

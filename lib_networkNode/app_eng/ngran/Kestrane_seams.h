@@ -13,7 +13,6 @@ struct __ks_step;
 struct __mv_ks__RanAmfConn;
 struct __mv_ks__ngran_UeContext;
 
-void KsSeam__socket_engine_init();
 void KsSeam__TemplateMgr_Init();
 void KsSeam__AddStaticAMF(json_t* amf);
 void KsSeam__create_cpTeidTable();

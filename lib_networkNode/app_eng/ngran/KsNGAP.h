@@ -65,6 +65,12 @@ void KsNGAP__ReleaseRanUeContext(MV_KsUE* ue, uint8_t bearer);
 
 // Three PLMN bytes of TS 38.413 (TS 24.008 digit order); short inputs leave `out`.
 void KsNGAP_get_plmnHex(uint8_t* out, const char* mcc, const char* mnc);
+// The engine keeps PLMNs in the TS 24.008 order that NAS carries (third MNC digit in
+// the high nibble of the second byte). NGAP's PLMN Identity packs the six digits in
+// order instead (TS 38.413 9.3.3.5): the first MNC digit there. The two agree for a
+// 2-digit MNC; these convert at the NGAP boundary.
+void KsNGAP___plmnToWire(const uint8_t* enginePlmn, uint8_t* wire);
+void KsNGAP___plmnFromWire(const uint8_t* wire, uint8_t* enginePlmn);
 // The ten bytes of a 5G-GUTI value.
 void KsNGAP_set_fgguti(uint8_t* data, const uint8_t* hexPlmn, uint8_t region, uint16_t amfSetId, uint8_t pointer,
                        uint32_t tmsi);

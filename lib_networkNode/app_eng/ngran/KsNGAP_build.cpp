@@ -141,6 +141,29 @@ MV_AMF_DT_RANNodeName* nodeName(const MV_KsNGRan* ran) {
 
 void KsNGAP_get_plmnHex(uint8_t* out, const char* mcc, const char* mnc) { KsEngine__get_plmnHex(out, mcc, mnc); }
 
+void KsNGAP___plmnToWire(const uint8_t* p, uint8_t* w) {
+    w[0] = p[0];
+    if ((p[1] >> 4) == 0x0F) {
+        w[1] = p[1];
+        w[2] = p[2];
+        return;
+    }
+    // engine: [1] = MNC3|MCC3, [2] = MNC2|MNC1; wire: [1] = MNC1|MCC3, [2] = MNC3|MNC2
+    w[1] = uint8_t((p[2] & 0x0F) << 4 | (p[1] & 0x0F));
+    w[2] = uint8_t((p[1] & 0xF0) | (p[2] >> 4));
+}
+
+void KsNGAP___plmnFromWire(const uint8_t* w, uint8_t* p) {
+    p[0] = w[0];
+    if ((w[1] >> 4) == 0x0F) {
+        p[1] = w[1];
+        p[2] = w[2];
+        return;
+    }
+    p[1] = uint8_t((w[2] & 0xF0) | (w[1] & 0x0F));
+    p[2] = uint8_t((w[2] & 0x0F) << 4 | (w[1] >> 4));
+}
+
 void KsNGAP_set_fgguti(uint8_t* data, const uint8_t* hexPlmn, uint8_t region, uint16_t amfSetId, uint8_t pointer,
                        uint32_t tmsi) {
     memcpy(data, hexPlmn, 3);
@@ -177,7 +200,11 @@ void KsNGAP__setCause(MV_AMF_DT_Cause* cause, uint8_t group, uint8_t value) {
 
 namespace {
 
-MV_AMF_DT_PLMNIdentity* plmnRec(const uint8_t* hexPlmn) { return octets<MV_AMF_DT_PLMNIdentity>(hexPlmn, 3); }
+MV_AMF_DT_PLMNIdentity* plmnRec(const uint8_t* hexPlmn) {
+    uint8_t wire[3];
+    KsNGAP___plmnToWire(hexPlmn, wire);
+    return octets<MV_AMF_DT_PLMNIdentity>(wire, 3);
+}
 
 MV_AMF_DT_TAC* tacRec(uint32_t value) {
     const uint8_t b[3] = {uint8_t(value >> 16), uint8_t(value >> 8), uint8_t(value)};

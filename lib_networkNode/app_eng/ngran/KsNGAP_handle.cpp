@@ -147,7 +147,7 @@ void KsNGAP__handle_NGSetupResponse(MV_KsRanAmfConnection* conn, MV_AMF_DT_NGSet
                 if (!item || !item->gUAMI) continue;
                 MV_AMF_DT_GUAMI* gu = item->gUAMI;
                 MV_KsAmfServedGuami& e = amf->ServedGuami[amf->ServedGuamiCount++];
-                if (gu->pLMNIdentity && gu->pLMNIdentity->length >= 3) memcpy(e.PLMN, gu->pLMNIdentity->data, 3);
+                if (gu->pLMNIdentity && gu->pLMNIdentity->length >= 3) KsNGAP___plmnFromWire(gu->pLMNIdentity->data, e.PLMN);
                 if (gu->aMFRegionID && gu->aMFRegionID->length >= 1) e.amfRegionId = gu->aMFRegionID->data[0];
                 if (gu->aMFSetID && gu->aMFSetID->length >= 2)
                     e.amfSetId = uint16_t((gu->aMFSetID->data[0] << 8 | gu->aMFSetID->data[1]) >> 6);

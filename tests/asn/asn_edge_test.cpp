@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "asn_testlib.h"
+#include "mv_core.h"
 #include "mv_amf_asn.h"
 #include "mv_mme_asn.h"
 
@@ -72,6 +73,52 @@ TEST(AsnEdge, OpenTypeAndPduLengthForms) {
         __mv_amf_memfree_pdu_DownlinkNASTransport(d);
         __mv_amf_memfree_pdu_DownlinkNASTransport(m);
     }
+}
+
+std::vector<std::string> gLogged;
+void keepLine(int, const char* line) { gLogged.push_back(line); }
+
+TEST(AsnEdge, CodingBufferBoundIsNeverPassed) {
+    __mv_asn_set_log_sink(keepLine, MV_LOG_ERROR);
+    // NAS-PDUs around the bound: the PDU either fits in the buffer or is refused with a log line
+    bool fitted = false, refused = false;
+    for (size_t n = 4960; n <= 4990; n++) {
+        SCOPED_TRACE(n);
+        gLogged.clear();
+        auto* m = downlink(1, 2, n);
+        __mv_asn_init_CodingContext(&g_ctx);
+        int r = __mv_amf_encode_pdu_DownlinkNASTransport(m, &g_ctx);
+        __mv_amf_memfree_pdu_DownlinkNASTransport(m);
+        if (r == 0) {
+            fitted = true;
+            EXPECT_LE(g_ctx.pos, MV_ASN_BUFFER_SIZE);
+            EXPECT_TRUE(gLogged.empty());
+            // and what fits is read back
+            std::vector<uint8_t> b = bytesOf(g_ctx);
+            const MvAsnPdu* p = __mv_asn_find_pdu(kPdus, kPduCount, b.data(), b.size());
+            ASSERT_NE(p, nullptr);
+            void* back = nullptr;
+            EXPECT_EQ(decodePdu(p, b, &back), 1);
+            __mv_asn_memfree_pdu(p, back);
+        } else {
+            refused = true;
+            EXPECT_LT(r, 0);
+            ASSERT_FALSE(gLogged.empty());
+            EXPECT_NE(gLogged[0].find("does not fit the coding buffer of 5000 bytes"), std::string::npos) << gLogged[0];
+        }
+    }
+    EXPECT_TRUE(fitted && refused) << "the range crosses the bound";
+
+    // a received PDU larger than the buffer is not copied in
+    gLogged.clear();
+    std::vector<uint8_t> big(MV_ASN_BUFFER_SIZE + 1, 0);
+    __mv_asn_coding_context d;
+    EXPECT_EQ(__mv_asn_init_decode(&d, big.data(), big.size()), 0);
+    EXPECT_EQ(d.len, 0);
+    ASSERT_EQ(gLogged.size(), 1u);
+    EXPECT_NE(gLogged[0].find("PDU of 5001 bytes is larger than the coding buffer (5000), dropped"), std::string::npos);
+    EXPECT_EQ(__mv_asn_init_decode(&d, big.data(), MV_ASN_BUFFER_SIZE), 1);
+    __mv_asn_set_log_sink(nullptr, 0);
 }
 
 TEST(AsnEdge, LargestUeIdsAndTheirLengthFields) {

@@ -49,7 +49,8 @@ struct __mv_asn_list {
 };
 int __mv_asn_list_add(__mv_asn_list** list, void* data);
 
-// Record memory of the codec, zeroed.
+// Record memory of the codec, zeroed: __mv_allocM and __mv_freeM once the runtime is up (the
+// engine), the system heap in a process that never starts it (the tool, codec-only tests).
 void* __mv_asn_alloc(size_t size);
 void __mv_asn_free(void* p);
 

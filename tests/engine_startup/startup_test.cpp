@@ -3,6 +3,7 @@
 // forked child that ran start-up in-process.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -92,6 +93,9 @@ TEST(Startup, PortsAtTheEdgesStartAndSignalsEndTheProcess) {
         std::string line = "Received signal=" + std::to_string(c.sig) + " exiting";
         for (const char* ch : {"stk", "per", "app", "cmn"})
             EXPECT_NE(kst::readLogDir(s.dir + "/logs/" + ch).find(line), std::string::npos) << ch;
+        struct stat st;
+        ASSERT_EQ(stat((s.dir + "/data").c_str(), &st), 0) << "a missing data/ is created";
+        EXPECT_EQ(st.st_mode & 0777, 0700u);
     }
 }
 
@@ -201,6 +205,56 @@ TEST(StartupValues, ListsAreCutAtTenAndPortDefaults) {
     EXPECT_EQ(d.ipCount, 10u);
     EXPECT_EQ(d.ueFiles, 10u);
     EXPECT_EQ(d.port, 9119u);
+}
+
+// ---------------------------------------------------------------- a million UEs
+
+struct Million {
+    int32_t configured = -1;
+    uint32_t found = 0, wrong = 0;
+};
+
+TEST(StartupScale, AMillionConfiguredUEsStartAndEachIsFoundByItsIMSI) {
+    constexpr uint64_t kFirst = 1010000000001ull, kCount = 1000000;  // 001010000000001 .. 001010001000000
+    Scratch s;
+    mkdir((s.dir + "/data").c_str(), 0700);
+    kst::writeFile(s.dir + "/data/uel.json",
+                   R"([{"ID": 1, "MSINStart": "001010000000001", "MSINEnd": "001010001000000", "MCC": "001", "MNC": "01"}])");
+    std::string path = s.writeConfig(config("\"MaximumUE\": 1000000, \"IMSIPrefixWithZERO\": 1"));
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    pid_t pid = fork();
+    if (pid == 0) {
+        close(fds[0]);
+        if (chdir(s.dir.c_str()) != 0) _exit(2);
+        int devnull = open("/dev/null", O_WRONLY);
+        dup2(devnull, 1);
+        char* argv[] = {const_cast<char*>("kestrane"), const_cast<char*>(path.c_str()), nullptr};
+        Million m;
+        if (KsEngine__Startup(2, argv) == 1) {
+            m.configured = __ksEngine->ksUETotal;
+            for (uint64_t i = 0; i < kCount; i++) {
+                char imsi[24];
+                snprintf(imsi, sizeof imsi, "%015llu", (unsigned long long)(kFirst + i));
+                MV_KsUE* ue = nullptr;
+                KsEngine__FindUEByIMSI(&ue, imsi);
+                if (!ue) continue;
+                ++m.found;
+                if (ue->l_imsi != kFirst + i || strcmp(ue->supi + 5, imsi) != 0 || ue->ueId != i) ++m.wrong;
+            }
+        }
+        if (write(fds[1], &m, sizeof m) != sizeof m) _exit(3);
+        _exit(0);
+    }
+    close(fds[1]);
+    Million m;
+    EXPECT_EQ(read(fds[0], &m, sizeof m), ssize_t(sizeof m));
+    close(fds[0]);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    EXPECT_EQ(m.configured, int32_t(kCount));
+    EXPECT_EQ(m.found, kCount);
+    EXPECT_EQ(m.wrong, 0u) << "each IMSI finds its own record";
 }
 
 }  // namespace

@@ -121,6 +121,47 @@ TEST(AsnEdge, CodingBufferBoundIsNeverPassed) {
     __mv_asn_set_log_sink(nullptr, 0);
 }
 
+// Where X.691 decides the form: after three bits of something else, a whole number of 129 to 255
+// values is an unaligned bit-field, of 256 an aligned octet; an ENUMERATED extension value is its
+// index as a normally small number with nothing aligned after it.
+TEST(AsnEdge, WholeNumberAndEnumeratedFormsFollowX691) {
+    struct Case {
+        const char* what;
+        int64_t ub;
+        uint64_t v;
+        const char* hex;
+    };
+    for (const Case& c : {Case{"0..127", 127, 0x7F, "bfc0"}, Case{"0..128", 128, 0x80, "b000"},
+                          Case{"0..254", 254, 0xFE, "bfc0"}, Case{"0..255", 255, 0xAA, "a0aa"},
+                          Case{"0..256", 256, 0xAA, "a000aa"}}) {
+        SCOPED_TRACE(c.what);
+        __mv_asn_init_CodingContext(&g_ctx);
+        __mv_asn_add_value_bits(5, 3, &g_ctx);  // 101
+        ASSERT_EQ(__mv_asn_AddConstrainedInteger(c.v, 0, 0, c.ub, 0, &g_ctx), 0);
+        __mv_asn_pad_bits(&g_ctx);
+        EXPECT_EQ(toHex(bytesOf(g_ctx)), c.hex);
+        __mv_asn_coding_context d;
+        __mv_asn_init_decode(&d, g_ctx.buffer, g_ctx.pos);
+        uint64_t skip = 0, v = 0;
+        int isset = 0;
+        __mv_asn_get_bits(3, &skip, &d);
+        EXPECT_EQ(__mv_asn_GetConstrainedInteger(&v, &isset, 0, c.ub, 0, &d), 0);
+        EXPECT_EQ(v, c.v);
+    }
+    // ENUMERATED { a, b, c, ... , d, e }: e is extension index 1: bit 1, then 0 and six bits of 1,
+    // and the next bit follows at once
+    __mv_asn_init_CodingContext(&g_ctx);
+    ASSERT_EQ(__mv_asn_AddEnum(4, 1, 1, 3, 2, &g_ctx), 0);
+    __mv_asn_add_bit(1, &g_ctx);
+    __mv_asn_pad_bits(&g_ctx);
+    EXPECT_EQ(toHex(bytesOf(g_ctx)), "8180");
+    __mv_asn_coding_context d;
+    __mv_asn_init_decode(&d, g_ctx.buffer, g_ctx.pos);
+    EXPECT_EQ(__mv_asn_get_bit_val(&d), 1);
+    EXPECT_EQ(__mv_asn_GetEnum(1, 3, &d), 4);
+    EXPECT_EQ(__mv_asn_get_bit_val(&d), 1);
+}
+
 TEST(AsnEdge, LargestUeIdsAndTheirLengthFields) {
     auto* m = downlink((1ull << 40) - 1, 0xFFFFFFFFull, 3);
     __mv_asn_init_CodingContext(&g_ctx);

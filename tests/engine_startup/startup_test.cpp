@@ -182,11 +182,11 @@ struct Derived {
     uint32_t timeout, app, stk, cmn, port, ipCount, ueFiles;
 };
 
-// Runs start-up in a forked child (this process never starts the engine itself) and
-// reports the values through a pipe.
-Derived startInChild(const std::string& cfgText) {
-    Scratch s;
-    std::string path = s.writeConfig(cfgText);
+// Runs start-up in a forked child (this process never starts the engine itself) in the
+// scratch directory and hands back, through a pipe, what `collect` reads from the started
+// engine; a default T when start-up stops.
+template <class T, class F>
+T startedInChild(const Scratch& s, const std::string& cfgPath, F collect) {
     int fds[2];
     EXPECT_EQ(pipe(fds), 0);
     pid_t pid = fork();
@@ -195,23 +195,28 @@ Derived startInChild(const std::string& cfgText) {
         if (chdir(s.dir.c_str()) != 0) _exit(2);
         int devnull = open("/dev/null", O_WRONLY);
         dup2(devnull, 1);
-        char* argv[] = {const_cast<char*>("kestrane"), const_cast<char*>(path.c_str()), nullptr};
-        Derived d{};
-        if (KsEngine__Startup(2, argv) == 1) {
-            d = {__ksEngine->DefaultTimeoutSeconds, uint32_t(__mv_log_get_level(MV_APP_LOG)),
-                 uint32_t(__mv_log_get_level(MV_STK_LOG)), uint32_t(__mv_log_get_level(MV_CMN_LOG)), __ksEngine->UECPort,
-                 __ksEngine->localIPCount, __ksEngine->UEFileCount};
-        }
-        if (write(fds[1], &d, sizeof d) != sizeof d) _exit(3);
+        char* argv[] = {const_cast<char*>("kestrane"), const_cast<char*>(cfgPath.c_str()), nullptr};
+        T value{};
+        if (KsEngine__Startup(2, argv) == 1) value = collect();
+        if (write(fds[1], &value, sizeof value) != sizeof value) _exit(3);
         _exit(0);
     }
     close(fds[1]);
-    Derived d{};
-    EXPECT_EQ(read(fds[0], &d, sizeof d), ssize_t(sizeof d));
+    T value{};
+    EXPECT_EQ(read(fds[0], &value, sizeof value), ssize_t(sizeof value));
     close(fds[0]);
     int status = 0;
     waitpid(pid, &status, 0);
-    return d;
+    return value;
+}
+
+Derived startInChild(const std::string& cfgText) {
+    Scratch s;
+    return startedInChild<Derived>(s, s.writeConfig(cfgText), [] {
+        return Derived{__ksEngine->DefaultTimeoutSeconds, uint32_t(__mv_log_get_level(MV_APP_LOG)),
+                       uint32_t(__mv_log_get_level(MV_STK_LOG)), uint32_t(__mv_log_get_level(MV_CMN_LOG)),
+                       __ksEngine->UECPort, __ksEngine->localIPCount, __ksEngine->UEFileCount};
+    });
 }
 
 TEST(StartupValues, TimeoutFloorAndDefault) {
@@ -256,38 +261,21 @@ TEST(StartupScale, AMillionConfiguredUEsStartAndEachIsFoundByItsIMSI) {
     mkdir((s.dir + "/data").c_str(), 0700);
     kst::writeFile(s.dir + "/data/uel.json",
                    R"([{"ID": 1, "MSINStart": "001010000000001", "MSINEnd": "001010001000000", "MCC": "001", "MNC": "01"}])");
-    std::string path = s.writeConfig(config("\"MaximumUE\": 1000000, \"IMSIPrefixWithZERO\": 1"));
-    int fds[2];
-    ASSERT_EQ(pipe(fds), 0);
-    pid_t pid = fork();
-    if (pid == 0) {
-        close(fds[0]);
-        if (chdir(s.dir.c_str()) != 0) _exit(2);
-        int devnull = open("/dev/null", O_WRONLY);
-        dup2(devnull, 1);
-        char* argv[] = {const_cast<char*>("kestrane"), const_cast<char*>(path.c_str()), nullptr};
-        Million m;
-        if (KsEngine__Startup(2, argv) == 1) {
-            m.configured = __ksEngine->ksUETotal;
-            for (uint64_t i = 0; i < kCount; i++) {
-                char imsi[24];
-                snprintf(imsi, sizeof imsi, "%015llu", (unsigned long long)(kFirst + i));
-                MV_KsUE* ue = nullptr;
-                KsEngine__FindUEByIMSI(&ue, imsi);
-                if (!ue) continue;
-                ++m.found;
-                if (ue->l_imsi != kFirst + i || strcmp(ue->supi + 5, imsi) != 0 || ue->ueId != i) ++m.wrong;
-            }
+    std::string path = s.writeConfig(R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 1000000, "IMSIPrefixWithZERO": 1})");
+    Million m = startedInChild<Million>(s, path, [&] {
+        Million r;
+        r.configured = __ksEngine->ksUETotal;
+        for (uint64_t i = 0; i < kCount; i++) {
+            char imsi[24];
+            snprintf(imsi, sizeof imsi, "%015llu", (unsigned long long)(kFirst + i));
+            MV_KsUE* ue = nullptr;
+            KsEngine__FindUEByIMSI(&ue, imsi);
+            if (!ue) continue;
+            ++r.found;
+            if (ue->l_imsi != kFirst + i || strcmp(ue->supi + 5, imsi) != 0 || ue->ueId != i) ++r.wrong;
         }
-        if (write(fds[1], &m, sizeof m) != sizeof m) _exit(3);
-        _exit(0);
-    }
-    close(fds[1]);
-    Million m;
-    EXPECT_EQ(read(fds[0], &m, sizeof m), ssize_t(sizeof m));
-    close(fds[0]);
-    int status = 0;
-    waitpid(pid, &status, 0);
+        return r;
+    });
     EXPECT_EQ(m.configured, int32_t(kCount));
     EXPECT_EQ(m.found, kCount);
     EXPECT_EQ(m.wrong, 0u) << "each IMSI finds its own record";

@@ -11,6 +11,7 @@
 
 #include "asn_testlib.h"
 #include "mv_amf_asn.h"
+#include "mv_asn_internal.h"
 #include "mv_mme_asn.h"
 
 #ifndef KS_ASN_TEST_DIR
@@ -105,13 +106,10 @@ TEST(AsnGolden, EncodingsAreTheCommittedBytesAndSurviveTheJsonForm) {
 
 std::string hexOf(const uint8_t* d, uint32_t n) { return toHex(std::vector<uint8_t>(d, d + n)); }
 
-template <class T>
-T ld(const void* p) {
-    T v;
-    memcpy(&v, p, sizeof v);
-    return v;
-}
-const uint8_t* at(const void* rec, uint32_t off) { return static_cast<const uint8_t*>(rec) + off; }
+using mv_asn_detail::at;
+using mv_asn_detail::itemByPtr;
+using mv_asn_detail::ld;
+using mv_asn_detail::valueType;
 
 // The lines tshark's tree shows for a value, in order: "label: value" for leaves, the bare label
 // for a SEQUENCE, the alternative for a CHOICE, the item count for a SEQUENCE OF. Dissected
@@ -199,9 +197,8 @@ void expectedLines(const MvAsnType* t, const void* slot, const std::string& labe
             auto* list = ld<__mv_asn_list*>(rec);
             uint32_t n = list ? list->Count : 0;
             out.push_back(label + ": " + std::to_string(n) + (n == 1 ? " item" : " items"));
-            bool byPtr = t->item->store == MV_ASN_S_PTR || t->item->kind == MV_ASN_K_SINGLE;
-            const MvAsnType* shown = t->item;
-            while (shown->kind == MV_ASN_K_SINGLE && shown->item) shown = shown->item;
+            bool byPtr = itemByPtr(t);
+            const MvAsnType* shown = valueType(t->item);
             for (auto* it = list ? list->Head : nullptr; it; it = it->Next)
                 expectedLines(t->item, byPtr ? static_cast<const void*>(&it->data) : it->data, shown->name, out);
             return;
@@ -217,9 +214,7 @@ void expectedLines(const MvAsnType* t, const void* slot, const std::string& labe
             for (unsigned i = 0; i < t->nAll; i++) {
                 const MvAsnIE& ie = t->ies[i];
                 if (ld<int>(at(rec, ie.issetOff)) != 1) continue;
-                const MvAsnType* shown = ie.type;
-                while (shown->kind == MV_ASN_K_SINGLE && shown->item) shown = shown->item;
-                expectedLines(ie.type, at(rec, ie.off), shown->name, out);
+                expectedLines(ie.type, at(rec, ie.off), valueType(ie.type)->name, out);
             }
             return;
         default:

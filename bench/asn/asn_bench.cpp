@@ -15,13 +15,13 @@ namespace {
 
 
 // The messages, in the JSON form of kestrane-pdu.
-const char* kNGSetupRequest = R"({"pdu":"NGSetupRequest","ies":{
+const std::string kNGSetupRequest = R"({"pdu":"NGSetupRequest","ies":{
   "id-GlobalRANNodeID":{"globalGNB-ID":{"pLMNIdentity":"02f839","gNB-ID":{"gNB-ID":{"bits":"00000100","bitslen":32}}}},
   "id-RANNodeName":"kestrane-gnb",
   "id-SupportedTAList":[{"tAC":"000001","broadcastPLMNList":[{"pLMNIdentity":"02f839","tAISliceSupportList":[{"s-NSSAI":{"sST":"01"}}]}]}],
   "id-DefaultPagingDRX":"v128"}})";
 
-const char* kInitialUEMessage = R"({"pdu":"InitialUEMessage","ies":{
+const std::string kInitialUEMessage = R"({"pdu":"InitialUEMessage","ies":{
   "id-RAN-UE-NGAP-ID":1234,
   "id-NAS-PDU":"7e004179000d0102f839f0ff000000000000102e04f0f0f0f07e004179000d0102f839f0ff000000000000102e04f0f0f0f07e00",
   "id-UserLocationInformation":{"userLocationInformationNR":{
@@ -30,56 +30,53 @@ const char* kInitialUEMessage = R"({"pdu":"InitialUEMessage","ies":{
   "id-RRCEstablishmentCause":"mo-Signalling",
   "id-UEContextRequest":"requested"}})";
 
-const char* kDownlinkNASTransport = R"({"pdu":"DownlinkNASTransport","ies":{
+const std::string kDownlinkNASTransport = R"({"pdu":"DownlinkNASTransport","ies":{
   "id-AMF-UE-NGAP-ID":73588229205,
   "id-RAN-UE-NGAP-ID":1234,
   "id-NAS-PDU":"7e005600020000217ec26c1d2a0d8b1e3ab3d52a45b9ad3a2010b1d2d7c4e1c880007e5f3f4c4b5c9ea1"}})";
 
-const char* kInitialContextSetupRequest = R"({"pdu":"InitialContextSetupRequest","ies":{
+// The transfer of one PDU session: an aggregate bit rate, the uplink tunnel, one QoS flow.
+const std::string kSetupTransfer = R"(
+    "pDUSessionResourceSetupRequestTransfer":{
+      "id-PDUSessionAggregateMaximumBitRate":{"pDUSessionAggregateMaximumBitRateDL":1000000000,"pDUSessionAggregateMaximumBitRateUL":500000000},
+      "id-UL-NGU-UP-TNLInformation":{"gTPTunnel":{"transportLayerAddress":{"bits":"7f000004","bitslen":32},"gTP-TEID":"00000100"}},
+      "id-PDUSessionType":"ipv4",
+      "id-QosFlowSetupRequestList":[{"qosFlowIdentifier":1,"qosFlowLevelQosParameters":{
+        "qosCharacteristics":{"nonDynamic5QI":{"fiveQI":9}},
+        "allocationAndRetentionPriority":{"priorityLevelARP":8,"pre-emptionCapability":"shall-not-trigger-pre-emption",
+                                          "pre-emptionVulnerability":"not-pre-emptable"}}}]})";
+
+const std::string kInitialContextSetupRequest = R"({"pdu":"InitialContextSetupRequest","ies":{
   "id-AMF-UE-NGAP-ID":73588229205,
   "id-RAN-UE-NGAP-ID":1234,
   "id-UEAggregateMaximumBitRate":{"uEAggregateMaximumBitRateDL":2000000000,"uEAggregateMaximumBitRateUL":1000000000},
   "id-GUAMI":{"pLMNIdentity":"02f839","aMFRegionID":{"bits":"ca","bitslen":8},"aMFSetID":{"bits":"fe00","bitslen":10},
               "aMFPointer":{"bits":"00","bitslen":6}},
   "id-PDUSessionResourceSetupListCxtReq":[{"pDUSessionID":5,"s-NSSAI":{"sST":"01","sD":"000001"},
-    "pDUSessionResourceSetupRequestTransfer":{
-      "id-PDUSessionAggregateMaximumBitRate":{"pDUSessionAggregateMaximumBitRateDL":1000000000,"pDUSessionAggregateMaximumBitRateUL":500000000},
-      "id-UL-NGU-UP-TNLInformation":{"gTPTunnel":{"transportLayerAddress":{"bits":"7f000004","bitslen":32},"gTP-TEID":"00000100"}},
-      "id-PDUSessionType":"ipv4",
-      "id-QosFlowSetupRequestList":[{"qosFlowIdentifier":1,"qosFlowLevelQosParameters":{
-        "qosCharacteristics":{"nonDynamic5QI":{"fiveQI":9}},
-        "allocationAndRetentionPriority":{"priorityLevelARP":8,"pre-emptionCapability":"shall-not-trigger-pre-emption",
-                                          "pre-emptionVulnerability":"not-pre-emptable"}}}]}}],
+)" + kSetupTransfer + R"(}],
   "id-AllowedNSSAI":[{"s-NSSAI":{"sST":"01","sD":"000001"}}],
   "id-UESecurityCapabilities":{"nRencryptionAlgorithms":{"bits":"e000","bitslen":16},"nRintegrityProtectionAlgorithms":{"bits":"e000","bitslen":16},
                                "eUTRAencryptionAlgorithms":{"bits":"e000","bitslen":16},"eUTRAintegrityProtectionAlgorithms":{"bits":"e000","bitslen":16}},
   "id-SecurityKey":{"bits":"a1b2c3d4e5f60718293a4b5c6d7e8f90a1b2c3d4e5f60718293a4b5c6d7e8f90","bitslen":256},
   "id-NAS-PDU":"7e02d9f3a5c1047e0042010177000bf202f839cafe0000000001540702f83900000115020101"}})";
 
-const char* kPDUSessionResourceSetupRequest = R"({"pdu":"PDUSessionResourceSetupRequest","ies":{
+const std::string kPDUSessionResourceSetupRequest = R"({"pdu":"PDUSessionResourceSetupRequest","ies":{
   "id-AMF-UE-NGAP-ID":73588229205,
   "id-RAN-UE-NGAP-ID":1234,
   "id-PDUSessionResourceSetupListSUReq":[{"pDUSessionID":5,
     "pDUSessionNAS-PDU":"7e02c1a2b3c4057e00680100152e0501c211000901000631310101ff0906010003e8010003e80a0123456789",
     "s-NSSAI":{"sST":"01","sD":"000001"},
-    "pDUSessionResourceSetupRequestTransfer":{
-      "id-PDUSessionAggregateMaximumBitRate":{"pDUSessionAggregateMaximumBitRateDL":1000000000,"pDUSessionAggregateMaximumBitRateUL":500000000},
-      "id-UL-NGU-UP-TNLInformation":{"gTPTunnel":{"transportLayerAddress":{"bits":"7f000004","bitslen":32},"gTP-TEID":"00000100"}},
-      "id-PDUSessionType":"ipv4",
-      "id-QosFlowSetupRequestList":[{"qosFlowIdentifier":1,"qosFlowLevelQosParameters":{
-        "qosCharacteristics":{"nonDynamic5QI":{"fiveQI":9}},
-        "allocationAndRetentionPriority":{"priorityLevelARP":8,"pre-emptionCapability":"shall-not-trigger-pre-emption",
-                                          "pre-emptionVulnerability":"not-pre-emptable"}}}]}}]}})";
+)" + kSetupTransfer + R"(}]}})";
 
 struct Message {
     const MvAsnPdu* pdu = nullptr;
     void* rec = nullptr;
 };
 
-Message build(const char* json) {
+Message build(const std::string& json) {
     Message m;
     std::string err;
-    m.pdu = __mv_asn_pdu_from_json(mv_asn_amf::kPdus, mv_asn_amf::kPduCount, json, &m.rec, &err);
+    m.pdu = __mv_asn_pdu_from_json(mv_asn_amf::kPdus, mv_asn_amf::kPduCount, json.c_str(), &m.rec, &err);
     if (!m.pdu) {
         fprintf(stderr, "bench message does not build: %s\n", err.c_str());
         abort();
@@ -95,7 +92,7 @@ uint64_t blocksTaken() {
 
 __mv_asn_coding_context g_ctx;
 
-void encodeLoop(benchmark::State& state, const char* json) {
+void encodeLoop(benchmark::State& state, const std::string& json) {
     Message m = build(json);
     for (auto _ : state) {
         __mv_asn_init_CodingContext(&g_ctx);
@@ -108,7 +105,7 @@ void encodeLoop(benchmark::State& state, const char* json) {
     __mv_asn_memfree_pdu(m.pdu, m.rec);
 }
 
-void decodeLoop(benchmark::State& state, const char* json) {
+void decodeLoop(benchmark::State& state, const std::string& json) {
     Message m = build(json);
     __mv_asn_init_CodingContext(&g_ctx);
     __mv_asn_encode_pdu(m.pdu, m.rec, &g_ctx);

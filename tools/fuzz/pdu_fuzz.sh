@@ -33,5 +33,5 @@ while read -r name hex; do
 done < "$ROOT/tests/asn/golden/$FAMILY.hex"
 
 cd "$OUT"
-exec ./fuzz_$FAMILY -max_total_time="$SECONDS_TO_RUN" -max_len=5200 -timeout=10 -rss_limit_mb=4096 \
+exec ./fuzz_$FAMILY -max_total_time="$SECONDS_TO_RUN" -max_len=5200 -timeout=30 -rss_limit_mb=4096 \
   -print_final_stats=1 "corpus-$FAMILY"

@@ -79,7 +79,6 @@ TEST(Startup, BadConfigurationStopsWithItsTextAndStatusZero) {
         {"not an object", "[1,2]", "error loading config file:"},
         {"port below range", config("\"CLIPort\": 9117"), "CLI Port is out of Range=9117, should be between 9118 and 9130."},
         {"port above range", config("\"CLIPort\": 9131"), "CLI Port is out of Range=9131"},
-        {"port zero", config("\"CLIPort\": 0"), "CLI Port is out of Range=0,"},
         {"local address without IP", config("\"LocalAddress\": {\"IPVersion\": 4}"), "please configure LocalAddress-IP"},
         {"local address empty IP", config("\"LocalAddress\": {\"IP\": []}"), "please configure LocalAddress-IP"},
         {"local address IP not array", config("\"LocalAddress\": {\"IP\": \"127.0.0.1\"}"),

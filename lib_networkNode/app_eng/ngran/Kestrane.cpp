@@ -339,7 +339,7 @@ int KsEngine__Startup(int argc, char** argv) {
     __ksEngine->mmeCount = 0;
     if (!KsEngine__InitializeApp_Config(cfg)) return 0;
 
-    if (__ksEngine->UECPort < 9118 || __ksEngine->UECPort > 9130) {
+    if (__ksEngine->UECPort != 0 && (__ksEngine->UECPort < 9118 || __ksEngine->UECPort > 9130)) {
         printf("\nKestrane: CLI Port is out of Range=%u, should be between 9118 and 9130.\n", __ksEngine->UECPort);
         return 0;
     }

@@ -49,7 +49,8 @@ struct __mv_asn_list {
 };
 int __mv_asn_list_add(__mv_asn_list** list, void* data);
 
-// Record memory of the codec, zeroed.
+// Record memory of the codec, zeroed: __mv_allocM and __mv_freeM once the runtime is up (the
+// engine), the system heap in a process that never starts it (the tool, codec-only tests).
 void* __mv_asn_alloc(size_t size);
 void __mv_asn_free(void* p);
 
@@ -150,6 +151,11 @@ int __mv_asn_decode_pdu(const MvAsnPdu* p, void* rec, __mv_asn_coding_context* c
 void __mv_asn_debug_pdu(const MvAsnPdu* p, const void* rec);
 void __mv_asn_memfree_pdu(const MvAsnPdu* p, void* rec);
 void __mv_asn_json_pdu(const MvAsnPdu* p, const void* rec, std::string& out);
+// Builds a PDU record from the JSON form __mv_asn_json_pdu writes; an OCTET STRING (CONTAINING X)
+// may also be given as the value of X. Returns the PDU with its record (the caller frees it), or
+// nullptr with the reason in err.
+const MvAsnPdu* __mv_asn_pdu_from_json(const MvAsnPdu* table, unsigned count, const char* text, void** rec,
+                                       std::string* err);
 // Finds the PDU of a received frame by its first two bytes; nullptr when the family has none.
 const MvAsnPdu* __mv_asn_find_pdu(const MvAsnPdu* table, unsigned count, const uint8_t* bytes, size_t len);
 

@@ -8,12 +8,35 @@
 
 #include "mv_asn.h"
 #include "mv_asn_internal.h"
+#include "mv_alloc.h"
 #include "mv_core.h"
 
 // ---------------------------------------------------------------- memory, lists, log
 
-void* __mv_asn_alloc(size_t size) { return calloc(1, size ? size : 1); }
-void __mv_asn_free(void* p) { free(p); }
+namespace {
+// Records come from the size classes once the runtime is up, as every message of the engine does;
+// tools and tests that run the codec without the runtime use the system heap. The choice is made
+// once, at the first record, so that each record goes back to the allocator it came from.
+bool usePools() {
+    static const bool pools = __mvCore != nullptr && __mvCore->MemoryPool[0].size != 0;
+    return pools;
+}
+}  // namespace
+
+void* __mv_asn_alloc(size_t size) {
+    if (size == 0) size = 1;
+    if (!usePools()) return calloc(1, size);
+    void* p = __mv_allocM(size);
+    if (p) memset(p, 0, size);
+    return p;
+}
+
+void __mv_asn_free(void* p) {
+    if (usePools())
+        __mv_freeM(p);
+    else
+        free(p);
+}
 
 int __mv_asn_list_add(__mv_asn_list** list, void* data) {
     if (!list) return -1;
@@ -290,6 +313,18 @@ int __mv_asn_add_bit(int bit, __mv_asn_coding_context* ctx) { return __mv_asn_ad
 
 int __mv_asn_add_bits(const uint8_t* src, int srcMsbBitPos, int count, int pad, __mv_asn_coding_context* ctx) {
     if (pad) __mv_asn_pad_bits(ctx);
+    if (srcMsbBitPos == 7 && count >= 8) {
+        // whole source octets: one block copy on an aligned cursor, else an octet at a time
+        int full = count / 8;
+        if (ctx->usedBits == 0) {
+            if (__mv_asn_add_bytes(src, full, 0, ctx) < 0) return -1;
+        } else {
+            for (int i = 0; i < full; i++)
+                if (__mv_asn_add_value_bits(src[i], 8, ctx) < 0) return -1;
+        }
+        int rest = count % 8;
+        return rest ? __mv_asn_add_value_bits(uint64_t(src[full] >> (8 - rest)), rest, ctx) : 0;
+    }
     int bit = srcMsbBitPos;
     while (count > 0) {
         if (__mv_asn_add_value_bits((*src >> bit) & 1u, 1, ctx) < 0) return -1;

@@ -9,42 +9,9 @@
 #include "mv_asn_internal.h"
 #include "mv_core.h"
 
+using namespace mv_asn_detail;
+
 namespace {
-
-template <class T>
-T ld(const void* p) {
-    T v;
-    memcpy(&v, p, sizeof v);
-    return v;
-}
-template <class T>
-void st(void* p, T v) {
-    memcpy(p, &v, sizeof v);
-}
-inline const uint8_t* at(const void* rec, uint32_t off) { return static_cast<const uint8_t*>(rec) + off; }
-inline uint8_t* at(void* rec, uint32_t off) { return static_cast<uint8_t*>(rec) + off; }
-
-// Records of strings share this head.
-struct __attribute__((packed)) StrRec {
-    uint8_t* data;
-    uint32_t length;
-};
-struct __attribute__((packed)) BitRec {
-    uint8_t* data;
-    uint32_t length;
-    int bitslen;
-};
-struct __attribute__((packed)) ListRec {
-    __mv_asn_list* list;
-};
-void listAdd(ListRec* rec, void* data) {
-    __mv_asn_list* l = rec->list;
-    __mv_asn_list_add(&l, data);
-    rec->list = l;
-}
-struct __attribute__((packed)) ChoiceRec {
-    uint8_t SelectedChoice;
-};
 
 // Both containers this codec never fills are at most 65535 entries long.
 constexpr int kMaxContainer = 65535;
@@ -57,12 +24,6 @@ int lengthType(const MvAsnType* t) {
 bool isString(const MvAsnType* t) {
     return t->kind == MV_ASN_K_OCTSTR || t->kind == MV_ASN_K_PRTSTR || t->kind == MV_ASN_K_OID ||
            t->kind == MV_ASN_K_BITSTR;
-}
-
-// Resolves a SINGLE to the type that gives its record.
-const MvAsnType* valueType(const MvAsnType* t) {
-    while (t->kind == MV_ASN_K_SINGLE && t->item) t = t->item;
-    return t;
 }
 
 int enc(const MvAsnType* t, const void* slot, __mv_asn_coding_context* ctx);
@@ -253,7 +214,7 @@ int enc(const MvAsnType* t, const void* slot, __mv_asn_coding_context* ctx) {
                 return -ENOENT;
             }
             if (mv_asn_add_size(uint32_t(count), lengthType(t), int(t->lb), int(t->ub), t->ext, ctx) < 0) return -1;
-            bool byPtr = t->item->store == MV_ASN_S_PTR || t->item->kind == MV_ASN_K_SINGLE;
+            bool byPtr = itemByPtr(t);
             for (auto* it = list ? list->Head : nullptr; it; it = it->Next) {
                 if (!byPtr && !it->data) return -1;
                 int r = enc(t->item, byPtr ? static_cast<const void*>(&it->data) : it->data, ctx);
@@ -415,7 +376,7 @@ int dec(const MvAsnType* t, void* slot, __mv_asn_coding_context* ctx) {
             st(slot, rec);
             uint32_t n = 0;
             if (mv_asn_get_size(&n, lengthType(t), int(t->lb), int(t->ub), t->ext, ctx) < 0) return -1;
-            bool byPtr = t->item->store == MV_ASN_S_PTR || t->item->kind == MV_ASN_K_SINGLE;
+            bool byPtr = itemByPtr(t);
             for (uint32_t i = 0; i < n; i++) {
                 if (byPtr) {
                     void* item = nullptr;
@@ -614,7 +575,7 @@ void __mv_asn_free_type(const MvAsnType* t, void* slot) {
             break;
         case MV_ASN_K_SEQOF: {
             __mv_asn_list* list = static_cast<ListRec*>(rec)->list;
-            bool byPtr = t->item->store == MV_ASN_S_PTR || t->item->kind == MV_ASN_K_SINGLE;
+            bool byPtr = itemByPtr(t);
             for (auto* it = list ? list->Head : nullptr; it;) {
                 auto* next = it->Next;
                 if (byPtr)
@@ -693,7 +654,7 @@ void __mv_asn_debug_type(const char* key, const MvAsnType* t, const void* slot, 
             __mv_asn_log(MV_LOG_DEBUG, "%*s %s SEQ-OF key=%s (%s|%s|%d)", level * 2, "", t->name, key, __FILE_NAME__,
                          __func__, __LINE__);
             __mv_asn_list* list = static_cast<const ListRec*>(rec)->list;
-            bool byPtr = t->item->store == MV_ASN_S_PTR || t->item->kind == MV_ASN_K_SINGLE;
+            bool byPtr = itemByPtr(t);
             for (auto* it = list ? list->Head : nullptr; it; it = it->Next)
                 if (byPtr || it->data)
                     __mv_asn_debug_type(valueType(t->item)->name, t->item, byPtr ? static_cast<const void*>(&it->data) : it->data,
@@ -751,9 +712,16 @@ void jsonText(const char* s, size_t n, std::string& out) {
 
 void __mv_asn_json_type(const MvAsnType* t, const void* slot, std::string& out) {
     switch (t->kind) {
-        case MV_ASN_K_INT:
-            out += std::to_string(ld<long long>(slot));
+        case MV_ASN_K_INT: {
+            unsigned long long v = ld<unsigned long long>(slot);
+            if (!(t->flags & MV_ASN_F_LB) || t->lb < 0)
+                out += std::to_string(static_cast<long long>(v));
+            else if (v > 9007199254740991ull)
+                out += '"' + std::to_string(v) + '"';  // past what a JSON number holds exactly
+            else
+                out += std::to_string(v);
             return;
+        }
         case MV_ASN_K_ENUM: {
             unsigned v = ld<uint8_t>(slot);
             if (v < t->nAll)
@@ -820,7 +788,7 @@ void __mv_asn_json_type(const MvAsnType* t, const void* slot, std::string& out) 
         case MV_ASN_K_SEQOF: {
             out += '[';
             __mv_asn_list* list = static_cast<const ListRec*>(rec)->list;
-            bool byPtr = t->item->store == MV_ASN_S_PTR || t->item->kind == MV_ASN_K_SINGLE;
+            bool byPtr = itemByPtr(t);
             for (auto* it = list ? list->Head : nullptr; it; it = it->Next) {
                 if (it != list->Head) out += ',';
                 if (!byPtr && !it->data)

@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "asn_testlib.h"
+#include "mv_core.h"
 #include "mv_amf_asn.h"
 #include "mv_mme_asn.h"
 
@@ -72,6 +73,93 @@ TEST(AsnEdge, OpenTypeAndPduLengthForms) {
         __mv_amf_memfree_pdu_DownlinkNASTransport(d);
         __mv_amf_memfree_pdu_DownlinkNASTransport(m);
     }
+}
+
+std::vector<std::string> gLogged;
+void keepLine(int, const char* line) { gLogged.push_back(line); }
+
+TEST(AsnEdge, CodingBufferBoundIsNeverPassed) {
+    __mv_asn_set_log_sink(keepLine, MV_LOG_ERROR);
+    // NAS-PDUs around the bound: the PDU either fits in the buffer or is refused with a log line
+    bool fitted = false, refused = false;
+    for (size_t n = 4960; n <= 4990; n++) {
+        SCOPED_TRACE(n);
+        gLogged.clear();
+        auto* m = downlink(1, 2, n);
+        __mv_asn_init_CodingContext(&g_ctx);
+        int r = __mv_amf_encode_pdu_DownlinkNASTransport(m, &g_ctx);
+        __mv_amf_memfree_pdu_DownlinkNASTransport(m);
+        if (r == 0) {
+            fitted = true;
+            EXPECT_LE(g_ctx.pos, MV_ASN_BUFFER_SIZE);
+            EXPECT_TRUE(gLogged.empty());
+            // and what fits is read back
+            std::vector<uint8_t> b = bytesOf(g_ctx);
+            const MvAsnPdu* p = __mv_asn_find_pdu(kPdus, kPduCount, b.data(), b.size());
+            ASSERT_NE(p, nullptr);
+            void* back = nullptr;
+            EXPECT_EQ(decodePdu(p, b, &back), 1);
+            __mv_asn_memfree_pdu(p, back);
+        } else {
+            refused = true;
+            EXPECT_LT(r, 0);
+            ASSERT_FALSE(gLogged.empty());
+            EXPECT_NE(gLogged[0].find("does not fit the coding buffer of 5000 bytes"), std::string::npos) << gLogged[0];
+        }
+    }
+    EXPECT_TRUE(fitted && refused) << "the range crosses the bound";
+
+    // a received PDU larger than the buffer is not copied in
+    gLogged.clear();
+    std::vector<uint8_t> big(MV_ASN_BUFFER_SIZE + 1, 0);
+    __mv_asn_coding_context d;
+    EXPECT_EQ(__mv_asn_init_decode(&d, big.data(), big.size()), 0);
+    EXPECT_EQ(d.len, 0);
+    ASSERT_EQ(gLogged.size(), 1u);
+    EXPECT_NE(gLogged[0].find("PDU of 5001 bytes is larger than the coding buffer (5000), dropped"), std::string::npos);
+    EXPECT_EQ(__mv_asn_init_decode(&d, big.data(), MV_ASN_BUFFER_SIZE), 1);
+    __mv_asn_set_log_sink(nullptr, 0);
+}
+
+// Where X.691 decides the form: after three bits of something else, a whole number of 129 to 255
+// values is an unaligned bit-field, of 256 an aligned octet; an ENUMERATED extension value is its
+// index as a normally small number with nothing aligned after it.
+TEST(AsnEdge, WholeNumberAndEnumeratedFormsFollowX691) {
+    struct Case {
+        const char* what;
+        int64_t ub;
+        uint64_t v;
+        const char* hex;
+    };
+    for (const Case& c : {Case{"0..127", 127, 0x7F, "bfc0"}, Case{"0..128", 128, 0x80, "b000"},
+                          Case{"0..254", 254, 0xFE, "bfc0"}, Case{"0..255", 255, 0xAA, "a0aa"},
+                          Case{"0..256", 256, 0xAA, "a000aa"}}) {
+        SCOPED_TRACE(c.what);
+        __mv_asn_init_CodingContext(&g_ctx);
+        __mv_asn_add_value_bits(5, 3, &g_ctx);  // 101
+        ASSERT_EQ(__mv_asn_AddConstrainedInteger(c.v, 0, 0, c.ub, 0, &g_ctx), 0);
+        __mv_asn_pad_bits(&g_ctx);
+        EXPECT_EQ(toHex(bytesOf(g_ctx)), c.hex);
+        __mv_asn_coding_context d;
+        __mv_asn_init_decode(&d, g_ctx.buffer, g_ctx.pos);
+        uint64_t skip = 0, v = 0;
+        int isset = 0;
+        __mv_asn_get_bits(3, &skip, &d);
+        EXPECT_EQ(__mv_asn_GetConstrainedInteger(&v, &isset, 0, c.ub, 0, &d), 0);
+        EXPECT_EQ(v, c.v);
+    }
+    // ENUMERATED { a, b, c, ... , d, e }: e is extension index 1: bit 1, then 0 and six bits of 1,
+    // and the next bit follows at once
+    __mv_asn_init_CodingContext(&g_ctx);
+    ASSERT_EQ(__mv_asn_AddEnum(4, 1, 1, 3, 2, &g_ctx), 0);
+    __mv_asn_add_bit(1, &g_ctx);
+    __mv_asn_pad_bits(&g_ctx);
+    EXPECT_EQ(toHex(bytesOf(g_ctx)), "8180");
+    __mv_asn_coding_context d;
+    __mv_asn_init_decode(&d, g_ctx.buffer, g_ctx.pos);
+    EXPECT_EQ(__mv_asn_get_bit_val(&d), 1);
+    EXPECT_EQ(__mv_asn_GetEnum(1, 3, &d), 4);
+    EXPECT_EQ(__mv_asn_get_bit_val(&d), 1);
 }
 
 TEST(AsnEdge, LargestUeIdsAndTheirLengthFields) {

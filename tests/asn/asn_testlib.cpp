@@ -4,18 +4,13 @@
 #include <cstring>
 #include <sys/wait.h>
 
+#include "mv_asn_internal.h"
+
+using mv_asn_detail::at;
+using mv_asn_detail::itemByPtr;
+using mv_asn_detail::st;
+
 namespace {
-template <class T>
-T ld(const void* p) {
-    T v;
-    memcpy(&v, p, sizeof v);
-    return v;
-}
-template <class T>
-void st(void* p, T v) {
-    memcpy(p, &v, sizeof v);
-}
-uint8_t* at(void* rec, uint32_t off) { return static_cast<uint8_t*>(rec) + off; }
 
 const char kPrintable[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789 '()+,-./:=?";
 }  // namespace
@@ -139,7 +134,7 @@ void AsnFiller::fill(const MvAsnType* t, void* slot, int depth) {
         case MV_ASN_K_SEQOF: {
             uint32_t n = sizeOf(depth > 1 ? 1 : 3);
             if (n == 0 && t->lb > 0) n = uint32_t(t->lb);
-            bool byPtr = t->item->store == MV_ASN_S_PTR || t->item->kind == MV_ASN_K_SINGLE;
+            bool byPtr = itemByPtr(t);
             __mv_asn_list* list = nullptr;
             for (uint32_t i = 0; i < n; i++) {
                 void* cell = nullptr;

@@ -1,5 +1,5 @@
-// kestrane-pdu from the outside: decode, JSON, recode, input from a file and standard input, and
-// clear refusals of bad input.
+// kestrane-pdu from the outside: decode, JSON, recode, encode from JSON, input from a file and
+// standard input, and clear refusals of bad input.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -15,6 +15,7 @@ namespace {
 const std::string kTool = KS_PDU_TOOL;
 // DownlinkNASTransport: RAN-UE-NGAP-ID 1 and a one-octet NAS-PDU
 const std::string kDownlink = "0004400f00000200550002000100260002017e";
+const std::string kDownlinkJson = R"({"pdu":"DownlinkNASTransport","ies":{"id-RAN-UE-NGAP-ID":1,"id-NAS-PDU":"7e"}})";
 
 TEST(KestranePdu, DecodesRecodesAndRefuses) {
     struct Case {
@@ -24,6 +25,8 @@ TEST(KestranePdu, DecodesRecodesAndRefuses) {
     };
     std::string file = ::testing::TempDir() + "/pdu.hex";
     std::ofstream(file) << "0x" << kDownlink.substr(0, 10) << " " << kDownlink.substr(10) << "\n";
+    std::string jsonFile = ::testing::TempDir() + "/pdu.json";
+    std::ofstream(jsonFile) << kDownlinkJson << "\n";
     const Case cases[] = {
         {"decode ngap " + kDownlink, 0, "BEGIN DEBUG - DownlinkNASTransport"},
         {"decode ngap " + kDownlink, 0, "[NAS-PDU] 0x7E, len=1 STRING key=id-NAS-PDU"},
@@ -35,6 +38,14 @@ TEST(KestranePdu, DecodesRecodesAndRefuses) {
         {"decode s1ap 00ff4001", 1, "no message of form 0 with procedure code 255"},
         {"decode ngap " + kDownlink.substr(0, kDownlink.size() - 2), 1, "does not decode"},
         {"decode x2ap " + kDownlink, 2, "usage"},
+        {"encode ngap '" + kDownlinkJson + "'", 0, kDownlink},
+        {"encode ngap - < " + jsonFile, 0, kDownlink},
+        {"encode ngap '{\"pdu\":\"DownlinkNASTransport\",\"ies\":{\"id-NAS-PDU\":\"7g\"}}'", 1,
+         "bad input: id-NAS-PDU: expected hex octets"},
+        {"encode ngap '{\"pdu\":\"NoSuchMessage\",\"ies\":{}}'", 1, "no PDU named NoSuchMessage"},
+        {"encode ngap '{\"pdu\":\"DownlinkNASTransport\",\"ies\":{\"id-RAN-UE-NGAP-ID\":4294967296}}'", 1,
+         "DownlinkNASTransport does not encode"},
+        {"encode s1ap '{\"pdu\":'", 1, "not JSON"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.args);

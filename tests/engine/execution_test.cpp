@@ -7,6 +7,8 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "Kestrane.h"
 #include "ks_test_util.h"
@@ -280,6 +282,33 @@ TEST(DataLists, SaveWritesWholeFilesAndNeverHalfOfOne) {
     json_decref(list);
 
     EXPECT_EQ(KsNAS_GetSettingValue(1), nullptr) << "a missing set.json reads as an empty object";
+}
+
+// Console handlers save from several queue-line threads at once: each save is whole, never
+// another's half file.
+TEST(DataLists, ConcurrentSavesOfOneFileLeaveAWholeFile) {
+    std::vector<json_t*> lists;
+    for (int t = 0; t < 2; t++) {
+        json_t* l = json_array();
+        for (int i = 0; i < 300; i++) json_array_append_new(l, json_pack("{s:i, s:s}", "ID", i, "Name", t ? "bbbb" : "a"));
+        lists.push_back(l);
+    }
+    std::atomic<int> failed{0};
+    std::vector<std::thread> savers;
+    for (int t = 0; t < 2; t++)
+        savers.emplace_back([&, t] {
+            for (int i = 0; i < 150; i++)
+                if (KsEngine__SaveFile(lists[size_t(t)], "data/race.json") != 1) ++failed;
+        });
+    for (auto& th : savers) th.join();
+    EXPECT_EQ(failed.load(), 0);
+    json_error_t err;
+    json_t* back = json_load_file((gDir + "/data/race.json").c_str(), 0, &err);
+    ASSERT_NE(back, nullptr) << err.text;
+    EXPECT_TRUE(json_equal(back, lists[0]) || json_equal(back, lists[1]));
+    json_decref(back);
+    for (const auto& f : kst::listFiles(gDir + "/data")) EXPECT_EQ(f.find(".tmp"), std::string::npos) << f;
+    for (json_t* l : lists) json_decref(l);
 }
 
 TEST(Completion, StaleCodeOnAnIdleUEChangesNothing) {

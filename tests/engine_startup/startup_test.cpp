@@ -3,6 +3,7 @@
 // forked child that ran start-up in-process.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -31,6 +32,41 @@ struct Scratch {
     }
 };
 
+// Runs the engine until start-up has finished, lets it run `seconds` more, then ends it with
+// `sig` the way a user would. Waiting for the ready line rather than a fixed time keeps the test
+// right on a loaded machine and in the sanitizer builds.
+kst::ChildResult runUntilUp(const Scratch& s, const std::string& cfg, double seconds, int sig) {
+    kst::ChildResult r;
+    std::string outPath = s.dir + "/.child_stdout";
+    pid_t pid = fork();
+    if (pid == 0) {
+        if (chdir(s.dir.c_str()) != 0) _exit(127);
+        int fd = open(outPath.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0644);
+        dup2(fd, 1);
+        dup2(fd, 2);
+        execl(kBinary.c_str(), kBinary.c_str(), cfg.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    bool up = kst::waitFor(
+        [&] { return kst::readFile(outPath).find("Initalization of KsTest is completed") != std::string::npos; }, 120);
+    int status = 0;
+    if (up && waitpid(pid, &status, WNOHANG) == 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(int(seconds * 1000)));
+        r.timedOut = true;
+        kill(pid, sig);
+        if (!kst::waitFor([&] { return waitpid(pid, &status, WNOHANG) == pid; }, 30)) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+        }
+    } else {
+        kill(pid, SIGKILL);
+        waitpid(pid, &status, 0);
+    }
+    if (WIFEXITED(status)) r.exitStatus = WEXITSTATUS(status);
+    r.out = kst::readFile(outPath);
+    return r;
+}
+
 struct StopCase {
     const char* name;
     std::string cfg;
@@ -55,7 +91,7 @@ TEST(Startup, BadConfigurationStopsWithItsTextAndStatusZero) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         Scratch s;
-        auto r = kst::runChild({kBinary, s.writeConfig(c.cfg)}, s.dir, 10);
+        auto r = kst::runChild({kBinary, s.writeConfig(c.cfg)}, s.dir, 60);
         EXPECT_FALSE(r.timedOut);
         EXPECT_EQ(r.exitStatus, 0);
         EXPECT_NE(r.out.find(c.text), std::string::npos) << r.out;
@@ -65,12 +101,12 @@ TEST(Startup, BadConfigurationStopsWithItsTextAndStatusZero) {
 
 TEST(Startup, MissingArgumentAndMissingFile) {
     Scratch s;
-    auto noArg = kst::runChild({kBinary}, s.dir, 10);
+    auto noArg = kst::runChild({kBinary}, s.dir, 60);
     EXPECT_EQ(noArg.exitStatus, 0);
     EXPECT_NE(noArg.out.find("please provide configuration file with full path., syntax: "), std::string::npos);
     EXPECT_NE(noArg.out.find(" ./config.json"), std::string::npos);
 
-    auto missing = kst::runChild({kBinary, s.dir + "/nope.json"}, s.dir, 10);
+    auto missing = kst::runChild({kBinary, s.dir + "/nope.json"}, s.dir, 60);
     EXPECT_EQ(missing.exitStatus, 0);
     EXPECT_NE(missing.out.find("error loading config file:" + s.dir + "/nope.json  error:["), std::string::npos)
         << missing.out;
@@ -85,13 +121,16 @@ TEST(Startup, PortsAtTheEdgesStartAndSignalsEndTheProcess) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.extra + " signal " + std::to_string(c.sig));
         Scratch s;
-        auto r = kst::runChild({kBinary, s.writeConfig(config(c.extra))}, s.dir, 2.5, c.sig);
+        auto r = runUntilUp(s, s.writeConfig(config(c.extra)), 0.5, c.sig);
         EXPECT_TRUE(r.timedOut) << "the engine runs until a signal ends it";
         EXPECT_EQ(r.exitStatus, 0) << r.out;
         EXPECT_NE(r.out.find("Initalization of KsTest is completed"), std::string::npos) << r.out;
         std::string line = "Received signal=" + std::to_string(c.sig) + " exiting";
         for (const char* ch : {"stk", "per", "app", "cmn"})
             EXPECT_NE(kst::readLogDir(s.dir + "/logs/" + ch).find(line), std::string::npos) << ch;
+        struct stat st;
+        ASSERT_EQ(stat((s.dir + "/data").c_str(), &st), 0) << "a missing data/ is created";
+        EXPECT_EQ(st.st_mode & 0777, 0700u);
     }
 }
 
@@ -100,7 +139,7 @@ TEST(Startup, MakesItsDirectoriesAndLoadsBrokenListsAsEmpty) {
     mkdir((s.dir + "/data").c_str(), 0755);
     kst::writeFile(s.dir + "/data/tst.json", "[ {\"ID\": 1, ");
     kst::writeFile(s.dir + "/data/set.json", "[]");
-    auto r = kst::runChild({kBinary, s.writeConfig(config())}, s.dir, 2.5, SIGTERM);
+    auto r = runUntilUp(s, s.writeConfig(config()), 0.5, SIGTERM);
     EXPECT_EQ(r.exitStatus, 0);
     EXPECT_NE(r.out.find("Loading TESTs Config Failed error:["), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("Loading SETTINGS Config Failed error:["), std::string::npos);
@@ -128,7 +167,7 @@ TEST(Startup, PrunesOldLogsOnlyWhenAskedAndAllowed) {
         std::string cmn = s.dir + "/logs/per";  // written every second, so its own file is the newest
         __mv_mkpath(cmn.c_str(), 0700);
         for (int i = 0; i < 25; ++i) kst::writeFile(cmn + "/old" + std::to_string(i) + ".log", "x\n");
-        auto r = kst::runChild({kBinary, s.writeConfig(config(c.extra))}, s.dir, 4, SIGTERM);
+        auto r = runUntilUp(s, s.writeConfig(config(c.extra)), 2.5, SIGTERM);  // the pruning pass runs each second
         EXPECT_EQ(r.exitStatus, 0);
         size_t left = kst::listFiles(cmn).size();
         if (c.prunes) EXPECT_EQ(left, 10u);
@@ -142,11 +181,11 @@ struct Derived {
     uint32_t timeout, app, stk, cmn, port, ipCount, ueFiles;
 };
 
-// Runs start-up in a forked child (this process never starts the engine itself) and
-// reports the values through a pipe.
-Derived startInChild(const std::string& cfgText) {
-    Scratch s;
-    std::string path = s.writeConfig(cfgText);
+// Runs start-up in a forked child (this process never starts the engine itself) in the
+// scratch directory and hands back, through a pipe, what `collect` reads from the started
+// engine; a default T when start-up stops.
+template <class T, class F>
+T startedInChild(const Scratch& s, const std::string& cfgPath, F collect) {
     int fds[2];
     EXPECT_EQ(pipe(fds), 0);
     pid_t pid = fork();
@@ -155,23 +194,28 @@ Derived startInChild(const std::string& cfgText) {
         if (chdir(s.dir.c_str()) != 0) _exit(2);
         int devnull = open("/dev/null", O_WRONLY);
         dup2(devnull, 1);
-        char* argv[] = {const_cast<char*>("kestrane"), const_cast<char*>(path.c_str()), nullptr};
-        Derived d{};
-        if (KsEngine__Startup(2, argv) == 1) {
-            d = {__ksEngine->DefaultTimeoutSeconds, uint32_t(__mv_log_get_level(MV_APP_LOG)),
-                 uint32_t(__mv_log_get_level(MV_STK_LOG)), uint32_t(__mv_log_get_level(MV_CMN_LOG)), __ksEngine->UECPort,
-                 __ksEngine->localIPCount, __ksEngine->UEFileCount};
-        }
-        if (write(fds[1], &d, sizeof d) != sizeof d) _exit(3);
+        char* argv[] = {const_cast<char*>("kestrane"), const_cast<char*>(cfgPath.c_str()), nullptr};
+        T value{};
+        if (KsEngine__Startup(2, argv) == 1) value = collect();
+        if (write(fds[1], &value, sizeof value) != sizeof value) _exit(3);
         _exit(0);
     }
     close(fds[1]);
-    Derived d{};
-    EXPECT_EQ(read(fds[0], &d, sizeof d), ssize_t(sizeof d));
+    T value{};
+    EXPECT_EQ(read(fds[0], &value, sizeof value), ssize_t(sizeof value));
     close(fds[0]);
     int status = 0;
     waitpid(pid, &status, 0);
-    return d;
+    return value;
+}
+
+Derived startInChild(const std::string& cfgText) {
+    Scratch s;
+    return startedInChild<Derived>(s, s.writeConfig(cfgText), [] {
+        return Derived{__ksEngine->DefaultTimeoutSeconds, uint32_t(__mv_log_get_level(MV_APP_LOG)),
+                       uint32_t(__mv_log_get_level(MV_STK_LOG)), uint32_t(__mv_log_get_level(MV_CMN_LOG)),
+                       __ksEngine->UECPort, __ksEngine->localIPCount, __ksEngine->UEFileCount};
+    });
 }
 
 TEST(StartupValues, TimeoutFloorAndDefault) {
@@ -201,6 +245,39 @@ TEST(StartupValues, ListsAreCutAtTenAndPortDefaults) {
     EXPECT_EQ(d.ipCount, 10u);
     EXPECT_EQ(d.ueFiles, 10u);
     EXPECT_EQ(d.port, 9119u);
+}
+
+// ---------------------------------------------------------------- a million UEs
+
+struct Million {
+    int32_t configured = -1;
+    uint32_t found = 0, wrong = 0;
+};
+
+TEST(StartupScale, AMillionConfiguredUEsStartAndEachIsFoundByItsIMSI) {
+    constexpr uint64_t kFirst = 1010000000001ull, kCount = 1000000;  // 001010000000001 .. 001010001000000
+    Scratch s;
+    mkdir((s.dir + "/data").c_str(), 0700);
+    kst::writeFile(s.dir + "/data/uel.json",
+                   R"([{"ID": 1, "MSINStart": "001010000000001", "MSINEnd": "001010001000000", "MCC": "001", "MNC": "01"}])");
+    std::string path = s.writeConfig(R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 1000000, "IMSIPrefixWithZERO": 1})");
+    Million m = startedInChild<Million>(s, path, [&] {
+        Million r;
+        r.configured = __ksEngine->ksUETotal;
+        for (uint64_t i = 0; i < kCount; i++) {
+            char imsi[24];
+            snprintf(imsi, sizeof imsi, "%015llu", (unsigned long long)(kFirst + i));
+            MV_KsUE* ue = nullptr;
+            KsEngine__FindUEByIMSI(&ue, imsi);
+            if (!ue) continue;
+            ++r.found;
+            if (ue->l_imsi != kFirst + i || strcmp(ue->supi + 5, imsi) != 0 || ue->ueId != i) ++r.wrong;
+        }
+        return r;
+    });
+    EXPECT_EQ(m.configured, int32_t(kCount));
+    EXPECT_EQ(m.found, kCount);
+    EXPECT_EQ(m.wrong, 0u) << "each IMSI finds its own record";
 }
 
 }  // namespace

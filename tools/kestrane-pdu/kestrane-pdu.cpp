@@ -1,5 +1,5 @@
-// kestrane-pdu: decodes and re-encodes NGAP and S1AP PDUs, and decodes NAS messages, given as hex, for
-// writing templates and reading captures.
+// kestrane-pdu: decodes, re-encodes and encodes NGAP and S1AP PDUs (hex or the JSON form), and decodes NAS
+// messages, for writing templates and reading captures.
 #include <cctype>
 #include <cstdio>
 #include <cstring>
@@ -21,8 +21,10 @@ int usage() {
     fprintf(stderr,
             "usage: kestrane-pdu decode ngap|s1ap|nas5g|naseps [--json] [HEX | -f FILE | -]\n"
             "       kestrane-pdu recode ngap|s1ap [HEX | -f FILE | -]\n"
+            "       kestrane-pdu encode ngap|s1ap [JSON | -f FILE | -]\n"
             "A protected NAS message is read past its security header as if it were not ciphered.\n"
-            "HEX may hold blanks, ':' and a leading 0x; '-' or no HEX reads standard input.\n");
+            "HEX may hold blanks, ':' and a leading 0x; '-' or no HEX reads standard input.\n"
+            "JSON is the form decode --json prints.\n");
     return 2;
 }
 
@@ -110,14 +112,41 @@ int decodeNas(bool fg, const std::vector<uint8_t>& bytes, bool json) {
     return bad;
 }
 
+bool printEncoding(const MvAsnPdu* p, const void* rec) {
+    static __mv_asn_coding_context enc;
+    __mv_asn_init_CodingContext(&enc);
+    if (__mv_asn_encode_pdu(p, rec, &enc) != 0) return false;
+    for (unsigned i = 0; i < enc.pos; i++) printf("%02x", enc.buffer[i]);
+    printf("\n");
+    return true;
+}
+
+int encode(const MvAsnPdu* table, unsigned count, const std::string& text) {
+    void* rec = nullptr;
+    std::string err;
+    const MvAsnPdu* p = __mv_asn_pdu_from_json(table, count, text.c_str(), &rec, &err);
+    if (!p) {
+        fprintf(stderr, "kestrane-pdu: bad input: %s\n", err.c_str());
+        return 1;
+    }
+    int rc = 0;
+    if (!printEncoding(p, rec)) {
+        fprintf(stderr, "kestrane-pdu: %s does not encode: a value is out of range or a mandatory one is missing\n",
+                p->name);
+        rc = 1;
+    }
+    __mv_asn_memfree_pdu(p, rec);
+    return rc;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     if (argc < 3) return usage();
     std::string cmd = argv[1], proto = argv[2];
     bool json = false;
-    std::string hexText, file;
-    bool haveHex = false;
+    std::string inputText, file;
+    bool haveInput = false;
     for (int i = 3; i < argc; i++) {
         std::string a = argv[i];
         if (a == "--json")
@@ -125,14 +154,14 @@ int main(int argc, char** argv) {
         else if (a == "-f" && i + 1 < argc)
             file = argv[++i];
         else if (a == "-")
-            haveHex = false;
+            haveInput = false;
         else {
-            hexText += a;  // hex may come split over several arguments
-            haveHex = true;
+            inputText += (inputText.empty() ? "" : " ") + a;  // the input may come split over several arguments
+            haveInput = true;
         }
     }
     bool nas = proto == "nas5g" || proto == "naseps";
-    if ((cmd != "decode" && cmd != "recode") || (proto != "ngap" && proto != "s1ap" && !nas) ||
+    if ((cmd != "decode" && cmd != "recode" && cmd != "encode") || (proto != "ngap" && proto != "s1ap" && !nas) ||
         (json && cmd != "decode") || (nas && cmd != "decode"))
         return usage();
     if (!file.empty()) {
@@ -143,24 +172,32 @@ int main(int argc, char** argv) {
         }
         std::stringstream ss;
         ss << in.rdbuf();
-        hexText = ss.str();
-    } else if (!haveHex) {
+        inputText = ss.str();
+    } else if (!haveInput) {
         std::stringstream ss;
         ss << std::cin.rdbuf();
-        hexText = ss.str();
-    }
-    std::vector<uint8_t> bytes;
-    std::string err;
-    if (!parseHex(hexText, bytes, err)) {
-        fprintf(stderr, "kestrane-pdu: bad input: %s\n", err.c_str());
-        return 1;
+        inputText = ss.str();
     }
     if (nas) {
+        std::vector<uint8_t> bytes;
+        std::string err;
+        if (!parseHex(inputText, bytes, err)) {
+            fprintf(stderr, "kestrane-pdu: bad input: %s\n", err.c_str());
+            return 1;
+        }
         __mv_asn_set_log_sink(sink, MV_LOG_WARNING);
         return decodeNas(proto == "nas5g", bytes, json);
     }
     const MvAsnPdu* table = proto == "ngap" ? mv_asn_amf::kPdus : mv_asn_mme::kPdus;
     unsigned count = proto == "ngap" ? mv_asn_amf::kPduCount : mv_asn_mme::kPduCount;
+    __mv_asn_set_log_sink(sink, MV_LOG_WARNING);
+    if (cmd == "encode") return encode(table, count, inputText);
+    std::vector<uint8_t> bytes;
+    std::string err;
+    if (!parseHex(inputText, bytes, err)) {
+        fprintf(stderr, "kestrane-pdu: bad input: %s\n", err.c_str());
+        return 1;
+    }
     const MvAsnPdu* p = __mv_asn_find_pdu(table, count, bytes.data(), bytes.size());
     if (!p) {
         if (bytes.size() < 2)
@@ -170,7 +207,6 @@ int main(int argc, char** argv) {
                     proto.c_str(), (bytes[0] >> 5) & 7u, bytes[1]);
         return 1;
     }
-    __mv_asn_set_log_sink(sink, MV_LOG_WARNING);
     static __mv_asn_coding_context ctx;
     if (!__mv_asn_init_decode(&ctx, bytes.data(), bytes.size())) return 1;
     void* rec = __mv_asn_new_record(p->type);
@@ -192,14 +228,9 @@ int main(int argc, char** argv) {
             __mv_asn_debug_pdu(p, rec);
         }
     } else {
-        static __mv_asn_coding_context enc;
-        __mv_asn_init_CodingContext(&enc);
-        if (__mv_asn_encode_pdu(p, rec, &enc) != 0) {
+        if (!printEncoding(p, rec)) {
             fprintf(stderr, "kestrane-pdu: %s decodes but does not encode again\n", p->name);
             rc = 1;
-        } else {
-            for (unsigned i = 0; i < enc.pos; i++) printf("%02x", enc.buffer[i]);
-            printf("\n");
         }
     }
     __mv_asn_memfree_pdu(p, rec);

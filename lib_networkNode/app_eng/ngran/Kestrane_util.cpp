@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 
@@ -38,8 +39,10 @@ uint32_t ipv4HostOrder(const char* text) {
 }
 
 bool saveJsonAtomically(json_t* root, const char* path) {
+    // A name of its own for each save: handlers on several threads may save one list at once.
+    static std::atomic<unsigned long> saves{0};
     char tmp[700];
-    if (snprintf(tmp, sizeof tmp, "%s.tmp.%d", path, int(getpid())) >= int(sizeof tmp)) return false;
+    if (snprintf(tmp, sizeof tmp, "%s.tmp.%d.%lu", path, int(getpid()), ++saves) >= int(sizeof tmp)) return false;
     if (json_dump_file(root, tmp, JSON_INDENT(4)) != 0) {
         unlink(tmp);
         return false;

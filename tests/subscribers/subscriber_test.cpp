@@ -10,6 +10,7 @@
 #include "Kestrane.h"
 #include "Kestrane_seams.h"
 #include "ks_engine_env.h"
+#include "KsNGAP.h"
 
 namespace {
 
@@ -402,55 +403,60 @@ TEST(ServingNetwork, NameFollowsThePlmnTheUEIsPresentedOn) {
 
 // ---------------------------------------------------------------- latching
 
-struct FakeConn {
-    uint32_t id;
-    uint8_t plmn[3];
-};
-FakeConn gConns[3] = {{11, {0x13, 0x00, 0x14}}, {12, {0x00, 0xF1, 0x10}}, {13, {0x04, 0xF4, 0x62}}};
-std::vector<uint32_t> gAskedIds;
+// Three gNBs of their own PLMNs, each broadcasting 404/26, on one AMF whose
+// association is never opened.
+int quietStart(MV_KsRanAmfConnection*) { return 1; }
+int quietSend(uint8_t, uint8_t, void*, MV_KsRanAmfConnection*) { return -1; }
+int quietClose(MV_KsRanAmfConnection*) { return 0; }
+const KsNGAPPath kQuietPath{quietStart, quietSend, quietClose};
 
-MV_KsRanAmfConnection* asConn(FakeConn& c) { return reinterpret_cast<MV_KsRanAmfConnection*>(&c); }
-FakeConn* fromConn(MV_KsRanAmfConnection* c) { return reinterpret_cast<FakeConn*>(c); }
-
-// Three RANs that serve 404/26 on the 3GPP access only.
-const KsRanRegistry kThreeRans{
-    [](uint32_t id) -> MV_KsRanAmfConnection* {
-        gAskedIds.push_back(id);
-        for (auto& c : gConns)
-            if (c.id == id) return asConn(c);
-        return nullptr;
-    },
-    [](const char* mcc, const char* mnc, uint8_t access) -> MV_KsRanAmfConnection* {
-        return access == 1 && !strcmp(mcc, "404") && !strcmp(mnc, "26") ? asConn(gConns[0]) : nullptr;
-    },
-    [](const char* mcc, const char* mnc, uint8_t access, MV_KsRanAmfConnection** out, int max) {
-        if (access != 1 || strcmp(mcc, "404") || strcmp(mnc, "26")) return 0;
-        int n = 0;
-        for (auto& c : gConns)
-            if (n < max) out[n++] = asConn(c);
-        return n;
-    },
-    [](MV_KsRanAmfConnection* c) { return fromConn(c)->id; },
-    [](MV_KsRanAmfConnection* c, uint8_t* plmn) {
-        memcpy(plmn, fromConn(c)->plmn, 3);
-        return 1;
-    },
+struct ThreeRans {
+    uint32_t ids[3];
+    MV_KsRanAmfConnection* conns[3];
 };
 
-struct RegistryScope {
-    explicit RegistryScope(const KsRanRegistry* r) { KsSeam__SetRanRegistry(r); }
-    ~RegistryScope() { KsSeam__SetRanRegistry(nullptr); }
-};
+const ThreeRans& threeRans() {
+    static ThreeRans t = [] {
+        ThreeRans r{};
+        KsNGAP__SetPath(&kQuietPath);
+        json_t* amf = json_pack("{s:i, s:i, s:[s]}", "ID", 77, "Port", 38412, "IP", "10.0.0.77");
+        KsEngine__AddStaticAMFNode(amf);
+        json_decref(amf);
+        const char* plmns[3][2] = {{"310", "410"}, {"001", "01"}, {"404", "46"}};
+        for (int i = 0; i < 3; ++i) {
+            auto* ran = __mv_arena_new<MV_KsNGRan>();
+            ran->ID = uint32_t(500 + i);
+            ran->AccessType = KS_ACCESS_TYPE__GNB;
+            ran->Enabled = 1;
+            ran->KsTE = KS_TE__AMF;
+            KsEngine__get_plmnHex(ran->HexPlmn, plmns[i][0], plmns[i][1]);
+            ran->SupportedTAList = json_loads(R"([{"TAC": 1, "BroadcastPLMNList": [{"MCC": "404", "MNC": "26",
+                "TAISliceSupportList": [{"SST": 1}]}]}])", 0, nullptr);
+            // Linked as the dynamic pass links a RAN, so the selection sees it.
+            ran->BroadcastPlmnCount = 1;
+            KsEngine__get_plmnHex(ran->BroadcastPlmn[0], "404", "26");
+            if (__ksEngine->ngRanCurrent) __ksEngine->ngRanCurrent->Next = ran;
+            else __ksEngine->ngRanHead = ran;
+            __ksEngine->ngRanCurrent = ran;
+            __KsEngine_InitRANAMFConnection(ran);
+            r.conns[i] = ran->ranAMFHead.load();
+            r.ids[i] = r.conns[i]->ID;
+        }
+        KsNGAP__SetPath(nullptr);
+        return r;
+    }();
+    return t;
+}
 
 TEST(Latching, FirstMatchingRanTakesTheUEAndItsTrackingArea) {
-    RegistryScope reg(&kThreeRans);
+    const ThreeRans& r = threeRans();
     MV_KsUE* u = ue("404260000000010");
     uint32_t before = KsEngine__getExecTestCasesCount();
     uint32_t attached = 9;
     KsEngine__FindRANAndLatch(u, KS_ACCESS__3GPP, &attached, 0);
     EXPECT_EQ(attached, 1u);
-    EXPECT_EQ(u->AMFConnId, 11u);
-    EXPECT_EQ(u->TGPP.ranAmfConnection, asConn(gConns[0]));
+    EXPECT_EQ(u->AMFConnId, r.ids[0]);
+    EXPECT_EQ(u->TGPP.ranAmfConnection, r.conns[0]);
     EXPECT_EQ(u->_initT3PP, 1u);
     EXPECT_EQ(u->_initNT3PP, 0u);
     EXPECT_STREQ(u->TAI_MCC, "310") << "the RAN's PLMN replaces the home one";
@@ -459,15 +465,16 @@ TEST(Latching, FirstMatchingRanTakesTheUEAndItsTrackingArea) {
     EXPECT_EQ(KsEngine__getExecTestCasesCount(), before + 1);
 
     // Latched once, the UE goes back to its own connection by id.
-    gAskedIds.clear();
+    // No N3IWF serves 404/26: only the connection id can bind the other access.
     KsEngine__FindRANAndLatch(u, KS_ACCESS__NON3GPP, &attached, 0);
     EXPECT_EQ(attached, 1u);
-    EXPECT_EQ(gAskedIds, std::vector<uint32_t>{11});
-    EXPECT_EQ(u->NTGPP.ranAmfConnection, asConn(gConns[0]));
+    EXPECT_EQ(u->NTGPP.ranAmfConnection, r.conns[0]);
     EXPECT_EQ(u->_initNT3PP, 1u);
 
-    KsEngine__FindRANAndLatch(u, KS_ACCESS__3GPP, &attached, 13);
-    EXPECT_EQ(u->AMFConnId, 13u) << "an id given by the caller wins";
+    KsEngine__FindRANAndLatch(u, KS_ACCESS__3GPP, &attached, r.ids[2]);
+    EXPECT_EQ(u->AMFConnId, r.ids[2]) << "an id given by the caller wins";
+    EXPECT_STREQ(u->TAI_MCC, "404");
+    EXPECT_STREQ(u->TAI_MNC, "46");
     KsEngine__FindRANAndLatch(u, KS_ACCESS__3GPP, &attached, 99);
     EXPECT_EQ(attached, 0u);
     EXPECT_EQ(u->AppError, 1u);
@@ -477,8 +484,9 @@ TEST(Latching, FirstMatchingRanTakesTheUEAndItsTrackingArea) {
 }
 
 TEST(Latching, RoundRobinOverMatchingRans) {
-    RegistryScope reg(&kThreeRans);
+    const ThreeRans& r = threeRans();
     __ksEngine->RanSelectionMode = 1;
+    __ksEngine->RanLastSelected = 0;
     std::vector<uint32_t> got;
     for (int i = 20; i < 26; ++i) {
         MV_KsUE* u = ue("4042600000000" + std::to_string(i));
@@ -488,20 +496,21 @@ TEST(Latching, RoundRobinOverMatchingRans) {
         got.push_back(u->AMFConnId);
     }
     __ksEngine->RanSelectionMode = 0;
-    EXPECT_EQ(got, (std::vector<uint32_t>{11, 12, 13, 11, 12, 13}));
+    EXPECT_EQ(got, (std::vector<uint32_t>{r.ids[0], r.ids[1], r.ids[2], r.ids[0], r.ids[1], r.ids[2]}));
 }
 
-TEST(Latching, WithoutARegistryNoUELatches) {
+TEST(Latching, WithoutAMatchingRanNoUELatches) {
+    threeRans();
     MV_KsUE* u = ue("404260000000030");
     uint32_t attached = 1;
-    KsEngine__FindRANAndLatch(u, KS_ACCESS__3GPP, &attached, 0);
+    KsEngine__FindRANAndLatch(u, KS_ACCESS__NON3GPP, &attached, 0);
     EXPECT_EQ(attached, 0u);
-    EXPECT_EQ(u->_initT3PP, 0u);
+    EXPECT_EQ(u->_initNT3PP, 0u);
     EXPECT_EQ(u->AppError, 1u);
 }
 
 TEST(Latching, PerSecondBudgetWalksTheListInOrder) {
-    RegistryScope reg(&kThreeRans);
+    threeRans();
     __ksEngine->LatchPerSecond = 0;
     KsEngine__LatchUEs();
     EXPECT_EQ(KsEngine__getExecTestCasesCount(), 0u) << "LatchPerSecond 0 never latches";

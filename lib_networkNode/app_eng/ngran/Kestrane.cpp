@@ -2,6 +2,8 @@
 // engine's long-lived threads.
 #include "Kestrane.h"
 
+#include "Kestrane_nodes.h"
+
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
@@ -166,7 +168,7 @@ int KsEngine__InitializeApp_Config(json_t* cfg) {
                 printf("IP is missing in AMF Configuration\n");
                 continue;
             }
-            KsSeam__AddStaticAMF(a);
+            KsEngine__AddStaticAMFNode(a);
         }
     }
 
@@ -377,7 +379,7 @@ int KsEngine__Startup(int argc, char** argv) {
 
     KsSeam__create_id_tables(__ksEngine->maxRanUEIDs);
     __ksEngine->UEIDStartNo = uint32_t(KsJson::number(cfg, "RANUEIDStartNo", 1));
-    KsSeam__CreateNGRanUEContext();
+    KsEngine__CreateNGRanUEContext(0);
 
     if (!KsEngine__LoadUEConfigs()) return 0;
 
@@ -398,7 +400,8 @@ int KsEngine__Startup(int argc, char** argv) {
 
     __mv_core_create_fsmqueue(&__ksEngine->fsmNGAPProcessingQueue, KsUtil::dummy_1, KS_FSM_LINE_COUNT, 10000);
     KsSeam__register_ngap_handlers();
-    KsSeam__InitializeRanNode_Configs();
+    KsEngine__InitializeRanNode_Configs();
+    KsEngine__ConfigureDynamicMMENodes();
 
     int files = int(json_array_size(__ksEngine->ueList));
     printf("Configuring UEs , please wait... %d file(s) |%d\n", files, __LINE__);
@@ -407,7 +410,11 @@ int KsEngine__Startup(int argc, char** argv) {
     printf("Configured Total UEs count=%d|%d\n", __ksEngine->ksUETotal, __LINE__);
 
     KsSeam__register_diam_handlers();
-    if (__ksEngine->StartNGRAN == 1) KsSeam__StartNGRANs();
+    if (__ksEngine->StartNGRAN == 1) {
+        KsEngine__ConfigureDynamicAMfNodes();
+        KsEngine__ConfigureDynamicRanNodes();
+        KsEngine__StartNGRANs();
+    }
     KsSeam__TE_Init();
     __mv_enable_coredump();
 

@@ -50,6 +50,9 @@
 
 struct __ks_scanario;
 struct __ks_step;
+struct __mv_ks__ngran;
+struct __mv_ks__amf;
+struct __mv_ks__mme;
 struct __ks_step_execution;
 struct __mv_ks__test_exec;
 typedef __ks_scanario KsScanario;
@@ -195,6 +198,7 @@ struct __mv_ks__test_exec {
     // counter block
     KsTestCounter StepSendFailed;
     KsTestCounter ExecutionTimeout;
+    KsTestCounter ErrorIndication;
     MV_KsUE* SHead;
     MV_KsUE* SCurrent;
     MV_Mutex SLock;
@@ -243,12 +247,13 @@ struct __mv_ks__engine {
     char localGTP_IPv4[17];
     char localGTP_IPv6[17];
     uint32_t localGTP_IPType;
-    void* ngRanHead;
-    void* ngRanCurrent;
+    // Node lists (Kestrane_nodes.h): appended by the console thread, walked without a lock.
+    std::atomic<__mv_ks__ngran*> ngRanHead;
+    __mv_ks__ngran* ngRanCurrent;
     uint32_t ngRanCount;
     uint32_t maxRanUEIDs;
-    void* eNodeBHead;
-    void* eNodeBCurrent;
+    std::atomic<__mv_ks__ngran*> eNodeBHead;
+    __mv_ks__ngran* eNodeBCurrent;
     uint32_t eNodeBCount;
     // UE pool
     MV_KsUE* ksUEPool;
@@ -265,11 +270,11 @@ struct __mv_ks__engine {
     MV_Mutex ksUELock;
     int32_t ksUETotal;
     uint32_t allInit;
-    void* amfHead;
-    void* amfCurrent;
+    std::atomic<__mv_ks__amf*> amfHead;
+    __mv_ks__amf* amfCurrent;
     uint32_t amfCount;
-    void* mmeHead;
-    void* mmeCurrent;
+    std::atomic<__mv_ks__mme*> mmeHead;
+    __mv_ks__mme* mmeCurrent;
     uint32_t mmeCount;
     // the lists of data/
     json_t* node_config;
@@ -307,8 +312,24 @@ struct __mv_ks__engine {
     uint32_t LatchPerSecond;
     uint32_t HandleSQNSync;
     uint32_t ranAMFConnID;
+    std::atomic<__mv_ks__RanAmfConn*> ranAMFConnHead;
+    __mv_ks__RanAmfConn* ranAMFConnCurrent;
+    MV_Mutex ranAMFConnLock;
     uint32_t ranMMEConnID;
+    std::atomic<__mv_ks__RanMMEConn*> ranMMEConnHead;
+    __mv_ks__RanMMEConn* ranMMEConnCurrent;
+    MV_Mutex ranMMEConnLock;
     uint32_t UEIDStartNo;
+    // RAN UE contexts: one block indexed by id - 1, and a FIFO free list. Ids never
+    // handed out yet are taken in order from ngRanUeContextFresh before the list.
+    __mv_ks__ngran_UeContext* ngRanUeContextDB;
+    __mv_ks__ngran_UeContext* ngRanUeContextHead;
+    __mv_ks__ngran_UeContext* ngRanUeContextCurrent;
+    MV_Mutex ngRanUeContextLock;
+    uint32_t ngRanUeContextTotal;
+    uint32_t ngRanUeContextAvailable;
+    uint64_t ngRanUeContextUsed;
+    uint32_t ngRanUeContextFresh;
     // step queues
     int32_t M_MPSCount;
     int32_t M_MPS[KS_STEP_QUEUE_COUNT];

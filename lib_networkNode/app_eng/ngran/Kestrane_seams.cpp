@@ -15,7 +15,6 @@ void absent(const char* what, const char* func) {
 }  // namespace
 
 void KsSeam__TemplateMgr_Init() { absent("template manager", __func__); }
-void KsSeam__AddStaticAMF(json_t*) { absent("static AMF node", __func__); }
 void KsSeam__create_cpTeidTable() { absent("control-plane TEID table", __func__); }
 
 void KsSeam__UECServer_Start(uint32_t port) {
@@ -27,7 +26,6 @@ void KsSeam__UECServer_Start(uint32_t port) {
 }
 
 void KsSeam__create_id_tables(uint32_t) { absent("NGAP and Diameter id tables", __func__); }
-void KsSeam__CreateNGRanUEContext() { absent("RAN UE context pool", __func__); }
 void KsSeam__create_N1_counters() { absent("global N1 counters", __func__); }
 void KsSeam__DiamDict_Init() { absent("Diameter dictionaries", __func__); }
 void KsSeam__TemplateEng_Init() { absent("template engine", __func__); }
@@ -58,25 +56,12 @@ void KsSeam__DataPath_Init() { absent("data-path peer", __func__); }
 void KsSeam__PFCP_Init() { absent("PFCP", __func__); }
 void KsSeam__AGF_Init() { absent("access gateway client", __func__); }
 void KsSeam__register_ngap_handlers() { absent("NGAP and S1AP handlers", __func__); }
-void KsSeam__InitializeRanNode_Configs() { absent("RAN and MME node configuration", __func__); }
 void KsSeam__register_diam_handlers() { absent("Diameter handlers", __func__); }
-void KsSeam__StartNGRANs() { absent("NG RAN connections", __func__); }
 void KsSeam__TE_Init() { absent("test-element connections", __func__); }
 void KsSeam__MonitoringEngine_Init() { absent("monitoring engine", __func__); }
 void KsSeam__doRanStats() {}
 
-// ---------------------------------------------------------------- RAN registry
-
 namespace {
-
-__mv_ks__RanAmfConn* noConnectionByID(uint32_t) { return nullptr; }
-__mv_ks__RanAmfConn* noRAN(const char*, const char*, uint8_t) { return nullptr; }
-int noRANList(const char*, const char*, uint8_t, __mv_ks__RanAmfConn**, int) { return 0; }
-uint32_t noConnectionID(__mv_ks__RanAmfConn*) { return 0; }
-int noRanPlmn(__mv_ks__RanAmfConn*, uint8_t*) { return 0; }
-
-constexpr KsRanRegistry kNoRegistry{noConnectionByID, noRAN, noRANList, noConnectionID, noRanPlmn};
-std::atomic<const KsRanRegistry*> ranRegistry{&kNoRegistry};
 
 std::atomic<KsTemplateLookup> templateLookup{nullptr};
 
@@ -91,10 +76,6 @@ MV_Template* lookupTemplate(const char* name, const char* cType, int appSubType,
 }
 
 }  // namespace
-
-const KsRanRegistry* KsSeam__RanRegistry() { return ranRegistry.load(); }
-void KsSeam__SetRanRegistry(const KsRanRegistry* registry) { ranRegistry = registry ? registry : &kNoRegistry; }
-void KsSeam__SetRanUeContextAmfId(__mv_ks__ngran_UeContext*, uint64_t) { absent("RAN UE context", __func__); }
 
 // ---------------------------------------------------------------- template engine
 

@@ -10,15 +10,11 @@
 
 struct MV_Template;
 struct __ks_step;
-struct __mv_ks__RanAmfConn;
-struct __mv_ks__ngran_UeContext;
 
 void KsSeam__TemplateMgr_Init();
-void KsSeam__AddStaticAMF(json_t* amf);
 void KsSeam__create_cpTeidTable();
 void KsSeam__UECServer_Start(uint32_t port);
 void KsSeam__create_id_tables(uint32_t maxRanUEIDs);
-void KsSeam__CreateNGRanUEContext();
 void KsSeam__create_N1_counters();
 void KsSeam__DiamDict_Init();
 void KsSeam__TemplateEng_Init();
@@ -28,33 +24,10 @@ void KsSeam__DataPath_Init();
 void KsSeam__PFCP_Init();
 void KsSeam__AGF_Init();
 void KsSeam__register_ngap_handlers();
-void KsSeam__InitializeRanNode_Configs();
 void KsSeam__register_diam_handlers();
-void KsSeam__StartNGRANs();
 void KsSeam__TE_Init();
 void KsSeam__MonitoringEngine_Init();
 void KsSeam__doRanStats();
-
-// ---------------------------------------------------------------- RAN registry
-
-// What latching asks of the RAN registry. The registry is not part of this build:
-// the stand-in answers as a registry without RANs, so no UE latches. Tests may put a
-// registry of their own in its place; null restores the stand-in.
-struct KsRanRegistry {
-    // The connection of that id in the engine's connection list, or null.
-    __mv_ks__RanAmfConn* (*FindConnectionByID)(uint32_t id);
-    // The first connection of the first qualifying RAN for the PLMN and access, or null.
-    __mv_ks__RanAmfConn* (*FindRAN)(const char* mcc, const char* mnc, uint8_t accessType);
-    // The first connection of every qualifying RAN, at most `max`; returns the count.
-    int (*FindRANList)(const char* mcc, const char* mnc, uint8_t accessType, __mv_ks__RanAmfConn** out, int max);
-    uint32_t (*ConnectionID)(__mv_ks__RanAmfConn* conn);
-    // The encoded PLMN of the connection's RAN into plmn[3]; 0 when it has no RAN.
-    int (*ConnectionRanPlmn)(__mv_ks__RanAmfConn* conn, uint8_t* plmn);
-};
-const KsRanRegistry* KsSeam__RanRegistry();
-void KsSeam__SetRanRegistry(const KsRanRegistry* registry);
-// The AMF UE id of a RAN-side UE context (console command 17).
-void KsSeam__SetRanUeContextAmfId(__mv_ks__ngran_UeContext* ctx, uint64_t amfUeId);
 
 // ---------------------------------------------------------------- template engine
 

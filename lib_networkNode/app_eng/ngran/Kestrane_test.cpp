@@ -82,6 +82,7 @@ uint32_t KsEngine__AddTestToQueue(uint32_t TestId, int status) {
     t->Status = uint32_t(status);
     initCounter(t->StepSendFailed, "StepSendFailed");
     initCounter(t->ExecutionTimeout, "ExecutionTimeout");
+    initCounter(t->ErrorIndication, "ErrorIndication");
     if (__ksEngine->tstExecCurrent) __ksEngine->tstExecCurrent->Next = t;
     else __ksEngine->tstExecHead = t;
     __ksEngine->tstExecCurrent = t;
@@ -139,7 +140,7 @@ void* KsEngine__TestExecutionThread(void* arg) {
 // ---------------------------------------------------------------- counters and statistics
 
 void KsEngine__ReInit_MVCounters(KsTestExec* tstItem, int total) {
-    for (KsTestCounter* c : {&tstItem->StepSendFailed, &tstItem->ExecutionTimeout}) {
+    for (KsTestCounter* c : {&tstItem->StepSendFailed, &tstItem->ExecutionTimeout, &tstItem->ErrorIndication}) {
         if (total == 1) {
             c->Request = 0;
             c->lastRequest = 0;
@@ -165,7 +166,7 @@ void Kestrane___writeTestStats(KsTestExec* tstItem, int completed) {
              tstItem->TestName, tstItem->AppType, int(tstItem->MPS * tstItem->NoOfTimes));
     __mv_log(MV_PER_LOG, LOG_CAT_CORE, MV_LOG_CRITICAL, "%s",
              "------------------------------------------------------------------------------------------------");
-    for (KsTestCounter* c : {&tstItem->StepSendFailed, &tstItem->ExecutionTimeout}) {
+    for (KsTestCounter* c : {&tstItem->StepSendFailed, &tstItem->ExecutionTimeout, &tstItem->ErrorIndication}) {
         uint64_t req = c->Request, last = c->lastRequest.exchange(req);
         __mv_log(MV_PER_LOG, LOG_CAT_CORE, MV_LOG_CRITICAL, "%-40s   %-10ld   %-10lu", c->Name, long(req - last),
                  (unsigned long)req);

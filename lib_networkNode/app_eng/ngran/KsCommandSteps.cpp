@@ -7,6 +7,7 @@
 
 #include "KsPool.h"
 #include "Kestrane.h"
+#include "Kestrane_nodes.h"
 #include "Kestrane_seams.h"
 #include "mv_bytes.h"
 
@@ -294,7 +295,7 @@ void updateUE(MV_KsTestCommand* c, MV_KsUE* ue) {
     ue->AMFConnId = c->RANAMFConnId;
     ue->PlainNasMessage = c->PlainNasMessage;
     ue->Exclude5GSTMSI = c->Exclude5GSTMSI;
-    if (ue->TGPP.ranUeContext) KsSeam__SetRanUeContextAmfId(ue->TGPP.ranUeContext, c->NGAPAMFUEId);
+    if (ue->TGPP.ranUeContext) ue->TGPP.ranUeContext->amf_id = c->NGAPAMFUEId;
     __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_INFO, "%s UPDATED SQN=%lu %s|%s|%d", KsUE__supi(ue),
              (unsigned long)ue->TGPP.sqn, __FILE_NAME__, __func__, __LINE__);
 }

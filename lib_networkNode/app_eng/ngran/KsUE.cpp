@@ -13,6 +13,7 @@
 #include <mutex>
 
 #include "Kestrane.h"
+#include "Kestrane_nodes.h"
 #include "Kestrane_seams.h"
 #include "Kestrane_util.h"
 #include "mv_bytes.h"
@@ -226,8 +227,7 @@ void KsEngine__SetUEsSNN2(MV_KsUE* ksUe, const uint8_t* plmn) {
 }
 
 void KsEngine__SetUEsSNN(MV_KsUE* ksUe, uint8_t, MV_KsRanAmfConnection* conn) {
-    uint8_t plmn[3];
-    if (conn && KsSeam__RanRegistry()->ConnectionRanPlmn(conn, plmn)) KsEngine__SetUEsSNN2(ksUe, plmn);
+    if (conn && conn->ran) KsEngine__SetUEsSNN2(ksUe, conn->ran->HexPlmn);
 }
 
 // ---------------------------------------------------------------- adding subscribers
@@ -376,16 +376,14 @@ uint32_t KsEngine__getExecTestCasesCount() {
 namespace {
 
 // Round robin over the matching RANs' connections.
-MV_KsRanAmfConnection* selectRoundRobin(const KsRanRegistry* reg, MV_KsUE* ue, uint8_t accessType) {
-    constexpr int kMax = 2048;
-    static thread_local MV_KsRanAmfConnection* list[kMax];
-    int n = reg->FindRANList(ue->mcc, ue->mnc, accessType, list, kMax);
-    if (n <= 0) return nullptr;
-    if (n > kMax) n = kMax;
+MV_KsRanAmfConnection* selectRoundRobin(MV_KsUE* ue, uint8_t accessType) {
+    static thread_local MV_KsRanAmfConnectionList_t list;
+    KsEngine__FindRANList(ue->mcc, ue->mnc, accessType, &list);
+    if (list.Count == 0) return nullptr;
     // The pick and the advance happen together, so two threads never take one turn.
     std::lock_guard g(__ksEngine->RanSelectionMode_lock);
-    if (__ksEngine->RanLastSelected >= uint32_t(n)) __ksEngine->RanLastSelected = 0;
-    return list[__ksEngine->RanLastSelected++];
+    if (__ksEngine->RanLastSelected >= list.Count) __ksEngine->RanLastSelected = 0;
+    return list.List[__ksEngine->RanLastSelected++];
 }
 
 }  // namespace
@@ -396,11 +394,10 @@ void KsEngine__FindRANAndLatch(MV_KsUE* ksUe, uint8_t accessType, uint32_t* atta
     *attached = 0;
     if (!ksUe) return;
     if (amfRanConnId == 0 && ksUe->AMFConnId) amfRanConnId = ksUe->AMFConnId;
-    const KsRanRegistry* reg = KsSeam__RanRegistry();
     MV_KsRanAmfConnection* conn;
-    if (amfRanConnId) conn = reg->FindConnectionByID(amfRanConnId);
-    else if (__ksEngine->RanSelectionMode == 0) conn = reg->FindRAN(ksUe->mcc, ksUe->mnc, accessType);
-    else conn = selectRoundRobin(reg, ksUe, accessType);
+    if (amfRanConnId) conn = KsEngine__FindRANByID(amfRanConnId);
+    else if (__ksEngine->RanSelectionMode == 0) conn = KsEngine__FindRAN(ksUe->mcc, ksUe->mnc, accessType);
+    else conn = selectRoundRobin(ksUe, accessType);
     if (!conn) {
         __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
                  "RAN Not Found with MCC=[%s] MNC=[%s] for SUPI=[%s] AccessType[%u] amfRanConnId[%u] <%s|%s|%d>",
@@ -408,7 +405,7 @@ void KsEngine__FindRANAndLatch(MV_KsUE* ksUe, uint8_t accessType, uint32_t* atta
         ksUe->AppError = 1;
         return;
     }
-    ksUe->AMFConnId = reg->ConnectionID(conn);
+    ksUe->AMFConnId = conn->ID;
     if (accessType == KS_ACCESS__NON3GPP) {
         ksUe->NTGPP.ranAmfConnection = conn;
         ksUe->_initNT3PP = 1;
@@ -416,10 +413,9 @@ void KsEngine__FindRANAndLatch(MV_KsUE* ksUe, uint8_t accessType, uint32_t* atta
         ksUe->TGPP.ranAmfConnection = conn;
         ksUe->_initT3PP = 1;
     }
-    uint8_t plmn[3];
-    if (reg->ConnectionRanPlmn(conn, plmn)) {
+    if (conn->ran) {
         char mcc[4], mnc[4];
-        KsEngine__get_mcc_mnc(plmn, mcc, mnc);
+        KsEngine__get_mcc_mnc(conn->ran->HexPlmn, mcc, mnc);
         memcpy(ksUe->TAI_MCC, mcc, sizeof mcc);
         memcpy(ksUe->TAI_MNC, mnc, sizeof mnc);
     }

@@ -1,0 +1,98 @@
+// The gNB towards its AMFs: the SCTP association of each RAN and AMF pair, NG Setup
+// and its answers, NG Reset, RAN configuration update, the top-level NGAP dispatch,
+// and the small builders of PLMN, TAI, cell and location IEs.
+#pragma once
+
+#include <jansson.h>
+
+#include <cstdint>
+
+#include "Kestrane_nodes.h"
+#include "mv_amf_asn.h"
+
+struct MV_Socket;
+struct __mv_ngap_node;
+typedef __mv_ngap_node MV_NGAPNode;
+
+// ---------------------------------------------------------------- connections (KsNGAP_path.cpp)
+
+int KsNGAP__StartAMFConnection(MV_KsRanAmfConnection* conn);
+void KsNGAP_on_connected_to_amf(MV_Socket* siSocket);
+void KsNGAP_on_amf_connection_close(MV_Socket* siSocket);
+// Builds and sends NG Setup on the node's association; the send result.
+int KsNGAP__ap__create_and_send__NGSetupRequest(MV_NGAPNode* node);
+// The console's connection commands (10001, 10003, 10004, 10002). 1 done, 0 refused,
+// -1 without a connection.
+int KsNGAP__close_NGConnection(MV_KsRanAmfConnection* conn);
+int KsNGAP__send_NGSetup(MV_KsRanAmfConnection* conn);
+int KsNGAP__send_NGRanConfigurationUpdate(MV_KsRanAmfConnection* conn);
+int KsNGAP__send_NGReset_Request(MV_KsRanAmfConnection* conn);
+// Ready for UE-associated messages: NG Setup succeeded and nothing closed it since.
+bool KsNGAP__OkToSend(const MV_KsRanAmfConnection* conn);
+// The connection record an association's node belongs to, or null.
+MV_KsRanAmfConnection* KsNGAP___ConnectionOfNode(MV_NGAPNode* node);
+void KsNGAP___SetCloseCause(MV_NGAPNode* node, int cause);
+// Closes the connection's association through the path; the close event follows.
+int KsNGAP___closeAssociation(MV_KsRanAmfConnection* conn);
+
+// The one place that reaches the network: opening an association, sending a PDU record
+// (which stays the caller's), and closing. Tests put their own in its place; null
+// restores the sockets.
+struct KsNGAPPath {
+    int (*Start)(MV_KsRanAmfConnection* conn);
+    // The bytes sent, or a value below 1.
+    int (*Send)(uint8_t procedureCode, uint8_t form, void* record, MV_KsRanAmfConnection* conn);
+    int (*Close)(MV_KsRanAmfConnection* conn);
+};
+void KsNGAP__SetPath(const KsNGAPPath* path);
+
+// ---------------------------------------------------------------- handlers (KsNGAP_handle.cpp)
+
+// The application callback of the NGAP node layer: owns and frees `msg`.
+void KsNGAP__handle_ngap_message(uint8_t procedureCode, uint8_t messageType, void* msg, MV_NGAPNode* node);
+// `node` may be null where no association stands (tests); its CloseCause is then left.
+void KsNGAP__handle_NGSetupResponse(MV_KsRanAmfConnection* conn, MV_AMF_DT_NGSetupResponse* msg);
+void KsNGAP__handle_NGSetupFailure(MV_KsRanAmfConnection* conn, MV_NGAPNode* node, MV_AMF_DT_NGSetupFailure* msg);
+void KsNGAP__handle_ErrorIndication(MV_KsRanAmfConnection* conn, MV_AMF_DT_ErrorIndication* msg);
+
+// RAN UE NGAP ids: computed from a context's slot and generation, and back.
+uint64_t KsNGAP___GetKsNGRanUeContext_UEId(const MV_KsNGRanUeContext* ctx);
+MV_KsNGRanUeContext* KsNGAP___GetKsNGRanUeContext(const MV_KsNGRan* ran, uint64_t rANUENGAPID);
+// Gives the UE's RAN context of that bearer back and takes the UE off its connection.
+void KsNGAP__ReleaseRanUeContext(MV_KsUE* ue, uint8_t bearer);
+
+// ---------------------------------------------------------------- builders (KsNGAP_build.cpp)
+
+// Three PLMN bytes of TS 38.413 (TS 24.008 digit order); short inputs leave `out`.
+void KsNGAP_get_plmnHex(uint8_t* out, const char* mcc, const char* mnc);
+// The engine keeps PLMNs in the TS 24.008 order that NAS carries (third MNC digit in
+// the high nibble of the second byte). NGAP's PLMN Identity packs the six digits in
+// order instead (TS 38.413 9.3.3.5): the first MNC digit there. The two agree for a
+// 2-digit MNC; these convert at the NGAP boundary.
+void KsNGAP___plmnToWire(const uint8_t* enginePlmn, uint8_t* wire);
+void KsNGAP___plmnFromWire(const uint8_t* wire, uint8_t* enginePlmn);
+// The ten bytes of a 5G-GUTI value.
+void KsNGAP_set_fgguti(uint8_t* data, const uint8_t* hexPlmn, uint8_t region, uint16_t amfSetId, uint8_t pointer,
+                       uint32_t tmsi);
+void KsNGAP_set_fgguti2(uint8_t* data, const char* mcc, const char* mnc, uint8_t region, uint16_t amfSetId,
+                        uint8_t pointer, uint32_t tmsi);
+void KsNGAP__setCause(MV_AMF_DT_Cause* cause, uint8_t group, uint8_t value);
+void KsNGAP_utils_set_TAC(MV_AMF_DT_TAC** tac, uint32_t value);
+void KsNGAP_utils_set_PLMNIdentity(MV_AMF_DT_PLMNIdentity** plmn, const uint8_t* hexPlmn);
+void KsNGAP_utils_set_TAI(MV_AMF_DT_TAI** tai, const uint8_t* hexPlmn, uint32_t tac);
+// Five bytes of 36 bits; null gives 00 00 00 34 21.
+void KsNGAP_utils_set_NRCellIdentity(MV_AMF_DT_NRCellIdentity** cell, const uint8_t* bytes5);
+void KsNGAP_utils_set_NR_CGI(MV_AMF_DT_NR_CGI** cgi, const uint8_t* hexPlmn);
+void KsNGAP_utils_set_UserLocationInformationNR(MV_AMF_DT_UserLocationInformationNR** nr, const uint8_t* hexPlmn);
+// Alternative 1, NR, with no time stamp: the PLMN, the default cell and TAC 1.
+void KsNGAP_utils_set_UserLocationInformation(MV_AMF_DT_UserLocationInformation** uli, const uint8_t* hexPlmn);
+// A location from JSON (Type 1, ULINR with NRCGI and TAI); 1 when built, else 0.
+int KsNGAP_utils_set_UserLocationInformation_json(MV_AMF_DT_UserLocationInformation** uli, json_t* json, MV_KsUE* ue);
+// One SupportedTAItem from a JSON entry, appended to the list; 1 when added.
+int KsNGAP__add_tai_json(MV_AMF_DT_SupportedTAList** list, json_t* entry);
+
+// The records the connection commands send, built from the RAN node: the caller frees
+// them with the PDU's memfree operation.
+MV_AMF_DT_NGSetupRequest* KsNGAP___build_NGSetupRequest(const MV_KsNGRan* ran);
+MV_AMF_DT_RANConfigurationUpdate* KsNGAP___build_RANConfigurationUpdate(const MV_KsNGRan* ran);
+MV_AMF_DT_NGReset* KsNGAP___build_NGReset(void);

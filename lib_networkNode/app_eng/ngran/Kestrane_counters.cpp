@@ -39,27 +39,9 @@ constexpr KsCounterField kAmfPrinted[] = {
     &T::ErrorIndication,
 };
 
-constexpr KsCounterRow kAmfConsole[] = {
-    {1, &T::RegistrationRequest},          {2, &T::RegistrationReject},
-    {3, &T::RegistrationAccept},           {4, &T::RegistrationComplete},
-    {5, &T::RegistrationTimeout},          {6, &T::AuthenticationRequest},
-    {7, &T::AuthenticationResult},         {8, &T::AuthenticationFailure},
-    {9, &T::AuthenticationReject},         {10, &T::AuthenticationTimeout},
-    {11, &T::ServiceRequest},              {12, &T::ServiceAccept},
-    {13, &T::ServiceReject},               {14, &T::ServiceTimeout},
-    {15, &T::SecurityModeCommand},         {16, &T::SecurityModeComplete},
-    {17, &T::SecurityModeReject},          {18, &T::SecurityModeTimeout},
-    {19, &T::IdentityRequest},             {20, &T::IdentityResponse},
-    {21, &T::DeregistrationRequest},       {22, &T::DeregistrationAccept},
-    {23, &T::ConfigurationUpdateCommand},  {24, &T::ConfigurationUpdateComplete},
-    {25, &T::InitailContextSetupRequest},  {26, &T::InitailContextSetupResponse},
-    {27, &T::UEContextReleaseRequest},     {28, &T::UEContextReleaseCommand},
-    {29, &T::UEContextReleaseComplete},    {30, &T::ErrorIndication},
-    {31, &T::PDUSessionEstablishmentRequest}, {32, &T::PDUSessionEstablishmentAccept},
-    {33, &T::PDUSessionEstablishmentTimeout}, {34, &T::PDUSessionEstablishmentReject},
-    {35, &T::PDUSessionReleaseRequest},    {36, &T::PDUSessionReleaseCommand},
-    {37, &T::PDUSessionReleaseComplete},   {38, &T::PDUSessionReleaseTimeout},
-};
+#define KS_AMF_ROW(id, field) {id, &T::field},
+constexpr KsCounterRow kAmfConsole[] = {KS_CONSOLE_COUNTERS_AMF(KS_AMF_ROW)};
+#undef KS_AMF_ROW
 
 // Reset with types 1 and 2 but never printed.
 constexpr KsCounterField kNasResetOnly[] = {
@@ -70,19 +52,23 @@ constexpr KsCounterField kNasResetOnly[] = {
 
 // ---------------------------------------------------------------- the others: print order is console order
 
-// Rows numbered from `first` in steps of one, with a jump of `group` at each `every`.
 template <size_t N>
 struct Rows {
     KsCounterRow row[N];
     KsCounterField field[N];
 };
 
+constexpr const KsCounterNumbering& numberingOf(uint32_t type) {
+    for (const KsCounterNumbering& n : kKsCounterNumbering)
+        if (n.AppType == type) return n;
+    return kKsCounterNumbering[0];
+}
+
 template <size_t N>
-constexpr Rows<N> numbered(const KsCounterField (&fields)[N], uint16_t first, uint16_t every, uint16_t groupStep) {
+constexpr Rows<N> numbered(const KsCounterField (&fields)[N], uint32_t type) {
     Rows<N> r{};
     for (size_t i = 0; i < N; ++i) {
-        uint16_t id = every ? uint16_t(first + (i / every) * groupStep + i % every) : uint16_t(first + i);
-        r.row[i] = {id, fields[i]};
+        r.row[i] = {KsCounterNumber(numberingOf(type), i), fields[i]};
         r.field[i] = fields[i];
     }
     return r;
@@ -100,18 +86,15 @@ constexpr KsCounterField kChfFields[] = {KS_TEST_COUNTERS_CHF(KS_FIELD_ROW)};
 constexpr KsCounterField kGgsnFields[] = {KS_TEST_COUNTERS_GGSN(KS_FIELD_ROW)};
 #undef KS_FIELD_ROW
 
-// Console numbers: UPF 301.., PGW 1171/1181/1191, SGW 1301/1311/1321, HSS four per
-// command from 901 in steps of 10, EIR 601.., PCRF from 1051, AAA from 1141, CHF from
-// 1111, GGSN 1401...
-constexpr auto kUpf = numbered(kUpfFields, 301, 0, 0);
-constexpr auto kPgw = numbered(kPgwFields, 1171, 3, 10);
-constexpr auto kSgw = numbered(kSgwFields, 1301, 3, 10);
-constexpr auto kHss = numbered(kHssFields, 901, 4, 10);
-constexpr auto kEir = numbered(kEirFields, 601, 0, 0);
-constexpr auto kPcrf = numbered(kPcrfFields, 1051, 4, 10);
-constexpr auto kAaa = numbered(kAaaFields, 1141, 4, 10);
-constexpr auto kChf = numbered(kChfFields, 1111, 4, 10);
-constexpr auto kGgsn = numbered(kGgsnFields, 1401, 0, 0);
+constexpr auto kUpf = numbered(kUpfFields, 2);
+constexpr auto kPgw = numbered(kPgwFields, 5);
+constexpr auto kSgw = numbered(kSgwFields, 6);
+constexpr auto kHss = numbered(kHssFields, 7);
+constexpr auto kEir = numbered(kEirFields, 8);
+constexpr auto kPcrf = numbered(kPcrfFields, 10);
+constexpr auto kAaa = numbered(kAaaFields, 11);
+constexpr auto kChf = numbered(kChfFields, 12);
+constexpr auto kGgsn = numbered(kGgsnFields, 31);
 
 static_assert(kHss.row[59].ID == 1044 && kPcrf.row[23].ID == 1104 && kAaa.row[11].ID == 1164 &&
               kChf.row[11].ID == 1134 && kPgw.row[8].ID == 1193 && kSgw.row[8].ID == 1323 && kGgsn.row[8].ID == 1409 &&
@@ -166,21 +149,6 @@ const KsCounterBlock& KsEngine__CounterBlock(uint32_t AppType) {
 const KsCounterName* KsEngine__CounterNames(size_t* count) {
     if (count) *count = std::size(kNames);
     return kNames;
-}
-
-const char* KsEngine__CounterNameByID(uint32_t AppType, uint32_t id) {
-    KsCounterField f = nullptr;
-    if (id == 50000) f = &T::ExecutionTimeout;
-    else if (id == 39 && AppType == 1) f = &T::NGAPSendFailed;
-    else {
-        const KsCounterBlock& b = KsEngine__CounterBlock(AppType);
-        for (size_t i = 0; i < b.ConsoleCount; ++i)
-            if (b.Console[i].ID == id) f = b.Console[i].Field;
-    }
-    if (!f) return nullptr;
-    for (const KsCounterName& n : kNames)
-        if (n.Field == f) return n.Name;
-    return nullptr;
 }
 
 void KsEngine__InitTestCounters(__mv_ks__test_exec* tstItem) {

@@ -161,6 +161,41 @@ struct __mv_ks__test_exec;
 
 #define KS_TEST_COUNTER_FIELD(field, name) MV_Counter field;
 
+// The counters of type 1 in the order and with the numbers of the console's test
+// report: X(id, field). The other types number theirs by position (see below).
+#define KS_CONSOLE_COUNTERS_AMF(X)                                                                           \
+    X(1, RegistrationRequest) X(2, RegistrationReject) X(3, RegistrationAccept) X(4, RegistrationComplete)   \
+    X(5, RegistrationTimeout) X(6, AuthenticationRequest) X(7, AuthenticationResult)                         \
+    X(8, AuthenticationFailure) X(9, AuthenticationReject) X(10, AuthenticationTimeout) X(11, ServiceRequest) \
+    X(12, ServiceAccept) X(13, ServiceReject) X(14, ServiceTimeout) X(15, SecurityModeCommand)               \
+    X(16, SecurityModeComplete) X(17, SecurityModeReject) X(18, SecurityModeTimeout) X(19, IdentityRequest)  \
+    X(20, IdentityResponse) X(21, DeregistrationRequest) X(22, DeregistrationAccept)                         \
+    X(23, ConfigurationUpdateCommand) X(24, ConfigurationUpdateComplete) X(25, InitailContextSetupRequest)   \
+    X(26, InitailContextSetupResponse) X(27, UEContextReleaseRequest) X(28, UEContextReleaseCommand)         \
+    X(29, UEContextReleaseComplete) X(30, ErrorIndication) X(31, PDUSessionEstablishmentRequest)             \
+    X(32, PDUSessionEstablishmentAccept) X(33, PDUSessionEstablishmentTimeout)                               \
+    X(34, PDUSessionEstablishmentReject) X(35, PDUSessionReleaseRequest) X(36, PDUSessionReleaseCommand)     \
+    X(37, PDUSessionReleaseComplete) X(38, PDUSessionReleaseTimeout)
+
+// How the console numbers the counters of the other types: from `First`, by one
+// within a group of `Group` counters (0: one group), `GroupStep` apart per group.
+struct KsCounterNumbering {
+    uint32_t AppType;
+    uint16_t First, Group, GroupStep;
+};
+inline constexpr KsCounterNumbering kKsCounterNumbering[] = {
+    {2, 301, 0, 0},   {5, 1171, 3, 10}, {6, 1301, 3, 10}, {7, 901, 4, 10},   {8, 601, 0, 0},
+    {10, 1051, 4, 10}, {11, 1141, 4, 10}, {12, 1111, 4, 10}, {31, 1401, 0, 0},
+};
+constexpr uint16_t KsCounterNumber(const KsCounterNumbering& n, size_t position) {
+    return n.Group ? uint16_t(n.First + (position / n.Group) * n.GroupStep + position % n.Group)
+                   : uint16_t(n.First + position);
+}
+
+// The display name of a console counter number of an application type (50000 is
+// ExecutionTimeout, 39 NGAPSendFailed of type 1), or null. Needs no engine.
+const char* KsEngine__CounterNameByID(uint32_t AppType, uint32_t id);
+
 // The 26 engine-wide N1 counters: X(field, display name).
 #define KS_N1_COUNTERS(X)                                                         \
     KS_COUNTER_SAME(X, Sent_N1_Registration)                                      \
@@ -223,8 +258,6 @@ struct KsCounterName {
     const char* Name;
 };
 const KsCounterName* KsEngine__CounterNames(size_t* count);
-// The display name of a console counter number of an application type, or null.
-const char* KsEngine__CounterNameByID(uint32_t AppType, uint32_t id);
 
 // ---------------------------------------------------------------- operations
 

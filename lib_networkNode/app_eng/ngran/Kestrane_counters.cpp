@@ -258,13 +258,7 @@ std::atomic<const KsRanStatsSource*> ranStatsSource{&kNoRans};
 
 void KsEngine__SetRanStatsSource(const KsRanStatsSource* source) { ranStatsSource = source ? source : &kNoRans; }
 
-void KsEngine__doRanStats() {
-    // Only the "rst" thread calls this; the counts are rebuilt, not kept as UEs change.
-    static int call = 0;
-    int now = call;
-    call = call == 5 ? 0 : call + 1;
-    if (now != 0) return;
-    const KsRanStatsSource* src = ranStatsSource.load();
+void KsEngine___rebuildRanStats(const KsRanStatsSource* src) {
     src->ZeroAll();
     src->ForEachUE(
         [](const KsRanStatsUE& ue, void* arg) {
@@ -278,4 +272,13 @@ void KsEngine__doRanStats() {
             }
         },
         const_cast<KsRanStatsSource*>(src));
+}
+
+void KsEngine__doRanStats() {
+    // The "rst" thread calls this once a second; the counts are rebuilt from the UEs
+    // on every sixth call, not kept as UEs change.
+    static std::atomic<int> call{0};
+    int now = call.load();
+    call = now == 5 ? 0 : now + 1;
+    if (now == 0) KsEngine___rebuildRanStats(ranStatsSource.load());
 }

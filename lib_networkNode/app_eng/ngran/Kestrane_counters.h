@@ -308,3 +308,5 @@ struct KsRanStatsSource {
 void KsEngine__SetRanStatsSource(const KsRanStatsSource* source);
 // One call a second; the counts are rebuilt from the UEs on every sixth call.
 void KsEngine__doRanStats();
+// The rebuild itself.
+void KsEngine___rebuildRanStats(const KsRanStatsSource* source);

@@ -32,7 +32,6 @@ void KsSeam__create_id_tables(uint32_t) { absent("NGAP and Diameter id tables", 
 void KsSeam__CreateNGRanUEContext() { absent("RAN UE context pool", __func__); }
 void KsSeam__LoadUEFiles() { absent("subscriber files", __func__); }
 void KsSeam__create_commandPool() { absent("command pool", __func__); }
-void KsSeam__create_N1_counters() { absent("global N1 counters", __func__); }
 void KsSeam__CreateCommandSteps() { absent("prebuilt command steps", __func__); }
 void KsSeam__DiamDict_Init() { absent("Diameter dictionaries", __func__); }
 void KsSeam__TemplateEng_Init() { absent("template engine", __func__); }
@@ -69,4 +68,3 @@ void KsSeam__StartNGRANs() { absent("NG RAN connections", __func__); }
 void KsSeam__TE_Init() { absent("test-element connections", __func__); }
 void KsSeam__LoadUEAddlData(json_t*) { absent("additional UE data", __func__); }
 void KsSeam__MonitoringEngine_Init() { absent("monitoring engine", __func__); }
-void KsSeam__doRanStats() {}

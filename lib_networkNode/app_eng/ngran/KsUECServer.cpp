@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "Kestrane.h"
 #include "mv_alloc.h"
+#include "mv_core.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
-// kestrane-pdu: decodes and re-encodes NGAP and S1AP PDUs given as hex, for writing templates and
-// reading captures.
+// kestrane-pdu: decodes and re-encodes NGAP and S1AP PDUs, and decodes NAS messages, given as hex, for
+// writing templates and reading captures.
 #include <cctype>
 #include <cstdio>
 #include <cstring>
@@ -13,13 +13,15 @@
 #include "mv_asn.h"
 #include "mv_core.h"
 #include "mv_mme_asn.h"
+#include "mv_naspdu.h"
 
 namespace {
 
 int usage() {
     fprintf(stderr,
-            "usage: kestrane-pdu decode ngap|s1ap [--json] [HEX | -f FILE | -]\n"
+            "usage: kestrane-pdu decode ngap|s1ap|nas5g|naseps [--json] [HEX | -f FILE | -]\n"
             "       kestrane-pdu recode ngap|s1ap [HEX | -f FILE | -]\n"
+            "A protected NAS message is read past its security header as if it were not ciphered.\n"
             "HEX may hold blanks, ':' and a leading 0x; '-' or no HEX reads standard input.\n");
     return 2;
 }
@@ -56,6 +58,58 @@ bool parseHex(const std::string& text, std::vector<uint8_t>& out, std::string& e
     return true;
 }
 
+// A NAS message: the security header if there is one, then what the decoder takes from the plain message.
+int decodeNas(bool fg, const std::vector<uint8_t>& bytes, bool json) {
+    __naspduFGSecurityHeader sh{};
+    int off = __mv_naspdu_decodeSecurityHeader(&sh, bytes.data(), uint32_t(bytes.size()));
+    if (off < 0 || (fg && bytes[0] != MV_5GS_MM_EPD && bytes[0] != MV_5GS_SM_EPD) ||
+        (!fg && (bytes[0] & 0x0F) != MV_EPS_MM_PD && (bytes[0] & 0x0F) != MV_EPS_SM_PD)) {
+        fprintf(stderr, "kestrane-pdu: bad input: %02x is not a %s message\n", bytes[0], fg ? "5GS NAS" : "EPS NAS");
+        return 1;
+    }
+    std::string out, head;
+    if (off == 0 && sh.EPSBIOrSHT == NAS_SECURITY_HEADER_FOR_SERVICE_REQUEST_MESSAGE) {
+        // The EPS service request is a header of its own with nothing behind it.
+        printf(json ? "{\"securityHeader\":{\"type\":12}}\n" : "EPS service request, security header type 12\n");
+        return 0;
+    }
+    if (off > 0) {
+        char h[160];
+        snprintf(h, sizeof h,
+                 json ? "\"securityHeader\":{\"type\":%u,\"mac\":\"%02x%02x%02x%02x\",\"sequenceNumber\":%u},"
+                      : "security header type %u, MAC %02x%02x%02x%02x, sequence number %u\n",
+                 sh.EPSBIOrSHT, sh.MAC[0], sh.MAC[1], sh.MAC[2], sh.MAC[3], sh.SequenceNumber);
+        head = h;
+    }
+    std::vector<uint8_t> plain(bytes.begin() + off, bytes.end());
+    __naspduDecode d{};
+    int rc;
+    if (fg) {
+        rc = __mv_naspdu_DecodeFGMessage(&d, plain.data(), uint32_t(plain.size()));
+    } else {
+        d.buffer = plain.data();
+        d.length = int(plain.size());
+        rc = __mv_naspdu_DecodeMessage(&d);
+    }
+    if (rc != 0) {
+        fprintf(stderr, "kestrane-pdu: bad input: %s\n",
+                rc == -ENOENT  ? "not a NAS message of this family"
+                : rc == -ESRCH ? "a message type the codec does not know"
+                               : "too short for a NAS message");
+        __mv_naspdu_freeNASPduDecode(&d);
+        return 1;
+    }
+    __mv_naspdu_describe(&d, out, json);
+    if (json)
+        printf("{%s%s\n", head.c_str(), out.c_str() + 1);
+    else
+        printf("%s%s", head.c_str(), out.c_str());
+    int bad = !d.iMandatoryDecoded || d.iStatus == NAS_DECODE_ENDED_INSIDE_IE || d.iStatus == NAS_DECODE_IE_TOO_LARGE;
+    if (bad) fprintf(stderr, "kestrane-pdu: bad input: the message does not decode (status %d)\n", d.iStatus);
+    __mv_naspdu_freeNASPduDecode(&d);
+    return bad;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -77,7 +131,9 @@ int main(int argc, char** argv) {
             haveHex = true;
         }
     }
-    if ((cmd != "decode" && cmd != "recode") || (proto != "ngap" && proto != "s1ap") || (json && cmd != "decode"))
+    bool nas = proto == "nas5g" || proto == "naseps";
+    if ((cmd != "decode" && cmd != "recode") || (proto != "ngap" && proto != "s1ap" && !nas) ||
+        (json && cmd != "decode") || (nas && cmd != "decode"))
         return usage();
     if (!file.empty()) {
         std::ifstream in(file);
@@ -98,6 +154,10 @@ int main(int argc, char** argv) {
     if (!parseHex(hexText, bytes, err)) {
         fprintf(stderr, "kestrane-pdu: bad input: %s\n", err.c_str());
         return 1;
+    }
+    if (nas) {
+        __mv_asn_set_log_sink(sink, MV_LOG_WARNING);
+        return decodeNas(proto == "nas5g", bytes, json);
     }
     const MvAsnPdu* table = proto == "ngap" ? mv_asn_amf::kPdus : mv_asn_mme::kPdus;
     unsigned count = proto == "ngap" ? mv_asn_amf::kPduCount : mv_asn_mme::kPduCount;

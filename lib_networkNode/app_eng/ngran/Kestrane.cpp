@@ -18,6 +18,7 @@
 #include "KsPool.h"
 #include "Kestrane_seams.h"
 #include "Kestrane_util.h"
+#include "mvalgo.h"
 
 __mv_ks__engine* __ksEngine = nullptr;
 
@@ -268,7 +269,7 @@ int KsEngine__Startup(int argc, char** argv) {
     __init_morva_core();
     __mv_init_logger(logRoot);
     KsSeam__socket_engine_init();
-    KsSeam__init_crypto();
+    __mv_ogs_init_crypto_fun();
     printf("logs path:%s\n", logRoot);
 
     if (started_app == 1) {

@@ -14,7 +14,6 @@ void absent(const char* what, const char* func) {
 }  // namespace
 
 void KsSeam__socket_engine_init() { absent("socket engine", __func__); }
-void KsSeam__init_crypto() { absent("NAS crypto set-up", __func__); }
 void KsSeam__TemplateMgr_Init() { absent("template manager", __func__); }
 void KsSeam__AddStaticAMF(json_t*) { absent("static AMF node", __func__); }
 void KsSeam__create_cpTeidTable() { absent("control-plane TEID table", __func__); }

@@ -9,7 +9,6 @@
 #include <cstdint>
 
 void KsSeam__socket_engine_init();
-void KsSeam__init_crypto();
 void KsSeam__TemplateMgr_Init();
 void KsSeam__AddStaticAMF(json_t* amf);
 void KsSeam__create_cpTeidTable();

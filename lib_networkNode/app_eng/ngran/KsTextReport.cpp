@@ -16,6 +16,7 @@
 #include "KsPool.h"
 #include "KsUECServer.h"
 #include "Kestrane.h"
+#include "mv_naspdu.h"
 
 namespace {
 
@@ -108,9 +109,10 @@ constexpr NasName kNasNames[] = {
     {0xd6, "5GSM Status"},
 };
 
-// The cause texts belong to the NAS codec, which is not part of this build; until it
-// is, a cause is shown by its number alone.
-const char* causeText(uint32_t, int) { return "(cause text not available)"; }
+const char* causeText(uint32_t cause, int whichCause) {
+    const char* t = whichCause == 2 ? __mv_naspdu_get5GSMCause(int(cause)) : __mv_naspdu_get5GMMCause(int(cause));
+    return t ? t : "";
+}
 
 void rule(FILE* f, char c) {
     char line[163];

@@ -1,6 +1,6 @@
-// Starts the real engine in this process, in a scratch directory, once per test
-// binary: register kst::InProcessEngine as a gtest environment with the data files
-// and configuration members the group needs. The console is off (CLIPort 0).
+// Starts the real engine in-process in a scratch directory filled with the given
+// files, for test groups that look at what start-up loaded. ctest runs each test in
+// a process of its own, so every test sees a freshly started engine.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -15,33 +15,78 @@
 
 namespace kst {
 
-class InProcessEngine : public ::testing::Environment {
+class EngineInDir : public ::testing::Environment {
 public:
-    // `files` maps names under data/ to their text; `config` is added to the
-    // configuration object.
-    InProcessEngine(const char* tag, std::map<std::string, std::string> files, std::string config = "")
-        : tag_(tag), files_(std::move(files)), config_(std::move(config)) {}
+    // `files` maps paths relative to the scratch directory to their text; "cfg.json"
+    // is the configuration.
+    EngineInDir(const char* tag, std::map<std::string, std::string> files) : tag_(tag), files_(std::move(files)) {}
 
     void SetUp() override {
         dir_ = makeTempDir(tag_);
         mkdir((dir_ + "/data").c_str(), 0700);
-        for (const auto& [name, text] : files_) writeFile(dir_ + "/data/" + name, text);
-        std::string cfg = R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 5000, "IMSIPrefixWithZERO": 1, "CLIPort": 0)";
-        if (!config_.empty()) cfg += ", " + config_;
-        writeFile(dir_ + "/cfg.json", cfg + "}");
-        if (chdir(dir_.c_str()) != 0) FAIL();
-        std::string path = dir_ + "/cfg.json";
-        char* argv[] = {const_cast<char*>("kestrane"), path.data(), nullptr};
+        for (const auto& [name, text] : files_) writeFile(dir_ + "/" + name, text);
+        ASSERT_EQ(chdir(dir_.c_str()), 0);
+        std::string cfg = dir_ + "/cfg.json";
+        char* argv[] = {const_cast<char*>("kestrane"), cfg.data(), nullptr};
         ASSERT_EQ(KsEngine__Startup(2, argv), 1);
     }
     void TearDown() override { removeTree(dir_); }
+
     const std::string& dir() const { return dir_; }
+    std::string appLog() const { return readLogDir(dir_ + "/logs//app"); }
 
 private:
     const char* tag_;
     std::map<std::string, std::string> files_;
-    std::string config_;
     std::string dir_;
 };
+
+// The UE of IMSI 00101 followed by n in ten digits, or null.
+inline MV_KsUE* ueOf001(int n) {
+    char imsi[20];
+    snprintf(imsi, sizeof imsi, "00101%010d", n);
+    MV_KsUE* u = nullptr;
+    KsEngine__FindUEByIMSI(&u, imsi);
+    return u;
+}
+
+// Runs the engine binary in a scratch directory with the given files until it stops by
+// itself, or until it has printed that start-up is complete (then it is ended with
+// SIGTERM), or until `seconds` pass; returns what it printed.
+inline ChildResult runEngineBinary(const std::string& binary, const std::map<std::string, std::string>& files,
+                                   double seconds) {
+    std::string dir = makeTempDir("bin");
+    mkdir((dir + "/data").c_str(), 0700);
+    for (const auto& [name, text] : files) writeFile(dir + "/" + name, text);
+    std::string outPath = dir + "/.child_stdout";
+    ChildResult r;
+    pid_t pid = fork();
+    if (pid == 0) {
+        if (chdir(dir.c_str()) != 0) _exit(127);
+        int fd = open(outPath.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0644);
+        dup2(fd, 1);
+        dup2(fd, 2);
+        std::string cfg = dir + "/cfg.json";
+        execl(binary.c_str(), binary.c_str(), cfg.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    int status = 0;
+    bool reaped = false;
+    bool started = waitFor(
+        [&] {
+            reaped = waitpid(pid, &status, WNOHANG) == pid;
+            return reaped || readFile(outPath).find("Initalization of KsTest is completed") != std::string::npos;
+        },
+        seconds);
+    if (!reaped) {
+        r.timedOut = !started;
+        kill(pid, started ? SIGTERM : SIGKILL);
+        waitpid(pid, &status, 0);
+    }
+    if (WIFEXITED(status)) r.exitStatus = WEXITSTATUS(status);
+    r.out = readFile(outPath);
+    removeTree(dir);
+    return r;
+}
 
 }  // namespace kst

@@ -15,15 +15,19 @@
 
 namespace {
 
-kst::InProcessEngine* gEngine = static_cast<kst::InProcessEngine*>(::testing::AddGlobalTestEnvironment(
-    new kst::InProcessEngine(
+// No console: these tests reach the engine's operations directly.
+const char* const kNoConsole = R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 5000, "IMSIPrefixWithZERO": 1, "CLIPort": 0})";
+
+kst::EngineInDir* gEngine = static_cast<kst::EngineInDir*>(::testing::AddGlobalTestEnvironment(
+    new kst::EngineInDir(
         "console",
-        {{"uel.json", R"([{"ID": 1, "MSINStart": "001010000000001", "MSINEnd": "001010000000020", "MCC": "001", "MNC": "01"}])"},
-         {"sce.json", R"([{"ID": 1, "Name": "long", "Config": [{"ID": 3, "Dict": [{"Key": 3, "Value": "30"}]}]}])"},
-         {"tst.json", R"([{"ID": 1, "Name": "one", "ScenarioID": 1, "SUPIStartNo": "001010000000001", "SUPIStartEnd": "001010000000002"},
+        {{"cfg.json", kNoConsole},
+                             {"data/uel.json", R"([{"ID": 1, "MSINStart": "001010000000001", "MSINEnd": "001010000000020", "MCC": "001", "MNC": "01", "MSISDNBegin": "9000000001"}])"},
+         {"data/sce.json", R"([{"ID": 1, "Name": "long", "Config": [{"ID": 3, "Dict": [{"Key": 3, "Value": "30"}]}]}])"},
+         {"data/tst.json", R"([{"ID": 1, "Name": "one", "ScenarioID": 1, "SUPIStartNo": "001010000000001", "SUPIStartEnd": "001010000000002"},
                           {"ID": 2, "Name": "two", "ScenarioID": 1, "SUPIStartNo": "001010000000003", "SUPIStartEnd": "001010000000004"},
                           {"ID": 3, "Name": "three", "ScenarioID": 1, "AppType": 1, "SUPIStartNo": "001010000000005", "SUPIStartEnd": "001010000000005"}])"},
-         {"set.json", R"({"AMF": {"12": "on", "7": "a longer value"}, "UPF": {}})"}})));
+         {"data/set.json", R"({"AMF": {"12": "on", "7": "a longer value"}, "UPF": {}})"}})));
 
 // Answers by connection, in the order they were sent.
 struct Sent {

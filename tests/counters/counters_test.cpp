@@ -23,12 +23,16 @@ std::string imsi(int n) {
     return b;
 }
 
-kst::InProcessEngine* gEngine = static_cast<kst::InProcessEngine*>(::testing::AddGlobalTestEnvironment(
-    new kst::InProcessEngine("counters",
-                             {{"uel.json", "[{\"ID\": 1, \"MSINStart\": \"" + imsi(1) + "\", \"MSINEnd\": \"" + imsi(50) +
-                                               "\", \"MCC\": \"001\", \"MNC\": \"01\"}]"},
-                              {"sce.json", R"([{"ID": 4, "Name": "walk", "Config": [{"ID": 3, "Dict": [{"Key": 3, "Value": "0"}]}]}])"},
-                              {"tst.json", R"([{"ID": 7, "Name": "seven", "ScenarioID": 4, "MPS": 50,
+// No console: these tests reach the engine's operations directly.
+const char* const kNoConsole = R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 5000, "IMSIPrefixWithZERO": 1, "CLIPort": 0})";
+
+kst::EngineInDir* gEngine = static_cast<kst::EngineInDir*>(::testing::AddGlobalTestEnvironment(
+    new kst::EngineInDir("counters",
+                             {{"cfg.json", kNoConsole},
+                             {"data/uel.json", "[{\"ID\": 1, \"MSINStart\": \"" + imsi(1) + "\", \"MSINEnd\": \"" + imsi(50) +
+                                               "\", \"MCC\": \"001\", \"MNC\": \"01\", \"MSISDNBegin\": \"9000000001\"}]"},
+                              {"data/sce.json", R"([{"ID": 4, "Name": "walk", "Config": [{"ID": 3, "Dict": [{"Key": 3, "Value": "0"}]}]}])"},
+                              {"data/tst.json", R"([{"ID": 7, "Name": "seven", "ScenarioID": 4, "MPS": 50,
                                                "SUPIStartNo": "001010000000001", "SUPIStartEnd": "001010000000003"}])"}})));
 
 std::string perLog() { return kst::readLogDir(gEngine->dir() + "/logs/per"); }

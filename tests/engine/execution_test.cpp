@@ -43,7 +43,7 @@ public:
                        R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 5000, "IMSIPrefixWithZERO": 1, "DefaultTimeoutSeconds": 2,
                            "LogLevel": {"APPLICATION": 4, "STACK": 3, "COMMON": 5}})");
         kst::writeFile(gDir + "/data/uel.json", "[{\"ID\": 1, \"MSINStart\": \"" + imsi(1) + "\", \"MSINEnd\": \"" +
-                                                    imsi(2000) + "\", \"MCC\": \"001\", \"MNC\": \"01\"}, " +
+                                                    imsi(2000) + "\", \"MCC\": \"001\", \"MNC\": \"01\", \"MSISDNBegin\": \"9000000001\"}, " +
                                                     "{\"ID\": 2, \"MSINStart\": 5, \"MSINEnd\": \"x\"}]");
         kst::writeFile(gDir + "/data/sce.json",
                        "[{\"ID\": 1, \"Config\": [" + sleepStep(0) + "]}," +                             //
@@ -102,7 +102,7 @@ MV_KsUE* ue(int n) {
 
 TEST(TestExecution, UEsOfTheRangeWalkTheScenarioToTheEnd) {
     ASSERT_NE(ue(1), nullptr);
-    EXPECT_STREQ(ue(1)->supi, ("imsi-" + imsi(1)).c_str());
+    EXPECT_STREQ(KsUE__supi(ue(1)), ("imsi-" + imsi(1)).c_str());
     EXPECT_EQ(__ksEngine->ksUETotal, 2000) << "the malformed second range is skipped";
 
     EXPECT_EQ(runToEnd(1, 20), KS_TEST__IDLE);

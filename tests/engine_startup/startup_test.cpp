@@ -195,7 +195,7 @@ TEST(StartupValues, ListsAreCutAtTenAndPortDefaults) {
     std::string ips, files;
     for (int i = 0; i < 12; ++i) {
         ips += std::string(i ? "," : "") + "\"127.0.0." + std::to_string(i + 1) + "\"";
-        files += std::string(i ? "," : "") + "{\"Name\": \"f" + std::to_string(i) + ".json\"}";
+        files += std::string(i ? "," : "") + "{\"Name\": \"f" + std::to_string(i) + ".json\", \"Enabled\": 0}";
     }
     Derived d = startInChild(config("\"LocalAddress\": {\"IP\": [" + ips + "]}, \"UEFiles\": [" + files + "]"));
     EXPECT_EQ(d.ipCount, 10u);

@@ -17,6 +17,7 @@
 
 #include "KsPool.h"
 #include "Kestrane_seams.h"
+#include "mv_socket_engine.h"
 #include "Kestrane_util.h"
 #include "mvalgo.h"
 
@@ -83,6 +84,9 @@ void readScalarKeys(json_t* cfg) {
     uint32_t t = uint32_t(KsJson::number(cfg, "DefaultTimeoutSeconds", 7));
     __ksEngine->DefaultTimeoutSeconds = t < 2 ? 2 : t;
     __ksEngine->UseSCTPSendLock = uint32_t(KsJson::number(cfg, "SCTPSendLock", 0));
+    char sctpBackend[16] = "auto";
+    KsJson::copyString(cfg, "SCTPBackend", sctpBackend, sizeof sctpBackend);
+    __mv_socket_engine__set_sctp_backend(sctpBackend, int(KsJson::number(cfg, "SCTPUDPPort", 0)));
     __ksEngine->DataPlanePort = uint32_t(KsJson::number(cfg, "DataPlanePort", 0));
     KsJson::copyString(cfg, "DataPlaneIP", __ksEngine->DataPlaneIP, sizeof __ksEngine->DataPlaneIP);
     KsJson::copyString(cfg, "DataPlaneAccessIP", __ksEngine->DataPlaneAccessIP, sizeof __ksEngine->DataPlaneAccessIP);
@@ -125,8 +129,8 @@ int KsEngine__InitializeApp_Config(json_t* cfg) {
     __ksEngine->localIPVersion = 4;
     __ksEngine->amfCount = 0;
     __ksEngine->UEFileCount = 0;
-    __ksEngine->imsiTable = KsImsiIndex_create();
-    __ksEngine->N2HandoverTable = KsImsiIndex_create();
+    __ksEngine->imsiTable = __mv_power_table_create();
+    __ksEngine->N2HandoverTable = __mv_power_table_create();
 
     if (json_t* la = json_object_get(cfg, "LocalAddress"); la) {
         __ksEngine->localIPVersion = KsJson::number(la, "IPVersion", 4) == 6 ? 6 : 4;
@@ -268,7 +272,7 @@ int KsEngine__Startup(int argc, char** argv) {
     snprintf(logRoot, sizeof logRoot, "%s/logs/", cwd);
     __init_morva_core();
     __mv_init_logger(logRoot);
-    KsSeam__socket_engine_init();
+    __mv_socket_engine_init();
     __mv_ogs_init_crypto_fun();
     printf("logs path:%s\n", logRoot);
 
@@ -346,13 +350,17 @@ int KsEngine__Startup(int argc, char** argv) {
     KsSeam__create_cpTeidTable();
 
     KsSeam__UECServer_Start(__ksEngine->UECPort);
-    KsSeam__LoadScanarioFiles();
+    // The scenario and step pools exist before anything builds a scenario: the files
+    // here, the default scenario with the first UE, the prebuilt command steps.
+    __ksEngine->ksScanarioPool = new (__mv_malloc(sizeof(KsFifoPool<KsScanario>))) KsFifoPool<KsScanario>(200, 200);
+    __ksEngine->ksStepPool = new (__mv_malloc(sizeof(KsFifoPool<KsStep>))) KsFifoPool<KsStep>(500, 500);
+    if (!KsScanario__LoadScanarios()) return 0;
 
     uint32_t capacity = KS_BUILTIN_UE_CAPACITY;
     uint32_t maxUE = uint32_t(KsJson::number(cfg, "MaximumUE", 1000000));
     uint32_t poolSize = maxUE < capacity ? maxUE : capacity;
     printf("creating ue-pool with count=%u\n", poolSize);
-    KsEngine__InitializeksUE_Pool(poolSize);
+    if (!KsEngine__InitializeksUE_Pool(capacity)) return 0;
     printf("creatd ue-pool with count=%u\n", poolSize);
 
     __ksEngine->ksEventPool = new (__mv_malloc(sizeof(KsFifoPool<KsStepChild>))) KsFifoPool<KsStepChild>(1000, 1000);
@@ -373,18 +381,16 @@ int KsEngine__Startup(int argc, char** argv) {
     __ksEngine->UEIDStartNo = uint32_t(KsJson::number(cfg, "RANUEIDStartNo", 1));
     KsSeam__CreateNGRanUEContext();
 
-    KsSeam__LoadUEFiles();
+    if (!KsEngine__LoadUEConfigs()) return 0;
 
-    __ksEngine->ksScanarioPool = new (__mv_malloc(sizeof(KsFifoPool<KsScanario>))) KsFifoPool<KsScanario>(200, 200);
-    __ksEngine->ksStepPool = new (__mv_malloc(sizeof(KsFifoPool<KsStep>))) KsFifoPool<KsStep>(500, 500);
     __mv_set_mpscounter(KsEngine__sentmpscounter);
 
     __ksEngine->RanSelectionMode = 0;
     __ksEngine->RanLastSelected = 0;
-    KsSeam__create_commandPool();
+    __ksEngine->commandPool = __mv_pool_create("commandPool", KS_COMMAND_POOL_ITEM_SIZE, 1000, 1);
     KsEngine__CreateN1Counters();
 
-    KsSeam__CreateCommandSteps();
+    KsScanario__CreateCommandSteps();
     KsSeam__DiamDict_Init();
     KsSeam__TemplateEng_Init();
     if (!KsSeam__GTP_Init(cfg)) return 0;
@@ -414,7 +420,7 @@ int KsEngine__Startup(int argc, char** argv) {
     __mv_create_pthread2(KsEngine__TestPerformanceThread, nullptr, "t-e-t");
     __mv_create_pthread2(KsEngine__RANStatsThread, nullptr, "rst");
 
-    KsSeam__LoadUEAddlData(cfg);
+    KsEngine__LoadUEAddlData(cfg);
     __ksEngine->EnableMonitoringEngine = uint32_t(KsJson::number(cfg, "EnableMonitoringEngine", 0));
     KsSeam__MonitoringEngine_Init();
     // Tests named here are queued as soon as the engine is up, for runs without a console.

@@ -8,8 +8,11 @@
 #include <cstdint>
 
 #include "KsCommandSteps.h"
+#include "KsUE.h"
 #include "Kestrane_counters.h"
 #include "mv_core.h"
+#include "mv_pool.h"
+#include "mv_tables.h"
 
 #define KestraneVersion "2.30.12.04"
 
@@ -32,10 +35,6 @@
 #define KS_BEARER__3GPP 1
 #define KS_BEARER__NON3GPP 2
 
-// Step codes the engine itself knows; the full catalogue lives with the scenario builders.
-#define KS_STEP__SLEEP 2
-#define KS_STEP__SERVICE_REQUEST 3
-
 // Test states.
 #define KS_TEST__IDLE 0
 #define KS_TEST__QUEUED 1
@@ -50,8 +49,6 @@
 #define KS_TEST__NOT_CONFIGURED 13
 #define KS_TEST__STOP 100
 
-struct __mv_ks__ue;
-typedef __mv_ks__ue MV_KsUE;
 struct __ks_scanario;
 struct __ks_step;
 struct __ks_step_execution;
@@ -207,68 +204,15 @@ struct __mv_ks__test_exec {
     uint32_t ScenarioID;
 };
 
-// ---------------------------------------------------------------- UE
-
-// The slice of the UE record that test execution uses, with the identity fields.
-struct __mv_ks__ue {
-    __mv_ks__ue* Next;
-    __mv_ks__ue* TestNext;
-    __mv_ks__ue* STestNext;
-    uint32_t AMFConnId;
-    uint64_t ueId;
-    char mcc[4], mnc[4];
-    uint64_t msin;
-    char supi[61];
-    uint64_t l_imsi;
-    MV_Mutex pduSessionsRecvCountLock;
-    // execution state
-    KsScanario* ksScanario;
-    KsStepExecution* ksStepExecutionHead;
-    KsStepExecution* ksStepExecutionCurrent;
-    KsStepExecution* ksStepExecution;
-    uint32_t ksStepExecutionItemCount;
-    uint32_t CommandId;
-    uint32_t TestId;
-    KsTestExec* testExec;
-    MV_Mutex ChildLock;
-    void* ChildHead;
-    void* ChildCurrent;
-    int32_t CompletedKsStep;
-    int32_t TotalKsSteps;
-    uint32_t EndOfTest;
-    uint32_t ChildStepCounter;
-    uint32_t StepCode;
-    uint32_t _initT3PP, _initT3PP_retryCounter, _initNT3PP, _initNT3PP_retryCounter;
-    uint32_t AppError;
-    void* ranUeContext;  // RAN-side UE context, null until the UE has one
-    // step timer
-    MV_Timer* defTimer;
-    uint8_t defTimerOnTimeout;
-    uint8_t defTimerCounter;
-    uint8_t defTimerMaxAttempts;
-    uint32_t defStepCode;
-    // The arming the UE holds: the record's generation for a safe clear, and a
-    // sequence the expiry carries so a late expiry of an older arming is ignored.
-    uint64_t defTimerGen;
-    std::atomic<uint32_t> defTimerSeq;
-    std::atomic<uint32_t> defTimerFiredSeq;
-};
-
 // ---------------------------------------------------------------- engine record
 
-struct __mv_ks__uefile {
-    char FileName[249];
-    int32_t Enabled;
-};
-
-struct KsImsiIndex;
 template <class T>
 class KsFifoPool;
 
 struct __mv_ks__engine {
     json_t* config;
-    KsImsiIndex* imsiTable;
-    KsImsiIndex* N2HandoverTable;
+    MV_PowerTable* imsiTable;        // IMSI digits as text
+    MV_PowerTable* N2HandoverTable;  // AMF UE id, with the locking operations
     void* AMFConnections;
     uint32_t ConcurrentTestCase;
     uint32_t ExecutingTestCaseCount;
@@ -360,7 +304,7 @@ struct __mv_ks__engine {
     int32_t M_MPSCount;
     int32_t M_MPS[KS_STEP_QUEUE_COUNT];
     void* M_MPS_Q[KS_STEP_QUEUE_COUNT];
-    void* commandPool;
+    mv_morva_pool_t* commandPool;
     void* gIdp;
     uint32_t EnableUETimers;
     uint32_t RanSelectionMode;
@@ -369,7 +313,7 @@ struct __mv_ks__engine {
     void* pcap_protocol_files;  // names of pcap_protocols/, in directory order
     MV_Mutex step_lock;
     // the prebuilt command steps, one field each
-#define KS_COMMAND_STEP_FIELD(name) KsStep* name;
+#define KS_COMMAND_STEP_FIELD(name, code) KsStep* name;
     KS_COMMAND_STEP_FIELDS(KS_COMMAND_STEP_FIELD)
 #undef KS_COMMAND_STEP_FIELD
     KS_N1_COUNTERS(KS_N1_COUNTER_FIELD)
@@ -421,19 +365,6 @@ void* KsEngine__RANStatsThread(void* arg);
 void* KsEngine__TestExecutionThread(void* arg);
 void KsEngine__sentmpscounter();
 
-// ---------------------------------------------------------------- UE table
-
-int KsEngine__InitializeksUE_Pool(uint32_t count);
-MV_KsUE* KsEngine__AllocateUE();
-void KsEngine__FindUEByIMSI(MV_KsUE** ksUe, const char* imsi);
-// The IMSI text of a number: "%lu", padded on the left with '0' to 15 digits when
-// IMSIPrefixWithZERO is 1. Loading and the test's range lookup both use it.
-void KsEngine__IMSIText(uint64_t imsi, char* out, size_t cap);
-// Creates one UE per IMSI of every uel.json range; returns the number created.
-int KsEngine__LoadUEConfigs();
-int KsEngine__ConfigureUEList(json_t* ueList);
-void KsEngine__LatchUEs();
-
 // ---------------------------------------------------------------- tests
 
 [[nodiscard]] uint32_t KsEngine__AddTestToQueue(uint32_t TestId, int status);
@@ -459,13 +390,12 @@ void KsEngine__ResetTestScenario(KsTestExec* tstItem);
 // ---------------------------------------------------------------- scenarios and steps
 
 KsScanario* Kestrane___createScanarioForKsTestExec(KsTestExec* tstItem, uint32_t ScanarioID);
+KsScanario* KsScanario__NewScanario(uint32_t id);
 void KsScanario__AddStep(KsScanario* scanario, KsStep* step);
 KsStep* KsScanario__NewStep(uint32_t StepCode, uint32_t StepIndex);
-void Kestrane___ScanarioAddSleep(KsScanario* scanario, json_t* dict);
-// The builder of a scenario step id, or null when the id has none.
-typedef void (*KsStepBuilder)(KsScanario* scanario, json_t* dict);
-KsStepBuilder KsScanario__GetStepBuilder(uint32_t stepId);
 void KsScanario__CreateKsStepExecutions(MV_KsUE* ksUe, int stepId);
+// An execution of `st` with its PDU session entries, appended to the UE's list.
+KsStepExecution* KsScanario__AppendExecution(MV_KsUE* ksUe, KsStep* st, uint32_t Id);
 void KsScanario__ReleaseUEExecutionSteps(MV_KsUE* ksUe);
 void KsScanario__CompleteCurrentStepAndExecutionNextStep(MV_KsUE* ksUe, uint32_t StepCode, const char* funcName,
                                                          const char* file, int line);
@@ -473,6 +403,95 @@ KsStepExecution* KsScanario__GetCurrentExecutingStep(MV_KsUE* ksUe, uint32_t exp
 int KsScanario__CurrentStepEquals(MV_KsUE* ksUe, uint32_t StepCode);
 KsStepExecution* KsScanario__GetKsExecution(MV_KsUE* ksUe);
 KsStep* KsScanario__GetKsExecutionStep(MV_KsUE* ksUe);
+void KsScanario__ReRunScanario(MV_KsUE* ksUe, int clearResult);
+void KsScanario__UpdatePduSesssionStep(uint8_t pduSessionId, MV_KsUE* ksUe);
+void KsScanario__PduNextStep(void* ue);
+
+// Report events (written only while WriteReport is set).
+void KsScanario__AddEvent(MV_KsUE* ksUe, uint32_t procedureCode, uint32_t nasMessageType, uint32_t childNasMessageType,
+                          uint32_t childNasMessageCategoryType);
+KsStepChild* KsScanario__AddRecvEvent(MV_KsUE* ksUe, uint32_t procedureCode, uint32_t nasMessageType);
+void KsScanario__AddEvent_BYNGAPID(uint64_t ngapId, uint32_t procedureCode, uint32_t nasMessageType);
+void KsScanario__ClearResult(MV_KsUE* ksUe);
+
+// ---------------------------------------------------------------- the step catalogue
+
+// What a scenario step id builds. `Kind` picks the defaults and the Dict keys the
+// builder reads; the template columns say where Dict key 22 looks.
+enum class KsStepKind : uint8_t {
+    Plain,         // no Dict keys
+    Registration,  // id 1
+    PduSession,    // id 2
+    Sleep,         // id 3
+    ReleaseLogicalUEConnection,
+    ServiceRequest,
+    DeRegistration,
+    DataTPDU,   // id 7: key 4 also sets InitialContextRequest
+    PacketData, // ids 1004, 2006, 3006
+    Template,   // key 22: a template by message type
+    Template2,  // key 22: a template by interface and command
+};
+
+struct KsStepCatalogueEntry {
+    uint32_t StepId;
+    const char* Builder;
+    uint32_t StepCode;
+    uint32_t StepIndex;
+    KsStepKind Kind;
+    const char* TemplateType;      // interface of key 22, or null
+    int32_t TemplateInterface;     // Template2 only
+    uint32_t TemplateMessage;      // message type, or Diameter command
+};
+
+// The catalogue row of a step id, or null when the id has no builder.
+const KsStepCatalogueEntry* KsScanario__GetStepBuilder(uint32_t stepId);
+// Every row, in step id order.
+const KsStepCatalogueEntry* KsScanario__Catalogue(size_t* count);
+// Builds the step of that row from a Dict (an array of {Key, Value}), applying the
+// keys in array order, and appends it. Returns the step.
+KsStep* Kestrane___ScanarioAddStep(KsScanario* scanario, const KsStepCatalogueEntry* entry, json_t* dict);
+void Kestrane___ScanarioAddRegistrationStep(KsScanario* scanario, json_t* dict);
+void Kestrane___ScanarioAddPDUSession(KsScanario* scanario, json_t* dict);
+void Kestrane___ScanarioAddSleep(KsScanario* scanario, json_t* dict);
+void Kestrane___ScanarioAddReleaseLogicalUEConnection(KsScanario* scanario, json_t* dict);
+void Kestrane___ScanarioAddServiceRequest(KsScanario* scanario, json_t* dict);
+void Kestrane___ScanarioAddDeRegistration(KsScanario* scanario, json_t* dict);
+void Kestrane___ScanarioAddDataTPDU(KsScanario* scanario, json_t* dict);
+// Template lookups of Dict keys: by name and message type, or by name, interface and
+// command. The result goes to the slot the key names; null when nothing matches.
+MV_Template* Kestrane___ScanarioSetTemplate(KsStep* ksStep, const char* name, const char* cType, uint32_t messageId);
+MV_Template* Kestrane___ScanarioSetTemplate2(KsStep* ksStep, const char* name, const char* cType, int interface,
+                                             uint32_t command);
+void KsScanario__SetNASTemplate(KsStep* ksStep, MV_Template* t);
+void KsScanario__SetSMNASTemplate(KsStep* ksStep, MV_Template* t);
+void KsScanario__SetNGAPInitTemplate(KsStep* ksStep, MV_Template* t);
+void KsScanario__SetUplinkNGAPTemplate(KsStep* ksStep, MV_Template* t);
+// The runner family a StepIndex dispatches to, by name, or null for a range without one.
+const char* Kestrane___runnerNameOfStepIndex(uint32_t StepIndex);
+
+// ---------------------------------------------------------------- scenario files
+
+// Loads the files named by ScanarioFiles. Returns 0 when a file cannot be read: the
+// text is printed and start-up stops.
+int KsScanario__LoadScanarios();
+int KsScanario__LoadScanarioFile(uint32_t id, const char* fileName, uint32_t isDefault);
+KsScanario* KsScanario__getByScID(uint32_t id);
+// Scenario 10001, made when the first UE is added and no default exists.
+void KsScanario__CreateDefaultScanario();
+
+// ---------------------------------------------------------------- console commands
+
+void KsScanario__CreateCommandSteps();
+// A zeroed command from commandPool, or null when the pool is gone.
+MV_KsTestCommand* KsScanario__NewTestCommand();
+void KsScanario__ReleaseTestCommand(MV_KsTestCommand* command);
+// Appends to / takes the head of the UE's command queue, under commandLock.
+void KsScanario__QueueTestCommand(MV_KsUE* ksUe, MV_KsTestCommand* command);
+MV_KsTestCommand* KsScanario__PopTestCommand(MV_KsUE* ksUe);
+void KsScanario__AddTestCommand(MV_KsTestCommand* command, MV_KsUE* ksUe);
+void KsScanario__AddCommand(MV_KsTestCommand* command, MV_KsUE* ksUe, KsStep* ksStep);
+void KsScanario__AddTemplatedTestCommand(MV_KsTestCommand* command, MV_KsUE* ksUe);
+void KsScanario__AddTemplatedTestCommand2(MV_KsTestCommand* command, MV_KsUE* ksUe);
 
 #define KS_COMPLETE_STEP(ue, code) \
     KsScanario__CompleteCurrentStepAndExecutionNextStep((ue), (code), __func__, __FILE_NAME__, __LINE__)
@@ -501,6 +520,9 @@ void KsCHF__runStep_FQ(MV_KsUE* ksUe);
 void KsPCRF__runStep_FQ(MV_KsUE* ksUe);
 void KsHSS__runStep_FQ(MV_KsUE* ksUe, int mode);
 void KsSMF__runStep_FQ(MV_KsUE* ksUe);
+void Ks5GEIR__runStep_FQ(MV_KsUE* ksUe);
+// Timer callback of a PDU session step with several sessions: asks for the next one.
+void KsNAS__send_pdusession_request_3gpp(void* ue);
 
 // When set, every step goes to this runner instead of its family's: scripted runs
 // and tests stand in for a protocol with it. Null restores the families.

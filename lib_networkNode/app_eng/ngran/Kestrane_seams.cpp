@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 
 #include <cstdio>
+#include <atomic>
 #include <cstring>
 
 #include "Kestrane.h"
@@ -13,7 +14,6 @@ void absent(const char* what, const char* func) {
 }
 }  // namespace
 
-void KsSeam__socket_engine_init() { absent("socket engine", __func__); }
 void KsSeam__TemplateMgr_Init() { absent("template manager", __func__); }
 void KsSeam__AddStaticAMF(json_t*) { absent("static AMF node", __func__); }
 void KsSeam__create_cpTeidTable() { absent("control-plane TEID table", __func__); }
@@ -26,12 +26,8 @@ void KsSeam__UECServer_Start(uint32_t port) {
     absent("UE-Console server", __func__);
 }
 
-void KsSeam__LoadScanarioFiles() { absent("scenario files", __func__); }
 void KsSeam__create_id_tables(uint32_t) { absent("NGAP and Diameter id tables", __func__); }
 void KsSeam__CreateNGRanUEContext() { absent("RAN UE context pool", __func__); }
-void KsSeam__LoadUEFiles() { absent("subscriber files", __func__); }
-void KsSeam__create_commandPool() { absent("command pool", __func__); }
-void KsSeam__CreateCommandSteps() { absent("prebuilt command steps", __func__); }
 void KsSeam__DiamDict_Init() { absent("Diameter dictionaries", __func__); }
 void KsSeam__TemplateEng_Init() { absent("template engine", __func__); }
 
@@ -65,5 +61,60 @@ void KsSeam__InitializeRanNode_Configs() { absent("RAN and MME node configuratio
 void KsSeam__register_diam_handlers() { absent("Diameter handlers", __func__); }
 void KsSeam__StartNGRANs() { absent("NG RAN connections", __func__); }
 void KsSeam__TE_Init() { absent("test-element connections", __func__); }
-void KsSeam__LoadUEAddlData(json_t*) { absent("additional UE data", __func__); }
 void KsSeam__MonitoringEngine_Init() { absent("monitoring engine", __func__); }
+
+// ---------------------------------------------------------------- RAN registry
+
+namespace {
+
+__mv_ks__RanAmfConn* noConnectionByID(uint32_t) { return nullptr; }
+__mv_ks__RanAmfConn* noRAN(const char*, const char*, uint8_t) { return nullptr; }
+int noRANList(const char*, const char*, uint8_t, __mv_ks__RanAmfConn**, int) { return 0; }
+uint32_t noConnectionID(__mv_ks__RanAmfConn*) { return 0; }
+int noRanPlmn(__mv_ks__RanAmfConn*, uint8_t*) { return 0; }
+
+constexpr KsRanRegistry kNoRegistry{noConnectionByID, noRAN, noRANList, noConnectionID, noRanPlmn};
+std::atomic<const KsRanRegistry*> ranRegistry{&kNoRegistry};
+
+std::atomic<KsTemplateLookup> templateLookup{nullptr};
+
+MV_Template* lookupTemplate(const char* name, const char* cType, int appSubType, uint32_t messageId) {
+    if (!name || !*name) return nullptr;
+    if (KsTemplateLookup f = templateLookup.load()) return f(name, cType, appSubType, messageId);
+    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
+             "template engine is not part of this build: Template=[%s] Interface=%s SubType=%d MessageType=%u not found "
+             "%s|%d",
+             name, cType ? cType : "", appSubType, messageId, __func__, __LINE__);
+    return nullptr;
+}
+
+}  // namespace
+
+const KsRanRegistry* KsSeam__RanRegistry() { return ranRegistry.load(); }
+void KsSeam__SetRanRegistry(const KsRanRegistry* registry) { ranRegistry = registry ? registry : &kNoRegistry; }
+void KsSeam__SetRanUeContextAmfId(__mv_ks__ngran_UeContext*, uint64_t) { absent("RAN UE context", __func__); }
+
+// ---------------------------------------------------------------- template engine
+
+void KsSeam__SetTemplateLookup(KsTemplateLookup lookup) { templateLookup = lookup; }
+
+MV_Template* KsSeam__FindTemplateByMessageId(const char* name, const char* cType, uint32_t messageId) {
+    return lookupTemplate(name, cType, -1, messageId);
+}
+
+MV_Template* KsSeam__FindTemplateByMessageId2(const char* name, const char* cType, int appSubType, uint32_t messageId) {
+    return lookupTemplate(name, cType, appSubType, messageId);
+}
+
+void KsSeam__FindTemplatesFotRequestByTemplateFor5G(uint32_t, uint32_t, uint32_t, uint32_t, __ks_step*) {
+    absent("template engine", __func__);
+}
+void KsSeam__FindTemplatesForRequestByTemplateForPFCP(uint32_t, uint32_t, __ks_step*) {
+    absent("template engine", __func__);
+}
+void KsSeam__FindTemplatesForRequestByTemplateByAppType(const char*, uint32_t, uint32_t, __ks_step*) {
+    absent("template engine", __func__);
+}
+void KsSeam__FindTemplatesForRequestByTemplateForDiam(int, const char*, uint32_t, uint32_t, uint32_t, __ks_step*) {
+    absent("template engine", __func__);
+}

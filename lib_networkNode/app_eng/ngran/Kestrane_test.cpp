@@ -51,27 +51,6 @@ void freeUEOfList(MV_KsUE* ue) {
     ue->testExec = nullptr;
 }
 
-void releaseReportEvents(MV_KsUE* ue) {
-    std::lock_guard g(ue->ChildLock);
-    auto* c = static_cast<KsStepChild*>(ue->ChildHead);
-    while (c) {
-        KsStepChild* next = c->Next;
-        __ksEngine->ksEventPool->release(c);
-        c = next;
-    }
-    ue->ChildHead = ue->ChildCurrent = nullptr;
-    ue->ChildStepCounter = 0;
-}
-
-// Attaching to RANs needs the RAN registry; without one no UE can attach.
-int KsEngine__FindRANAndLatch(MV_KsUE* ksUe, int bearer, uint32_t* attached, int mode) {
-    (void)bearer;
-    (void)mode;
-    ksUe->AppError = 1;
-    *attached = 0;
-    return 0;
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------- test queue
@@ -278,7 +257,7 @@ void Kestrane___RunTest(KsTestExec* tstItem) {
         ue->_initT3PP = 0;
         KsScanario__ReleaseUEExecutionSteps(ue);
         ue->TestId = tstItem->TestId;  // the release above frees the UE; it still belongs to this test
-        releaseReportEvents(ue);
+        KsScanario__ClearResult(ue);
         ++ueCount;
     }
     __mv_log(MV_CMN_LOG, LOG_CAT_APP, MV_LOG_INFO,
@@ -297,7 +276,7 @@ void Kestrane___RunTest(KsTestExec* tstItem) {
                 ++pending;
                 ue->EndOfTest = 0;
                 uint32_t attached = 0;
-                KsEngine__FindRANAndLatch(ue, 1, &attached, 0);
+                KsEngine__FindRANAndLatch(ue, KS_ACCESS__3GPP, &attached, 0);
                 if (attached == 1) ++attachedTotal;
                 else ++failed;
             }

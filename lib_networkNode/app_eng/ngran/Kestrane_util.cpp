@@ -22,6 +22,11 @@ void copyString(json_t* obj, const char* key, char* out, size_t cap) {
     snprintf(out, cap, "%s", s ? s : "");
 }
 
+const char* string(json_t* obj, const char* key, const char* def) {
+    const char* s = json_string_value(json_object_get(obj, key));
+    return s ? s : def;
+}
+
 }  // namespace KsJson
 
 namespace KsUtil {

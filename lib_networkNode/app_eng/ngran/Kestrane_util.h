@@ -11,6 +11,8 @@ namespace KsJson {
 long long number(json_t* obj, const char* key, long long def);
 // Copies a string member into a fixed buffer; absent leaves an empty string.
 void copyString(json_t* obj, const char* key, char* out, size_t cap);
+// A string member, or the default when absent or of another type.
+const char* string(json_t* obj, const char* key, const char* def = "");
 }  // namespace KsJson
 
 namespace KsUtil {
@@ -21,6 +23,3 @@ bool saveJsonAtomically(json_t* root, const char* path);
 // The FSM lines' thread handler: every item carries its own executor.
 void dummy_1(void* data, int index);
 }  // namespace KsUtil
-
-struct KsImsiIndex;
-KsImsiIndex* KsImsiIndex_create();

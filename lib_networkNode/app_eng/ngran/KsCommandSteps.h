@@ -1,5 +1,458 @@
-// The prebuilt steps that console commands run, as an X-macro so the engine record
-// holds one field each and start-up can walk them all.
+// Step codes, the prebuilt steps that console commands run, and the console's
+// command record. Kept apart from the engine header so that protocol modules can
+// name a step code without the whole engine.
 #pragma once
 
-#define KS_COMMAND_STEP_FIELDS(X)
+#include <cstdint>
+
+// Step codes: what a step does. Consecutive from 1; 21 to 23 carry no step.
+#define KS_STEP__REGISTRATION 1
+#define KS_STEP__SLEEP 2
+#define KS_STEP__SERVICE_REQUEST 3
+#define KS_STEP__DEREGISTRATION 4
+#define KS_STEP__UE_CONTEXT_RELEASE_REQUEST 5
+#define KS_STEP__PDU_SESSION 6
+#define KS_STEP__LOAD_TPDU 7
+#define KS_STEP__CLEAR_GUTI 8
+#define KS_STEP__RELEASE_UE_LOGICAL_CONNECTION 9
+#define KS_STEP__N2_HANDOVER 10
+#define KS_STEP__XN_HANDOVER 11
+#define KS_STEP__TEST_TPDU 12
+#define KS_STEP__TEST_TPDU_PCAP_1_PACKET 13
+#define KS_STEP__TEST_TPDU_PCAP_ALL_PACKETS 14
+#define KS_STEP__UPDATE_SQN 15
+#define KS_STEP__HANDLE_SQN_TYPE 16
+#define KS_STEP__ERASE_REGISTRATION_DATA 17
+#define KS_STEP__RUN_SCANARIO 18
+#define KS_STEP__REGISTRATION_WITH_GUTI 19
+#define KS_STEP__REGISTRATION_WITH_PEI 20
+#define KS_STEP__TEST_TPDU2 24
+#define KS_STEP__TEST_TPDU_ICMP 25
+#define KS_STEP__TEST_TPDU_ICMP2 26
+#define KS_STEP__TEST_TPDU_PACKETS 27
+#define KS_STEP__TEST_TPDU_STOP_PACKETS 28
+#define KS_STEP__MME_ATTACH 29
+#define KS_STEP__MME_TRACKING_AREA_UPDATE 30
+#define KS_STEP__MME_DETACH 31
+#define KS_STEP__MME_SERVICE_REQUEST 32
+#define KS_STEP__MME_EXTENDED_SERVICE_REQUEST 33
+#define KS_STEP__MME_CONTROL_PLANE_SERVICE_REQUEST 34
+#define KS_STEP__MME_X2_HANDOVER__PATH_SWITCH_REQUEST 35
+#define KS_STEP__MME_S2_HANDOVER 36
+#define KS_STEP__MME_RELEASE_UE_CONTEXT 37
+#define KS_STEP__MME_CLEAR_GUTI 38
+#define KS_STEP__PFCP_SESSION_ESTABLISHMENT_REQUEST 39
+#define KS_STEP__PFCP_SESSION_MODIFICATION_REQUEST 40
+#define KS_STEP__PFCP_SESSION_DELETE_REQUEST 41
+#define KS_STEP__PFCP_SESSION_GTP_U 42
+#define KS_STEP__PFCP_SESSION_GTP_U_MULTIPLE_PACKETS 43
+#define KS_STEP__PFCP_SESSION_GTP_U_ROTATE_PACKET 44
+#define KS_STEP__PFCP_SESSION_GTP_U_MULTIPLE_ROTATE_PACKETS 45
+#define KS_STEP__PFCP_SESSION_GTP_U_DNS_PACKET_53 46
+#define KS_STEP__PFCP_SESSION_GTP_U_DNS_PACKET_853 47
+#define KS_STEP__PFCP_GTP_SEND_GTP_PING 48
+#define KS_STEP__PFCP_GTP_SEND_GTP_ICMP_SERVER_1 49
+#define KS_STEP__PFCP_GTP_SEND_GTP_ICMP_SERVER_2 50
+#define KS_STEP__PFCP_GTP_SEND_GTP_ICMP_SERVER_3 51
+#define KS_STEP__PFCP_GTP_U_IPv6 52
+#define KS_STEP__PFCP_GTP_U_SCTP 53
+#define KS_STEP__PFCP_GTP_U_ESP 54
+#define KS_STEP__PFCP_GTP_U_UDP_FRAG_BEGIN 55
+#define KS_STEP__PFCP_GTP_U_UDP_FRAG_MID 56
+#define KS_STEP__PFCP_GTP_U_UDP_FRAG_END 57
+#define KS_STEP__PFCP_GTP_U_TCP_FULL 58
+#define KS_STEP__PFCP_GTP_U_UDP_FULL 59
+#define KS_STEP__PFCP_GTP_U_IPv6_TCP_FULL 60
+#define KS_STEP__PFCP_GTP_U_IPv6_UDP_FULL 61
+#define KS_STEP__PFCP_GTP_U_SCTP_FULL 62
+#define KS_STEP__PFCP_GTP_U_IPv6_SCTP_FULL 63
+#define KS_STEP__PFCP_GTP_U_NoExtNoSEQ 64
+#define KS_STEP__PFCP_GTP_U_ExtSEQ 65
+#define KS_STEP__PFCP_GTP_U_Ext2NoSEQ 66
+#define KS_STEP__PFCP_GTP_U_Ext2SEQ 67
+#define KS_STEP__PFCP_GTP_U_RUN_PCAP_File 68
+#define KS_STEP__PFCP_GTP_U_1LExtSEQ 69
+#define KS_STEP__PFCP_GTP_U_2LExtSEQ 70
+#define KS_STEP__HSS_ULR_REQUEST 71
+#define KS_STEP__HSS_AIR_REQUEST 72
+#define KS_STEP__HSS_PUR_REQUEST 73
+#define KS_STEP__HSS_NOTIFY_REQUEST 74
+#define KS_STEP__HSS_SH_UDR 75
+#define KS_STEP__HSS_SH_PUR 76
+#define KS_STEP__HSS_SH_SNR 77
+#define KS_STEP__HSS_SH_PNR 78
+#define KS_STEP__HSS_Cx_UAR 79
+#define KS_STEP__HSS_Cx_SAR 80
+#define KS_STEP__HSS_Cx_LIR 81
+#define KS_STEP__HSS_Cx_MAR 82
+#define KS_STEP__HSS_Cx_RTR 83
+#define KS_STEP__HSS_Cx_PPR 84
+#define KS_STEP__HSS_SWx_MAR 85
+#define KS_STEP__HSS_SWx_SAR 86
+#define KS_STEP__LTE_EIR_REQUEST 87
+#define KS_STEP__5G_EIR_REQUEST 88
+#define KS_STEP__PCRF_Gx_CREDIT_CONTROL_REQUEST 89
+#define KS_STEP__PCRF_Gx_CREDIT_UPDATE_REQUEST 90
+#define KS_STEP__PCRF_Gx_CREDIT_TERMINATE_REQUEST 91
+#define KS_STEP__PCRF_Rx_CREDIT_CONTROL_REQUEST 92
+#define KS_STEP__PCRF_Rx_CREDIT_UPDATE_REQUEST 93
+#define KS_STEP__PCRF_Rx_CREDIT_TERMINATE_REQUEST 94
+#define KS_STEP__PGW_CREATE_SESSION_REQUEST 95
+#define KS_STEP__PGW_CREATE_BEARER_REQUEST 96
+#define KS_STEP__PGW_MODIFY_BEARER_REQUEST 97
+#define KS_STEP__PGW_DELETE_BEARER_REQUEST 98
+#define KS_STEP__PGW_DELETE_SESSION_REQUEST 99
+#define KS_STEP__PGW_REMOTE_UE_REPORT_NOTIFICATION 100
+#define KS_STEP__PGW_CHANGE_NOTIFICATION_REQUEST 101
+#define KS_STEP__PGW_RESUME_NOTIFICATION 102
+#define KS_STEP__PGW_MODIFY_BEARER_COMMAND 103
+#define KS_STEP__PGW_DELETE_BEARER_COMMAND 104
+#define KS_STEP__PGW_BEARER_RESOURCE_COMMAND 105
+#define KS_STEP__PGW_SUSPEND_NOTIFICATION 106
+#define KS_STEP__PGW_UPDATE_PDN_CONNECTION_SET_REQUEST 107
+#define KS_STEP__PGW_IPV4_GTP_U_TCP_PACKET_REQUEST 108
+#define KS_STEP__PGW_IPV4_GTP_U_UDP_PACKET_REQUEST 109
+#define KS_STEP__PGW_IPV4_GTP_U_UDP_LARGE_PACKET_REQUEST 110
+#define KS_STEP__PGW_IPV6_GTP_U_TCP_PACKET_REQUEST 111
+#define KS_STEP__PGW_IPV6_GTP_U_UDP_PACKET_REQUEST 112
+#define KS_STEP__PGW_IPV6_GTP_U_UDP_LARGE_PACKET_REQUEST 113
+#define KS_STEP__PGW_GTPU_PCAP_FILE_REQUEST 114
+#define KS_STEP__PGW_GTPU_PACKET_BY_PROTOCOL_TYPE_REQUEST 115
+#define KS_STEP__PGW_GTP_PDU 116
+#define KS_STEP__PGW_MOVE_SESSION_TO_3G 117
+#define KS_STEP__PGW_CLEAR_ALL_SESSIONS 118
+#define KS_STEP__SGW_CREATE_SESSION_REQUEST 119
+#define KS_STEP__SGW_CREATE_BEARER_REQUEST 120
+#define KS_STEP__SGW_MODIFY_BEARER_REQUEST 121
+#define KS_STEP__SGW_DELETE_BEARER_REQUEST 122
+#define KS_STEP__SGW_DELETE_SESSION_REQUEST 123
+#define KS_STEP__SGW_GTP_PDU 124
+#define KS_STEP__SMF_CREATE_PDU_SESSION_REQUEST 125
+#define KS_STEP__SMF_MODIFY_PDU_SESSION_REQUEST 126
+#define KS_STEP__SMF_RELEASE_PDU_SESSION_REQUEST 127
+#define KS_STEP__AAA_STa_Diameter_EAP_Request 128
+#define KS_STEP__AAA_STa_Abort_Session_Request 129
+#define KS_STEP__AAA_STa_Re_Auth_Request 130
+#define KS_STEP__AAA_STa_Session_Termination_Request 131
+#define KS_STEP__AAA_SWm_Diameter_EAP_Request 132
+#define KS_STEP__AAA_SWm_AA_Request 133
+#define KS_STEP__AAA_SWm_Session_Termination_Request 134
+#define KS_STEP__AAA_SWm_Abort_Session_Request 135
+#define KS_STEP__AAA_SWm_Re_Auth_Request 136
+#define KS_STEP__AAA_SWx_Multimedia_Auth_Request 137
+#define KS_STEP__AAA_SWx_Push_Profile_Request 138
+#define KS_STEP__AAA_SWx_Server_Assignment_Request 139
+#define KS_STEP__AAA_SWx_Registration_Termination_Request 140
+#define KS_STEP__AAA_S6b_Diameter_EAP_Request 141
+#define KS_STEP__AAA_S6b_AA_Request 142
+#define KS_STEP__AAA_S6b_Session_Termination_Request 143
+#define KS_STEP__AAA_S6b_Abort_Session_Request 144
+#define KS_STEP__CHF_Gy_CREDIT_CONTROL_REQUEST 145
+#define KS_STEP__CHF_Gy_CREDIT_UPDATE_REQUEST 146
+#define KS_STEP__CHF_Gy_CREDIT_TERMINATE_REQUEST 147
+#define KS_STEP__CHF_Gy_CREDIT_EVENT_BASED 148
+#define KS_STEP__NRF_NFINSTANCE_PUT 149
+#define KS_STEP__NRF_NFINSTANCE_PATCH 150
+#define KS_STEP__NRF_NFINSTANCE_DELETE 151
+#define KS_STEP__NRF_NFINSTANCE_GET 152
+#define KS_STEP__NRF_NFINSTANCES_GET 153
+#define KS_STEP__NRF_DISC_NFINSTANCES_GET 154
+#define KS_STEP__AUSF_AUTHENTICATION_INFO 155
+#define KS_STEP__AUSF_AUTHENTICATION_AKA_CONFIRM 156
+#define KS_STEP__AUSF_AUTHENTICATION_EAP_CONFIRM 157
+#define KS_STEP__UDM_SDM_GET_DATASETS 158
+#define KS_STEP__UDM_NSSAI_GET 159
+#define KS_STEP__UDM_AMDATA_GET 160
+#define KS_STEP__UDM_SMFSELECTDATA_GET 161
+#define KS_STEP__UDM_UECONTEXTINSMFDATA_GET 162
+#define KS_STEP__UDM_UECONTEXTINSMSFDATA_GET 163
+#define KS_STEP__UDM_TRACEDATA_GET 164
+#define KS_STEP__UDM_SMDATA_GET 165
+#define KS_STEP__UDM_SMSDATA_GET 166
+#define KS_STEP__UDM_SMSMNGDATA_GET 167
+#define KS_STEP__UDM_SDMSUBSCRIPTION_POST 168
+#define KS_STEP__UDM_SDMSUBSCRIPTION_DELETE 169
+#define KS_STEP__UDM_SDMSUBSCRIPTION_PATCH 170
+#define KS_STEP__UDM_SDM_GPSI_ID_TRANSLATE 171
+#define KS_STEP__UDM_SDM_AMDATA_SORACK_PUT 172
+#define KS_STEP__UDM_SDM_AMDATA_UPUACK_PUT 173
+#define KS_STEP__UDM_SDM_SHAREDDATA_GET 174
+#define KS_STEP__UDM_SDM_SHAREDDATA_POST 175
+#define KS_STEP__UDM_SDM_SHAREDDATA_DELETE 176
+#define KS_STEP__UDM_SDM_SHAREDDATA_PATCH 177
+#define KS_STEP__UDM_AE_GENERATE_AUTHDATA_POST 178
+#define KS_STEP__UDM_AE_POST 179
+#define KS_STEP__UDM_REGISTRATION_AMF_3GPP_PUT 180
+#define KS_STEP__UDM_REGISTRATION_AMF_3GPP_PATCH 181
+#define KS_STEP__UDM_REGISTRATION_AMF_3GPP_GET 182
+#define KS_STEP__UDM_REGISTRATION_AMF_NON3GPP_PUT 183
+#define KS_STEP__UDM_REGISTRATION_AMF_NON3GPP_PATCH 184
+#define KS_STEP__UDM_REGISTRATION_AMF_NON3GPP_GET 185
+#define KS_STEP__UDM_REGISTRATION_SMF_PDUSESSIONID_PUT 186
+#define KS_STEP__UDM_REGISTRATION_SMF_PDUSESSIONID_DELETE 187
+#define KS_STEP__UDM_REGISTRATION_SMSF_3GPP_PUT 188
+#define KS_STEP__UDM_REGISTRATION_SMSF_3GPP_DELETE 189
+#define KS_STEP__UDM_REGISTRATION_SMSF_3GPP_GET 190
+#define KS_STEP__UDM_REGISTRATION_SMSF_NON3GPP_PUT 191
+#define KS_STEP__UDM_REGISTRATION_SMSF_NON3GPP_DELETE 192
+#define KS_STEP__UDM_REGISTRATION_SMSF_NON3GPP_GET 193
+#define KS_STEP__N26_IDENTIFICATION_REQUEST 194
+#define KS_STEP__N26_CONTEXT_REQUEST 195
+#define KS_STEP__N26_FORWARD_RELOCATION_REQUEST 196
+#define KS_STEP__N26_FORWARD_ACCESS_CONTEXT_REQUEST 197
+#define KS_STEP__N26_RELOCATION_CANCEL_REQUEST 198
+#define KS_STEP__N26_CONFIGURATION_TRANSFER_TUNNEL 199
+#define KS_STEP__GGSN_CREATE_PDP_CONTEXT_REQUEST 200
+#define KS_STEP__GGSN_DELETE_PDP_CONTEXT_REQUEST 201
+#define KS_STEP__GGSN_UPDATE_PDP_CONTEXT_REQUEST 202
+#define KS_STEP__GGSN_IPV4_GTP_U_TCP_PACKET_REQUEST 203
+#define KS_STEP__GGSN_IPV4_GTP_U_UDP_PACKET_REQUEST 204
+#define KS_STEP__GGSN_MOVE_SESSION_TO_4G 205
+#define KS_STEP__GGSN_CLEAR_ALL_SESSIONS 206
+#define KS_STEP__LAST 206
+
+// Kinds of request of a PDU session step entry.
+#define KS_STEP__PDU_SESSION_ESTABLISHMENT_REQUEST 1
+#define KS_STEP__PDU_SESSION_MODIFICAION_REQUEST 2
+#define KS_STEP__PDU_SESSION_RELEASE_REQUEST 3
+
+// Printable step names indexed by code, for the logs.
+extern const char* const step_names[KS_STEP__LAST + 1];
+// The name of a code, or "INVALID_STEP-0" for one out of range.
+const char* KsScanario__StepName(uint32_t StepCode);
+
+// One field of the engine record per prebuilt step, with the code it runs. A code of
+// 0 marks a field that stays null: no command reaches it.
+#define KS_COMMAND_STEP_FIELDS(X) \
+    X(step_initialRegistration, KS_STEP__REGISTRATION) \
+    X(step_initialRegistration2, KS_STEP__REGISTRATION) \
+    X(step_updateRegistration, KS_STEP__REGISTRATION) \
+    X(step_perodicRegistration, KS_STEP__REGISTRATION) \
+    X(step_emergencyRegistration, KS_STEP__REGISTRATION) \
+    X(step_initialRegistrationWithGUTI, KS_STEP__REGISTRATION_WITH_GUTI) \
+    X(step_initialEmergengyRegistration, KS_STEP__REGISTRATION_WITH_PEI) \
+    X(step_deRegistration, KS_STEP__DEREGISTRATION) \
+    X(step_deRegistration_switchOff, KS_STEP__DEREGISTRATION) \
+    X(step_service_request, KS_STEP__SERVICE_REQUEST) \
+    X(step_release_ue_context, KS_STEP__UE_CONTEXT_RELEASE_REQUEST) \
+    X(release_ue_logical_connection, KS_STEP__RELEASE_UE_LOGICAL_CONNECTION) \
+    X(step_release_ue_logicol_connection, 0) \
+    X(clear_guti, KS_STEP__CLEAR_GUTI) \
+    X(step_pdu_session_1, KS_STEP__PDU_SESSION) \
+    X(step_pdu_session_2, KS_STEP__PDU_SESSION) \
+    X(step_pdu_session_1_modification, KS_STEP__PDU_SESSION) \
+    X(step_pdu_session_2_modification, KS_STEP__PDU_SESSION) \
+    X(step_pdu_session_1_release, KS_STEP__PDU_SESSION) \
+    X(step_pdu_session_2_release, KS_STEP__PDU_SESSION) \
+    X(step_N2Handover, KS_STEP__N2_HANDOVER) \
+    X(step_XnHandover, KS_STEP__XN_HANDOVER) \
+    X(step_sendTPDU, KS_STEP__TEST_TPDU) \
+    X(step_sendPCAP_TPDU_1_Packet, KS_STEP__TEST_TPDU_PCAP_1_PACKET) \
+    X(step_sendPCAP_TPDU_All_Packet, KS_STEP__TEST_TPDU_PCAP_ALL_PACKETS) \
+    X(step_eraseRegistrationInfo, KS_STEP__ERASE_REGISTRATION_DATA) \
+    X(step_runScanario, KS_STEP__RUN_SCANARIO) \
+    X(step_sendTPDU2, KS_STEP__TEST_TPDU2) \
+    X(step_sendTPDU_ICMP, KS_STEP__TEST_TPDU_ICMP) \
+    X(step_sendTPDU2_ICMP, KS_STEP__TEST_TPDU_ICMP2) \
+    X(step_sendTPDUPackets, KS_STEP__TEST_TPDU_PACKETS) \
+    X(step_stopTPDUPackets, KS_STEP__TEST_TPDU_STOP_PACKETS) \
+    X(step_mme_Attach, KS_STEP__MME_ATTACH) \
+    X(step_mme_TrackingAreaUpdate, KS_STEP__MME_TRACKING_AREA_UPDATE) \
+    X(step_mme_Detach, KS_STEP__MME_DETACH) \
+    X(step_mme_ServiceRequest, KS_STEP__MME_SERVICE_REQUEST) \
+    X(step_mme_ExtendedServiceRequest, KS_STEP__MME_EXTENDED_SERVICE_REQUEST) \
+    X(step_mme_ControlPlaneServiceRequest, KS_STEP__MME_CONTROL_PLANE_SERVICE_REQUEST) \
+    X(step_mme_X2BasedHandover_PathSwitchRequest, KS_STEP__MME_X2_HANDOVER__PATH_SWITCH_REQUEST) \
+    X(step_mme_S1BasedHandover, KS_STEP__MME_S2_HANDOVER) \
+    X(step_mme_UEContextReleaseRequest, KS_STEP__MME_RELEASE_UE_CONTEXT) \
+    X(step_mme_ClearGUTI, KS_STEP__MME_CLEAR_GUTI) \
+    X(step_aaaSTa_Diameter_EAP_Request, KS_STEP__AAA_STa_Diameter_EAP_Request) \
+    X(step_aaaSTa_Abort_Session_Request, KS_STEP__AAA_STa_Abort_Session_Request) \
+    X(step_aaaSTa_Re_Auth_Request, KS_STEP__AAA_STa_Re_Auth_Request) \
+    X(step_aaaSTa_Session_Termination_Request, KS_STEP__AAA_STa_Session_Termination_Request) \
+    X(step_aaaSWm_Diameter_EAP_Request, KS_STEP__AAA_SWm_Diameter_EAP_Request) \
+    X(step_aaaSWm_AA_Request, KS_STEP__AAA_SWm_AA_Request) \
+    X(step_aaaSWm_Session_Termination_Request, KS_STEP__AAA_SWm_Session_Termination_Request) \
+    X(step_aaaSWm_Abort_Session_Request, KS_STEP__AAA_SWm_Abort_Session_Request) \
+    X(step_aaaSWm_Re_Auth_Request, KS_STEP__AAA_SWm_Re_Auth_Request) \
+    X(step_aaaSWx_Multimedia_Auth_Request, KS_STEP__AAA_SWx_Multimedia_Auth_Request) \
+    X(step_aaaSWx_Push_Profile_Request, KS_STEP__AAA_SWx_Push_Profile_Request) \
+    X(step_aaaSWx_Server_Assignment_Request, KS_STEP__AAA_SWx_Server_Assignment_Request) \
+    X(step_aaaSWx_Registration_Termination_Request, KS_STEP__AAA_SWx_Registration_Termination_Request) \
+    X(step_aaaS6b_Diameter_EAP_Request, KS_STEP__AAA_S6b_Diameter_EAP_Request) \
+    X(step_aaaS6b_AA_Request, KS_STEP__AAA_S6b_AA_Request) \
+    X(step_aaaS6b_Session_Termination_Request, KS_STEP__AAA_S6b_Session_Termination_Request) \
+    X(step_aaaS6b_Abort_Session_Request, KS_STEP__AAA_S6b_Abort_Session_Request) \
+    X(step_smfCreatePDUSessionRequest, KS_STEP__SMF_CREATE_PDU_SESSION_REQUEST) \
+    X(step_smfModifyPDUSessionRequest, KS_STEP__SMF_MODIFY_PDU_SESSION_REQUEST) \
+    X(step_smfReleasePDUSessionRequest, KS_STEP__SMF_RELEASE_PDU_SESSION_REQUEST) \
+    X(step_sgwCreateSessionRequest, KS_STEP__SGW_CREATE_SESSION_REQUEST) \
+    X(step_sgwCreateBearerRequest, KS_STEP__SGW_CREATE_BEARER_REQUEST) \
+    X(step_sgwModifyBearerRequest, KS_STEP__SGW_MODIFY_BEARER_REQUEST) \
+    X(step_sgwDeleteSessionRequest, KS_STEP__SGW_DELETE_SESSION_REQUEST) \
+    X(step_sgwDeleteBearerRequest, KS_STEP__SGW_DELETE_BEARER_REQUEST) \
+    X(step_pgwCreateSessionRequest, KS_STEP__PGW_CREATE_SESSION_REQUEST) \
+    X(step_pgwCreateBearerRequest, KS_STEP__PGW_CREATE_BEARER_REQUEST) \
+    X(step_pgwModifyBearerRequest, KS_STEP__PGW_MODIFY_BEARER_REQUEST) \
+    X(step_pgwDeleteSessionRequest, KS_STEP__PGW_DELETE_SESSION_REQUEST) \
+    X(step_pgwDeleteBearerRequest, KS_STEP__PGW_DELETE_BEARER_REQUEST) \
+    X(step_pgwModifyBearerCommand, KS_STEP__PGW_MODIFY_BEARER_COMMAND) \
+    X(step_pgwDeleteBearerCommand, KS_STEP__PGW_DELETE_BEARER_COMMAND) \
+    X(step_pgwBearerResourceCommand, KS_STEP__PGW_BEARER_RESOURCE_COMMAND) \
+    X(step_pgwRemoteUEReportNotification, KS_STEP__PGW_REMOTE_UE_REPORT_NOTIFICATION) \
+    X(step_pgwChangeNotificationRequest, KS_STEP__PGW_CHANGE_NOTIFICATION_REQUEST) \
+    X(step_pgwResumeNotification, KS_STEP__PGW_RESUME_NOTIFICATION) \
+    X(step_pgwSuspendNotification, KS_STEP__PGW_SUSPEND_NOTIFICATION) \
+    X(step_pgwUpdatePDNCOnnectionSetRequest, KS_STEP__PGW_UPDATE_PDN_CONNECTION_SET_REQUEST) \
+    X(step_pgwIPv4GTPUTCPPacket, KS_STEP__PGW_IPV4_GTP_U_TCP_PACKET_REQUEST) \
+    X(step_pgwIPv4GTPUUDPPacket, KS_STEP__PGW_IPV4_GTP_U_UDP_PACKET_REQUEST) \
+    X(step_pgwIPv4GTPUUDPLargePacket, KS_STEP__PGW_IPV4_GTP_U_UDP_LARGE_PACKET_REQUEST) \
+    X(step_pgwIPv6GTPUTCPPacket, KS_STEP__PGW_IPV6_GTP_U_TCP_PACKET_REQUEST) \
+    X(step_pgwIPv6GTPUUDPPacket, KS_STEP__PGW_IPV6_GTP_U_UDP_PACKET_REQUEST) \
+    X(step_pgwIPv6GTPUUDPLargePacket, KS_STEP__PGW_IPV6_GTP_U_UDP_LARGE_PACKET_REQUEST) \
+    X(step_pgwGTPUPCAPFile, KS_STEP__PGW_GTPU_PCAP_FILE_REQUEST) \
+    X(step_pgwGTPUPacketByProtocolType, KS_STEP__PGW_GTPU_PACKET_BY_PROTOCOL_TYPE_REQUEST) \
+    X(step_pgwMoveSessionTo3G, KS_STEP__PGW_MOVE_SESSION_TO_3G) \
+    X(step_pgwClearAllSessions, KS_STEP__PGW_CLEAR_ALL_SESSIONS) \
+    X(step_pcrfGxCCRI, KS_STEP__PCRF_Gx_CREDIT_CONTROL_REQUEST) \
+    X(step_pcrfGxCCRU, KS_STEP__PCRF_Gx_CREDIT_UPDATE_REQUEST) \
+    X(step_pcrfGxCCRT, KS_STEP__PCRF_Gx_CREDIT_TERMINATE_REQUEST) \
+    X(step_pcrfRxCCRI, KS_STEP__PCRF_Rx_CREDIT_CONTROL_REQUEST) \
+    X(step_pcrfRxCCRU, KS_STEP__PCRF_Rx_CREDIT_UPDATE_REQUEST) \
+    X(step_pcrfRxCCRT, KS_STEP__PCRF_Rx_CREDIT_TERMINATE_REQUEST) \
+    X(step_fgEIR, KS_STEP__5G_EIR_REQUEST) \
+    X(step_lteEIR, KS_STEP__LTE_EIR_REQUEST) \
+    X(step_hssULR, KS_STEP__HSS_ULR_REQUEST) \
+    X(step_hssAIR, KS_STEP__HSS_AIR_REQUEST) \
+    X(step_hssPUR, KS_STEP__HSS_PUR_REQUEST) \
+    X(step_hssNR, KS_STEP__HSS_NOTIFY_REQUEST) \
+    X(step_hssShUDR, KS_STEP__HSS_SH_UDR) \
+    X(step_hssShPUR, KS_STEP__HSS_SH_PUR) \
+    X(step_hssShSNR, KS_STEP__HSS_SH_SNR) \
+    X(step_hssShPNR, KS_STEP__HSS_SH_PNR) \
+    X(step_hssCxUAR, KS_STEP__HSS_Cx_UAR) \
+    X(step_hssCxSAR, KS_STEP__HSS_Cx_SAR) \
+    X(step_hssCxLIR, KS_STEP__HSS_Cx_LIR) \
+    X(step_hssCxMAR, KS_STEP__HSS_Cx_MAR) \
+    X(step_hssCxRTR, KS_STEP__HSS_Cx_RTR) \
+    X(step_hssCxPPR, KS_STEP__HSS_Cx_PPR) \
+    X(step_hssSWxMAR, KS_STEP__HSS_SWx_MAR) \
+    X(step_hssSWxSAR, KS_STEP__HSS_SWx_SAR) \
+    X(step_pfcpSessionEstablishmentRequest, KS_STEP__PFCP_SESSION_ESTABLISHMENT_REQUEST) \
+    X(step_pfcpSessionUpdateRequest, KS_STEP__PFCP_SESSION_MODIFICATION_REQUEST) \
+    X(step_pfcpSessionDeleteRequest, KS_STEP__PFCP_SESSION_DELETE_REQUEST) \
+    X(step_pfcpGTPU, KS_STEP__PFCP_SESSION_GTP_U) \
+    X(step_pfcpGTPUMultiple, KS_STEP__PFCP_SESSION_GTP_U_MULTIPLE_PACKETS) \
+    X(step_pfcpGTPURotate, KS_STEP__PFCP_SESSION_GTP_U_ROTATE_PACKET) \
+    X(step_pfcpGTPUMultipleRotate, KS_STEP__PFCP_SESSION_GTP_U_MULTIPLE_ROTATE_PACKETS) \
+    X(step_pfcpGTPU_DNS_53, KS_STEP__PFCP_SESSION_GTP_U_DNS_PACKET_53) \
+    X(step_pfcpGTPU_DNS_853, KS_STEP__PFCP_SESSION_GTP_U_DNS_PACKET_853) \
+    X(step_pfcpGTPPing, KS_STEP__PFCP_GTP_SEND_GTP_PING) \
+    X(step_pfcpGTP_ICMP_Server1, KS_STEP__PFCP_GTP_SEND_GTP_ICMP_SERVER_1) \
+    X(step_pfcpGTP_ICMP_Server2, KS_STEP__PFCP_GTP_SEND_GTP_ICMP_SERVER_2) \
+    X(step_pfcpGTP_ICMP_Server3, KS_STEP__PFCP_GTP_SEND_GTP_ICMP_SERVER_3) \
+    X(step_pfcpGTPUIPv6, KS_STEP__PFCP_GTP_U_IPv6) \
+    X(step_pfcpGTPUSCTP, KS_STEP__PFCP_GTP_U_SCTP) \
+    X(step_pfcpGTPUESP, KS_STEP__PFCP_GTP_U_ESP) \
+    X(step_pfcpGTPU_UDPFragBegin, KS_STEP__PFCP_GTP_U_UDP_FRAG_BEGIN) \
+    X(step_pfcpGTPU_UDPFragMid, KS_STEP__PFCP_GTP_U_UDP_FRAG_MID) \
+    X(step_pfcpGTPU_UDPFragEnd, KS_STEP__PFCP_GTP_U_UDP_FRAG_END) \
+    X(step_pfcpGTPU_TCP_MaxPayload, KS_STEP__PFCP_GTP_U_TCP_FULL) \
+    X(step_pfcpGTPU_UDP_MaxPayload, KS_STEP__PFCP_GTP_U_UDP_FULL) \
+    X(step_pfcpGTPUIPv6_TCP_MaxPayload, KS_STEP__PFCP_GTP_U_IPv6_TCP_FULL) \
+    X(step_pfcpGTPUIPv6_UDP_MaxPayload, KS_STEP__PFCP_GTP_U_IPv6_UDP_FULL) \
+    X(step_pfcpGTPU_SCTP_MaxPayload, KS_STEP__PFCP_GTP_U_SCTP_FULL) \
+    X(step_pfcpGTPUIPv6_SCTP_MaxPayload, KS_STEP__PFCP_GTP_U_IPv6_SCTP_FULL) \
+    X(step_pfcpGTPU_Ext2SEQ, KS_STEP__PFCP_GTP_U_Ext2SEQ) \
+    X(step_pfcpGTPU_Ext2NoSEQ, KS_STEP__PFCP_GTP_U_Ext2NoSEQ) \
+    X(step_pfcpGTPU_ExtSEQ, KS_STEP__PFCP_GTP_U_ExtSEQ) \
+    X(step_pfcpGTPU_NoExtNoSEQ, KS_STEP__PFCP_GTP_U_NoExtNoSEQ) \
+    X(step_pfcpGTPU_RunPCAPFile, KS_STEP__PFCP_GTP_U_RUN_PCAP_File) \
+    X(step_pfcpGTPU_1LExtSEQ, KS_STEP__PFCP_GTP_U_1LExtSEQ) \
+    X(step_pfcpGTPU_2LExtSEQ, KS_STEP__PFCP_GTP_U_2LExtSEQ) \
+    X(step_chfGyCCRI, KS_STEP__CHF_Gy_CREDIT_CONTROL_REQUEST) \
+    X(step_chfGyCCRU, KS_STEP__CHF_Gy_CREDIT_UPDATE_REQUEST) \
+    X(step_chfGyCCRT, KS_STEP__CHF_Gy_CREDIT_TERMINATE_REQUEST) \
+    X(step_chfGyCCREB, KS_STEP__CHF_Gy_CREDIT_EVENT_BASED) \
+    X(step_chfRoCCRI, 0) \
+    X(step_chfRoCCRU, 0) \
+    X(step_chfRoCCRT, 0) \
+    X(step_nrfNRFInstance_Put, KS_STEP__NRF_NFINSTANCE_PUT) \
+    X(step_nrfNRFInstance_Patch, KS_STEP__NRF_NFINSTANCE_PATCH) \
+    X(step_nrfNRFInstance_Delete, KS_STEP__NRF_NFINSTANCE_DELETE) \
+    X(step_nrfNRFInstance_Get, KS_STEP__NRF_NFINSTANCE_GET) \
+    X(step_nrfNRFInstances_Get, KS_STEP__NRF_NFINSTANCES_GET) \
+    X(step_nrfDiscNRFInstances_Get, KS_STEP__NRF_DISC_NFINSTANCES_GET) \
+    X(step_ausfUEAuthenction_Post, KS_STEP__AUSF_AUTHENTICATION_INFO) \
+    X(step_ausfUEAuthenctionAka_Put, KS_STEP__AUSF_AUTHENTICATION_AKA_CONFIRM) \
+    X(step_ausfUEAuthenctionEap_Post, KS_STEP__AUSF_AUTHENTICATION_EAP_CONFIRM) \
+    X(step_udmSDM_Get, KS_STEP__UDM_SDM_GET_DATASETS) \
+    X(step_udmNSSAI_Get, KS_STEP__UDM_NSSAI_GET) \
+    X(step_udmAMData_Get, KS_STEP__UDM_AMDATA_GET) \
+    X(step_udmSMFSelectData_Get, KS_STEP__UDM_SMFSELECTDATA_GET) \
+    X(step_udmUEContextInSMFData_Get, KS_STEP__UDM_UECONTEXTINSMFDATA_GET) \
+    X(step_udmUEContextInSMSFData_Get, KS_STEP__UDM_UECONTEXTINSMSFDATA_GET) \
+    X(step_udmTraceData_Get, KS_STEP__UDM_TRACEDATA_GET) \
+    X(step_udmSMData_Get, KS_STEP__UDM_SMDATA_GET) \
+    X(step_udmSMSData_Get, KS_STEP__UDM_SMSDATA_GET) \
+    X(step_udmSMSMNG_Get, KS_STEP__UDM_SMSMNGDATA_GET) \
+    X(step_udmSDMSubscription_Post, KS_STEP__UDM_SDMSUBSCRIPTION_POST) \
+    X(step_udmSDMSubscription_Delete, KS_STEP__UDM_SDMSUBSCRIPTION_DELETE) \
+    X(step_udmSDMSubscription_Patch, KS_STEP__UDM_SDMSUBSCRIPTION_PATCH) \
+    X(step_udmSDM_GPSI_IdTranslate_Get, KS_STEP__UDM_SDM_GPSI_ID_TRANSLATE) \
+    X(step_udmSDM_AMData_SORAck_Put, KS_STEP__UDM_SDM_AMDATA_SORACK_PUT) \
+    X(step_udmSDM_AMData_UPUAck_Put, KS_STEP__UDM_SDM_AMDATA_UPUACK_PUT) \
+    X(step_udmSDM_SharedData_Get, KS_STEP__UDM_SDM_SHAREDDATA_GET) \
+    X(step_udmSDM_SharedData_Post, KS_STEP__UDM_SDM_SHAREDDATA_POST) \
+    X(step_udmSDM_SharedData_Delete, KS_STEP__UDM_SDM_SHAREDDATA_DELETE) \
+    X(step_udmSDM_SharedData_Patch, KS_STEP__UDM_SDM_SHAREDDATA_PATCH) \
+    X(step_udmAuthEvents_GenerateAuthData_Post, KS_STEP__UDM_AE_GENERATE_AUTHDATA_POST) \
+    X(step_udmAuthEvents_Post, KS_STEP__UDM_AE_POST) \
+    X(step_udmRegistration_AMF_3GPP_Put, KS_STEP__UDM_REGISTRATION_AMF_3GPP_PUT) \
+    X(step_udmRegistration_AMF_3GPP_Patch, KS_STEP__UDM_REGISTRATION_AMF_3GPP_PATCH) \
+    X(step_udmRegistration_AMF_3GPP_Get, KS_STEP__UDM_REGISTRATION_AMF_3GPP_GET) \
+    X(step_udmRegistration_AMF_Non3GPP_Put, KS_STEP__UDM_REGISTRATION_AMF_NON3GPP_PUT) \
+    X(step_udmRegistration_AMF_Non3GPP_Patch, KS_STEP__UDM_REGISTRATION_AMF_NON3GPP_PATCH) \
+    X(step_udmRegistration_AMF_Non3GPP_Get, KS_STEP__UDM_REGISTRATION_AMF_NON3GPP_GET) \
+    X(step_udmRegistration_SMF_PSUSessionId_Put, KS_STEP__UDM_REGISTRATION_SMF_PDUSESSIONID_PUT) \
+    X(step_udmRegistration_SMF_PSUSessionId_Delete, KS_STEP__UDM_REGISTRATION_SMF_PDUSESSIONID_DELETE) \
+    X(step_udmRegistration_SMSF_3GPP_Put, KS_STEP__UDM_REGISTRATION_SMSF_3GPP_PUT) \
+    X(step_udmRegistration_SMSF_3GPP_Delete, KS_STEP__UDM_REGISTRATION_SMSF_3GPP_DELETE) \
+    X(step_udmRegistration_SMSF_3GPP_Get, KS_STEP__UDM_REGISTRATION_SMSF_3GPP_GET) \
+    X(step_udmRegistration_SMSF_Non3GPP_Put, KS_STEP__UDM_REGISTRATION_SMSF_NON3GPP_PUT) \
+    X(step_udmRegistration_SMSF_Non3GPP_Delete, KS_STEP__UDM_REGISTRATION_SMSF_NON3GPP_DELETE) \
+    X(step_udmRegistration_SMSF_Non3GPP_Get, KS_STEP__UDM_REGISTRATION_SMSF_NON3GPP_GET) \
+    X(step_n26_IdentificationRequest, KS_STEP__N26_IDENTIFICATION_REQUEST) \
+    X(step_n26_ContextRequest, KS_STEP__N26_CONTEXT_REQUEST) \
+    X(step_n26_ForwardRelocationRequest, KS_STEP__N26_FORWARD_RELOCATION_REQUEST) \
+    X(step_n26_ForwardAccessContextNotification, KS_STEP__N26_FORWARD_ACCESS_CONTEXT_REQUEST) \
+    X(step_n26_RelocationCancelRequest, KS_STEP__N26_RELOCATION_CANCEL_REQUEST) \
+    X(step_n26_ConfigurationTransferTunnel, KS_STEP__N26_CONFIGURATION_TRANSFER_TUNNEL) \
+    X(step_ggsn_CreatePDPContextRequest, KS_STEP__GGSN_CREATE_PDP_CONTEXT_REQUEST) \
+    X(step_ggsn_DeletePDPContextRequest, KS_STEP__GGSN_DELETE_PDP_CONTEXT_REQUEST) \
+    X(step_ggsn_UpdatePDPContextRequest, KS_STEP__GGSN_UPDATE_PDP_CONTEXT_REQUEST) \
+    X(step_ggsn_Send_GTPTCP_Pcacket, KS_STEP__GGSN_IPV4_GTP_U_TCP_PACKET_REQUEST) \
+    X(step_ggsn_Send_GTPUDP_Pcacket, KS_STEP__GGSN_IPV4_GTP_U_UDP_PACKET_REQUEST) \
+    X(step_ggsn_MoveSessionTo4G, KS_STEP__GGSN_MOVE_SESSION_TO_4G) \
+    X(step_ggsn_ClearAllSessions, KS_STEP__GGSN_CLEAR_ALL_SESSIONS)
+
+// A console command queued on a UE (commandHead), taken from commandPool.
+struct __mv_ks__test_command {
+    __mv_ks__test_command* Next;
+    uint32_t Command;
+    uint16_t InitialContextRequest, FOR, AuthOptions;
+    uint16_t EA0, EA1, EA2, IA0, IA1, IA2;
+    uint32_t TAC;
+    char MCC[4], MNC[4];
+    uint32_t RANAMFConnId;
+    uint16_t IdentityRequestOption, SecurityModeCommandOption, RegistrationAcceptOption;
+    uint64_t SQN;
+    char GUTI[20];  // hexadecimal text, not terminated when all 20 are used
+    uint32_t ScanarioId;
+    uint16_t PlainNasMessage, Exclude5GSTMSI, NgKSI;
+    uint64_t NGAPAMFUEId;
+};
+typedef __mv_ks__test_command MV_KsTestCommand;
+// The command pool's items are 128 bytes.
+#define KS_COMMAND_POOL_ITEM_SIZE 128
+static_assert(sizeof(MV_KsTestCommand) <= KS_COMMAND_POOL_ITEM_SIZE);

@@ -8,7 +8,7 @@ namespace {
 
 void sleepComplete(MV_KsUE* ksUe) {
     if (KsScanario__CurrentStepEquals(ksUe, KS_STEP__SLEEP) != 1) return;
-    if (ksUe->ranUeContext) {
+    if (ksUe->TGPP.ranUeContext) {
         // Completion then runs in order with the UE's protocol events.
         __mv_core_queue_fsm2(__ksEngine->fsmNGAPProcessingQueue,
                              uint32_t(ksUe->ueId % __ksEngine->fsmNGAPProcessingThreadCount), ksUe,
@@ -69,7 +69,7 @@ void Kestrane___runnerNotAvailable(MV_KsUE* ksUe, const char* runner) {
         ++t->StepSendFailed.Total;
     }
     __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "[%s] StepCode=%u has no runner in this build (%s), counted as send-failed %s|%d",
-             ksUe->supi, code, runner, __func__, __LINE__);
+             KsUE__supi(ksUe), code, runner, __func__, __LINE__);
     KS_COMPLETE_STEP(ksUe, code);
 }
 
@@ -84,3 +84,16 @@ void KsCHF__runStep_FQ(MV_KsUE* ksUe) { Kestrane___runnerNotAvailable(ksUe, __fu
 void KsPCRF__runStep_FQ(MV_KsUE* ksUe) { Kestrane___runnerNotAvailable(ksUe, __func__); }
 void KsHSS__runStep_FQ(MV_KsUE* ksUe, int) { Kestrane___runnerNotAvailable(ksUe, __func__); }
 void KsSMF__runStep_FQ(MV_KsUE* ksUe) { Kestrane___runnerNotAvailable(ksUe, __func__); }
+void Ks5GEIR__runStep_FQ(MV_KsUE* ksUe) { Kestrane___runnerNotAvailable(ksUe, __func__); }
+
+// The next session of a PDU session step is asked for by the 5G session procedures,
+// which are not part of this build: the step ends as a step without a runner does.
+void KsNAS__send_pdusession_request_3gpp(void* ue) {
+    auto* ksUe = static_cast<MV_KsUE*>(ue);
+    __mv_core_queue_fsm2(__ksEngine->fsmNGAPProcessingQueue, uint32_t(ksUe->ueId % __ksEngine->fsmNGAPProcessingThreadCount),
+                         ksUe, [](void* u) {
+                             auto* k = static_cast<MV_KsUE*>(u);
+                             if (KsScanario__CurrentStepEquals(k, KS_STEP__PDU_SESSION) == 1)
+                                 Kestrane___runnerNotAvailable(k, "KsNAS__send_pdusession_request_3gpp");
+                         });
+}

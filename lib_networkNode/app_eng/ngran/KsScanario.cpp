@@ -1,5 +1,7 @@
 // Scenarios of a test, a UE's step executions, the road of a step to its runner,
 // the completion contract and the step timer.
+#include <sys/time.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -19,9 +21,47 @@ void incr(int64_t& v, MV_Mutex& m, int64_t by) {
     v += by;
 }
 
+// Which runner family serves a StepIndex. The 5G EIR step (6001) reaches the 5G EIR
+// runner; the ranges are otherwise those the step ids were numbered for.
+struct RunnerRange {
+    uint32_t first, last;
+    const char* name;
+    void (*run)(MV_KsUE*);
+};
+
+constexpr RunnerRange kRunners[] = {
+    {0, 999, "KsNAS__runStep_FQ", [](MV_KsUE* u) { KsNAS__runStep_FQ(u, 1); }},
+    {1000, 1999, "KsPFCP__runStep_FQ", KsPFCP__runStep_FQ},
+    {2000, 2999, "KsPGW__runStep_FQ", KsPGW__runStep_FQ},
+    {3000, 3999, "KsSGW__runStep_FQ", KsSGW__runStep_FQ},
+    {4000, 4900, "KsS1AP__runStep_FQ", KsS1AP__runStep_FQ},
+    {4901, 4903, "KsGGSN__runStep_FQ", KsGGSN__runStep_FQ},
+    {4904, 4999, "KsS1AP__runStep_FQ", KsS1AP__runStep_FQ},
+    {5000, 5999, "Ks4GEIR__runStep_FQ", Ks4GEIR__runStep_FQ},
+    {6000, 6999, "Ks5GEIR__runStep_FQ", Ks5GEIR__runStep_FQ},
+    {7000, 7999, "KsAAA__runStep_FQ", KsAAA__runStep_FQ},
+    {8000, 8999, "KsCHF__runStep_FQ", KsCHF__runStep_FQ},
+    {9000, 9999, "KsPCRF__runStep_FQ", KsPCRF__runStep_FQ},
+    {10000, 10999, "KsHSS__runStep_FQ", [](MV_KsUE* u) { KsHSS__runStep_FQ(u, 0); }},
+    {11000, 11999, "KsSMF__runStep_FQ", KsSMF__runStep_FQ},
+    {12000, UINT32_MAX, "KsNAS__runStep_FQ", [](MV_KsUE* u) { KsNAS__runStep_FQ(u, 1); }},
+};
+
+const RunnerRange* runnerOf(uint32_t stepIndex) {
+    for (const RunnerRange& r : kRunners)
+        if (stepIndex >= r.first && stepIndex <= r.last) return &r;
+    return nullptr;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------- scenarios
+
+KsScanario* KsScanario__NewScanario(uint32_t id) {
+    KsScanario* scanario = __ksEngine->ksScanarioPool->allocate();
+    scanario->id = id;
+    return scanario;
+}
 
 KsStep* KsScanario__NewStep(uint32_t StepCode, uint32_t StepIndex) {
     KsStep* st = __ksEngine->ksStepPool->allocate();
@@ -61,8 +101,7 @@ KsScanario* Kestrane___createScanarioForKsTestExec(KsTestExec* tstItem, uint32_t
                  (void*)tstItem, ScanarioID, __func__, __LINE__);
         return nullptr;
     }
-    KsScanario* scanario = __ksEngine->ksScanarioPool->allocate();
-    scanario->id = tstItem->TestId + 200001;
+    KsScanario* scanario = KsScanario__NewScanario(tstItem->TestId + 200001);
     json_t* steps = json_object_get(found, "Config");
     json_t* step;
     json_array_foreach(steps, i, step) {
@@ -73,7 +112,14 @@ KsScanario* Kestrane___createScanarioForKsTestExec(KsTestExec* tstItem, uint32_t
                      uint32_t(id), (void*)tstItem, ScanarioID, __func__, __LINE__);
             continue;
         }
-        if (KsStepBuilder b = KsScanario__GetStepBuilder(uint32_t(id))) b(scanario, json_object_get(step, "Dict"));
+        const KsStepCatalogueEntry* entry = KsScanario__GetStepBuilder(uint32_t(id));
+        if (!entry) {
+            __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
+                     "Creating Scanario for StepID=%u Failed, no step builder for StepID tstItem=%p ScanarioID=%u %s|%d",
+                     uint32_t(id), (void*)tstItem, ScanarioID, __func__, __LINE__);
+            continue;
+        }
+        Kestrane___ScanarioAddStep(scanario, entry, json_object_get(step, "Dict"));
     }
     tstItem->ksScanario = scanario;
     return scanario;
@@ -102,9 +148,30 @@ void KsScanario__ReleaseUEExecutionSteps(MV_KsUE* ksUe) {
     ksUe->TestId = 0;
 }
 
+KsStepExecution* KsScanario__AppendExecution(MV_KsUE* ksUe, KsStep* st, uint32_t Id) {
+    KsStepExecution* e = __ksEngine->ksStepExecutionPool->allocate();
+    e->Id = Id;
+    e->ksStep = st;
+    e->ksUe = ksUe;
+    for (__ks_pduSessionInfo* info = st->pduSessionHead; info; info = info->Next) {
+        auto* setup = new __ks_pduSessionSetupInfo{nullptr, info, 0};
+        if (e->pduSessionSetupCurrent) e->pduSessionSetupCurrent->Next = setup;
+        else e->pduSessionSetupHead = setup;
+        e->pduSessionSetupCurrent = setup;
+        ++e->pduSessionCount;
+    }
+    e->pduSessionSetupItem = e->pduSessionSetupHead;
+    std::lock_guard g(ksUe->pduSessionsRecvCountLock);
+    if (ksUe->ksStepExecutionCurrent) ksUe->ksStepExecutionCurrent->Next = e;
+    else ksUe->ksStepExecutionHead = e;
+    ksUe->ksStepExecutionCurrent = e;
+    ++ksUe->ksStepExecutionItemCount;
+    return e;
+}
+
 void KsScanario__CreateKsStepExecutions(MV_KsUE* ksUe, int stepId) {
     if (!ksUe->ksScanario) {
-        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "Scanario Not Configured for the SUPI=%s <%s|%s|%d>", ksUe->supi,
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "Scanario Not Configured for the SUPI=%s <%s|%s|%d>", KsUE__supi(ksUe),
                  __FILE_NAME__, __func__, __LINE__);
         return;
     }
@@ -118,26 +185,12 @@ void KsScanario__CreateKsStepExecutions(MV_KsUE* ksUe, int stepId) {
     uint32_t taken = 0;
     for (KsStep* st = ksUe->ksScanario->stepHead; st; st = st->Next, ++pos) {
         if (stepId != -1 && pos != stepId) continue;
-        KsStepExecution* e = __ksEngine->ksStepExecutionPool->allocate();
-        e->Id = ++taken;
-        e->ksStep = st;
-        e->ksUe = ksUe;
+        KsScanario__AppendExecution(ksUe, st, ++taken);
         ksUe->StepCode = st->StepCode;
-        for (__ks_pduSessionInfo* info = st->pduSessionHead; info; info = info->Next) {
-            auto* setup = new __ks_pduSessionSetupInfo{nullptr, info, 0};
-            if (e->pduSessionSetupCurrent) e->pduSessionSetupCurrent->Next = setup;
-            else e->pduSessionSetupHead = setup;
-            e->pduSessionSetupCurrent = setup;
-            ++e->pduSessionCount;
-        }
-        if (ksUe->ksStepExecutionCurrent) ksUe->ksStepExecutionCurrent->Next = e;
-        else ksUe->ksStepExecutionHead = e;
-        ksUe->ksStepExecutionCurrent = e;
-        ++ksUe->ksStepExecutionItemCount;
     }
     if (taken == 0) {
         // Only reachable with a position past the scenario's end; the UE then has nothing to run.
-        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_CRITICAL, "[%s] ksStep got NULL  <%s|%s|%d>", ksUe->supi, __FILE_NAME__,
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_CRITICAL, "[%s] ksStep got NULL  <%s|%s|%d>", KsUE__supi(ksUe), __FILE_NAME__,
                  __func__, __LINE__);
     }
     ksUe->TotalKsSteps = int32_t(taken);
@@ -207,23 +260,12 @@ void Kestrane___runStepFSM(void* v) {
         r(ksUe);
         return;
     }
-    uint32_t i = st->StepIndex;
-    if (i < 1000) KsNAS__runStep_FQ(ksUe, 1);
-    else if (i < 2000) KsPFCP__runStep_FQ(ksUe);
-    else if (i < 3000) KsPGW__runStep_FQ(ksUe);
-    else if (i < 4000) KsSGW__runStep_FQ(ksUe);
-    else if (i <= 4900) KsS1AP__runStep_FQ(ksUe);
-    else if (i <= 4903) KsGGSN__runStep_FQ(ksUe);
-    else if (i < 5000) KsS1AP__runStep_FQ(ksUe);
-    else if (i < 6000) Ks4GEIR__runStep_FQ(ksUe);
-    else if (i < 7000) {
-        // No runner serves this range from a scenario: the UE waits for the no-progress watch.
-    } else if (i < 8000) KsAAA__runStep_FQ(ksUe);
-    else if (i < 9000) KsCHF__runStep_FQ(ksUe);
-    else if (i < 10000) KsPCRF__runStep_FQ(ksUe);
-    else if (i < 11000) KsHSS__runStep_FQ(ksUe, 0);
-    else if (i < 12000) KsSMF__runStep_FQ(ksUe);
-    else KsNAS__runStep_FQ(ksUe, 1);
+    if (const RunnerRange* rr = runnerOf(st->StepIndex)) rr->run(ksUe);
+}
+
+const char* Kestrane___runnerNameOfStepIndex(uint32_t StepIndex) {
+    const RunnerRange* rr = runnerOf(StepIndex);
+    return rr ? rr->name : nullptr;
 }
 
 void KsEngine__SetRunnerOverride(KsStepRunner runner) { runnerOverride = runner; }
@@ -247,12 +289,12 @@ void KsScanario__CompleteCurrentStepAndExecutionNextStep(MV_KsUE* ksUe, uint32_t
     if (StepCode == KS_STEP_CODE_FROM_UE) StepCode = ksUe->ksScanario ? ksUe->StepCode : 0;
     if (ksUe->ksScanario) {
         __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_DEBUG,
-                 "%s|Completed StepCode=[%u|%u|%s] CurrentStepCount=%d TotalSteps=%d   %s|%s|%d  SRC=%s|%d", ksUe->supi,
+                 "%s|Completed StepCode=[%u|%u|%s] CurrentStepCount=%d TotalSteps=%d   %s|%s|%d  SRC=%s|%d", KsUE__supi(ksUe),
                  StepCode, ksUe->StepCode, funcName ? funcName : "", ksUe->CompletedKsStep, ksUe->TotalKsSteps, __FILE_NAME__,
                  __func__, __LINE__, file ? file : "", line);
     } else if (ksUe->CommandId) {
         __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_DEBUG, "%s|Completed Command[%d] Execution   %s|%s|%d  SRC=%s|%d",
-                 ksUe->supi, int(ksUe->CommandId), __FILE_NAME__, __func__, __LINE__, file ? file : "", line);
+                 KsUE__supi(ksUe), int(ksUe->CommandId), __FILE_NAME__, __func__, __LINE__, file ? file : "", line);
         KsScanario__ReleaseUEExecutionSteps(ksUe);
         ksUe->CommandId = 0;
         return;
@@ -275,7 +317,7 @@ void Kestrane___completedScalingModeStep(MV_KsUE* ksUe, uint32_t StepCode, const
         __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
                  "[%s] expected step code=%u, got step code=%u  CompletedKsStep=%u  TotalKsSteps=%u  "
                  "ksStepExecutionHead=%p  <%s|%s|%d>",
-                 ksUe->supi, ksUe->StepCode, StepCode, uint32_t(ksUe->CompletedKsStep), uint32_t(ksUe->TotalKsSteps),
+                 KsUE__supi(ksUe), ksUe->StepCode, StepCode, uint32_t(ksUe->CompletedKsStep), uint32_t(ksUe->TotalKsSteps),
                  (void*)ksUe->ksStepExecutionHead, __FILE_NAME__, __func__, __LINE__);
         if (!ksUe->ksStepExecutionHead) return;
     }
@@ -286,7 +328,7 @@ void Kestrane___completedScalingModeStep(MV_KsUE* ksUe, uint32_t StepCode, const
         __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
                  "[%s] KsTestExec got NULL  tstItem=%p ksScanario=%p TestId=%d CommandId=%d  CompletedKsStep=%u  "
                  "TotalKsSteps=%u <%s|%s|%d>",
-                 ksUe->supi, (void*)t, (void*)ksUe->ksScanario, int(ksUe->TestId), int(ksUe->CommandId),
+                 KsUE__supi(ksUe), (void*)t, (void*)ksUe->ksScanario, int(ksUe->TestId), int(ksUe->CommandId),
                  uint32_t(ksUe->CompletedKsStep), uint32_t(ksUe->TotalKsSteps), __FILE_NAME__, __func__, __LINE__);
         ksUe->CompletedKsStep = 0;
         ksUe->EndOfTest = 1;
@@ -304,7 +346,7 @@ void Kestrane___completedScalingModeStep(MV_KsUE* ksUe, uint32_t StepCode, const
     incr(__ksEngine->lastReceived, __ksEngine->lastReceivedLock, 1);
     ksUe->ksStepExecution = nullptr;
     __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_DEBUG, "[%s] CompletedKsStep=%u  TotalKsSteps=%u SEC=%d <%s|%s|%d>",
-             ksUe->supi, uint32_t(ksUe->CompletedKsStep), uint32_t(ksUe->TotalKsSteps), 0, __FILE_NAME__, __func__, __LINE__);
+             KsUE__supi(ksUe), uint32_t(ksUe->CompletedKsStep), uint32_t(ksUe->TotalKsSteps), 0, __FILE_NAME__, __func__, __LINE__);
 
     if (ksUe->CompletedKsStep < scanario->totalSteps && t->Status != KS_TEST__STOP) {
         ksUe->TestId = testId;  // still this test's UE between steps
@@ -373,12 +415,12 @@ void KsEngine__KsUE_SetTimerActionRetry(MV_KsUE* ksUe, uint8_t maxAttempts, uint
     clearDefTimer(ksUe);
     armDefTimer(ksUe);
     if (!ksUe->defTimer) {
-        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_CRITICAL, "%s Timer Allocation Failed  %s|%s|%d", ksUe->supi, __FILE_NAME__,
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_CRITICAL, "%s Timer Allocation Failed  %s|%s|%d", KsUE__supi(ksUe), __FILE_NAME__,
                  __func__, __LINE__);
         abort();
     }
     if (stepCode != ksUe->defStepCode) {
-        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_DEBUG, "%s defStepCode=%u stepCode=%u  %s|%s|%d", ksUe->supi,
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_DEBUG, "%s defStepCode=%u stepCode=%u  %s|%s|%d", KsUE__supi(ksUe),
                  ksUe->defStepCode, stepCode, __FILE_NAME__, __func__, __LINE__);
         ksUe->defTimerCounter = 0;
     }
@@ -389,7 +431,7 @@ void KsEngine__KsUE_SetTimerActionRetry(MV_KsUE* ksUe, uint8_t maxAttempts, uint
 
 void KsEngine__KsUE_ClearDefaultTimer(MV_KsUE* ksUe, const char* funcName) {
     if (ksUe->defTimer) {
-        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_DEBUG, "%s cleared step timer SRC=%s %s|%d", ksUe->supi,
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_DEBUG, "%s cleared step timer SRC=%s %s|%d", KsUE__supi(ksUe),
                  funcName ? funcName : "", __func__, __LINE__);
         clearDefTimer(ksUe);
     }
@@ -403,7 +445,7 @@ void KsEngine__KsUE_ReschduleTimer(MV_KsUE* ksUe, const char* reason) {
     if (!ksUe->defTimer) return;
     clearDefTimer(ksUe);
     armDefTimer(ksUe);
-    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_DEBUG, "%s Reschduled Timer for %s %s|%s|%d", ksUe->supi,
+    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_DEBUG, "%s Reschduled Timer for %s %s|%s|%d", KsUE__supi(ksUe),
              reason ? reason : "", __FILE_NAME__, __func__, __LINE__);
 }
 
@@ -421,7 +463,7 @@ void KsEngine_KsUE_TimerActionOnTimeout(uint8_t* u8Ue) {
         __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_INFO,
                  "%s Timeout Happened for current step, attempting again  defTimerCounter=%u defTimerMaxAttempts=%u   "
                  "ksScanario=%p  %s|%s|%d",
-                 ksUe->supi, ksUe->defTimerCounter, ksUe->defTimerMaxAttempts, (void*)ksUe->ksScanario, __FILE_NAME__,
+                 KsUE__supi(ksUe), ksUe->defTimerCounter, ksUe->defTimerMaxAttempts, (void*)ksUe->ksScanario, __FILE_NAME__,
                  __func__, __LINE__);
         ++ksUe->defTimerCounter;
         Kestrane___runStepAsync_timer(ksUe);
@@ -429,7 +471,105 @@ void KsEngine_KsUE_TimerActionOnTimeout(uint8_t* u8Ue) {
     }
     ksUe->defTimerCounter = 0;
     __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_INFO,
-             "%s Timeout Happened for current step, moving next  ksScanario=%p   %s|%s|%d", ksUe->supi,
+             "%s Timeout Happened for current step, moving next  ksScanario=%p   %s|%s|%d", KsUE__supi(ksUe),
              (void*)ksUe->ksScanario, __FILE_NAME__, __func__, __LINE__);
     KsScanario__CompleteCurrentStepAndExecutionNextStep(ksUe, ksUe->defStepCode, __func__, __FILE_NAME__, __LINE__);
+}
+
+// ---------------------------------------------------------------- re-running and PDU session steps
+
+void KsScanario__ReRunScanario(MV_KsUE* ksUe, int clearResult) {
+    if (!ksUe) return;
+    if (clearResult == 1) KsScanario__ClearResult(ksUe);
+    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_INFO, "ReRun Schuduled for SUPI[%s] ksUe[%p] EndOfTest=%u <%s|%s|%d>",
+             KsUE__supi(ksUe), (void*)ksUe, ksUe->EndOfTest, __FILE_NAME__, __func__, __LINE__);
+    if (ksUe->EndOfTest == 1) {
+        ksUe->EndOfTest = 0;
+        ksUe->ksStepExecution = nullptr;
+        Kestrane___runStepAsync(ksUe, KS_BEARER__3GPP);
+        return;
+    }
+    // Still running: one more run is booked.
+    ksUe->TotalExecutedCount = ksUe->TotalExecutedCount == 0 ? 2 : ksUe->TotalExecutedCount + 1;
+}
+
+namespace {
+
+void pduNextStepOnLine(void* ue) {
+    auto* ksUe = static_cast<MV_KsUE*>(ue);
+    // The UE may have moved on (a timeout) while the timer ran: only step 6 is ours to end.
+    if (KsScanario__CurrentStepEquals(ksUe, KS_STEP__PDU_SESSION) != 1) return;
+    KS_COMPLETE_STEP(ksUe, KS_STEP__PDU_SESSION);
+}
+
+}  // namespace
+
+// Timer expiries arrive on a queue line; the UE's own line runs the completion.
+void KsScanario__PduNextStep(void* ue) {
+    auto* ksUe = static_cast<MV_KsUE*>(ue);
+    __mv_core_queue_fsm2(__ksEngine->fsmNGAPProcessingQueue, uint32_t(ksUe->ueId % __ksEngine->fsmNGAPProcessingThreadCount),
+                         ksUe, pduNextStepOnLine);
+}
+
+void KsScanario__UpdatePduSesssionStep(uint8_t pduSessionId, MV_KsUE* ksUe) {
+    KsStepExecution* e = KsScanario__GetKsExecution(ksUe);
+    if (!e || !e->ksStep || e->ksStep->StepCode != KS_STEP__PDU_SESSION) {
+        printf("Step Not matched %s|%s|%d\n", __FILE_NAME__, __func__, __LINE__);
+        return;
+    }
+    int pending = 0;
+    __ks_pduSessionSetupInfo* next = nullptr;
+    for (__ks_pduSessionSetupInfo* p = e->pduSessionSetupHead; p; p = p->Next) {
+        if (p->Info && p->Info->PDUSessionId == pduSessionId) {
+            p->SetupCompleted = 1;
+        } else if (!p->SetupCompleted) {
+            ++pending;
+            if (!next) next = p;
+        }
+    }
+    printf("hasPendingPduSessions=%d %s|%s|%d\n", pending, __FILE_NAME__, __func__, __LINE__);
+    if (pending > 0) {
+        e->pduSessionSetupItem = next;
+        if (!__mv_core_start_timer(ksUe, KsNAS__send_pdusession_request_3gpp, 1))
+            KsNAS__send_pdusession_request_3gpp(ksUe);
+        return;
+    }
+    if (!__mv_core_start_timer(ksUe, KsScanario__PduNextStep, 1)) pduNextStepOnLine(ksUe);
+}
+
+// ---------------------------------------------------------------- report events
+
+void KsScanario__AddEvent(MV_KsUE* ksUe, uint32_t procedureCode, uint32_t nasMessageType, uint32_t childNasMessageType,
+                          uint32_t childNasMessageCategoryType) {
+    if (!ksUe || !__ksEngine->WriteReport) return;
+    KsStepChild* c = __ksEngine->ksEventPool->allocate();
+    if (!c) return;
+    c->MessageType = 1;
+    c->ProcedureCode = procedureCode;
+    c->NasMessageType = nasMessageType;
+    c->ChildNasMessageType = childNasMessageType;
+    c->ChildNasMessageCategoryType = childNasMessageCategoryType;
+    gettimeofday(&c->Time, nullptr);
+    std::lock_guard g(ksUe->ChildLock);
+    c->Id = ++ksUe->ChildStepCounter;
+    c->Next = nullptr;
+    if (ksUe->ChildCurrent) ksUe->ChildCurrent->Next = c;
+    else ksUe->ChildHead = c;
+    ksUe->ChildCurrent = c;
+}
+
+// The receive paths report nothing.
+KsStepChild* KsScanario__AddRecvEvent(MV_KsUE*, uint32_t, uint32_t) { return nullptr; }
+void KsScanario__AddEvent_BYNGAPID(uint64_t, uint32_t, uint32_t) {}
+
+void KsScanario__ClearResult(MV_KsUE* ksUe) {
+    if (!ksUe) return;
+    std::lock_guard g(ksUe->ChildLock);
+    for (KsStepChild* c = ksUe->ChildHead; c;) {
+        KsStepChild* next = c->Next;
+        __ksEngine->ksEventPool->release(c);
+        c = next;
+    }
+    ksUe->ChildHead = ksUe->ChildCurrent = nullptr;
+    ksUe->ChildStepCounter = 0;
 }

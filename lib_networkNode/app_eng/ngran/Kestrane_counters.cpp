@@ -8,6 +8,7 @@
 
 #include "KsPool.h"
 #include "Kestrane.h"
+#include "mv_socket_engine.h"
 
 namespace {
 
@@ -238,6 +239,7 @@ void KsEngine__WritePerformanceBlock() {
     for (int i = 0; i < KS_STEP_QUEUE_COUNT; ++i)
         if (e->M_MPS_Q[i]) __mv__per_log_pending_queuecount("MPS-Q", e->M_MPS_Q[i]);
     if (e->fsmNGAPProcessingQueue) __mv__per_log_pending_fsmqueuecount("FSM-Q", e->fsmNGAPProcessingQueue);
+    __mv_socket_engine_print_stats();
 
     std::lock_guard g(e->tstExecLock);
     for (KsTestExec* t = e->tstExecHead; t; t = t->Next)

@@ -15,8 +15,9 @@ struct MV_Socket;
 // ---------------------------------------------------------------- the server
 
 // Opens the listening socket; called once at start-up. CLIPort 0 leaves the engine
-// without a console.
-void KsUECServer___Start(void);
+// without a console. Returns 0 when start-up must stop: the console address is of
+// neither IP version.
+int KsUECServer___Start(void);
 void KsUECServer___on_accept(MV_Socket* siSocketChild, MV_Socket* siSocketParent);
 void KsUECServer___on_close(MV_Socket* siSocketChild);
 // The socket's OnBufferReceive: frames and dispatches what has arrived.

@@ -16,6 +16,7 @@
 #include <string>
 
 #include "KsPool.h"
+#include "KsUECServer.h"
 #include "Kestrane_seams.h"
 #include "mv_socket_engine.h"
 #include "Kestrane_util.h"
@@ -349,7 +350,7 @@ int KsEngine__Startup(int argc, char** argv) {
     __ksEngine->fsmNGAPProcessingThreadCount = KS_FSM_LINE_COUNT;
     KsSeam__create_cpTeidTable();
 
-    KsSeam__UECServer_Start(__ksEngine->UECPort);
+    if (!KsUECServer___Start()) return 0;
     // The scenario and step pools exist before anything builds a scenario: the files
     // here, the default scenario with the first UE, the prebuilt command steps.
     __ksEngine->ksScanarioPool = new (__mv_malloc(sizeof(KsFifoPool<KsScanario>))) KsFifoPool<KsScanario>(200, 200);

@@ -18,14 +18,6 @@ void KsSeam__TemplateMgr_Init() { absent("template manager", __func__); }
 void KsSeam__AddStaticAMF(json_t*) { absent("static AMF node", __func__); }
 void KsSeam__create_cpTeidTable() { absent("control-plane TEID table", __func__); }
 
-void KsSeam__UECServer_Start(uint32_t port) {
-    if (port == 0) {
-        printf("Cannot Start UE-Console on TCPPort=0\n");
-        return;
-    }
-    absent("UE-Console server", __func__);
-}
-
 void KsSeam__create_id_tables(uint32_t) { absent("NGAP and Diameter id tables", __func__); }
 void KsSeam__CreateNGRanUEContext() { absent("RAN UE context pool", __func__); }
 void KsSeam__DiamDict_Init() { absent("Diameter dictionaries", __func__); }

@@ -16,7 +16,6 @@ struct __mv_ks__ngran_UeContext;
 void KsSeam__TemplateMgr_Init();
 void KsSeam__AddStaticAMF(json_t* amf);
 void KsSeam__create_cpTeidTable();
-void KsSeam__UECServer_Start(uint32_t port);
 void KsSeam__create_id_tables(uint32_t maxRanUEIDs);
 void KsSeam__CreateNGRanUEContext();
 void KsSeam__DiamDict_Init();

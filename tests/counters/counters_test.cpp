@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <mutex>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -286,10 +285,14 @@ TEST(PerformanceBlock, PoolsStepRateQueuesAndRunningTests) {
         std::lock_guard g(__ksEngine->tstExecLock);
         t->Status = KS_TEST__IDLE;
     }
+    // The performance thread writes its own blocks meanwhile: take the block that
+    // holds this test.
     std::string log = perLog();
-    size_t head = log.rfind("Name                                       Used Times    Available      Total          InUse");
-    ASSERT_NE(head, std::string::npos) << log.substr(log.size() > 3000 ? log.size() - 3000 : 0);
-    std::string block = log.substr(head);
+    size_t mine = log.rfind(std::string("TestName=") + t->TestName);
+    ASSERT_NE(mine, std::string::npos);
+    size_t head = log.rfind("Name                                       Used Times    Available      Total          InUse", mine);
+    ASSERT_NE(head, std::string::npos);
+    std::string block = log.substr(head, mine - head + 100);
     std::vector<std::string> expected = {"UE-Pool", "Configured-UEs", "Event", "StepExec", "RanUEPool", "Timer",
                                          "Registered : ", "ExecutingQ : ", "Recv [T:", "MPS-Q", "FSM-Q",
                                          std::string("TestName=") + t->TestName};
@@ -393,14 +396,13 @@ TEST(TextReport, HeaderUEBlocksAndEventLinesAndEventsAreDrained) {
     for (const auto& f : after)
         if (std::find(before.begin(), before.end(), f) == before.end()) path = f;
     std::string base = path.substr(path.rfind('/') + 1);
-    EXPECT_TRUE(std::regex_match(base, std::regex(R"(report_\d\d_\d\d_\d{4}_\d\d_\d\d_\d\d_\d{6}\.txt)"))) << base;
+    EXPECT_TRUE(kst::hasShape(base, "report_##_##_####_##_##_##_######.txt")) << base;
 
     auto l = lines(kst::readFile(path));
     std::string eq(162, '='), dash(162, '-');
     ASSERT_EQ(l.size(), 14u) << kst::readFile(path);
     EXPECT_EQ(l[0], "VELTA Networks");
-    EXPECT_TRUE(std::regex_match(l[1], std::regex(R"(KsTest Report,  Create Time: \d\d-\d\d-\d{4}:\d\d:\d\d:\d\d:\d{6})")))
-        << l[1];
+    EXPECT_TRUE(kst::hasShape(l[1], "KsTest Report,  Create Time: ##-##-####:##:##:##:######")) << l[1];
     EXPECT_EQ(l[2], eq);
     auto header = [](MV_KsUE* u) { return "IMSI " + std::string(u->mcc) + u->mnc + std::to_string(u->msin); };
     EXPECT_EQ(l[3], header(a)) << "mcc, mnc and msin";

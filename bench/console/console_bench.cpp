@@ -30,7 +30,7 @@ void startEngine() {
         auto write = [&](const std::string& name, const std::string& text) { std::ofstream(dir + "/" + name) << text; };
         write("cfg.json", R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 20000, "IMSIPrefixWithZERO": 1, "CLIPort": )" +
                               std::to_string(kPort) + R"(, "LocalAddress": {"IP": [")" + kHost + R"("]}})");
-        write("data/uel.json", R"([{"ID": 1, "MSINStart": "001010000000001", "MSINEnd": "001010000005000"}])");
+        write("data/uel.json", R"([{"ID": 1, "MSINStart": "001010000000001", "MSINEnd": "001010000005000", "MSISDNBegin": "1"}])");
         write("data/sce.json", R"([{"ID": 1, "Config": [{"ID": 3, "Dict": [{"Key": 3, "Value": "600"}]}]}])");
         // Five tests of 1000 UEs each, every UE asleep for ten minutes: running all along.
         std::string tests = "[";

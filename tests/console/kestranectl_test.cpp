@@ -16,7 +16,7 @@ const std::string kCtl = KS_CTL_BINARY;
 
 std::map<std::string, std::string> data() {
     return {
-        {"uel.json", R"([{"ID": 1, "MSINStart": "001010000000001", "MSINEnd": "001010000000040", "MCC": "001", "MNC": "01"}])"},
+        {"uel.json", R"([{"ID": 1, "MSINStart": "001010000000001", "MSINEnd": "001010000000040", "MCC": "001", "MNC": "01", "MSISDNBegin": "9000000001"}])"},
         {"sce.json", R"([{"ID": 1, "Name": "long", "Config": [{"ID": 3, "Dict": [{"Key": 3, "Value": "30"}]}]},
                          {"ID": 2, "Name": "short", "Config": [{"ID": 3, "Dict": [{"Key": 3, "Value": "1"}]},
                                                               {"ID": 3, "Dict": [{"Key": 3, "Value": "0"}]}]}])"},

@@ -20,7 +20,7 @@ const std::string kProbe = KS_PROBE_SCRIPT;
 // Tests 1 and 2 run thirty seconds per UE, so that they can be caught running.
 std::map<std::string, std::string> data() {
     return {
-        {"uel.json", R"([{"ID": 1, "MSINStart": "001010000000001", "MSINEnd": "001010000000040", "MCC": "001", "MNC": "01"}])"},
+        {"uel.json", R"([{"ID": 1, "MSINStart": "001010000000001", "MSINEnd": "001010000000040", "MCC": "001", "MNC": "01", "MSISDNBegin": "9000000001"}])"},
         {"sce.json", R"([{"ID": 1, "Name": "long", "Config": [{"ID": 3, "Dict": [{"Key": 3, "Value": "30"}]}]}])"},
         {"tst.json", R"([{"ID": 1, "Name": "one", "ScenarioID": 1, "SUPIStartNo": "001010000000001", "SUPIStartEnd": "001010000000002"},
                          {"ID": 2, "Name": "two", "ScenarioID": 1, "SUPIStartNo": "001010000000003", "SUPIStartEnd": "001010000000004"}])"},

@@ -96,7 +96,7 @@ TEST(Startup, PortsAtTheEdgesStartAndSignalsEndTheProcess) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.extra + " signal " + std::to_string(c.sig));
         Scratch s;
-        auto r = kst::runChild({kBinary, s.writeConfig(config(c.extra))}, s.dir, 2.5, c.sig);
+        auto r = kst::runChild({kBinary, s.writeConfig(config(c.extra))}, s.dir, 8, c.sig);  // start-up must be over before the signal
         EXPECT_TRUE(r.timedOut) << "the engine runs until a signal ends it";
         EXPECT_EQ(r.exitStatus, 0) << r.out;
         EXPECT_NE(r.out.find("Initalization of KsTest is completed"), std::string::npos) << r.out;

@@ -1,30 +1,43 @@
 #!/usr/bin/env bash
-# Builds the engine and runs its main job on the default configuration: the engine
-# starts in ./run, runs the default test to its end, prints the test's summary from
-# the logs and is then ended by a signal, as a user would end it.
+# Builds the engine and kestranectl and runs the main job on the default
+# configuration, as a user would: the engine starts in ./run, kestranectl queues the
+# default test over the console, waits for it to end, asks for a text report and
+# shows it; then the engine is ended by a signal.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 build=${KS_BUILD_DIR:-$top/build}
 run=${KS_RUN_DIR:-$top/run}
 
 cmake -S "$top" -B "$build" -G Ninja >/dev/null
-ninja -C "$build" kestrane
+ninja -C "$build" kestrane kestranectl
+ctl="$build/tools/kestranectl/kestranectl"
 
 mkdir -p "$run"
 [ -d "$run/data" ] || cp -r "$top/config/data" "$run/data"
 cd "$run"
-"$build/lib_networkNode/kestrane" "$top/config/kestrane.json" &
+"$build/lib_networkNode/kestrane" "$top/config/kestrane.json" >engine.out 2>&1 &
 pid=$!
 trap 'kill -TERM $pid 2>/dev/null || true' EXIT
 
-for _ in $(seq 1 120); do
-    if cat logs/cmn/*.log 2>/dev/null | grep -q "Completed TestId=1 \|Interrupted/Stopped TestId=1 "; then break; fi
-    kill -0 $pid 2>/dev/null || { echo "the engine ended early"; exit 1; }
-    sleep 1
+# The console opens early in start-up; wait for it.
+for _ in $(seq 1 60); do
+    "$ctl" --timeout 1 ping >/dev/null 2>&1 && break
+    kill -0 $pid 2>/dev/null || { cat engine.out; echo "the engine ended early"; exit 1; }
+    sleep 0.5
+done
+
+"$ctl" ping
+"$ctl" start 1
+"$ctl" wait 1
+"$ctl" report
+for _ in $(seq 1 20); do
+    report=$(ls -t reports/*.txt 2>/dev/null | head -n 1 || true)
+    [ -n "$report" ] && break
+    sleep 0.5
 done
 echo
-echo "== test 1, from $run/logs/cmn =="
-cat logs/cmn/*.log | grep -E "Starting Test|TestId=1 |End Of ScalingModeTest|Completed TestId" | cut -d'|' -f2,5- | sed 's/ *[A-Za-z_.]*|[A-Za-z_]*|[0-9]*$//'
+echo "== $run/$report ($(wc -l <"$report") lines), its beginning =="
+head -n 12 "$report"
 kill -TERM $pid
 wait $pid || true
 trap - EXIT

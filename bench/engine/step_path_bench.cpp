@@ -23,7 +23,7 @@ void startEngine() {
         std::string dir = mkdtemp(tmpl);
         mkdir((dir + "/data").c_str(), 0700);
         auto write = [&](const std::string& name, const std::string& text) { std::ofstream(dir + "/" + name) << text; };
-        write("cfg.json", R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 200000, "IMSIPrefixWithZERO": 1})");
+        write("cfg.json", R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 200000, "IMSIPrefixWithZERO": 1, "CLIPort": 0})");
         write("data/uel.json", R"([{"ID": 1, "MSINStart": "001010000000001", "MSINEnd": "001010000100000", "MSISDNBegin": "1",
                                      "MCC": "001", "MNC": "01"}])");
         std::string s0 = R"({"ID": 3, "Dict": [{"Key": 3, "Value": "0"}]})";

@@ -23,7 +23,7 @@ void startEngine() {
         gDir = mkdtemp(tmpl);
         mkdir((gDir + "/data").c_str(), 0700);
         auto write = [](const std::string& name, const std::string& text) { std::ofstream(gDir + "/" + name) << text; };
-        write("cfg.json", R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 1000000, "IMSIPrefixWithZERO": 1})");
+        write("cfg.json", R"({"LOCAL_GTP_IP": "127.0.0.1", "CLIPort": 0, "MaximumUE": 1000000, "IMSIPrefixWithZERO": 1})");
         write("range.json", R"({"Format": 1, "SupiRange": [{"MCC": "001", "MNC": "01",
             "SubKey": "465B5CE8B199B49FAA5F0A2EE238A6BC", "OPc": "E8ED289DEBA952E4283B54E88E6183CA",
             "MSINStart": 1010000000001, "MSINEnd": 1010001000000, "IMEI": 356938035643800}]})");

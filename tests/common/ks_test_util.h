@@ -80,6 +80,15 @@ inline bool waitFor(const std::function<bool()>& pred, double seconds) {
     return pred();
 }
 
+// True when `text` has the shape of `pattern`, where '#' stands for any digit.
+inline bool hasShape(const std::string& text, const std::string& pattern) {
+    if (text.size() != pattern.size()) return false;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (pattern[i] == '#' ? (text[i] < '0' || text[i] > '9') : text[i] != pattern[i]) return false;
+    }
+    return true;
+}
+
 struct ChildResult {
     int exitStatus = -1;  // -1 when killed by a signal or timed out
     bool timedOut = false;

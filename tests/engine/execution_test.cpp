@@ -42,7 +42,7 @@ public:
         gDir = kst::makeTempDir("engine");
         mkdir((gDir + "/data").c_str(), 0700);
         kst::writeFile(gDir + "/cfg.json",
-                       R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 5000, "IMSIPrefixWithZERO": 1, "DefaultTimeoutSeconds": 2,
+                       R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 5000, "IMSIPrefixWithZERO": 1, "DefaultTimeoutSeconds": 2, "CLIPort": 0,
                            "LogLevel": {"APPLICATION": 4, "STACK": 3, "COMMON": 5}})");
         kst::writeFile(gDir + "/data/uel.json", "[{\"ID\": 1, \"MSINStart\": \"" + imsi(1) + "\", \"MSINEnd\": \"" +
                                                     imsi(2000) + "\", \"MCC\": \"001\", \"MNC\": \"01\", \"MSISDNBegin\": \"9000000001\"}, " +

@@ -14,10 +14,18 @@ namespace {
 
 const std::string kBinary = KS_ENGINE_BINARY;
 
-// A configuration that starts; `extra` replaces or adds top-level members.
+// A loopback address of this process's own for a console.
+std::string ownLoopback(int n) {
+    return "127." + std::to_string(1 + (getpid() >> 8) % 250) + "." + std::to_string(getpid() & 0xff) + "." +
+           std::to_string(n);
+}
+
+// A configuration that starts; `extra` replaces or adds top-level members. Without a
+// CLIPort of its own the engine runs with no console.
 std::string config(const std::string& extra = "", bool withGtp = true) {
     std::string s = "{\n";
     if (withGtp) s += "  \"LOCAL_GTP_IP\": \"127.0.0.1\",\n";
+    if (extra.find("CLIPort") == std::string::npos) s += "  \"CLIPort\": 0,\n";
     s += "  \"MaximumUE\": 1000";
     if (!extra.empty()) s += ",\n  " + extra;
     return s + "\n}\n";
@@ -117,7 +125,10 @@ TEST(Startup, PortsAtTheEdgesStartAndSignalsEndTheProcess) {
         std::string extra;
         int sig;
     };
-    const std::vector<Case> cases = {{"\"CLIPort\": 9118", SIGTERM}, {"\"CLIPort\": 9130", SIGINT}, {"", SIGQUIT}};
+    auto console = [](int port, int n) {
+        return "\"CLIPort\": " + std::to_string(port) + ", \"LocalAddress\": {\"IP\": [\"" + ownLoopback(n) + "\"]}";
+    };
+    const std::vector<Case> cases = {{console(9118, 1), SIGTERM}, {console(9130, 2), SIGINT}, {"", SIGQUIT}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.extra + " signal " + std::to_string(c.sig));
         Scratch s;
@@ -238,10 +249,10 @@ TEST(StartupValues, LogLevelsOutsideTheRangeKeepOneForThatChannelOnly) {
 TEST(StartupValues, ListsAreCutAtTenAndPortDefaults) {
     std::string ips, files;
     for (int i = 0; i < 12; ++i) {
-        ips += std::string(i ? "," : "") + "\"127.0.0." + std::to_string(i + 1) + "\"";
+        ips += std::string(i ? "," : "") + "\"" + ownLoopback(i + 10) + "\"";
         files += std::string(i ? "," : "") + "{\"Name\": \"f" + std::to_string(i) + ".json\", \"Enabled\": 0}";
     }
-    Derived d = startInChild(config("\"LocalAddress\": {\"IP\": [" + ips + "]}, \"UEFiles\": [" + files + "]"));
+    Derived d = startInChild(config("\"CLIPort\": 9119, \"LocalAddress\": {\"IP\": [" + ips + "]}, \"UEFiles\": [" + files + "]"));
     EXPECT_EQ(d.ipCount, 10u);
     EXPECT_EQ(d.ueFiles, 10u);
     EXPECT_EQ(d.port, 9119u);

@@ -14,7 +14,7 @@
 namespace {
 
 kst::EngineInDir* const gEnv = static_cast<kst::EngineInDir*>(::testing::AddGlobalTestEnvironment(new kst::EngineInDir(
-    "cmd", {{"cfg.json", R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 100, "IMSIPrefixWithZERO": 1, "LogLevel": {"APPLICATION": 5, "COMMON": 5}})"},
+    "cmd", {{"cfg.json", R"({"LOCAL_GTP_IP": "127.0.0.1", "CLIPort": 0, "MaximumUE": 100, "IMSIPrefixWithZERO": 1, "LogLevel": {"APPLICATION": 5, "COMMON": 5}})"},
             {"data/uel.json", R"([{"ID": 1, "MSINStart": "001010000000001", "MSINEnd": "001010000000020",
                                    "MSISDNBegin": "1", "MCC": "001", "MNC": "01"}])"}})));
 

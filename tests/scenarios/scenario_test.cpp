@@ -32,7 +32,7 @@ const std::string kRegFile = R"([
    "ReqType": 2}, {"PDUSessionId": 3, "DNN": "x", "ReqType": 0}, {"PDUSessionId": 4}]},
   {"Step": "Dance"}])";
 
-const std::string kCfg = R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 100, "IMSIPrefixWithZERO": 1, "LogLevel": {"APPLICATION": 5},
+const std::string kCfg = R"({"LOCAL_GTP_IP": "127.0.0.1", "CLIPort": 0, "MaximumUE": 100, "IMSIPrefixWithZERO": 1, "LogLevel": {"APPLICATION": 5},
   "ScanarioFiles": [{"ID": 50, "File": "sc50.json"}, {"ID": 51, "File": "sc51.json", "Default": 1},
                     {"ID": 52, "File": "sc52.json", "Default": 1}, {"File": "noid.json"}]})";
 
@@ -436,7 +436,7 @@ TEST(ScenarioFiles, BrokenFileStopsStartUpWithItsText) {
         SCOPED_TRACE(c.name);
         auto r = kst::runEngineBinary(
             kBinary,
-            {{"cfg.json", R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 10, "ScanarioFiles": [{"ID": 7, "File": "bad.json"}]})"},
+            {{"cfg.json", R"({"LOCAL_GTP_IP": "127.0.0.1", "CLIPort": 0, "MaximumUE": 10, "ScanarioFiles": [{"ID": 7, "File": "bad.json"}]})"},
              {"bad.json", c.content}}, 60);
         EXPECT_FALSE(r.timedOut);
         EXPECT_EQ(r.exitStatus, 0);
@@ -444,14 +444,14 @@ TEST(ScenarioFiles, BrokenFileStopsStartUpWithItsText) {
         EXPECT_EQ(r.out.find("Initalization of KsTest is completed"), std::string::npos);
     }
     auto missing = kst::runEngineBinary(
-        kBinary, {{"cfg.json", R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 10, "ScanarioFiles": [{"ID": 8, "File": "no.json"}]})"}}, 60);
+        kBinary, {{"cfg.json", R"({"LOCAL_GTP_IP": "127.0.0.1", "CLIPort": 0, "MaximumUE": 10, "ScanarioFiles": [{"ID": 8, "File": "no.json"}]})"}}, 60);
     EXPECT_EQ(missing.exitStatus, 0);
     EXPECT_NE(missing.out.find("error loading scanario-config id=8 file:no.json  error:[unable to open"), std::string::npos);
 }
 
 TEST(ScenarioFiles, UnknownStepsAndMissingArraysAreReported) {
     auto r = kst::runEngineBinary(kBinary,
-                                  {{"cfg.json", R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 10,
+                                  {{"cfg.json", R"({"LOCAL_GTP_IP": "127.0.0.1", "CLIPort": 0, "MaximumUE": 10,
                                      "ScanarioFiles": [{"ID": 51, "File": "sc.json"}, {"File": "noid.json"}]})"},
                                    {"sc.json", kRegFile}}, 60);
     EXPECT_NE(r.out.find("Unsupported RegistrationType configured for step=[2] in scanario file=[sc.json]"),

@@ -55,7 +55,7 @@ const std::string kUel = std::string(R"([
 const std::string kAddl = R"([{"IMSI": "001010000000500", "UEIPv4": "10.45.0.7"}, {"IMSI": "999", "UEIPv4": "10.0.0.1"},
   {"IMSI": "001010000000501", "UEIPv4": "not-an-ip"}, {"IMSI": "001010000000502"}])";
 
-const std::string kCfg = R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 3000, "IMSIPrefixWithZERO": 1,
+const std::string kCfg = R"({"LOCAL_GTP_IP": "127.0.0.1", "CLIPort": 0, "MaximumUE": 3000, "IMSIPrefixWithZERO": 1,
   "LogLevel": {"APPLICATION": 5, "COMMON": 4},
   "UEFiles": [{"Name": "range.json"}, {"Name": "list.json"}, {"Name": "bare.json"}, {"Name": "off.json", "Enabled": 0},
               {"Name": "fmt9.json"}],
@@ -544,7 +544,7 @@ namespace {
 const std::string kBinary = KS_ENGINE_BINARY;
 
 std::string cfgWithFiles(const std::string& files, int maximumUE = 1000) {
-    return R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": )" + std::to_string(maximumUE) + R"(, "UEFiles": [)" + files +
+    return R"({"LOCAL_GTP_IP": "127.0.0.1", "CLIPort": 0, "MaximumUE": )" + std::to_string(maximumUE) + R"(, "UEFiles": [)" + files +
            "]}";
 }
 
@@ -603,7 +603,7 @@ TEST(SubscriberStartup, FullPoolEndsEachLoaderWithItsLine) {
 
 TEST(SubscriberStartup, BrokenAdditionalDataIsReportedAndStartUpGoesOn) {
     auto r = kst::runEngineBinary(
-        kBinary, {{"cfg.json", R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 10, "UEAddlData": "addl.json"})"},
+        kBinary, {{"cfg.json", R"({"LOCAL_GTP_IP": "127.0.0.1", "CLIPort": 0, "MaximumUE": 10, "UEAddlData": "addl.json"})"},
                   {"addl.json", "[{\"IMSI\": "}}, 60);
     EXPECT_EQ(r.exitStatus, 0);
     EXPECT_NE(r.out.find("Loading UEAddlData=[addl.json] Config Failed error:["), std::string::npos) << r.out;

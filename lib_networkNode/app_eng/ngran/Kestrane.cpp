@@ -18,6 +18,7 @@
 #include <string>
 
 #include "KsPool.h"
+#include "KsUECServer.h"
 #include "Kestrane_seams.h"
 #include "mv_socket_engine.h"
 #include "Kestrane_util.h"
@@ -107,6 +108,8 @@ void readScalarKeys(json_t* cfg) {
     __ksEngine->UPF_SRC_PORT = uint32_t(KsJson::number(cfg, "UPF_SRC_PORT", 2152));
     __ksEngine->UPF_DST_PORT = uint32_t(KsJson::number(cfg, "UPF_DST_PORT", 2152));
     __ksEngine->StartNGRAN = uint32_t(KsJson::number(cfg, "StartNGRAN", 0));
+    // Report events are kept only when asked for: they cost an event record per message.
+    __ksEngine->WriteReport = KsJson::number(cfg, "WriteReport", 0) == 1 ? 1 : 0;
     printf("AGF  Enabled=%u IP=%s AGF_Port=%d\n", __ksEngine->AGF_Enabled, __ksEngine->AGF_IP,
            int(__ksEngine->AGF_Port));
 }
@@ -349,7 +352,7 @@ int KsEngine__Startup(int argc, char** argv) {
     __ksEngine->fsmNGAPProcessingThreadCount = KS_FSM_LINE_COUNT;
     KsSeam__create_cpTeidTable();
 
-    KsSeam__UECServer_Start(__ksEngine->UECPort);
+    if (!KsUECServer___Start()) return 0;
     // The scenario and step pools exist before anything builds a scenario: the files
     // here, the default scenario with the first UE, the prebuilt command steps.
     __ksEngine->ksScanarioPool = new (__mv_malloc(sizeof(KsFifoPool<KsScanario>))) KsFifoPool<KsScanario>(200, 200);
@@ -388,7 +391,7 @@ int KsEngine__Startup(int argc, char** argv) {
     __ksEngine->RanSelectionMode = 0;
     __ksEngine->RanLastSelected = 0;
     __ksEngine->commandPool = __mv_pool_create("commandPool", KS_COMMAND_POOL_ITEM_SIZE, 1000, 1);
-    KsSeam__create_N1_counters();
+    KsEngine__CreateN1Counters();
 
     KsScanario__CreateCommandSteps();
     KsSeam__DiamDict_Init();
@@ -453,7 +456,7 @@ void KsEngine__doEvents() {
 
 void* KsEngine__RANStatsThread(void*) {
     for (;;) {
-        KsSeam__doRanStats();
+        KsEngine__doRanStats();
         usleep(999900);
     }
     return nullptr;
@@ -462,14 +465,7 @@ void* KsEngine__RANStatsThread(void*) {
 void* KsEngine__TestPerformanceThread(void*) {
     static const char* kDirs[] = {"stk", "per", "app", "cmn"};
     for (;;) {
-        __mv_log_buffer_memory_stats();
-        for (int i = 0; i < KS_STEP_QUEUE_COUNT; ++i) __mv__per_log_pending_queuecount("MPS-Q", __ksEngine->M_MPS_Q[i]);
-        __mv__per_log_pending_fsmqueuecount("FSM-Q", __ksEngine->fsmNGAPProcessingQueue);
-        {
-            std::lock_guard g(__ksEngine->tstExecLock);
-            for (KsTestExec* t = __ksEngine->tstExecHead; t; t = t->Next)
-                if (t->Status == KS_TEST__RUNNING) Kestrane___writeTestStats(t, 0);
-        }
+        KsEngine__WritePerformanceBlock();
         const char* root = __mv_get_logger_rootpath();
         if (__ksEngine->DeleteLogFiles == 1 && __ksEngine->KeepLastLogFiles >= 2 && root && *root) {
             for (const char* d : kDirs) {

@@ -9,6 +9,7 @@
 
 #include "KsCommandSteps.h"
 #include "KsUE.h"
+#include "Kestrane_counters.h"
 #include "mv_core.h"
 #include "mv_pool.h"
 #include "mv_tables.h"
@@ -132,6 +133,8 @@ struct __ks_step_child {
     uint32_t ChildNasMessageType;
     uint32_t ChildNasMessageCategoryType;
     struct timeval Time;
+    uint32_t NasCause;    // a 5GMM or 5GSM cause the answer carried, 0 for none
+    uint32_t WhichCause;  // 2: NasCause is a 5GSM cause
     uint8_t isReleased;
 };
 typedef __ks_step_child KsStepChild;
@@ -158,16 +161,6 @@ struct __ks_step_execution {
 };
 
 // ---------------------------------------------------------------- tests
-
-// Per-test counters. The full per-protocol block joins with the counter tables;
-// these are the ones the execution core itself moves.
-struct KsTestCounter {
-    char Name[60];
-    std::atomic<uint64_t> Request;
-    std::atomic<uint64_t> lastRequest;
-    std::atomic<uint64_t> SendFailed;
-    std::atomic<uint64_t> Total;
-};
 
 struct __mv_ks__test_exec {
     __mv_ks__test_exec* Next;
@@ -196,9 +189,7 @@ struct __mv_ks__test_exec {
     std::atomic<int32_t> CompletedExecutionUECount;
     int32_t LastCompletedExecutionUECount;
     // counter block
-    KsTestCounter StepSendFailed;
-    KsTestCounter ExecutionTimeout;
-    KsTestCounter ErrorIndication;
+    KS_TEST_COUNTERS(KS_TEST_COUNTER_FIELD)
     MV_KsUE* SHead;
     MV_KsUE* SCurrent;
     MV_Mutex SLock;
@@ -289,9 +280,8 @@ struct __mv_ks__engine {
     KsFifoPool<KsStepChild>* ksEventPool;
     KsFifoPool<KsStepExecution>* ksStepExecutionPool;
     // global tallies
-    uint64_t NASErrors, NGAPErrors, UERegistered, UERegRejected, UEDeRegistered, UEIdle, UEConnected, UEPduSessions,
-        TestCaseTimeout;
-    MV_Mutex TalliesLock;
+    std::atomic<uint64_t> NASErrors, NGAPErrors, UERegistered, UERegRejected, UEDeRegistered, UEIdle, UEConnected,
+        UEPduSessions, TestCaseTimeout;
     uint32_t fsmNGAPProcessingThreadCount;
     void* fsmNGAPProcessingQueue;
     KsScanario* ksScanarioDefault;
@@ -346,6 +336,7 @@ struct __mv_ks__engine {
 #define KS_COMMAND_STEP_FIELD(name, code) KsStep* name;
     KS_COMMAND_STEP_FIELDS(KS_COMMAND_STEP_FIELD)
 #undef KS_COMMAND_STEP_FIELD
+    KS_N1_COUNTERS(KS_N1_COUNTER_FIELD)
     uint32_t WriteReport;
     char cwd[250];
     uint32_t UseSCTPSendLock;

@@ -17,16 +17,7 @@ void absent(const char* what, const char* func) {
 void KsSeam__TemplateMgr_Init() { absent("template manager", __func__); }
 void KsSeam__create_cpTeidTable() { absent("control-plane TEID table", __func__); }
 
-void KsSeam__UECServer_Start(uint32_t port) {
-    if (port == 0) {
-        printf("Cannot Start UE-Console on TCPPort=0\n");
-        return;
-    }
-    absent("UE-Console server", __func__);
-}
-
 void KsSeam__create_id_tables(uint32_t) { absent("NGAP and Diameter id tables", __func__); }
-void KsSeam__create_N1_counters() { absent("global N1 counters", __func__); }
 void KsSeam__DiamDict_Init() { absent("Diameter dictionaries", __func__); }
 void KsSeam__TemplateEng_Init() { absent("template engine", __func__); }
 
@@ -59,7 +50,6 @@ void KsSeam__register_ngap_handlers() { absent("NGAP and S1AP handlers", __func_
 void KsSeam__register_diam_handlers() { absent("Diameter handlers", __func__); }
 void KsSeam__TE_Init() { absent("test-element connections", __func__); }
 void KsSeam__MonitoringEngine_Init() { absent("monitoring engine", __func__); }
-void KsSeam__doRanStats() {}
 
 namespace {
 

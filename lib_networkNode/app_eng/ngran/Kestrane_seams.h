@@ -13,9 +13,7 @@ struct __ks_step;
 
 void KsSeam__TemplateMgr_Init();
 void KsSeam__create_cpTeidTable();
-void KsSeam__UECServer_Start(uint32_t port);
 void KsSeam__create_id_tables(uint32_t maxRanUEIDs);
-void KsSeam__create_N1_counters();
 void KsSeam__DiamDict_Init();
 void KsSeam__TemplateEng_Init();
 // The GTP-U start decides the local GTP address; returns 0 when start-up must stop.
@@ -27,7 +25,6 @@ void KsSeam__register_ngap_handlers();
 void KsSeam__register_diam_handlers();
 void KsSeam__TE_Init();
 void KsSeam__MonitoringEngine_Init();
-void KsSeam__doRanStats();
 
 // ---------------------------------------------------------------- template engine
 

@@ -18,11 +18,6 @@ namespace {
 std::atomic<long> ilogCtr{0};
 std::atomic<uint32_t> iTotalTicker{0};
 
-void initCounter(KsTestCounter& c, const char* name) {
-    snprintf(c.Name, sizeof c.Name, "%s", name);
-    c.Request = c.lastRequest = c.SendFailed = c.Total = 0;
-}
-
 void logBoth(uint32_t type, const char* text) { __mv_log(type, LOG_CAT_APP, MV_LOG_CRITICAL, "%s", text); }
 
 // Reads a SUPI bound given as a decimal string (or, leniently, a JSON integer).
@@ -80,9 +75,7 @@ uint32_t KsEngine__AddTestToQueue(uint32_t TestId, int status) {
     KsTestExec* t = __mv_arena_new<KsTestExec>();
     t->TestId = TestId;
     t->Status = uint32_t(status);
-    initCounter(t->StepSendFailed, "StepSendFailed");
-    initCounter(t->ExecutionTimeout, "ExecutionTimeout");
-    initCounter(t->ErrorIndication, "ErrorIndication");
+    KsEngine__InitTestCounters(t);
     if (__ksEngine->tstExecCurrent) __ksEngine->tstExecCurrent->Next = t;
     else __ksEngine->tstExecHead = t;
     __ksEngine->tstExecCurrent = t;
@@ -135,44 +128,6 @@ void* KsEngine__TestExecutionThread(void* arg) {
         sleep(1);
     }
     return nullptr;
-}
-
-// ---------------------------------------------------------------- counters and statistics
-
-void KsEngine__ReInit_MVCounters(KsTestExec* tstItem, int total) {
-    for (KsTestCounter* c : {&tstItem->StepSendFailed, &tstItem->ExecutionTimeout, &tstItem->ErrorIndication}) {
-        if (total == 1) {
-            c->Request = 0;
-            c->lastRequest = 0;
-            c->Total = 0;
-            c->SendFailed = 0;
-        } else if (total == 0) {
-            c->Request = 0;
-            c->lastRequest = 0;
-        } else if (total == 2) {
-            c->lastRequest = 0;
-        }
-    }
-}
-
-void Kestrane___writeTestStats(KsTestExec* tstItem, int completed) {
-    (void)completed;
-    if (tstItem->Status != KS_TEST__RUNNING) return;
-    char stamp[40];
-    __mv_makeDBTimeStamp(stamp);
-    __mv_log(MV_PER_LOG, LOG_CAT_CORE, MV_LOG_CRITICAL, "%s",
-             "------------------------------------------------------------------------------------------------");
-    __mv_log(MV_PER_LOG, LOG_CAT_CORE, MV_LOG_CRITICAL, "%s   TestName=%s   AppType=%u    TPS=%d", stamp,
-             tstItem->TestName, tstItem->AppType, int(tstItem->MPS * tstItem->NoOfTimes));
-    __mv_log(MV_PER_LOG, LOG_CAT_CORE, MV_LOG_CRITICAL, "%s",
-             "------------------------------------------------------------------------------------------------");
-    for (KsTestCounter* c : {&tstItem->StepSendFailed, &tstItem->ExecutionTimeout, &tstItem->ErrorIndication}) {
-        uint64_t req = c->Request, last = c->lastRequest.exchange(req);
-        __mv_log(MV_PER_LOG, LOG_CAT_CORE, MV_LOG_CRITICAL, "%-40s   %-10ld   %-10lu", c->Name, long(req - last),
-                 (unsigned long)req);
-    }
-    __mv_log(MV_PER_LOG, LOG_CAT_CORE, MV_LOG_CRITICAL, "%s",
-             "------------------------------------------------------------------------------------------------");
 }
 
 // ---------------------------------------------------------------- a test's run

@@ -156,3 +156,9 @@ TEST(JsonCommon, ParsingReadsOnlyTheGivenLength) {
 }
 
 }  // namespace
+
+int main(int argc, char** argv) {
+    ::testing::InitGoogleTest(&argc, argv);
+    ::testing::AddGlobalTestEnvironment(new kng::NgapEnv(false));
+    return RUN_ALL_TESTS();
+}

@@ -24,18 +24,22 @@ inline std::string& root() {
 
 class NgapEnv : public ::testing::Environment {
 public:
+    explicit NgapEnv(bool sockets = true) : sockets_(sockets) {}
     void SetUp() override {
         root() = kst::makeTempDir("ngap");
         __init_morva_core();
         __mv_init_logger((root() + "/logs/").c_str());
         __mv_set_log_level(MV_STK_LOG, MV_LOG_DEBUG);
         __mv_set_log_level(MV_CMN_LOG, MV_LOG_DEBUG);
-        __mv_socket_engine_init();
+        if (sockets_) __mv_socket_engine_init();
     }
     void TearDown() override {
         if (getenv("KS_KEEP_LOGS")) printf("logs kept in %s\n", root().c_str());
         else kst::removeTree(root());
     }
+
+private:
+    bool sockets_;
 };
 
 inline std::string stackLog() { return kst::readLogDir(root() + "/logs//stk"); }
@@ -140,7 +144,7 @@ inline void* samplePdu(const MvAsnPdu* p, uint32_t seed, int shape = 0) {
 inline MV_SocketSCTPBuffer* bufferWith(const std::vector<uint8_t>& bytes, MV_Socket* socket) {
     MV_SocketSCTPBuffer* b = __mv_socket_engine_get_sctp_socket_buffer();
     size_t n = bytes.size() < sizeof b->buff ? bytes.size() : sizeof b->buff;
-    memcpy(b->buff, bytes.data(), n);
+    if (n) memcpy(b->buff, bytes.data(), n);
     b->pos = 0;
     b->len = int(n);
     b->siSocket = socket;

@@ -4,7 +4,8 @@
 //
 // Threads and ownership:
 //   receive  __mv_ngap_on_buffer_recv is the socket's OnBufferReceive. It runs on the
-//            thread that delivers the association's messages, in arrival order; it copies
+//            thread that delivers the association's messages, in the order the socket
+//            engine hands them over (SCTP keeps order within a stream only); it copies
 //            the PDU once into a coding context on its stack, gives the socket buffer back,
 //            decodes into one freshly allocated record and calls the application's handler
 //            on the same thread. The handler owns the record and frees it with the PDU's

@@ -19,26 +19,15 @@
 #include "KsNAS.h"
 #include "ks_test_util.h"
 #include "mvalgo.h"
+#include "mvalgo_testutil.h"
 
 namespace nst {
 
 using Bytes = std::vector<uint8_t>;
 
-inline std::string hex(const uint8_t* p, size_t n) {
-    static const char* d = "0123456789abcdef";
-    std::string s;
-    for (size_t i = 0; i < n; ++i) {
-        s += d[p[i] >> 4];
-        s += d[p[i] & 15];
-    }
-    return s;
-}
-inline std::string hex(const Bytes& b) { return hex(b.data(), b.size()); }
-inline Bytes unhex(const std::string& s) {
-    Bytes out;
-    for (size_t i = 0; i + 1 < s.size(); i += 2) out.push_back(uint8_t(std::stoi(s.substr(i, 2), nullptr, 16)));
-    return out;
-}
+inline std::string hex(const uint8_t* p, size_t n) { return mvt::toHex(p, n); }
+inline std::string hex(const Bytes& b) { return mvt::toHex(b); }
+inline Bytes unhex(const std::string& s) { return mvt::hex(s); }
 
 struct UeDeleter {
     void operator()(MV_KsUE* u) const { delete u; }

@@ -244,7 +244,6 @@ TEST(SecurityModeCommand, StartsTheContextForEveryPairAndTheFirstUplinkSaysSo) {
         c->ul_count = 700;  // what an earlier context left
         c->ul_seq = uint8_t(700);
         c->dl_count = 9;
-        ue->PlainNasMessage = 1;
         Network net;
         net.nia = p.nia;
         net.nea = p.nea;

@@ -335,6 +335,12 @@ struct __mv_ks__ue {
     uint32_t static_UEIPv4;  // host order
     MV_KsDiamResult PCRFResult;
     MV_KsDiamResult CHFResult;
+    // SUCI concealment: 0 null scheme, 1 profile A, 2 profile B, with the home network's
+    // key id and public key (32 octets for A; 33 compressed or 65 for B).
+    uint8_t SuciProtectionScheme;
+    uint8_t SuciHomeNetworkKeyId;
+    uint8_t SuciHomeNetworkPublicKey[65];
+    uint8_t SuciHomeNetworkPublicKeyLen;
 
     // Bookkeeping of the engine's own, after the record's fields.
     // The step timer's arming: the timer record's generation for a safe clear, and a

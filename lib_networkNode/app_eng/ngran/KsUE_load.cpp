@@ -36,6 +36,41 @@ const char* text(json_t* obj, const char* key, const char* def = "") {
     return s ? s : def;
 }
 
+// The SUCI settings of an item, each falling back to the file's: "ProtectionScheme" (0 null, 1 profile A,
+// 2 profile B), "HomeNetworkPublicKeyId", "HomeNetworkPublicKey" (hexadecimal) and "RoutingIndicator" (up
+// to four digits). A scheme whose key has the wrong size leaves the UE on the null scheme.
+void setSuci(MV_KsUE* ue, json_t* item, json_t* file) {
+    auto pick = [&](const char* key) {
+        json_t* v = item ? json_object_get(item, key) : nullptr;
+        return v ? v : (file ? json_object_get(file, key) : nullptr);
+    };
+    uint64_t ri = 0;
+    if (json_t* v = pick("RoutingIndicator")) {
+        if (wholeNumber(v, ri) && ri <= 9999) ue->uRoutingIndicator = uint16_t(ri);
+        else __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "[%s] RoutingIndicator is not a number of up to 4 digits, 0 used %s|%d",
+                      KsUE__supi(ue), __func__, __LINE__);
+    }
+    uint64_t scheme = 0, keyId = 0;
+    if (!wholeNumber(pick("ProtectionScheme"), scheme) || scheme == 0) return;
+    wholeNumber(pick("HomeNetworkPublicKeyId"), keyId);
+    const char* key = json_string_value(pick("HomeNetworkPublicKey"));
+    size_t digits = key ? strlen(key) : 0;
+    size_t n = digits / 2;
+    bool hex = key && digits % 2 == 0 && strspn(key, "0123456789abcdefABCDEF") == digits;
+    bool sized = scheme == 1 ? n == 32 : scheme == 2 && (n == 33 || n == 65);
+    if (!hex || !sized || keyId > 255) {
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
+                 "[%s] ProtectionScheme=%lu needs HomeNetworkPublicKeyId 0..255 and a HomeNetworkPublicKey of %s octets, "
+                 "null scheme used %s|%d",
+                 KsUE__supi(ue), (unsigned long)scheme, scheme == 1 ? "32" : "33 or 65", __func__, __LINE__);
+        return;
+    }
+    __mv_ascii_to_hex(key, int(digits), ue->SuciHomeNetworkPublicKey, int(n));
+    ue->SuciHomeNetworkPublicKeyLen = uint8_t(n);
+    ue->SuciHomeNetworkKeyId = uint8_t(keyId);
+    ue->SuciProtectionScheme = uint8_t(scheme);
+}
+
 void fileFailed(const char* name, const json_error_t& err) {
     printf("\n\n ***** error loading ue-config file:%s  error:[%s] line=%d column=%d position=%d source=[%s] ***** \n\n",
            name, err.text, err.line, err.column, err.position, err.source);
@@ -66,11 +101,13 @@ int KsEngine__LoadSupiRangeFormat(UEFile* ueFile, json_t* root) {
         uint32_t scID = uint32_t(KsJson::number(r, "ScID", 0));
         long added = 0;
         for (uint64_t n = start; n <= end; ++n) {
-            if (!KsEngine__AddUE(ueFile, text(r, "MCC"), text(r, "MNC"), text(r, "SubKey"), text(r, "OPc"),
-                                 imei + uint64_t(added), n, scID, 1, 0, "")) {
+            MV_KsUE* ue = KsEngine__AddUE(ueFile, text(r, "MCC"), text(r, "MNC"), text(r, "SubKey"), text(r, "OPc"),
+                                          imei + uint64_t(added), n, scID, 1, 0, "");
+            if (!ue) {
                 printf("Adding UE Failed after=%ld %s|%d\n", added, __func__, __LINE__);
                 break;
             }
+            setSuci(ue, r, root);
             ++added;
             if (n == UINT64_MAX) break;
         }
@@ -131,6 +168,7 @@ int KsEngine__LoadListFormat(UEFile* ueFile, json_t* root) {
         }
         uint64_t sqn = wholeNumberOr(item, "SQN", fc.SQN);
         ue->TGPP.sqn = ue->NTGPP.sqn = sqn;
+        setSuci(ue, item, root);
         // The file's slice is the one the UE asks for.
         if (fc.SST > 0 && ue->sNssaisCount == 0) {
             MV_KsNssai_t& s = ue->sNssais[0];

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "Kestrane.h"
+#include "Kestrane_nodes.h"
 #include "Kestrane_seams.h"
 #include "ks_engine_env.h"
 #include "mv_nas_util.h"
@@ -161,12 +162,6 @@ TEST(SuciFromUEs, KeysOfTheWrongSizeLeaveTheNullSchemeWithALogLine) {
 
 // ---------------------------------------------------------------- layout
 
-uint8_t gRanPlmn[3] = {0x13, 0xF0, 0x54};  // MCC 310, MNC 45
-int ranPlmn(__mv_ks__RanAmfConn*, uint8_t* plmn) {
-    memcpy(plmn, gRanPlmn, 3);
-    return 1;
-}
-
 TEST(SuciLayout, RoutingIndicatorMsinAndPlmnRules) {
     struct Case {
         const char* what;
@@ -196,14 +191,16 @@ TEST(SuciLayout, RoutingIndicatorMsinAndPlmnRules) {
          "0113f054" "00f0" "0000" "1032547698"},
         {"no PLMN at all", "imsi-001010123456789", "", "", 0, "", "", false, ""},
     };
-    KsRanRegistry reg{};
-    reg.ConnectionRanPlmn = ranPlmn;
-    KsSeam__SetRanRegistry(&reg);
+    MV_KsNGRan ran{};
+    const uint8_t ranPlmn[3] = {0x13, 0xF0, 0x54};  // MCC 310, MNC 45
+    memcpy(ran.HexPlmn, ranPlmn, 3);
+    MV_KsRanAmfConnection conn{};
+    conn.ran = &ran;
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
         nst::UePtr u = nst::makeUe(c.supi, c.mcc, c.mnc);
         u->uRoutingIndicator = c.ri;
-        if (c.ran) u->TGPP.ranAmfConnection = reinterpret_cast<MV_KsRanAmfConnection*>(&reg);
+        if (c.ran) u->TGPP.ranAmfConnection = &conn;
         KsStep step{};
         snprintf(step.mcc, sizeof step.mcc, "%s", c.stepMcc);
         snprintf(step.mnc, sizeof step.mnc, "%s", c.stepMnc);
@@ -217,7 +214,6 @@ TEST(SuciLayout, RoutingIndicatorMsinAndPlmnRules) {
         ASSERT_EQ(rc, 1);
         EXPECT_EQ(hex(out, size_t(len)), c.want);
     }
-    KsSeam__SetRanRegistry(nullptr);
 }
 
 TEST(SuciLayout, OfferedAlgorithmsFollowTheStep) {

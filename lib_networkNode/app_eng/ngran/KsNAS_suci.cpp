@@ -5,6 +5,7 @@
 #include "Kestrane.h"
 #include "Kestrane_seams.h"
 #include "KsNAS.h"
+#include "Kestrane_nodes.h"
 #include "mv_bytes.h"
 #include "mv_nas_util.h"
 #include "mvalgo.h"
@@ -95,9 +96,10 @@ int KsNAS__build_suci(MV_KsUE* ue, uint8_t bearer, const KsStep* step, uint8_t* 
     uint8_t plmn[3] = {};
     bool havePlmn = false;
     MV_KsUECtx* c = KsNAS__getUECtx(ue, bearer);
-    const KsRanRegistry* reg = KsSeam__RanRegistry();
-    if (c->ranAmfConnection && reg && reg->ConnectionRanPlmn)
-        havePlmn = reg->ConnectionRanPlmn(c->ranAmfConnection, plmn) != 0;
+    if (c->ranAmfConnection && c->ranAmfConnection->ran) {
+        memcpy(plmn, c->ranAmfConnection->ran->HexPlmn, 3);
+        havePlmn = true;
+    }
     if (ue->mcc[0] && ue->mnc[0]) {
         KsEngine__get_plmnHex2(plmn, ue->mcc, ue->mnc);
         havePlmn = true;

@@ -164,7 +164,7 @@ TEST_F(Console, PingComesBackAsItsOwnHeader) {
     ASSERT_EQ(a.size(), 1u);
     ASSERT_EQ(a[0].bytes.size(), 20u);
     EXPECT_EQ(0, memcmp(a[0].bytes.data(), ping.data(), 12)) << "size, type 63 and RequestNo as sent";
-    EXPECT_EQ(as<__uec_msg_header>(a[0]).siSocket, 0u) << "no reference of the server's leaves it";
+    EXPECT_EQ(uint64_t{as<__uec_msg_header>(a[0]).siSocket}, 0u) << "no reference of the server's leaves it";
     EXPECT_EQ(a[0].socket, reinterpret_cast<void*>(0x10));
 
     // A ping padded beyond its header says in its answer how long the answer is.
@@ -282,7 +282,7 @@ TEST_F(Console, StatsReportTheEngine) {
     EXPECT_GE(s.UERegRejected, 1u);
     EXPECT_EQ(s.CMConnetced, 0u);
     EXPECT_EQ(s.CMIdle, 0u);
-    EXPECT_EQ(s.UPTime, __ksEngine->UPTime.load());
+    EXPECT_EQ(uint64_t{s.UPTime}, __ksEngine->UPTime.load());
     std::string ds(s.ds, strnlen(s.ds, sizeof s.ds));
     EXPECT_EQ(ds.size(), 26u) << ds;
 }
@@ -351,14 +351,14 @@ TEST_F(Console, SettingsLoadReportsATestAndItsCounters) {
     __uec_mv_counter rows[5];
     memcpy(rows, b.data() + 32 + 132, sizeof rows);
     EXPECT_EQ(rows[0].ID, 1u);
-    EXPECT_EQ(rows[0].Total, 1u);
-    EXPECT_EQ(rows[0].LTotal, 2u);
+    EXPECT_EQ(uint64_t{rows[0].Total}, 1u);
+    EXPECT_EQ(uint64_t{rows[0].LTotal}, 2u);
     EXPECT_EQ(rows[1].ID, 3u);
-    EXPECT_EQ(rows[1].Total, 0u);
-    EXPECT_EQ(rows[1].LTotal, 4u);
+    EXPECT_EQ(uint64_t{rows[1].Total}, 0u);
+    EXPECT_EQ(uint64_t{rows[1].LTotal}, 4u);
     EXPECT_EQ(rows[2].ID, 0u) << "the total row";
-    EXPECT_EQ(rows[2].Total, 1u);
-    EXPECT_EQ(rows[2].LTotal, 6u);
+    EXPECT_EQ(uint64_t{rows[2].Total}, 1u);
+    EXPECT_EQ(uint64_t{rows[2].LTotal}, 6u);
     EXPECT_EQ(rows[3].ID, 50000u);
     EXPECT_EQ(rows[4].ID, 39u);
     EXPECT_EQ(as<__uec_load_settings_response>(a[1]).Count, 5u);

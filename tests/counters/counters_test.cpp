@@ -322,7 +322,7 @@ struct FakeRans {
 };
 
 TEST(RanStats, CountsAreRebuiltFromRegisteredLatchedUEs) {
-    const KsRanStatsSource src{FakeRans::zero, FakeRans::find, FakeRans::each};
+    const KsRanStatsSource src{FakeRans::zero, FakeRans::find, FakeRans::each, nullptr};
     FakeRans::ues = {
         {1, 1, 1, 1, 3},  // registered, connected, 3 sessions
         {1, 0, 1, 1, 5},  // registered, idle: sessions not counted

@@ -5,9 +5,11 @@
 #include <cstdio>
 #include <iterator>
 #include <mutex>
+#include <vector>
 
 #include "KsPool.h"
 #include "Kestrane.h"
+#include "Kestrane_nodes.h"
 #include "mv_socket_engine.h"
 
 namespace {
@@ -250,15 +252,60 @@ void KsEngine__WritePerformanceBlock() {
 
 namespace {
 
-void noRansZero() {}
-KsRanStatsCounts* noRansFind(uint32_t) { return nullptr; }
-void noRansForEachUE(void (*)(const KsRanStatsUE&, void*), void*) {}
-constexpr KsRanStatsSource kNoRans{noRansZero, noRansFind, noRansForEachUE};
-std::atomic<const KsRanStatsSource*> ranStatsSource{&kNoRans};
+// The counts are rebuilt into a table by connection id and then stored into the
+// connections, so that a reader of a connection's counts never sees one half built.
+// Only the "rst" thread uses the table.
+std::vector<KsRanStatsCounts>& registryCounts() {
+    static std::vector<KsRanStatsCounts> v;
+    return v;
+}
+
+void registryZero() {
+    uint32_t next;
+    {
+        std::lock_guard g(__ksEngine->ranAMFConnLock);
+        next = __ksEngine->ranAMFConnID;
+    }
+    registryCounts().assign(size_t(next) + 1, KsRanStatsCounts{});
+}
+
+// Connection ids run from 1 without gaps, so the table stands for KsEngine__FindRANByID
+// without a walk of the connection list for every UE.
+KsRanStatsCounts* registryFind(uint32_t id) {
+    std::vector<KsRanStatsCounts>& v = registryCounts();
+    return id >= 1 && id < v.size() ? &v[id] : nullptr;
+}
+
+void registryForEachUE(void (*fn)(const KsRanStatsUE&, void*), void* arg) {
+    // A loader may be appending to the list meanwhile.
+    std::lock_guard g(__ksEngine->ksUELock);
+    for (MV_KsUE* ue = __ksEngine->ksUEHead; ue; ue = ue->Next) {
+        KsRanStatsUE u{};
+        u.RMStatus = ue->TGPP.RMStatus;
+        u.CMStatus = ue->TGPP.CMStatus;
+        u.AMFConnId = ue->AMFConnId;
+        u.Latched = ue->_initT3PP == 1 || ue->_initNT3PP == 1;
+        for (const MV_KsUEPduSession& p : ue->pduSessions) u.StartedSessions += p.isStarted == 1;
+        fn(u, arg);
+    }
+}
+
+void registryPublish() {
+    std::vector<KsRanStatsCounts>& v = registryCounts();
+    for (MV_KsRanAmfConnection* c = __ksEngine->ranAMFConnHead.load(); c; c = c->ConnNext.load()) {
+        KsRanStatsCounts n = c->ID < v.size() ? v[c->ID] : KsRanStatsCounts{};
+        c->UEContexts = n.UEContexts;
+        c->PDUSessions = n.PDUSessions;
+        c->Registrations = n.Registrations;
+    }
+}
+
+constexpr KsRanStatsSource kRegistry{registryZero, registryFind, registryForEachUE, registryPublish};
+std::atomic<const KsRanStatsSource*> ranStatsSource{&kRegistry};
 
 }  // namespace
 
-void KsEngine__SetRanStatsSource(const KsRanStatsSource* source) { ranStatsSource = source ? source : &kNoRans; }
+void KsEngine__SetRanStatsSource(const KsRanStatsSource* source) { ranStatsSource = source ? source : &kRegistry; }
 
 void KsEngine___rebuildRanStats(const KsRanStatsSource* src) {
     src->ZeroAll();
@@ -274,6 +321,7 @@ void KsEngine___rebuildRanStats(const KsRanStatsSource* src) {
             }
         },
         const_cast<KsRanStatsSource*>(src));
+    if (src->Publish) src->Publish();
 }
 
 void KsEngine__doRanStats() {

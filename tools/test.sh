@@ -8,20 +8,20 @@ set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 jobs=${KS_JOBS:-2}
 
-build() {  # dir, extra cmake args...
-    local dir=$1; shift
+build() {  # dir, ninja target ("" for all), extra cmake args...
+    local dir=$1 target=$2; shift 2
     cmake -S "$top" -B "$dir" -G Ninja "$@" >/dev/null
-    ninja -C "$dir" -j "$jobs"
+    ninja -C "$dir" -j "$jobs" $target
 }
 
-build "$top/build" -DKS_BUILD_TESTS=ON -DKS_BUILD_BENCH=ON
+build "$top/build" "" -DKS_BUILD_TESTS=ON -DKS_BUILD_BENCH=ON
 ctest --test-dir "$top/build" --output-on-failure -j "$jobs"
 
 if [ "${KS_SANITIZERS:-0}" = 1 ]; then
-    build "$top/build-asan" -DKS_SANITIZE=address,undefined -DKS_BUILD_TESTS=ON -DKS_BUILD_BENCH=OFF
+    build "$top/build-asan" "" -DKS_SANITIZE=address,undefined -DKS_BUILD_TESTS=ON -DKS_BUILD_BENCH=OFF
     ASAN_OPTIONS=detect_leaks=0 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
         ctest --test-dir "$top/build-asan" --output-on-failure -j "$jobs" -LE independent
-    build "$top/build-tsan" -DKS_SANITIZE=thread -DKS_BUILD_TESTS=ON -DKS_BUILD_BENCH=OFF
+    build "$top/build-tsan" ks_runtime_tests -DKS_SANITIZE=thread -DKS_BUILD_TESTS=ON -DKS_BUILD_BENCH=OFF
     TSAN_OPTIONS=halt_on_error=1 ctest --test-dir "$top/build-tsan" --output-on-failure -j "$jobs" -L runtime
 fi
 

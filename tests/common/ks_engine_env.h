@@ -7,6 +7,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <string>
 
@@ -25,10 +27,14 @@ public:
         dir_ = makeTempDir(tag_);
         mkdir((dir_ + "/data").c_str(), 0700);
         for (const auto& [name, text] : files_) writeFile(dir_ + "/" + name, text);
-        ASSERT_EQ(chdir(dir_.c_str()), 0);
         std::string cfg = dir_ + "/cfg.json";
         char* argv[] = {const_cast<char*>("kestrane"), cfg.data(), nullptr};
-        ASSERT_EQ(KsEngine__Startup(2, argv), 1);
+        // GoogleTest reports the tests after a failed environment as skipped, which
+        // ctest counts as a pass: a start-up that fails ends the program instead.
+        if (chdir(dir_.c_str()) != 0 || KsEngine__Startup(2, argv) != 1) {
+            fprintf(stderr, "the engine did not start in %s\n", dir_.c_str());
+            std::_Exit(1);
+        }
     }
     void TearDown() override { removeTree(dir_); }
 

@@ -258,6 +258,36 @@ TEST(StartupValues, ListsAreCutAtTenAndPortDefaults) {
     EXPECT_EQ(d.port, 9119u);
 }
 
+// The NGAP id table: ids from its base, one object per id, a freed id refused.
+struct IdTable {
+    uint32_t total = 0, first = 0, second = 0;
+    bool foundFirst = false, refusedAfterFree = false;
+};
+
+TEST(StartupValues, NgapIdTableHoldsOneRowPerRanUeId) {
+    Scratch s;
+    IdTable t = startedInChild<IdTable>(s, s.writeConfig(config("\"MaxRANUEID\": 64")), [] {
+        IdTable r;
+        MV_IndexTable* idp = __ksEngine->gIdp;
+        if (!idp) return r;
+        uint32_t available = 0;
+        uint64_t used = 0;
+        __mv_IndexTable_get_pool_availability(idp, &r.total, &available, &used);
+        int a = 1, b = 2;
+        r.first = __mv_IndexTable_allocateRowId(idp, &a);
+        r.second = __mv_IndexTable_allocateRowId(idp, &b);
+        r.foundFirst = __mv_IndexTable_FindObject1(idp, r.first) == &a;
+        __mv_IndexTable_FreeRow(idp, r.first);
+        r.refusedAfterFree = __mv_IndexTable_FindObject1(idp, r.first) == nullptr;
+        return r;
+    });
+    EXPECT_EQ(t.total, 64u);
+    EXPECT_GE(t.first, 1502u);
+    EXPECT_NE(t.first, t.second);
+    EXPECT_TRUE(t.foundFirst);
+    EXPECT_TRUE(t.refusedAfterFree);
+}
+
 // ---------------------------------------------------------------- a million UEs
 
 struct Million {
@@ -274,7 +304,7 @@ TEST(StartupScale, AMillionConfiguredUEsStartAndEachIsFoundByItsIMSI) {
     mkdir((s.dir + "/data").c_str(), 0700);
     kst::writeFile(s.dir + "/data/uel.json",
                    R"([{"ID": 1, "MSINStart": "001010000000001", "MSINEnd": "001010001000000", "MCC": "001", "MNC": "01", "MSISDNBegin": "9100000000"}])");
-    std::string path = s.writeConfig(R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 1000000, "IMSIPrefixWithZERO": 1})");
+    std::string path = s.writeConfig(R"({"LOCAL_GTP_IP": "127.0.0.1", "CLIPort": 0, "MaximumUE": 1000000, "IMSIPrefixWithZERO": 1})");
     Million m = startedInChild<Million>(s, path, [&] {
         Million r;
         r.configured = __ksEngine->ksUETotal;

@@ -48,7 +48,7 @@ const KsNGAPPath kPath{noStart, recordSend, recordClose};
 const bool kPathSet = (KsNGAP__SetPath(&kPath), true);
 
 kst::EngineInDir* const gEnv = static_cast<kst::EngineInDir*>(::testing::AddGlobalTestEnvironment(
-    new kst::EngineInDir("gnb", {{"cfg.json", R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 10, "MaxRANUEID": 100,
+    new kst::EngineInDir("gnb", {{"cfg.json", R"({"LOCAL_GTP_IP": "127.0.0.1", "CLIPort": 0, "MaximumUE": 10, "MaxRANUEID": 100,
                                                 "LogLevel": {"APPLICATION": 5}})"}})));
 
 // Runs tshark on the PDUs; returns its JSON, and fails the test on a malformed packet

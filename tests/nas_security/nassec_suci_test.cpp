@@ -51,7 +51,7 @@ const std::string kRange = std::string(R"({"Format": 1, "SupiRange": [
    "MSINStart": 1010123456789, "MSINEnd": 1010123456790, "RoutingIndicator": 7,
    "ProtectionScheme": 1, "HomeNetworkPublicKeyId": 3, "HomeNetworkPublicKey": )" + q(kPubA) + R"(}]})";
 
-const std::string kCfg = R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 100, "IMSIPrefixWithZERO": 1,
+const std::string kCfg = R"({"LOCAL_GTP_IP": "127.0.0.1", "CLIPort": 0, "MaximumUE": 100, "IMSIPrefixWithZERO": 1,
   "LogLevel": {"APPLICATION": 5}, "UEFiles": [{"Name": "list.json"}, {"Name": "range.json"}]})";
 
 kst::EngineInDir* const gEnv = static_cast<kst::EngineInDir*>(::testing::AddGlobalTestEnvironment(

@@ -25,7 +25,7 @@ int noClose(MV_KsRanAmfConnection*) { return 0; }
 const KsNGAPPath kRecordingPath{recordStart, noSend, noClose};
 const bool kPathSet = (KsNGAP__SetPath(&kRecordingPath), true);
 
-const std::string kCfg = R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 100, "MaxRANUEID": 100, "StartNGRAN": 1,
+const std::string kCfg = R"({"LOCAL_GTP_IP": "127.0.0.1", "CLIPort": 0, "MaximumUE": 100, "MaxRANUEID": 100, "StartNGRAN": 1,
   "LogLevel": {"APPLICATION": 5},
   "AMFNodes": [{"ID": 1, "Port": 38412, "IP": ["10.1.0.1", "10.1.0.2"]},
                {"ID": 2, "Port": 38412, "IP": ["10.1.0.3"], "Enabled": 0}],
@@ -318,7 +318,7 @@ TEST(Registry, NamesOfTypesAndStates) {
 // What start-up prints about bad node configuration, seen from outside.
 TEST(RegistryStartup, ConfigurationFaultsArePrintedAndSkipped) {
     // No AMF is enabled, so the engine binary opens no association.
-    std::string cfg = R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 10, "MaxRANUEID": 10, "StartNGRAN": 1,
+    std::string cfg = R"({"LOCAL_GTP_IP": "127.0.0.1", "CLIPort": 0, "MaximumUE": 10, "MaxRANUEID": 10, "StartNGRAN": 1,
       "RANNodes": [{"Name": "a", "ID": 1, "HexPLMN": "00F1"},
                    {"Name": "b", "ID": 2, "HexPLMN": "00F110", "SupportedUePLMN": [{"MCC": "1", "MNC": "01"}]}]})";
     std::string amfs = R"([{"ID": 1, "IP1": "10.0.0.1", "IP2": "", "Port": 1, "Enabled": 0, "KsTE": 1},
@@ -337,7 +337,7 @@ TEST(RegistryStartup, ConfigurationFaultsArePrintedAndSkipped) {
                              "Started NG-RAN Count=3\n", "Initalization of KsTest is completed"})
         EXPECT_NE(r.out.find(text), std::string::npos) << text << "\n" << r.out;
 
-    auto none = kst::runEngineBinary(KS_ENGINE_BINARY, {{"cfg.json", R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 10,
+    auto none = kst::runEngineBinary(KS_ENGINE_BINARY, {{"cfg.json", R"({"LOCAL_GTP_IP": "127.0.0.1", "CLIPort": 0, "MaximumUE": 10,
         "MaxRANUEID": 10, "StartNGRAN": 1})"}}, 60);
     EXPECT_NE(none.out.find("RANNodes - configuration not found "), std::string::npos) << none.out;
     EXPECT_NE(none.out.find("No NG-Ran has been Enabled"), std::string::npos) << none.out;

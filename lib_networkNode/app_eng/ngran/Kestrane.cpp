@@ -382,7 +382,8 @@ int KsEngine__Startup(int argc, char** argv) {
     }
     __mv_core_set_max_fd(51200);
 
-    KsSeam__create_id_tables(__ksEngine->maxRanUEIDs);
+    __ksEngine->gIdp = __mv_IndexTable_create(1502, __ksEngine->maxRanUEIDs);
+    KsSeam__create_diam_id_table(__ksEngine->maxRanUEIDs);
     __ksEngine->UEIDStartNo = uint32_t(KsJson::number(cfg, "RANUEIDStartNo", 1));
     KsEngine__CreateNGRanUEContext(0);
 

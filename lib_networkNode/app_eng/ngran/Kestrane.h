@@ -325,7 +325,7 @@ struct __mv_ks__engine {
     int32_t M_MPS[KS_STEP_QUEUE_COUNT];
     void* M_MPS_Q[KS_STEP_QUEUE_COUNT];
     mv_morva_pool_t* commandPool;
-    void* gIdp;
+    MV_IndexTable* gIdp;
     uint32_t EnableUETimers;
     uint32_t RanSelectionMode;
     uint32_t RanLastSelected;

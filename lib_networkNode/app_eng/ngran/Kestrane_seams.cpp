@@ -17,7 +17,7 @@ void absent(const char* what, const char* func) {
 void KsSeam__TemplateMgr_Init() { absent("template manager", __func__); }
 void KsSeam__create_cpTeidTable() { absent("control-plane TEID table", __func__); }
 
-void KsSeam__create_id_tables(uint32_t) { absent("NGAP and Diameter id tables", __func__); }
+void KsSeam__create_diam_id_table(uint32_t) { absent("Diameter id table", __func__); }
 void KsSeam__DiamDict_Init() { absent("Diameter dictionaries", __func__); }
 void KsSeam__TemplateEng_Init() { absent("template engine", __func__); }
 

@@ -13,7 +13,7 @@ struct __ks_step;
 
 void KsSeam__TemplateMgr_Init();
 void KsSeam__create_cpTeidTable();
-void KsSeam__create_id_tables(uint32_t maxRanUEIDs);
+void KsSeam__create_diam_id_table(uint32_t maxRanUEIDs);
 void KsSeam__DiamDict_Init();
 void KsSeam__TemplateEng_Init();
 // The GTP-U start decides the local GTP address; returns 0 when start-up must stop.

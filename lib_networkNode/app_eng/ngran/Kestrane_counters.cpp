@@ -219,8 +219,17 @@ void KsEngine__WritePerformanceBlock() {
     };
     if (auto* p = e->ksEventPool) poolLine("Event", p->used(), p->available(), p->total(), false);
     if (auto* p = e->ksStepExecutionPool) poolLine("StepExec", p->used(), p->available(), p->total(), true);
-    // The RAN-side UE context pool comes with the RAN registry; until then it is empty.
-    poolLine("RanUEPool", 0, 0, 0, true);
+    {
+        uint64_t used;
+        uint32_t avail, total;
+        {
+            std::lock_guard g(e->ngRanUeContextLock);
+            used = e->ngRanUeContextUsed;
+            avail = e->ngRanUeContextAvailable;
+            total = e->ngRanUeContextTotal;
+        }
+        poolLine("RanUEPool", used, avail, total, true);
+    }
     poolLine("Timer", uint64_t(__mv_UsedTimerPoolCount()), uint32_t(__mv_AvailableTimerPoolCount()),
              uint32_t(__mv_TotalTimerPoolCount()), true);
     __mv_log(MV_PER_LOG, LOG_CAT_CORE, MV_LOG_CRITICAL, "%s", kDashes);

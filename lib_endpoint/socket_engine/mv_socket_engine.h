@@ -447,6 +447,9 @@ int __mv_socket_engine_udp_send_socket_data(MV_Socket* siSocket, const void* buf
 // Next stream by round robin, the socket's PPID, SendLock if UseSendLock. Bytes sent or
 // -1; EPIPE closes the association (OnClose on this thread).
 int __mv_socket_engine_sctp_send_ngap(MV_Socket* siSocket, const void* buffer, int len);
+// The same on the caller's stream (folded into the association's outbound streams):
+// NGAP sends non-UE signalling on stream 0 and each UE's messages on one stream.
+int __mv_socket_engine_sctp_send_ngap2(MV_Socket* siSocket, const void* buffer, int len, uint16_t streamId);
 // Stream 0, the socket's PPID.
 int __mv_socket_engine_sctp_send(MV_Socket* siSocket, const void* buffer, int len);
 // The caller's stream; the socket's PPID (ppid is not used).

@@ -480,6 +480,14 @@ int __mv_socket_engine_sctp_send_ngap(MV_Socket* siSocket, const void* buffer, i
     return sctpSendCommon(siSocket, buffer, len, __mv_socket_sctp_next_streamid(0, siSocket), SendKind::Ngap);
 }
 
+int __mv_socket_engine_sctp_send_ngap2(MV_Socket* siSocket, const void* buffer, int len, uint16_t streamId) {
+    if (!siSocket) return -1;
+    // A stream the association does not have would fail the send: fold it into the range.
+    uint16_t n = siSocket->peer_max_o_streams.load(std::memory_order_relaxed);
+    if (n == 0 || streamId >= n) streamId = n > 1 ? uint16_t(streamId % n) : 0;
+    return sctpSendCommon(siSocket, buffer, len, streamId, SendKind::Ngap);
+}
+
 int __mv_socket_engine_sctp_send(MV_Socket* siSocket, const void* buffer, int len) {
     return sctpSendCommon(siSocket, buffer, len, 0, SendKind::Plain);
 }

@@ -57,8 +57,15 @@ int __mv_ngap_handle_message(MV_NGAPNode* node, MV_SocketSCTPBuffer* buffer);
 // One NGAP message on the node's association (next stream, PPID of the socket). Bytes
 // sent, or -1 for a null node, a node without socket, or a failed send.
 int __mv_ngap_sendmsg(const uint8_t* buffer, int len, MV_NGAPNode* node);
+// The same on the given stream (TS 38.412: stream 0 for non-UE-associated signalling).
+int __mv_ngap_sendmsg2(const uint8_t* buffer, int len, MV_NGAPNode* node, uint16_t streamId);
+// The one stream that carries every message of the UE of that NGAP id on the node's
+// association: 1 to the last outbound stream, or 0 when the association has only one.
+uint16_t __mv_ngap_ue_stream(const MV_NGAPNode* node, uint64_t ueNgapId);
 
-// __mv_ngap_send_<PDU>(record, node) for each of the 79 PDUs of MV_NGAP_PDU_LIST, e.g.
+// __mv_ngap_send_<PDU>(record, node) for each of the 79 PDUs of MV_NGAP_PDU_LIST: a PDU
+// with a RAN UE NGAP ID (else an AMF UE NGAP ID) goes on that UE's stream, any other on
+// stream 0. E.g.
 // __mv_ngap_send_NGSetupRequest, __mv_ngap_send_InitialUEMessage,
 // __mv_ngap_send_UplinkNASTransport, __mv_ngap_send_OverloadStop.
 #define MV_NGAP_DECLARE_SEND(N) int __mv_ngap_send_##N(__mv_amf_dt_##N* record, MV_NGAPNode* node);

@@ -18,8 +18,10 @@
 #include <string>
 
 #include "KsPool.h"
+#include "KsNGAP.h"
 #include "KsUECServer.h"
 #include "Kestrane_seams.h"
+#include "mv_ngap.h"
 #include "mv_socket_engine.h"
 #include "Kestrane_util.h"
 #include "mvalgo.h"
@@ -403,7 +405,8 @@ int KsEngine__Startup(int argc, char** argv) {
     KsSeam__AGF_Init();
 
     __mv_core_create_fsmqueue(&__ksEngine->fsmNGAPProcessingQueue, KsUtil::dummy_1, KS_FSM_LINE_COUNT, 10000);
-    KsSeam__register_ngap_handlers();
+    __mv_ngap_set_app_messahe_handler(KsNGAP__handle_ngap_message);
+    KsSeam__register_s1ap_handlers();
     KsEngine__InitializeRanNode_Configs();
     KsEngine__ConfigureDynamicMMENodes();
 

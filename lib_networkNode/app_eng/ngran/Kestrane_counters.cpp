@@ -5,9 +5,11 @@
 #include <cstdio>
 #include <iterator>
 #include <mutex>
+#include <vector>
 
 #include "KsPool.h"
 #include "Kestrane.h"
+#include "Kestrane_nodes.h"
 #include "mv_socket_engine.h"
 
 namespace {
@@ -217,8 +219,17 @@ void KsEngine__WritePerformanceBlock() {
     };
     if (auto* p = e->ksEventPool) poolLine("Event", p->used(), p->available(), p->total(), false);
     if (auto* p = e->ksStepExecutionPool) poolLine("StepExec", p->used(), p->available(), p->total(), true);
-    // The RAN-side UE context pool comes with the RAN registry; until then it is empty.
-    poolLine("RanUEPool", 0, 0, 0, true);
+    {
+        uint64_t used;
+        uint32_t avail, total;
+        {
+            std::lock_guard g(e->ngRanUeContextLock);
+            used = e->ngRanUeContextUsed;
+            avail = e->ngRanUeContextAvailable;
+            total = e->ngRanUeContextTotal;
+        }
+        poolLine("RanUEPool", used, avail, total, true);
+    }
     poolLine("Timer", uint64_t(__mv_UsedTimerPoolCount()), uint32_t(__mv_AvailableTimerPoolCount()),
              uint32_t(__mv_TotalTimerPoolCount()), true);
     __mv_log(MV_PER_LOG, LOG_CAT_CORE, MV_LOG_CRITICAL, "%s", kDashes);
@@ -250,15 +261,65 @@ void KsEngine__WritePerformanceBlock() {
 
 namespace {
 
-void noRansZero() {}
-KsRanStatsCounts* noRansFind(uint32_t) { return nullptr; }
-void noRansForEachUE(void (*)(const KsRanStatsUE&, void*), void*) {}
-constexpr KsRanStatsSource kNoRans{noRansZero, noRansFind, noRansForEachUE};
-std::atomic<const KsRanStatsSource*> ranStatsSource{&kNoRans};
+// The counts are rebuilt into a table by connection id and then stored into the
+// connections, so that a reader of a connection's counts never sees one half built.
+// Only the "rst" thread uses the table; it is never destroyed, since that thread runs
+// until the process ends.
+std::vector<KsRanStatsCounts>& registryCounts() {
+    static auto& v = *new std::vector<KsRanStatsCounts>;
+    return v;
+}
+
+void registryZero() {
+    uint32_t next;
+    {
+        std::lock_guard g(__ksEngine->ranAMFConnLock);
+        next = __ksEngine->ranAMFConnID;
+    }
+    registryCounts().assign(size_t(next) + 1, KsRanStatsCounts{});
+}
+
+// Connection ids run from 1 without gaps, so the table stands for KsEngine__FindRANByID
+// without a walk of the connection list for every UE.
+KsRanStatsCounts* registryFind(uint32_t id) {
+    std::vector<KsRanStatsCounts>& v = registryCounts();
+    return id >= 1 && id < v.size() ? &v[id] : nullptr;
+}
+
+// The UE words are written by the UEs' own threads and read here without their lines'
+// order, as the statistics are meant to be: a count may lag a change by one rebuild
+// (six seconds). The words are aligned and at most four bytes, so a read is never torn;
+// the thread sanitizer is told so.
+__attribute__((no_sanitize("thread"))) void registryForEachUE(void (*fn)(const KsRanStatsUE&, void*), void* arg) {
+    // A loader may be appending to the list meanwhile.
+    std::lock_guard g(__ksEngine->ksUELock);
+    for (MV_KsUE* ue = __ksEngine->ksUEHead; ue; ue = ue->Next) {
+        KsRanStatsUE u{};
+        u.RMStatus = ue->TGPP.RMStatus;
+        u.CMStatus = ue->TGPP.CMStatus;
+        u.AMFConnId = ue->AMFConnId;
+        u.Latched = ue->_initT3PP == 1 || ue->_initNT3PP == 1;
+        for (const MV_KsUEPduSession& p : ue->pduSessions) u.StartedSessions += p.isStarted == 1;
+        fn(u, arg);
+    }
+}
+
+void registryPublish() {
+    std::vector<KsRanStatsCounts>& v = registryCounts();
+    for (MV_KsRanAmfConnection* c = __ksEngine->ranAMFConnHead.load(); c; c = c->ConnNext.load()) {
+        KsRanStatsCounts n = c->ID < v.size() ? v[c->ID] : KsRanStatsCounts{};
+        c->UEContexts = n.UEContexts;
+        c->PDUSessions = n.PDUSessions;
+        c->Registrations = n.Registrations;
+    }
+}
+
+constexpr KsRanStatsSource kRegistry{registryZero, registryFind, registryForEachUE, registryPublish};
+std::atomic<const KsRanStatsSource*> ranStatsSource{&kRegistry};
 
 }  // namespace
 
-void KsEngine__SetRanStatsSource(const KsRanStatsSource* source) { ranStatsSource = source ? source : &kNoRans; }
+void KsEngine__SetRanStatsSource(const KsRanStatsSource* source) { ranStatsSource = source ? source : &kRegistry; }
 
 void KsEngine___rebuildRanStats(const KsRanStatsSource* src) {
     src->ZeroAll();
@@ -274,6 +335,7 @@ void KsEngine___rebuildRanStats(const KsRanStatsSource* src) {
             }
         },
         const_cast<KsRanStatsSource*>(src));
+    if (src->Publish) src->Publish();
 }
 
 void KsEngine__doRanStats() {

@@ -283,7 +283,7 @@ void KsEngine__WritePerformanceBlock();
 // ---------------------------------------------------------------- RAN statistics
 
 // What the rebuild of the per-connection counts needs from the RAN registry and the
-// UE table. The registry is not part of this build: the stand-in has no RANs.
+// UE table; the engine's source is the node registry, tests may give their own.
 struct KsRanStatsCounts {
     uint32_t UEContexts;
     uint32_t PDUSessions;
@@ -303,8 +303,11 @@ struct KsRanStatsSource {
     KsRanStatsCounts* (*FindConnection)(uint32_t connId);
     // Calls fn for every configured UE.
     void (*ForEachUE)(void (*fn)(const KsRanStatsUE& ue, void* arg), void* arg);
+    // Makes the rebuilt counts visible, or null when FindConnection hands out the
+    // live counts.
+    void (*Publish)();
 };
-// Null restores the stand-in.
+// Null restores the node registry.
 void KsEngine__SetRanStatsSource(const KsRanStatsSource* source);
 // One call a second; the counts are rebuilt from the UEs on every sixth call.
 void KsEngine__doRanStats();

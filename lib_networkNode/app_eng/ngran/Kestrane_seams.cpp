@@ -46,7 +46,7 @@ int KsSeam__GTP_Init(json_t* cfg) {
 void KsSeam__DataPath_Init() { absent("data-path peer", __func__); }
 void KsSeam__PFCP_Init() { absent("PFCP", __func__); }
 void KsSeam__AGF_Init() { absent("access gateway client", __func__); }
-void KsSeam__register_ngap_handlers() { absent("NGAP and S1AP handlers", __func__); }
+void KsSeam__register_s1ap_handlers() { absent("S1AP handlers", __func__); }
 void KsSeam__register_diam_handlers() { absent("Diameter handlers", __func__); }
 void KsSeam__TE_Init() { absent("test-element connections", __func__); }
 void KsSeam__MonitoringEngine_Init() { absent("monitoring engine", __func__); }

@@ -21,7 +21,7 @@ int KsSeam__GTP_Init(json_t* cfg);
 void KsSeam__DataPath_Init();
 void KsSeam__PFCP_Init();
 void KsSeam__AGF_Init();
-void KsSeam__register_ngap_handlers();
+void KsSeam__register_s1ap_handlers();
 void KsSeam__register_diam_handlers();
 void KsSeam__TE_Init();
 void KsSeam__MonitoringEngine_Init();

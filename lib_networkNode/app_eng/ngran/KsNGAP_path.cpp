@@ -6,24 +6,109 @@
 
 #include "Kestrane.h"
 #include "KsNGAP.h"
+#include "mv_ngap.h"
 #include "mv_socket_engine.h"
 
 namespace {
 
-// The NGAP node layer joins codec and socket; until it is part of the build the path
-// can neither open an association nor send, and says so.
-int seamStart(MV_KsRanAmfConnection* conn) {
-    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
-             "NGAP node layer is not part of this build, RAN-%u not connected to AMF-ID[%u] %s|%s|%d",
-             conn->ran ? conn->ran->ID : 0u, conn->amf ? conn->amf->ID : 0u, __FILE_NAME__, __func__, __LINE__);
-    return 0;
+MV_NGAPNode* nodeOf(const MV_KsRanAmfConnection* conn) {
+    MV_Socket* s = conn ? conn->siSocket.load() : nullptr;
+    return s ? static_cast<MV_NGAPNode*>(s->transportEng) : nullptr;
 }
 
-int seamSend(uint8_t procedureCode, uint8_t form, void*, MV_KsRanAmfConnection*) {
-    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
-             "NGAP node layer is not part of this build, procedureCode=%u form=%u not sent %s|%s|%d", procedureCode,
-             form, __FILE_NAME__, __func__, __LINE__);
-    return -1;
+// Copies the first address, and the second if it is not empty, as the connection uses at
+// most two on each side.
+int takeTwo(const char (*from)[50], char (*to)[50]) {
+    snprintf(to[0], 50, "%s", from[0]);
+    if (!from[1][0]) return 1;
+    snprintf(to[1], 50, "%s", from[1]);
+    return 2;
+}
+
+int socketStart(MV_KsRanAmfConnection* conn) {
+    MV_KsNGRan* ran = conn->ran;
+    MV_KsAmf* amf = conn->amf;
+    MV_SctpSocketInfo info{};
+    if (ran->localIP[0][0]) {
+        info.ipCount = takeTwo(ran->localIP, info.IP);
+    } else if (__ksEngine->localIPCount > 0 && __ksEngine->localIP[0][0]) {
+        info.ipCount = takeTwo(__ksEngine->localIP, info.IP);
+    } else {
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "LocalAddress-IP Not Configured %s|%s|%d", __FILE_NAME__,
+                 __func__, __LINE__);
+    }
+    info.Port = int(ran->localPort);
+    info.ipVersion = int(__ksEngine->localIPVersion);
+    info.RemotePort = int(amf->Port);
+    info.RemoteIpCount = takeTwo(amf->IP, info.RemoteIP);
+    info.PPID = MV_NGAP_PPID;
+    info.UseEPoll = 2;
+    info.MaxOStreams = info.MaxIStreams = 16;
+    MV_Socket* s = __mv_socket_engine_create_sctp_client_socket(&info);
+    if (!s) {
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "SCTP client socket for RAN-%u to AMF-ID[%u] not created %s|%s|%d",
+                 ran->ID, amf->ID, __FILE_NAME__, __func__, __LINE__);
+        return 0;
+    }
+    s->parentData1 = conn;
+    s->clientReadThread = nullptr;
+    s->isConnected = 0;
+    s->max_o_streams = s->max_i_streams = 16;
+    s->OnConnected = KsNGAP_on_connected_to_amf;
+    s->OnClose = KsNGAP_on_amf_connection_close;
+    s->OnBufferReceive = __mv_ngap_on_buffer_recv;
+    conn->siSocket = s;
+    __mv_socket_engine_sctp_client_socket_start_read_thread(s);
+    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_INFO, "Started RAN=%p siSocket=%p  RAN-ID=%u RAN-Name[%s]  %s|%s|%d",
+             static_cast<void*>(ran), static_cast<void*>(s), ran->ID, ran->NodeName, __FILE_NAME__, __func__, __LINE__);
+    return 1;
+}
+
+// The node layer's send of each PDU, by procedure code and form, so that the path sends
+// any record the gNB builds.
+typedef int (*PduSend)(void* record, MV_NGAPNode* node);
+
+struct SendTable {
+    PduSend fn[MV_NGAP_PROCEDURE_COUNT][3];
+};
+
+const SendTable& sendTable() {
+    static const SendTable table = [] {
+        struct Named {
+            const char* name;
+            PduSend fn;
+        };
+#define KS_NGAP_NAMED_SEND(N) \
+    {#N, [](void* r, MV_NGAPNode* n) { return __mv_ngap_send_##N(static_cast<__mv_amf_dt_##N*>(r), n); }},
+        static constexpr Named kNamed[] = {MV_NGAP_PDU_LIST(KS_NGAP_NAMED_SEND)};
+#undef KS_NGAP_NAMED_SEND
+        SendTable t{};
+        for (const Named& e : kNamed)
+            for (unsigned i = 0; i < mv_asn_amf::kPduCount; ++i) {
+                const MvAsnPdu& p = mv_asn_amf::kPdus[i];
+                if (p.procedureCode < MV_NGAP_PROCEDURE_COUNT && p.form < 3 && strcmp(p.name, e.name) == 0)
+                    t.fn[p.procedureCode][p.form] = e.fn;
+            }
+        return t;
+    }();
+    return table;
+}
+
+int socketSend(uint8_t procedureCode, uint8_t form, void* record, MV_KsRanAmfConnection* conn) {
+    MV_NGAPNode* node = nodeOf(conn);
+    if (!node) {
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
+                 "ranAmfConn-ID=%u has no NGAP association yet, procedureCode=%u not sent %s|%s|%d", conn->ID,
+                 procedureCode, __FILE_NAME__, __func__, __LINE__);
+        return -1;
+    }
+    PduSend f = procedureCode < MV_NGAP_PROCEDURE_COUNT && form < 3 ? sendTable().fn[procedureCode][form] : nullptr;
+    if (!f) {
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "no NGAP PDU of procedureCode=%u form=%u, not sent %s|%s|%d",
+                 procedureCode, form, __FILE_NAME__, __func__, __LINE__);
+        return -1;
+    }
+    return f(record, node);
 }
 
 int socketClose(MV_KsRanAmfConnection* conn) {
@@ -32,10 +117,9 @@ int socketClose(MV_KsRanAmfConnection* conn) {
     return __mv_socket_engine_sctp__close_client_connection(s);
 }
 
-constexpr KsNGAPPath kSocketPath{seamStart, seamSend, socketClose};
+constexpr KsNGAPPath kSocketPath{socketStart, socketSend, socketClose};
 std::atomic<const KsNGAPPath*> path{&kSocketPath};
 
-// The message names of the connection procedures, for the send family's logs.
 int sendRecord(uint8_t procedureCode, uint8_t form, void* record, MV_KsRanAmfConnection* conn) {
     return path.load()->Send(procedureCode, form, record, conn);
 }
@@ -48,8 +132,14 @@ bool KsNGAP__OkToSend(const MV_KsRanAmfConnection* conn) {
     return conn && conn->isOKToRun == 1 && conn->ConnStatus == KS_NGCONN__READY;
 }
 
-MV_KsRanAmfConnection* KsNGAP___ConnectionOfNode(MV_NGAPNode*) { return nullptr; }
-void KsNGAP___SetCloseCause(MV_NGAPNode*, int) {}
+MV_KsRanAmfConnection* KsNGAP___ConnectionOfNode(MV_NGAPNode* node) {
+    MV_Socket* s = node ? node->siSocket : nullptr;
+    return s ? static_cast<MV_KsRanAmfConnection*>(s->parentData1) : nullptr;
+}
+
+void KsNGAP___SetCloseCause(MV_NGAPNode* node, int cause) {
+    if (node) node->CloseCause = cause;
+}
 
 int KsNGAP___closeAssociation(MV_KsRanAmfConnection* conn) { return conn ? path.load()->Close(conn) : -1; }
 
@@ -88,7 +178,21 @@ int KsNGAP__ap__create_and_send__NGSetupRequest(MV_NGAPNode* node) {
     return sendNGSetupRequest(conn);
 }
 
-void KsNGAP_on_connected_to_amf(MV_Socket*) {}
+void KsNGAP_on_connected_to_amf(MV_Socket* siSocket) {
+    if (!siSocket || !siSocket->parentData1) return;
+    // The node stays with its socket across reconnects.
+    auto* node = static_cast<MV_NGAPNode*>(siSocket->transportEng);
+    if (!node) {
+        node = __mv_arena_new<MV_NGAPNode>();
+        siSocket->transportEng = node;
+    }
+    node->CloseCause = 0;
+    node->siSocket = siSocket;
+    __mv_socket_engine__set_sendlock(siSocket, int(__ksEngine->UseSCTPSendLock));
+    int sent = KsNGAP__ap__create_and_send__NGSetupRequest(node);
+    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_INFO, "Sent NGSetupRequest with bytes[%d] ngNode=%p amfSocket=%p   %s|%s|%d",
+             sent, static_cast<void*>(node), static_cast<void*>(siSocket), __FILE_NAME__, __func__, __LINE__);
+}
 
 void KsNGAP_on_amf_connection_close(MV_Socket* siSocket) {
     auto* conn = siSocket ? static_cast<MV_KsRanAmfConnection*>(siSocket->parentData1) : nullptr;

@@ -8,6 +8,8 @@ top=$(cd "$(dirname "$0")/.." && pwd)
 build=${KS_BUILD_DIR:-$top/build}
 run=${KS_RUN_DIR:-$top/run}
 
+bash "$top/tools/setup.sh" run
+
 cmake -S "$top" -B "$build" -G Ninja >/dev/null
 ninja -C "$build" kestrane kestranectl
 ctl="$build/tools/kestranectl/kestranectl"

@@ -77,6 +77,28 @@ void value(const tlv_desc_t* d, const uint8_t* f, std::string& out) {
     out += num;
 }
 
+void text(const tlv_desc_t* d, const uint8_t* base, int indent, std::string& out) {
+    tlv_entry_t e;
+    for (bool more = tlv_first_entry(d, e); more; more = tlv_next_entry(d, e)) {
+        for (unsigned k = 0; k < e.slots; k++) {
+            const uint8_t* f = base + e.off + size_t(k) * e.desc->vsize;
+            if (!presence(f)) break;
+            out.append(size_t(indent), ' ');
+            out += e.name;
+            if (e.array) out += "[" + std::to_string(k) + "]";
+            out += e.desc->ctype == TLV_COMPOUND ? " (" : ": ";
+            if (e.desc->ctype == TLV_COMPOUND) {
+                out += e.desc->name;
+                out += ")\n";
+                text(e.desc, f + sizeof(tlv_presence_t), indent + 2, out);
+                continue;
+            }
+            value(e.desc, f, out);
+            out += '\n';
+        }
+    }
+}
+
 bool hexBytes(const char* s, std::vector<uint8_t>& out) {
     auto nib = [](char c) -> int {
         if (c >= '0' && c <= '9') return c - '0';
@@ -180,6 +202,12 @@ void tlv_json_record(const tlv_desc_t* desc, const void* record, std::string& ou
     const auto* base = static_cast<const uint8_t*>(record);
     if (desc->ctype == TLV_COMPOUND) base += sizeof(tlv_presence_t);
     children(desc, base, out);
+}
+
+void tlv_text_record(const tlv_desc_t* desc, const void* record, int indent, std::string& out) {
+    const auto* base = static_cast<const uint8_t*>(record);
+    if (desc->ctype == TLV_COMPOUND) base += sizeof(tlv_presence_t);
+    text(desc, base, indent, out);
 }
 
 bool tlv_json_load(const tlv_desc_t* desc, void* record, json_t* obj, tlv_json_store& store, std::string& err) {

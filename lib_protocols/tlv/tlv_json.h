@@ -16,6 +16,9 @@
 // Appends the JSON object of the children of `desc` held in `record` (a message or a group record).
 void tlv_json_record(const tlv_desc_t* desc, const void* record, std::string& out);
 
+// The same children as indented "name: value" lines, one per field (arrays one per slot), for people.
+void tlv_text_record(const tlv_desc_t* desc, const void* record, int indent, std::string& out);
+
 // Owns the octet strings a record loaded from JSON points to.
 class tlv_json_store {
 public:

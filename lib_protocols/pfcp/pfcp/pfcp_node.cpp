@@ -414,6 +414,7 @@ void touch(__mv_pfcp_node* node) {
 
 void __mv_pfcp__handle_heartbeat_request(__mv_pfcp_node* node, pfcp_message_t* msg) {
     touch(node);
+    ++S().stats.heartbeatsReceived;
     recovery(node, msg->pfcp_heartbeat_request.recovery_time_stamp);
     pfcp_heartbeat_response_t r{};
     setU32(r.recovery_time_stamp, S().recoveryTimeStamp);

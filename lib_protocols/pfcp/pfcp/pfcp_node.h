@@ -119,7 +119,7 @@ struct __mv_pfcp_handlers {
     X(rxUnknownPeer) X(rxUnexpectedIEs) X(rxDroppedIEs) X(rxDuplicateRequests) X(rxLateResponses)           \
     X(rxWrongSeid) X(rxSessionMessages) X(txRequests) X(txResponses) X(txFailed) X(retransmissions)          \
     X(requestsFailed) X(associationsUp) X(associationsDown) X(associationsRefused) X(heartbeatsSent)         \
-    X(heartbeatsAnswered) X(peersLearned) X(versionNotSupportedSent)
+    X(heartbeatsAnswered) X(heartbeatsReceived) X(peersLearned) X(versionNotSupportedSent)
 struct __mv_pfcp_stats {
 #define PFCP_STAT_FIELD(name) uint64_t name;
     PFCP_STATS_FIELDS(PFCP_STAT_FIELD)

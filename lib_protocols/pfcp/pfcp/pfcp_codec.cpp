@@ -152,12 +152,19 @@ int pfcp_format_rx_error(const pfcp_rx_result_t* r, char* buf, size_t size) {
 }
 
 __mv_buff_t* pfcp_tlv_build_msg(const tlv_desc_t* desc, const void* msg, int mode) {
-    int n = tlv_encoded_size(desc, msg, mode);
+    // Most messages fit a small scratch area: one walk and a copy. A larger one is sized first.
+    uint8_t scratch[4096];
+    tlv_result_t r;
+    int n = tlv_encode(desc, msg, mode, scratch, &r);
+    bool sized = n < 0 && r.error == TLV_ERR_NO_ROOM;
+    if (sized) n = tlv_encoded_size(desc, msg, mode);
     if (n < 0) return nullptr;
     __mv_buff_t* b = __mv_buff__alloc(uint32_t(n) + TLV_MAX_HEADROOM);
     if (!b) return nullptr;
     __mv_buff__reserve(b, TLV_MAX_HEADROOM);
-    if (n > 0 && tlv_encode(desc, msg, mode, std::span<uint8_t>(b->data, size_t(n))) != n) {
+    if (!sized) {
+        memcpy(b->data, scratch, size_t(n));
+    } else if (tlv_encode(desc, msg, mode, std::span<uint8_t>(b->data, size_t(n))) != n) {
         __mv_buff__free(b);
         return nullptr;
     }

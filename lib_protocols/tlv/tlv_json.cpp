@@ -2,6 +2,8 @@
 // done between records and text.
 #include "tlv_json.h"
 
+#include "mv_bytes.h"
+
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -99,22 +101,12 @@ void text(const tlv_desc_t* d, const uint8_t* base, int indent, std::string& out
     }
 }
 
+// Strictly pairs of hexadecimal digits; the runtime's reader does the rest.
 bool hexBytes(const char* s, std::vector<uint8_t>& out) {
-    auto nib = [](char c) -> int {
-        if (c >= '0' && c <= '9') return c - '0';
-        if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-        if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-        return -1;
-    };
     size_t n = strlen(s);
-    if (n % 2) return false;
-    out.clear();
-    for (size_t i = 0; i < n; i += 2) {
-        int hi = nib(s[i]), lo = nib(s[i + 1]);
-        if (hi < 0 || lo < 0) return false;
-        out.push_back(uint8_t(hi << 4 | lo));
-    }
-    return true;
+    if (n % 2 || strspn(s, "0123456789abcdefABCDEF") != n) return false;
+    out.assign(n / 2, 0);
+    return n == 0 || __mv_ascii_to_hex(s, int(n), out.data(), int(out.size())) == int(out.size());
 }
 
 class Loader {

@@ -4,6 +4,7 @@
 // caller's span (a group's length is patched once its children are out), the decoder points octet
 // strings into the input.
 #include <cstdio>
+#include <type_traits>
 
 #include "tlv.h"
 #include "tlv_bytes.h"
@@ -280,7 +281,11 @@ private:
 
 }  // namespace
 
-int tlv_encode(const tlv_desc_t* desc, const void* record, int mode, std::span<uint8_t> out, tlv_result_t* res) {
+namespace {
+
+// What the three walks share: the result, the mode, the start of the children in the record.
+template <class Record, class Body>
+int walk(const tlv_desc_t* desc, Record* record, int mode, tlv_result_t* res, Body body) {
     tlv_result_t local{};
     tlv_result_t& r = res ? *res : local;
     r = tlv_result_t{};
@@ -289,43 +294,35 @@ int tlv_encode(const tlv_desc_t* desc, const void* record, int mode, std::span<u
         r.error = TLV_ERR_BAD_MODE;
         return -1;
     }
-    ByteWriter w(out);
-    const auto* base = static_cast<const uint8_t*>(record);
+    auto* base = static_cast<std::conditional_t<std::is_const_v<Record>, const uint8_t, uint8_t>*>(record);
     if (desc->ctype == TLV_COMPOUND) base += sizeof(tlv_presence_t);
-    Encoder e(m, r, w);
-    return e.children(desc, base) ? int(w.pos()) : -1;
+    return body(m, r, base);
+}
+
+}  // namespace
+
+int tlv_encode(const tlv_desc_t* desc, const void* record, int mode, std::span<uint8_t> out, tlv_result_t* res) {
+    return walk(desc, record, mode, res, [&](Mode m, tlv_result_t& r, const uint8_t* base) {
+        ByteWriter w(out);
+        Encoder e(m, r, w);
+        return e.children(desc, base) ? int(w.pos()) : -1;
+    });
 }
 
 int tlv_encoded_size(const tlv_desc_t* desc, const void* record, int mode, tlv_result_t* res) {
-    tlv_result_t local{};
-    tlv_result_t& r = res ? *res : local;
-    r = tlv_result_t{};
-    Mode m;
-    if (!desc || !record || !modeOf(mode, m)) {
-        r.error = TLV_ERR_BAD_MODE;
-        return -1;
-    }
-    ByteWriter w = ByteWriter::counter();
-    const auto* base = static_cast<const uint8_t*>(record);
-    if (desc->ctype == TLV_COMPOUND) base += sizeof(tlv_presence_t);
-    Encoder e(m, r, w);
-    return e.children(desc, base) ? int(w.pos()) : -1;
+    return walk(desc, record, mode, res, [&](Mode m, tlv_result_t& r, const uint8_t* base) {
+        ByteWriter w = ByteWriter::counter();
+        Encoder e(m, r, w);
+        return e.children(desc, base) ? int(w.pos()) : -1;
+    });
 }
 
 int tlv_decode(const tlv_desc_t* desc, void* record, int mode, std::span<const uint8_t> in, tlv_result_t* res,
                unsigned flags) {
-    tlv_result_t local{};
-    tlv_result_t& r = res ? *res : local;
-    r = tlv_result_t{};
-    Mode m;
-    if (!desc || !record || !modeOf(mode, m)) {
-        r.error = TLV_ERR_BAD_MODE;
-        return -1;
-    }
-    auto* base = static_cast<uint8_t*>(record);
-    if (desc->ctype == TLV_COMPOUND) base += sizeof(tlv_presence_t);
-    Decoder d(m, r, flags);
-    return d.children(desc, base, in, 0) ? 1 : -1;
+    return walk(desc, record, mode, res, [&](Mode m, tlv_result_t& r, uint8_t* base) {
+        Decoder d(m, r, flags);
+        return d.children(desc, base, in, 0) ? 1 : -1;
+    });
 }
 
 int tlv_format_error(const tlv_result_t* r, char* buf, size_t size) {

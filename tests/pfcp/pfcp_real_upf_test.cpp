@@ -93,14 +93,7 @@ private:
     pid_t pid_ = -1;
 };
 
-bool waitFor(const std::function<bool()>& pred, double seconds) {
-    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(int(seconds * 1000));
-    while (std::chrono::steady_clock::now() < end) {
-        if (pred()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return pred();
-}
+using kst::waitFor;
 
 __mv_pfcp_stats stats() {
     __mv_pfcp_stats s;

@@ -89,14 +89,7 @@ void onAssociation(__mv_pfcp_node_t* node, int state, int cause) {
 
 // ---------------------------------------------------------------- the process's stack
 
-bool waitFor(const std::function<bool()>& pred, double seconds) {
-    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(int(seconds * 1000));
-    while (std::chrono::steady_clock::now() < end) {
-        if (pred()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return pred();
-}
+using kst::waitFor;
 
 // 127.x.y.z from this process's id: other developers run these tests at the same time.
 std::string uniqueLoopback(int k) {
@@ -250,8 +243,8 @@ const auto* const kCleanup = ::testing::AddGlobalTestEnvironment(new Cleanup);
 class PfcpStack : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (runCommand("/usr/bin/python3 -c 'import scapy.contrib.pfcp' 2>/dev/null", nullptr) != 0)
-            GTEST_SKIP() << "python3-scapy is not installed: no scripted UPF";
+        static const bool scapy = runCommand("/usr/bin/python3 -c 'import scapy.contrib.pfcp' 2>/dev/null", nullptr) == 0;
+        if (!scapy) GTEST_SKIP() << "python3-scapy is not installed: no scripted UPF";
         startStack();
     }
 };

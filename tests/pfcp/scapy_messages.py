@@ -3,7 +3,7 @@
 
 Prints one line per message: a name, then the datagram in hexadecimal.
 """
-from scapy.all import raw
+
 from scapy.contrib.pfcp import (
     IE_Cause, IE_CreatedPDR, IE_DownlinkDataReport, IE_DownlinkDataServiceInformation, IE_DurationMeasurement,
     IE_FSEID, IE_FTEID, IE_NodeId, IE_NodeReportType, IE_PDR_Id, IE_RecoveryTimeStamp, IE_RemoteGTP_U_Peer,
@@ -54,4 +54,4 @@ MESSAGES = [
 
 if __name__ == "__main__":
     for name, msg in MESSAGES:
-        print(name, raw(msg).hex())
+        print(name, bytes(msg).hex())

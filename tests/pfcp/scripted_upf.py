@@ -10,7 +10,6 @@ Events go to standard output, one line each, flushed: "ready", "assoc-req seq=N"
 "sess-req type=T seq=N seid=S", "report-rsp seq=N cause=C", "vns seq=N", "flood-done".
 """
 import argparse
-import os
 import random
 import socket
 import struct
@@ -18,7 +17,6 @@ import sys
 import threading
 import time
 
-from scapy.all import raw
 from scapy.contrib.pfcp import (
     PFCP, IE_Cause, IE_CreatedPDR, IE_FSEID, IE_FTEID, IE_NodeId, IE_PDR_Id, IE_RecoveryTimeStamp, IE_ReportType,
     IE_UPFunctionFeatures, IE_UR_SEQN, IE_URR_Id, IE_UsageReport_SRR, IE_UsageReportTrigger, IE_VolumeMeasurement,
@@ -63,7 +61,7 @@ class Upf:
     def answer(self, hdr, body, seid=None):
         p = PFCP(version=1, S=0 if seid is None else 1, seq=hdr.seq) if seid is None else \
             PFCP(version=1, S=1, seid=seid, seq=hdr.seq)
-        self.send(raw(p / body))
+        self.send(bytes(p / body))
 
     def on_request(self, data):
         try:
@@ -131,7 +129,7 @@ class Upf:
 
     def report(self):
         seq = self.next_seq()
-        req = raw(PFCP(version=1, S=1, seid=self.a.report_seid, seq=seq) / PFCPSessionReportRequest(IE_list=[
+        req = bytes(PFCP(version=1, S=1, seid=self.a.report_seid, seq=seq) / PFCPSessionReportRequest(IE_list=[
             IE_ReportType(USAR=1), IE_UsageReport_SRR(IE_list=[
                 IE_URR_Id(id=1), IE_UR_SEQN(number=1), IE_UsageReportTrigger(VOLTH=1),
                 IE_VolumeMeasurement(TOVOL=1, total=4096)])]))
@@ -182,7 +180,7 @@ class Upf:
         time.sleep(0.2)
         if self.a.assoc_req:
             seq = self.next_seq()
-            self.send(raw(PFCP(version=1, S=0, seq=seq) / PFCPAssociationSetupRequest(IE_list=[
+            self.send(bytes(PFCP(version=1, S=0, seq=seq) / PFCPAssociationSetupRequest(IE_list=[
                 self.node_id(), IE_RecoveryTimeStamp(timestamp=RTS), IE_UPFunctionFeatures(BUCP=1)])))
         if self.a.report:
             self.report()
@@ -198,7 +196,7 @@ class Upf:
             time.sleep(self.a.hb_interval)
             if self.assoc_up and self.a.hb_interval > 0:
                 seq = self.next_seq()
-                self.send(raw(PFCP(version=1, S=0, seq=seq) / PFCPHeartbeatRequest(IE_list=[
+                self.send(bytes(PFCP(version=1, S=0, seq=seq) / PFCPHeartbeatRequest(IE_list=[
                     IE_RecoveryTimeStamp(timestamp=RTS)])))
 
     def run(self):

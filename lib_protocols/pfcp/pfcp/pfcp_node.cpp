@@ -118,7 +118,7 @@ int sendRaw(__mv_pfcp_node* node, const uint8_t* data, int len) { return node ? 
 
 __mv_pfcp_node* findNode(const sockaddr_in& a) {
     if (!__pfcpStack) return nullptr;
-    for (__mv_pfcp_node* n = __pfcpStack->nodeHead; n; n = n->Next.load(std::memory_order_acquire))
+    for (__mv_pfcp_node* n = __pfcpStack->nodeHead.load(std::memory_order_acquire); n; n = n->Next.load(std::memory_order_acquire))
         if (sameAddr(n->addr, a)) return n;
     return nullptr;
 }
@@ -142,7 +142,7 @@ __mv_pfcp_node* addNode(const sockaddr_in& a, int nodeType) {
     }
     __mv_pfcp_node* tail = st->nodeCurrent.load();
     if (tail) tail->Next.store(n, std::memory_order_release);
-    else st->nodeHead = n;
+    else st->nodeHead.store(n, std::memory_order_release);
     st->nodeCurrent = n;
     return n;
 }
@@ -329,7 +329,7 @@ void sendHeartbeat(__mv_pfcp_node* node, int64_t now) {
 void checkAssociations(int64_t now) {
     __mv_pfcp* st = __pfcpStack;
     const __mv_pfcp_timers& t = S().timers;
-    for (__mv_pfcp_node* n = st->nodeHead; n; n = n->Next.load(std::memory_order_acquire)) {
+    for (__mv_pfcp_node* n = st->nodeHead.load(std::memory_order_acquire); n; n = n->Next.load(std::memory_order_acquire)) {
         int state = n->isAssociationStarted;
         int64_t lastSent, lastHb;
         {
@@ -468,27 +468,31 @@ void __mv_pfcp__handle_association_setup_request(__mv_pfcp_node* node, pfcp_mess
     setState(node, PFCP_ASSOCIATION__ASSOCIATED, 0);
 }
 
+// The answers that are our Node ID and a cause.
+template <class Answer>
+void answer(__mv_pfcp_node* node, uint8_t type, uint32_t seq, uint8_t cause) {
+    Answer r{};
+    LocalNodeId id = localNodeId();
+    setOctets(r.node_id, id.bytes, id.len);
+    setU8(r.cause, cause);
+    sendResponse(node, type, &r, 0, seq);
+}
+
 void handleAssociationReleaseRequest(__mv_pfcp_node* node, pfcp_message_t* msg) {
     PFCP_LOG(MV_LOG_INFO, "received pfcp association release request from ip=%s port=%d  %s|%s|%d", node->address,
              node->port, __FILE_NAME__, __func__, __LINE__);
-    pfcp_association_release_response_t r{};
-    LocalNodeId id = localNodeId();
-    setOctets(r.node_id, id.bytes, id.len);
-    setU8(r.cause, PFCP_CAUSE_REQUEST_ACCEPTED);
-    sendResponse(node, PFCP_ASSOCIATION_RELEASE_RESPONSE_TYPE, &r, 0, msg->h.sqn);
+    answer<pfcp_association_release_response_t>(node, PFCP_ASSOCIATION_RELEASE_RESPONSE_TYPE, msg->h.sqn,
+                                                PFCP_CAUSE_REQUEST_ACCEPTED);
     setState(node, PFCP_ASSOCIATION__NOT_STARTED, PFCP_DOWN__PEER_RELEASED);
 }
 
 void handleAssociationUpdateRequest(__mv_pfcp_node* node, pfcp_message_t* msg) {
     PFCP_LOG(MV_LOG_INFO, "received pfcp association update request from ip=%s port=%d  %s|%s|%d", node->address,
              node->port, __FILE_NAME__, __func__, __LINE__);
-    pfcp_association_update_response_t r{};
-    LocalNodeId id = localNodeId();
-    setOctets(r.node_id, id.bytes, id.len);
-    setU8(r.cause, node->isAssociationStarted == PFCP_ASSOCIATION__ASSOCIATED
-                       ? PFCP_CAUSE_REQUEST_ACCEPTED
-                       : PFCP_CAUSE_NO_ESTABLISHED_PFCP_ASSOCIATION);
-    sendResponse(node, PFCP_ASSOCIATION_UPDATE_RESPONSE_TYPE, &r, 0, msg->h.sqn);
+    answer<pfcp_association_update_response_t>(node, PFCP_ASSOCIATION_UPDATE_RESPONSE_TYPE, msg->h.sqn,
+                                               node->isAssociationStarted == PFCP_ASSOCIATION__ASSOCIATED
+                                                   ? PFCP_CAUSE_REQUEST_ACCEPTED
+                                                   : PFCP_CAUSE_NO_ESTABLISHED_PFCP_ASSOCIATION);
 }
 
 void handleNodeReportRequest(__mv_pfcp_node* node, pfcp_message_t* msg) {
@@ -496,11 +500,7 @@ void handleNodeReportRequest(__mv_pfcp_node* node, pfcp_message_t* msg) {
     PFCP_LOG(MV_LOG_INFO, "received pfcp node report request (type %u) from ip=%s port=%d  %s|%s|%d",
              q.node_report_type.presence && q.node_report_type.len ? q.node_report_type.data[0] : 0, node->address,
              node->port, __FILE_NAME__, __func__, __LINE__);
-    pfcp_node_report_response_t r{};
-    LocalNodeId id = localNodeId();
-    setOctets(r.node_id, id.bytes, id.len);
-    setU8(r.cause, PFCP_CAUSE_REQUEST_ACCEPTED);
-    sendResponse(node, PFCP_NODE_REPORT_RESPONSE_TYPE, &r, 0, msg->h.sqn);
+    answer<pfcp_node_report_response_t>(node, PFCP_NODE_REPORT_RESPONSE_TYPE, msg->h.sqn, PFCP_CAUSE_REQUEST_ACCEPTED);
 }
 
 // ---------------------------------------------------------------- answers to our requests
@@ -809,7 +809,7 @@ __mv_pfcp_node_t* __mv_pfcp__find_node_by_ip(const char* ip, int ipv, int port, 
     return n || add != 1 ? n : addNode(a, PFCP_NODE_TYPE__LEARNED);
 }
 
-__mv_pfcp_node_t* __mv_pfcp__get_root_node() { return __pfcpStack ? __pfcpStack->nodeHead : nullptr; }
+__mv_pfcp_node_t* __mv_pfcp__get_root_node() { return __pfcpStack ? __pfcpStack->nodeHead.load() : nullptr; }
 __mv_pfcp_node_t* __mv_pfcp__get_next_node(__mv_pfcp_node_t* node) {
     return node ? node->Next.load(std::memory_order_acquire) : nullptr;
 }

@@ -66,7 +66,7 @@ struct __mv_pfcp_node {
     struct sockaddr_in6 addr6;
     std::atomic<uint32_t> upfAccesIP;
     std::atomic<int> isAssociationStarted;
-    int nodeType;
+    std::atomic<int> nodeType;
     int id;
     // Monotonic clock readings; under Lock.
     struct timeval lastheartbeatsent;
@@ -138,7 +138,7 @@ struct __mv_pfcp {
     int nodeIdType;
     char nodeIdValue[121];
     int hearbeatInterval;  // seconds, from the timers
-    __mv_pfcp_node* nodeHead;
+    std::atomic<__mv_pfcp_node*> nodeHead;  // read without nodeLock: peers are only ever appended
     std::atomic<__mv_pfcp_node*> nodeCurrent;
     MV_Mutex nodeLock;
     std::atomic<int> nodeCount;

@@ -111,7 +111,7 @@ TEST(PfcpRealUpf, AssociatesAndKeepsHeartbeatsWithTheCoresUpf) {
     ASSERT_TRUE(core.start()) << kst::readFile(Core::log());
     std::string pcap = ::testing::TempDir() + "/pfcp_real_" + std::to_string(getpid()) + ".pcapng";
     Capture capture(pcap);
-    ASSERT_TRUE(waitFor([&] { return exists(pcap); }, 10)) << "tshark does not capture on ksrig0";
+    ASSERT_TRUE(waitFor([&] { return exists(pcap); }, 90)) << "tshark does not capture on ksrig0";
 
     std::string root = kst::makeTempDir("pfcpreal");
     __init_morva_core();

@@ -192,17 +192,26 @@ bool keepAnswer(__mv_pfcp_node* node, uint32_t seq, uint8_t requestType, __mv_bu
 
 // The datagram of a record in a new buffer, or null.
 __mv_buff_t* encodeRecord(uint8_t type, const void* record, int s, uint64_t seid, uint32_t seq) {
-    const tlv_desc_t* desc = pfcp_find_msg_desc(type);
-    int body = desc ? tlv_encoded_size(desc, record, TLV_MODE_T2_L2) : -1;
-    if (body < 0) return nullptr;
-    uint32_t total = uint32_t(body) + (s ? PFCP_HEADER_LEN : PFCP_NODE_HEADER_LEN);
-    __mv_buff_t* b = __mv_buff__alloc(total);
+    // Most messages fit a small scratch area: one walk and a copy. A larger one is sized first.
+    uint8_t scratch[4096];
+    tlv_result_t r;
+    int total = pfcp_encode_record(type, record, s, seid, seq, scratch, &r);
+    bool sized = total < 0 && r.error == TLV_ERR_NO_ROOM;
+    if (sized) {
+        const tlv_desc_t* desc = pfcp_find_msg_desc(type);
+        int body = desc ? tlv_encoded_size(desc, record, TLV_MODE_T2_L2) : -1;
+        total = body < 0 ? -1 : body + (s ? PFCP_HEADER_LEN : PFCP_NODE_HEADER_LEN);
+    }
+    if (total < 0) return nullptr;
+    __mv_buff_t* b = __mv_buff__alloc(uint32_t(total));
     if (!b) return nullptr;
-    if (pfcp_encode_record(type, record, s, seid, seq, std::span<uint8_t>(b->data, total)) != int(total)) {
+    if (!sized) {
+        memcpy(b->data, scratch, size_t(total));
+    } else if (pfcp_encode_record(type, record, s, seid, seq, std::span<uint8_t>(b->data, size_t(total))) != total) {
         __mv_buff__free(b);
         return nullptr;
     }
-    b->len = b->pos = total;
+    b->len = b->pos = uint32_t(total);
     return b;
 }
 

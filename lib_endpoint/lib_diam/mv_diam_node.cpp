@@ -494,6 +494,11 @@ void onClose(MV_Socket* s) {
     if (!node) return;
     ++node->ConnGen;
     resetConnectionState(node);
+    // An accepted socket goes back to the engine, which hands it to the next connection.
+    if (node->isHost && !node->isListener) {
+        MV_Socket* mine = s;
+        node->vSiSocket.compare_exchange_strong(mine, nullptr);
+    }
     char peer[300];
     __mv_diam___peer_text(node, peer, sizeof peer);
     MV_DIAM_LOG(MV_LOG_INFO, "Diameter connection %s to %s closed <%s|%s|%d>", node->Id, peer, __FILE_NAME__, __func__,
@@ -931,7 +936,7 @@ void __mv_diam___peer_text(const MV_DiamNode* node, char* out, size_t cap) {
 
 void __mv_diam___close(MV_DiamNode* node) {
     MV_Socket* s = node ? node->vSiSocket.load() : nullptr;
-    if (!s) return;
+    if (!s || s->parentData1 != node) return;
     if (s->TransportType == MV_TRANSPORT_SCTP) __mv_socket_engine_sctp__close_client_connection(s);
     else if (s->Close) s->Close(s);
 }

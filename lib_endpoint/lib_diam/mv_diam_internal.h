@@ -44,3 +44,7 @@ void __mv_diam___ensure_table();
 // Decodes one received message, frees its buffer and passes the message on: the base
 // protocol to the stack, the rest to the message handler.
 void __mv_diam_node_buffer_handler(MV_DiamBuffer* buf);
+// The error answer to a request that does not decode: Failed-AVP holds the offending AVP as
+// far as it came in bytes.
+int __mv_diam___send_decode_error(MV_DiamMessage* request, const MV_DiamDecodeStatus& st,
+                                  std::span<const uint8_t> bytes);

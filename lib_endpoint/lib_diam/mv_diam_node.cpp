@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -346,9 +347,9 @@ void __mv_diam_node_buffer_handler(MV_DiamBuffer* buf) {
     MV_Socket* sock = buf->siSocket;
     uint32_t gen = buf->connGen;
     MV_DiamDecodeStatus st{};
-    MV_DiamMessage* msg = __mv_diam_decodeMessage(std::span<const uint8_t>(buf->buffer, buf->len), &st);
+    std::span<const uint8_t> bytes(buf->buffer, buf->len);
+    MV_DiamMessage* msg = __mv_diam_decodeMessage(bytes, &st);
     uint32_t len = buf->len;
-    releaseBuffer(buf);
     char peer[300];
     if (!msg || st.Code) {
         ++__mvDiamStack->Counters.DecodeErrors;
@@ -358,13 +359,16 @@ void __mv_diam_node_buffer_handler(MV_DiamBuffer* buf) {
     if (!msg) {
         MV_DIAM_LOG(MV_LOG_ERROR, "message of %u bytes from %s: %s, dropped <%s|%s|%d>", len, peer, st.Reason,
                     __FILE_NAME__, __func__, __LINE__);
+        releaseBuffer(buf);
         return;
     }
     msg->siSocket = sock;
     msg->srcDiamNode = node;
     msg->siConnGen = gen;
     if (st.Code) {
-        bool request = msg->Header.Flags & MV_DIAM_FLAG_REQUEST;
+        // A header that is itself unsound (version, length) names no request worth an answer.
+        bool request = (msg->Header.Flags & MV_DIAM_FLAG_REQUEST) && st.Code != DIAMETER_UNSUPPORTED_VERSION &&
+                       st.Code != DIAMETER_INVALID_MESSAGE_LENGTH;
         uint32_t cmd = __mv_diam_get_cmdcode(msg);
         MV_DIAM_LOG(MV_LOG_ERROR,
                     "malformed %s Command-Code=%u Application-Id=%u of %u bytes from %s: %s at byte %u (AVP %u "
@@ -372,12 +376,14 @@ void __mv_diam_node_buffer_handler(MV_DiamBuffer* buf) {
                     request ? "request" : "answer", cmd, __mv_diam_get_applicationid(msg), len, peer, st.Reason,
                     st.Offset, st.AvpCode, st.AvpVendor, request ? "answered with an error" : "dropped",
                     __FILE_NAME__, __func__, __LINE__);
-        if (request) __mv_diam_send_error(msg, st.Code, st.AvpCode, 0, hostOf(node));
+        if (request) __mv_diam___send_decode_error(msg, st, bytes);
+        releaseBuffer(buf);
         __mv_diam_freeMessage2(msg);
         // A capability exchange that cannot be read leaves nothing to talk about.
         if (cmd == MV_DIAM_CMD_CE && node && node->isCERSuccess != 1) __mv_diam___close(node);
         return;
     }
+    releaseBuffer(buf);
     processMessage(msg);
 }
 
@@ -1024,12 +1030,11 @@ int __mv_diam_create_cer_request(MV_DiamMessage* msg, MV_DiamNode* hostNode, MV_
     return 1;
 }
 
-int __mv_diam_send_error(MV_DiamMessage* request, uint32_t resultCode, uint32_t failedAvp,
-                         uint32_t experimentalResultCode, MV_DiamNode* hostNode) {
-    if (!request) return -1;
-    MV_DiamNode* host = hostNode ? hostNode : hostOf(request->srcDiamNode);
+namespace {
+// An answer to request with Session-Id, the host's origin, Result-Code and Origin-State-Id.
+MV_DiamMessage* errorAnswer(MV_DiamMessage* request, uint32_t resultCode, MV_DiamNode* host) {
     MV_DiamMessage* a = __mv_diam_create_answer(request);
-    if (!a) return -1;
+    if (!a) return nullptr;
     if (resultCode >= 3000 && resultCode < 4000) a->Header.Flags |= MV_DIAM_FLAG_ERROR;
     if (MV_DiamAvp* sid = __mv_diam_find_avp(263, 0, request); sid && sid->DataType == MV_DIAM_TYPE_OCTETSTRING)
         __mv_diam_add_string_avp(a, 263, 0, 1, sid->data, uint32_t(sid->usInt64Val));
@@ -1039,6 +1044,21 @@ int __mv_diam_send_error(MV_DiamMessage* request, uint32_t resultCode, uint32_t 
     }
     if (resultCode) __mv_diam_add_uint32_avp(a, 268, 0, 1, resultCode);
     if (uint32_t osi = originStateId(host)) __mv_diam_add_uint32_avp(a, 278, 0, 1, osi);
+    return a;
+}
+
+int sendAndFree(MV_DiamMessage* request, MV_DiamMessage* answer) {
+    int rc = __mv_diam_send_answer(request, answer);
+    __mv_diam_freeMessage2(answer);
+    return rc;
+}
+}  // namespace
+
+int __mv_diam_send_error(MV_DiamMessage* request, uint32_t resultCode, uint32_t failedAvp,
+                         uint32_t experimentalResultCode, MV_DiamNode* hostNode) {
+    if (!request) return -1;
+    MV_DiamMessage* a = errorAnswer(request, resultCode, hostNode ? hostNode : hostOf(request->srcDiamNode));
+    if (!a) return -1;
     if (failedAvp) {
         MV_DiamAvp* f = __mv_diam_add_grouped_avp(a, 279, 0, 1);
         switch (__mv_diam_get_data_type(failedAvp, __mv_diam_get_applicationid(request))) {
@@ -1051,9 +1071,29 @@ int __mv_diam_send_error(MV_DiamMessage* request, uint32_t resultCode, uint32_t 
         }
     }
     if (experimentalResultCode) __mv_diam_add_experimental_result_code_avp(a, MV_DIAM_VENDOR_3GPP, experimentalResultCode);
-    int rc = __mv_diam_send_answer(request, a);
-    __mv_diam_freeMessage2(a);
-    return rc;
+    return sendAndFree(request, a);
+}
+
+int __mv_diam___send_decode_error(MV_DiamMessage* request, const MV_DiamDecodeStatus& st,
+                                  std::span<const uint8_t> bytes) {
+    MV_DiamMessage* a = errorAnswer(request, st.Code, hostOf(request->srcDiamNode));
+    if (!a) return -1;
+    if (st.AvpCode && st.Offset + 8 <= bytes.size()) {
+        // The offending AVP as far as it came: its code, flags and vendor and the value
+        // bytes that were there; a group with an empty value.
+        const uint8_t* h = bytes.data() + st.Offset;
+        uint32_t len = uint32_t(h[5]) << 16 | uint32_t(h[6]) << 8 | h[7];
+        uint32_t hdr = st.AvpVendor ? 12 : 8;
+        size_t end = std::min<size_t>(st.Offset + std::max(len, hdr), bytes.size());
+        size_t n = end > st.Offset + hdr ? end - st.Offset - hdr : 0;
+        MV_DiamAvp* f = __mv_diam_add_grouped_avp(a, 279, 0, 1);
+        int m = (h[4] & MV_DIAM_AVP_FLAG_MANDATORY) ? 1 : 0;
+        if (__mv_diam_get_data_type(st.AvpCode, __mv_diam_get_applicationid(request)) == MV_DIAM_TYPE_GROUPED)
+            __mv_diam_add_grouped_avp_toavp(f, st.AvpCode, st.AvpVendor, m);
+        else
+            __mv_diam_add_string_avp_to_grpavp(f, st.AvpCode, st.AvpVendor, m, h + hdr, uint32_t(n));
+    }
+    return sendAndFree(request, a);
 }
 
 void __mv_diam__copy_routing_info(MV_DiamMessage* msg, MV_DiamNode* node) {

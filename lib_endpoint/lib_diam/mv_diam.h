@@ -425,6 +425,14 @@ struct MV_DiamDecodeStatus {
     const char* Reason;  // static text for the log
 };
 
+// Deeper groups are refused: no real application nests more than a handful, and the
+// bound keeps a hostile message from taking the decoder's stack.
+constexpr int kMvDiamMaxGroupDepth = 32;
+
+// The codec's log lines go to the stack log, or here; tools point it at their own output.
+typedef void (*fn_mv_diam_log_sink)(int level, const char* line);
+void __mv_diam_set_log_sink(fn_mv_diam_log_sink sink);
+
 // Lengths first, then the bytes. The encoded length, or -1 when it does not fit cap.
 int __mv_diam_encodeMessage(MV_DiamMessage* msg, uint8_t* buf, uint32_t cap);
 // Null when the header is unusable (shorter than 20 bytes, a version other than 1, a length

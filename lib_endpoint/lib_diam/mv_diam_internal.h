@@ -7,18 +7,12 @@
 
 #define MV_DIAM_LOG(level, fmt, ...) __mv_log(MV_STK_LOG, LOG_CAT_CORE, level, fmt, ##__VA_ARGS__)
 
-// Deeper groups are refused: no real application nests more than a handful, and the
-// bound keeps a hostile message from taking the decoder's stack.
-constexpr int kMvDiamMaxGroupDepth = 32;
 
 // Memory of messages and AVPs: the size classes once the runtime is up, the system heap
 // in tools and fuzzers that run the codec alone. Chosen once, at the first block.
 void* __mv_diam___alloc(size_t size);
 void __mv_diam___free(void* p);
 
-// Lines of the codec go here; tools point it at their own output.
-typedef void (*fn_mv_diam_log_sink)(int level, const char* line);
-void __mv_diam_set_log_sink(fn_mv_diam_log_sink sink);
 void __mv_diam___codec_log(int level, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 
 // The server-side read thread of one accepted connection ("mv_dm_poll").

@@ -22,6 +22,9 @@ int usage() {
             "usage: kestrane-pdu decode ngap|s1ap|nas5g|naseps [--json] [HEX | -f FILE | -]\n"
             "       kestrane-pdu recode ngap|s1ap [HEX | -f FILE | -]\n"
             "       kestrane-pdu encode ngap|s1ap [JSON | -f FILE | -]\n"
+            "       kestrane-pdu decode|recode diameter [--json] [--dict FILE] [HEX | -f FILE | -]\n"
+            "       kestrane-pdu encode diameter [--dict FILE] [JSON | -f FILE | -]\n"
+            "A Diameter dictionary file (the engine's format) types the AVPs of its applications.\n"
             "A protected NAS message is read past its security header as if it were not ciphered.\n"
             "HEX may hold blanks, ':' and a leading 0x; '-' or no HEX reads standard input.\n"
             "JSON is the form decode --json prints.\n");
@@ -141,11 +144,14 @@ int encode(const MvAsnPdu* table, unsigned count, const std::string& text) {
 
 }  // namespace
 
+int kpduDiameter(const std::string& cmd, bool json, const std::vector<uint8_t>& bytes, const std::string& text,
+                 const std::string& dict);
+
 int main(int argc, char** argv) {
     if (argc < 3) return usage();
     std::string cmd = argv[1], proto = argv[2];
     bool json = false;
-    std::string inputText, file;
+    std::string inputText, file, dict;
     bool haveInput = false;
     for (int i = 3; i < argc; i++) {
         std::string a = argv[i];
@@ -153,6 +159,8 @@ int main(int argc, char** argv) {
             json = true;
         else if (a == "-f" && i + 1 < argc)
             file = argv[++i];
+        else if (a == "--dict" && i + 1 < argc)
+            dict = argv[++i];
         else if (a == "-")
             haveInput = false;
         else {
@@ -161,7 +169,9 @@ int main(int argc, char** argv) {
         }
     }
     bool nas = proto == "nas5g" || proto == "naseps";
-    if ((cmd != "decode" && cmd != "recode" && cmd != "encode") || (proto != "ngap" && proto != "s1ap" && !nas) ||
+    bool diameter = proto == "diameter";
+    if ((cmd != "decode" && cmd != "recode" && cmd != "encode") ||
+        (proto != "ngap" && proto != "s1ap" && !nas && !diameter) || (!dict.empty() && !diameter) ||
         (json && cmd != "decode") || (nas && cmd != "decode"))
         return usage();
     if (!file.empty()) {
@@ -177,6 +187,15 @@ int main(int argc, char** argv) {
         std::stringstream ss;
         ss << std::cin.rdbuf();
         inputText = ss.str();
+    }
+    if (diameter) {
+        std::vector<uint8_t> bytes;
+        std::string err;
+        if (cmd != "encode" && !parseHex(inputText, bytes, err)) {
+            fprintf(stderr, "kestrane-pdu: bad input: %s\n", err.c_str());
+            return 1;
+        }
+        return kpduDiameter(cmd, json, bytes, inputText, dict);
     }
     if (nas) {
         std::vector<uint8_t> bytes;

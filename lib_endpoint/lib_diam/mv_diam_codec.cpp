@@ -117,10 +117,10 @@ void freeAvps(MV_DiamAvp* a) {
 
 // ---------------------------------------------------------------- encoding
 
-// Lengths of an AVP and, for a group, of its children; false past the depth bound or a
-// length the 24-bit field cannot hold.
+// Lengths of an AVP and, for a group, of its children; false past the depth bound the
+// decoder keeps (depth 0 at the top) or a length the 24-bit field cannot hold.
 bool measure(MV_DiamAvp* a, int depth) {
-    if (depth > kMvDiamMaxGroupDepth) return false;
+    if (a->DataType == MV_DIAM_TYPE_GROUPED && depth + 1 > kMvDiamMaxGroupDepth) return false;
     a->HeaderLen = a->VendorId ? 12 : 8;
     uint64_t value = 0;
     switch (a->DataType) {
@@ -593,7 +593,7 @@ int __mv_diam_encodeMessage(MV_DiamMessage* msg, uint8_t* buf, uint32_t cap) {
     if (!msg || !buf) return -1;
     uint64_t total = MV_DIAM_HEADER_LEN;
     for (MV_DiamAvp* a = msg->Head; a; a = a->Next) {
-        if (!measure(a, 1)) return -1;
+        if (!measure(a, 0)) return -1;
         total += a->AvpLength + a->Padding;
     }
     if (total > cap || total > 0xFFFFFF) return -1;

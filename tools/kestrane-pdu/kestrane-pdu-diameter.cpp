@@ -287,7 +287,7 @@ int encode(const std::string& text) {
                          : *p == 'E' ? MV_DIAM_FLAG_ERROR : *p == 'T' ? MV_DIAM_FLAG_RETRANSMIT : 0;
     b.app = uint32_t(app);
     int rc = 0;
-    if (json_t* arr = json_object_get(root, "avps"); arr && !b.avps(arr, m, nullptr, 1)) {
+    if (json_t* arr = json_object_get(root, "avps"); arr && !b.avps(arr, m, nullptr, 0)) {
         fprintf(stderr, "kestrane-pdu: bad input: %s\n", b.err.c_str());
         rc = 1;
     } else {

@@ -215,6 +215,17 @@ MV_DiamNode* benchPeer() {
     return p;
 }
 
+// The 7 AVPs of the requests of the round-trip runs.
+void requestAvps(MV_DiamMessage* m, MV_DiamNode* peer) {
+    __mv_diam_add_string_avp(m, 263, 0, 1, "ks.realm;1700000000;1501;20001", 30);
+    __mv_diam_add_uint32_avp(m, 258, 0, 1, kGx);
+    __mv_diam_add_host_name(m, peer->hostNode);
+    __mv_diam_add_host_realm(m, peer->hostNode);
+    __mv_diam_add_peer_realm(m, peer);
+    __mv_diam_add_uint32_avp(m, 416, 0, 1, 1);
+    __mv_diam_add_uint32_avp(m, 415, 0, 1, 0);
+}
+
 double cpuSeconds() {
     rusage r{};
     getrusage(RUSAGE_SELF, &r);
@@ -241,13 +252,7 @@ void BM_StackRequestsWithAnswers(benchmark::State& st) {
             st.SkipWithError("no free row");
             break;
         }
-        __mv_diam_add_string_avp(m, 263, 0, 1, "ks.realm;1700000000;1501;20001", 30);
-        __mv_diam_add_uint32_avp(m, 258, 0, 1, kGx);
-        __mv_diam_add_host_name(m, peer->hostNode);
-        __mv_diam_add_host_realm(m, peer->hostNode);
-        __mv_diam_add_peer_realm(m, peer);
-        __mv_diam_add_uint32_avp(m, 416, 0, 1, 1);
-        __mv_diam_add_uint32_avp(m, 415, 0, 1, 0);
+        requestAvps(m, peer);
         if (__mv_diam_send_message(m, peer) < 1) st.SkipWithError("send failed");
         __mv_diam_freeMessage2(m);
         ++sent;
@@ -272,15 +277,9 @@ void BM_PlainSocketRequestsWithAnswers(benchmark::State& st) {
     int on = 1;
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     uint8_t req[MV_DIAM_BUFFER_SIZE];
-    // The stack's request of the run above, in bytes: 7 AVPs.
+    // The stack's request of the run above, in bytes.
     MV_DiamMessage* small = __mv_diam_create_message2(272, kGx, 1, 1, 1);
-    __mv_diam_add_string_avp(small, 263, 0, 1, "ks.realm;1700000000;1501;20001", 30);
-    __mv_diam_add_uint32_avp(small, 258, 0, 1, kGx);
-    __mv_diam_add_string_avp(small, 264, 0, 1, "pcef.bench.realm", 16);
-    __mv_diam_add_string_avp(small, 296, 0, 1, "bench.realm", 11);
-    __mv_diam_add_string_avp(small, 283, 0, 1, "bench.realm", 11);
-    __mv_diam_add_uint32_avp(small, 416, 0, 1, 1);
-    __mv_diam_add_uint32_avp(small, 415, 0, 1, 0);
+    requestAvps(small, benchPeer());
     int n = __mv_diam_encodeMessage(small, req, sizeof req);
     __mv_diam_freeMessage2(small);
     std::atomic<long> got{0};

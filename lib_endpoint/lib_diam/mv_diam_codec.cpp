@@ -538,29 +538,28 @@ MV_DiamAvp* __mv_diam_find_avp_in_group(uint32_t code, int index, const MV_DiamA
     return avp && index >= 0 ? nth(avp->GroupHead, code, index) : nullptr;
 }
 
-int __mv_diam_get_uint32_avp_value(const MV_DiamMessage* msg, uint32_t code, uint32_t* value) {
+namespace {
+// The value of the first top-level AVP of code when it has the type that field belongs to.
+template <class T, class F>
+int valueOf(const MV_DiamMessage* msg, uint32_t code, uint8_t type, F MV_DiamAvp::*field, T* value) {
     MV_DiamAvp* a = __mv_diam_find_avp(code, 0, msg);
-    if (!a || a->DataType != MV_DIAM_TYPE_UINT32 || !value) return 0;
-    *value = a->usIntVal;
+    if (!a || a->DataType != type || !value) return 0;
+    *value = T(a->*field);
     return 1;
+}
+}  // namespace
+
+int __mv_diam_get_uint32_avp_value(const MV_DiamMessage* msg, uint32_t code, uint32_t* value) {
+    return valueOf(msg, code, MV_DIAM_TYPE_UINT32, &MV_DiamAvp::usIntVal, value);
 }
 int __mv_diam_get_int32_avp_value(const MV_DiamMessage* msg, uint32_t code, int32_t* value) {
-    MV_DiamAvp* a = __mv_diam_find_avp(code, 0, msg);
-    if (!a || a->DataType != MV_DIAM_TYPE_INT32 || !value) return 0;
-    *value = a->intVal;
-    return 1;
+    return valueOf(msg, code, MV_DIAM_TYPE_INT32, &MV_DiamAvp::intVal, value);
 }
 int __mv_diam_get_uint64_avp_value(const MV_DiamMessage* msg, uint32_t code, uint64_t* value) {
-    MV_DiamAvp* a = __mv_diam_find_avp(code, 0, msg);
-    if (!a || a->DataType != MV_DIAM_TYPE_UINT64 || !value) return 0;
-    *value = a->usInt64Val;
-    return 1;
+    return valueOf(msg, code, MV_DIAM_TYPE_UINT64, &MV_DiamAvp::usInt64Val, value);
 }
 int __mv_diam_get_int64_avp_value(const MV_DiamMessage* msg, uint32_t code, int64_t* value) {
-    MV_DiamAvp* a = __mv_diam_find_avp(code, 0, msg);
-    if (!a || a->DataType != MV_DIAM_TYPE_INT64 || !value) return 0;
-    *value = a->int64Val;
-    return 1;
+    return valueOf(msg, code, MV_DIAM_TYPE_INT64, &MV_DiamAvp::int64Val, value);
 }
 int __mv_diam_get_string_avp_value(const MV_DiamMessage* msg, uint32_t code, const uint8_t** value, uint32_t* len) {
     MV_DiamAvp* a = __mv_diam_find_avp(code, 0, msg);

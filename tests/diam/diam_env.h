@@ -16,8 +16,8 @@
 #include <string>
 #include <vector>
 
+#include "diam_msgs.h"
 #include "ks_test_util.h"
-#include "mv_diam.h"
 
 namespace ksd {
 

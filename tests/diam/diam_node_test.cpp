@@ -21,19 +21,7 @@ ksd::Recorder* recorder = nullptr;
 // On the host: Gx requests are answered 2001. On the peer: answers are tracked to their object.
 void onGx(MV_DiamMessage* msg) {
     if (__mv_diam_get_cmdflags(msg) & MV_DIAM_FLAG_REQUEST) {
-        MV_DiamMessage* a = __mv_diam_create_answer(msg);
-        MV_DiamNode* host = msg->srcDiamNode->hostNode;
-        const uint8_t* sid;
-        uint32_t n;
-        if (__mv_diam_get_string_avp_value(msg, 263, &sid, &n)) __mv_diam_add_string_avp(a, 263, 0, 1, sid, n);
-        __mv_diam_add_uint32_avp(a, 268, 0, 1, DIAMETER_SUCCESS);
-        __mv_diam_add_host_name(a, host);
-        __mv_diam_add_host_realm(a, host);
-        __mv_diam_add_uint32_avp(a, 258, 0, 1, ksd::kGx);
-        __mv_diam_add_uint32_avp(a, 416, 0, 1, 1);
-        __mv_diam_add_uint32_avp(a, 415, 0, 1, 0);
-        __mv_diam_send_answer(msg, a);
-        __mv_diam_freeMessage2(a);
+        ksd::answer2001(msg);
     } else {
         ksd::Seen s{__mv_diam_get_cmdcode(msg), __mv_diam_get_applicationid(msg), ntohl(__mv_diam_get_e2eid(msg)),
                     __mv_diam_get_result_code(msg), __mv_diam_get_cmdflags(msg), __mv_diam_answer_object(msg)};
@@ -42,19 +30,7 @@ void onGx(MV_DiamMessage* msg) {
     __mv_diam_freeMessage2(msg);
 }
 
-MV_DiamMessage* ccr(MV_DiamNode* host, MV_DiamNode* peer, uint32_t app, void* ue) {
-    MV_DiamMessage* m = __mv_diam_create_request3(272, app, ue, nullptr, 0);
-    char sid[MV_DIAM_SESSIONID_SIZE];
-    __mv_diam_add_string_avp(m, 263, 0, 1, sid, uint32_t(__mv_diam_generate_sessionid2(sid, host)));
-    __mv_diam_add_host_name(m, host);
-    __mv_diam_add_host_realm(m, host);
-    __mv_diam_add_peer_realm(m, peer);
-    __mv_diam_add_peer_name(m, peer);
-    __mv_diam_add_uint32_avp(m, 258, 0, 1, app);
-    __mv_diam_add_uint32_avp(m, 416, 0, 1, 1);
-    __mv_diam_add_uint32_avp(m, 415, 0, 1, 0);
-    return m;
-}
+using ksd::ccr;
 
 // ---------------------------------------------------------------- hand-made ends
 

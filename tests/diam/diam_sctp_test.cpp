@@ -26,18 +26,7 @@ void onGxAnswer(MV_DiamMessage* msg) {
     __mv_diam_freeMessage2(msg);
 }
 
-MV_DiamMessage* ccr(MV_DiamNode* host, MV_DiamNode* peer, uint32_t app, void* ue) {
-    MV_DiamMessage* m = __mv_diam_create_request3(272, app, ue, nullptr, 0);
-    char sid[MV_DIAM_SESSIONID_SIZE];
-    __mv_diam_add_string_avp(m, 263, 0, 1, sid, uint32_t(__mv_diam_generate_sessionid2(sid, host)));
-    __mv_diam_add_host_name(m, host);
-    __mv_diam_add_host_realm(m, host);
-    __mv_diam_add_peer_realm(m, peer);
-    __mv_diam_add_uint32_avp(m, 258, 0, 1, app);
-    __mv_diam_add_uint32_avp(m, 416, 0, 1, 1);
-    __mv_diam_add_uint32_avp(m, 415, 0, 1, 0);
-    return m;
-}
+using ksd::ccr;
 
 TEST(DiamSctp, TheWholeExchangeWithASecondNodeInAnotherNamespace) {
     REQUIRE_NETNS();

@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "mv_diam.h"
+#include "diam_msgs.h"
 
 namespace {
 
@@ -34,21 +34,10 @@ void say(const char* fmt, ...) {
 }
 
 void onGx(MV_DiamMessage* msg) {
-    if (__mv_diam_get_cmdflags(msg) & MV_DIAM_FLAG_REQUEST) {
-        MV_DiamNode* host = msg->srcDiamNode->hostNode;
-        MV_DiamMessage* a = __mv_diam_create_answer(msg);
-        const uint8_t* sid;
-        uint32_t n;
-        if (__mv_diam_get_string_avp_value(msg, 263, &sid, &n)) __mv_diam_add_string_avp(a, 263, 0, 1, sid, n);
-        __mv_diam_add_uint32_avp(a, 268, 0, 1, DIAMETER_SUCCESS);
-        __mv_diam_add_host_name(a, host);
-        __mv_diam_add_host_realm(a, host);
-        __mv_diam_add_uint32_avp(a, 258, 0, 1, __mv_diam_get_applicationid(msg));
-        __mv_diam_send_answer(msg, a);
-        __mv_diam_freeMessage2(a);
-    } else {
+    if (__mv_diam_get_cmdflags(msg) & MV_DIAM_FLAG_REQUEST)
+        ksd::answer2001(msg);
+    else
         say("ANSWER cmd=%u result=%u", __mv_diam_get_cmdcode(msg), __mv_diam_get_result_code(msg));
-    }
     __mv_diam_freeMessage2(msg);
 }
 

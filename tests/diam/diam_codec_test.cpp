@@ -377,17 +377,8 @@ TEST(DiamCodec, RequestsWithEveryDataTypeAndBuiltAnswersDissectClean) {
     // A credit-control request with AVPs of all six types, as tshark's dictionary knows them.
     MV_DiamNode* host = __mv_diam_new_node("ws", "ks.ws.realm", "ws.realm");
     MV_DiamNode* peer = __mv_diam_new_node("wsp", "ocs.ws.realm", "ws.realm");
-    MV_DiamMessage* m = __mv_diam_create_request(272, 4);
-    char sid[MV_DIAM_SESSIONID_SIZE];
-    __mv_diam_add_string_avp(m, 263, 0, 1, sid, uint32_t(__mv_diam_generate_sessionid2(sid, host)));
-    __mv_diam_add_host_name(m, host);
-    __mv_diam_add_host_realm(m, host);
-    __mv_diam_add_peer_realm(m, peer);
-    __mv_diam_add_peer_name(m, peer);
-    __mv_diam_add_uint32_avp(m, 258, 0, 1, 4);
+    MV_DiamMessage* m = ksd::ccr(host, peer, 4, nullptr);
     __mv_diam_add_string_avp(m, 461, 0, 1, "32251@3gpp.org", 14);
-    __mv_diam_add_uint32_avp(m, 416, 0, 1, 1);
-    __mv_diam_add_uint32_avp(m, 415, 0, 1, 0);
     __mv_diam_add_time_avp(m, 55, 0, 1, 0);
     MV_DiamAvp* rsu = __mv_diam_add_grouped_avp(m, 437, 0, 1);
     MV_DiamAvp* money = __mv_diam_add_grouped_avp_toavp(rsu, 413, 0, 1);
@@ -416,6 +407,7 @@ TEST(DiamCodec, RequestsWithEveryDataTypeAndBuiltAnswersDissectClean) {
     host->sIPCount = 1;
     __mv_diam_create_cer_request(cer, host, nullptr);
     EXPECT_EQ(ksd::wsdecode("diameter " + ccr + " " + ksd::encodeHex(s6a) + " " + ksd::encodeHex(cer)), "");
+    __mv_diam_create__request3__clear_timer(m);
     for (MV_DiamMessage* x : {m, s6a, cer}) __mv_diam_freeMessage2(x);
 }
 

@@ -16,6 +16,7 @@ ctl="$build/tools/kestranectl/kestranectl"
 
 mkdir -p "$run"
 [ -d "$run/data" ] || cp -r "$top/config/data" "$run/data"
+[ -d "$run/resources" ] || cp -r "$top/config/resources" "$run/resources"
 cd "$run"
 "$build/lib_networkNode/kestrane" "$top/config/kestrane.json" >engine.out 2>&1 &
 pid=$!

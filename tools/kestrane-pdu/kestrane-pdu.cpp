@@ -24,7 +24,10 @@ int usage() {
             "usage: kestrane-pdu decode ngap|s1ap|pfcp|nas5g|naseps [--json] [HEX | -f FILE | -]\n"
             "       kestrane-pdu recode ngap|s1ap|pfcp [HEX | -f FILE | -]\n"
             "       kestrane-pdu encode ngap|s1ap|pfcp [JSON | -f FILE | -]\n"
+            "       kestrane-pdu decode|recode diameter [--json] [--dict FILE] [HEX | -f FILE | -]\n"
+            "       kestrane-pdu encode diameter [--dict FILE] [JSON | -f FILE | -]\n"
             "A PFCP message is a whole datagram, header included.\n"
+            "A Diameter dictionary file (the engine's format) types the AVPs of its applications.\n"
             "A protected NAS message is read past its security header as if it were not ciphered.\n"
             "HEX may hold blanks, ':' and a leading 0x; '-' or no HEX reads standard input.\n"
             "JSON is the form decode --json prints.\n");
@@ -211,11 +214,14 @@ int encode(const MvAsnPdu* table, unsigned count, const std::string& text) {
 
 }  // namespace
 
+int kpduDiameter(const std::string& cmd, bool json, const std::vector<uint8_t>& bytes, const std::string& text,
+                 const std::string& dict);
+
 int main(int argc, char** argv) {
     if (argc < 3) return usage();
     std::string cmd = argv[1], proto = argv[2];
     bool json = false;
-    std::string inputText, file;
+    std::string inputText, file, dict;
     bool haveInput = false;
     for (int i = 3; i < argc; i++) {
         std::string a = argv[i];
@@ -223,6 +229,8 @@ int main(int argc, char** argv) {
             json = true;
         else if (a == "-f" && i + 1 < argc)
             file = argv[++i];
+        else if (a == "--dict" && i + 1 < argc)
+            dict = argv[++i];
         else if (a == "-")
             haveInput = false;
         else {
@@ -231,8 +239,9 @@ int main(int argc, char** argv) {
         }
     }
     bool nas = proto == "nas5g" || proto == "naseps";
+    bool diameter = proto == "diameter";
     if ((cmd != "decode" && cmd != "recode" && cmd != "encode") ||
-        (proto != "ngap" && proto != "s1ap" && proto != "pfcp" && !nas) ||
+        (proto != "ngap" && proto != "s1ap" && proto != "pfcp" && !nas && !diameter) || (!dict.empty() && !diameter) ||
         (json && cmd != "decode") || (nas && cmd != "decode"))
         return usage();
     if (!file.empty()) {
@@ -250,6 +259,15 @@ int main(int argc, char** argv) {
         inputText = ss.str();
     }
     if (proto == "pfcp") return pfcp(cmd, inputText, json);
+    if (diameter) {
+        std::vector<uint8_t> bytes;
+        std::string err;
+        if (cmd != "encode" && !parseHex(inputText, bytes, err)) {
+            fprintf(stderr, "kestrane-pdu: bad input: %s\n", err.c_str());
+            return 1;
+        }
+        return kpduDiameter(cmd, json, bytes, inputText, dict);
+    }
     if (nas) {
         std::vector<uint8_t> bytes;
         std::string err;

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <thread>
 
+#include "ks_rig_dir.h"
 #include "ks_test_util.h"
 #include "pfcp_node.h"
 #include "pfcp_testlib.h"
@@ -17,11 +18,7 @@ namespace {
 
 using namespace kpf;
 
-// The rig's scripts; KS_RIG_DIR names another place.
-const char* rigDir() {
-    const char* d = getenv("KS_RIG_DIR");
-    return d && *d ? d : "/work/shared/peers/core";
-}
+using kst::rigDir;
 const char* const kEngineIp = "10.200.0.1";
 const char* const kUpfIp = "10.200.0.2";
 

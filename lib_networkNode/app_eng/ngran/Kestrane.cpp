@@ -206,9 +206,17 @@ sigset_t endingSignals() {
     return set;
 }
 
+void unblockEndingSignals() {
+    sigset_t set = endingSignals();
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+}
+
 void blockEndingSignals() {
     sigset_t set = endingSignals();
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    // A program started from here (a capture, a helper) gets them as any process does.
+    static std::once_flag once;
+    std::call_once(once, [] { pthread_atfork(nullptr, nullptr, unblockEndingSignals); });
 }
 
 // Logging and ending connections are not safe in a signal handler; this thread may.

@@ -68,13 +68,17 @@ void setConnectedOptions(MV_Socket* s, int fd) {
                    strerror(errno), errno, fd);
 }
 
-void releaseWaitingBuffers(MV_Socket* s) {
-    std::lock_guard g(s->BufferLock);
-    for (MV_SocketBuffer* b = s->BufferHead; b;) {
+void releaseChain(MV_SocketBuffer* b) {
+    while (b) {
         MV_SocketBuffer* next = b->Next;
         __mv_socket_engine_release_socket_buffer(b);
         b = next;
     }
+}
+
+void releaseWaitingBuffers(MV_Socket* s) {
+    std::lock_guard g(s->BufferLock);
+    releaseChain(s->BufferHead);
     s->BufferHead = s->BufferCurrent = nullptr;
     s->BufferLength = 0;
     s->BufferPacketCount = 0;
@@ -82,11 +86,7 @@ void releaseWaitingBuffers(MV_Socket* s) {
 
 // Under OutboundLock.
 void dropOutbound(MV_Socket* s) {
-    for (MV_SocketBuffer* b = s->OutboundHead; b;) {
-        MV_SocketBuffer* next = b->Next;
-        __mv_socket_engine_release_socket_buffer(b);
-        b = next;
-    }
+    releaseChain(s->OutboundHead);
     s->OutboundHead = s->OutboundTail = nullptr;
     s->OutboundBytes = 0;
 }

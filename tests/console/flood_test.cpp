@@ -192,13 +192,21 @@ std::string drainFlooder(RawConsole& f, uint32_t base, uint32_t count) {
     return f.read(1, 200).empty() ? "" : "an answer too many";
 }
 
-TEST(ConsoleFlood, ASilentFlooderStallsNeitherOtherConsolesNorStepTimers) {
-    Engine e(R"("LogLevel": {"COMMON": 5, "STACK": 4})");
-    ASSERT_TRUE(e.waitForConsole()) << e.out();
-    RawConsole f(e.host, e.port, 4096);
-    ASSERT_TRUE(f.ok());
-    uint32_t flooded = floodUntilBacklog(e, f, 1);
-    ASSERT_GT(flooded, 0u) << "the engine never held the flooder's answers";
+// An engine logging what the flood needs, and a flooder whose answers wait in it.
+class ConsoleUnderFlood : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(e.waitForConsole()) << e.out();
+        ASSERT_TRUE(f.ok());
+        flooded = floodUntilBacklog(e, f, 1);
+        ASSERT_GT(flooded, 0u) << "the engine never held the flooder's answers";
+    }
+    Engine e{R"("LogLevel": {"COMMON": 5, "STACK": 4})"};
+    RawConsole f{e.host, e.port, 4096};
+    uint32_t flooded = 0;
+};
+
+TEST_F(ConsoleUnderFlood, ASilentFlooderStallsNeitherOtherConsolesNorStepTimers) {
 
     // Answered while the flooder's answers wait in the engine.
     EXPECT_TRUE(e.ping(7)) << "a ping of another console";
@@ -254,13 +262,7 @@ TEST(ConsoleFlood, AnswersOfAClosedFlooderNeverReachTheNextConsole) {
 
 // A thousand consoles close with answers still due while the next ones connect, and a
 // flooder holds its backlog all along: every console gets its own answers only.
-TEST(ConsoleFlood, AThousandConnectCloseCyclesUnderAFloodGetOnlyTheirOwnAnswers) {
-    Engine e(R"("LogLevel": {"COMMON": 5, "STACK": 4})");
-    ASSERT_TRUE(e.waitForConsole()) << e.out();
-    RawConsole f(e.host, e.port, 4096);
-    ASSERT_TRUE(f.ok());
-    uint32_t flooded = floodUntilBacklog(e, f, 1);
-    ASSERT_GT(flooded, 0u) << "the engine never held the flooder's answers";
+TEST_F(ConsoleUnderFlood, AThousandConnectCloseCyclesUnderAFloodGetOnlyTheirOwnAnswers) {
 
     std::atomic<int> wrong{0}, lost{0};
     std::string firstWrong;

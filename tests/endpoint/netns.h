@@ -21,6 +21,8 @@
 #include <thread>
 #include <vector>
 
+#include "ks_test_util.h"
+
 namespace kse {
 
 struct Netns {
@@ -180,9 +182,7 @@ public:
             execlp("tshark", "tshark", "-i", iface, "-f", filter, "-w", path.c_str(), nullptr);
             _exit(127);
         }
-        auto end = std::chrono::steady_clock::now() + std::chrono::seconds(15);
-        while (std::chrono::steady_clock::now() < end && !(ok_ = readAll(err).find("Capturing on") != std::string::npos))
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        ok_ = kst::waitFor([&] { return kst::readFile(err).find("Capturing on") != std::string::npos; }, 15);
         // The line comes a little before packets are really taken.
         if (ok_) std::this_thread::sleep_for(std::chrono::seconds(1));
     }
@@ -206,21 +206,11 @@ public:
         std::string cmd = "tshark -r " + path_ + " -o sctp.checksum:CRC-32C -T fields -E separator='|' " + fieldArgs +
                           " > " + out + " 2>/dev/null";
         if (system(cmd.c_str()) != 0) return "";
-        return readAll(out);
+        return kst::readFile(out);
     }
     static bool present() { return system("tshark -v >/dev/null 2>&1") == 0; }
 
 private:
-    static std::string readAll(const std::string& path) {
-        std::string text;
-        if (FILE* f = fopen(path.c_str(), "r")) {
-            char buf[4096];
-            size_t n;
-            while ((n = fread(buf, 1, sizeof buf, f)) > 0) text.append(buf, n);
-            fclose(f);
-        }
-        return text;
-    }
     std::string path_;
     pid_t pid_ = -1;
     bool ok_ = false;

@@ -13,6 +13,7 @@
 #include <sys/socket.h>
 
 #include <atomic>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
@@ -197,12 +198,14 @@ class ConsoleUnderFlood : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_TRUE(e.waitForConsole()) << e.out();
-        ASSERT_TRUE(f.ok());
-        flooded = floodUntilBacklog(e, f, 1);
+        flooder = std::make_unique<RawConsole>(e.host, e.port, 4096);
+        ASSERT_TRUE(f().ok());
+        flooded = floodUntilBacklog(e, f(), 1);
         ASSERT_GT(flooded, 0u) << "the engine never held the flooder's answers";
     }
+    RawConsole& f() { return *flooder; }
     Engine e{R"("LogLevel": {"COMMON": 5, "STACK": 4})"};
-    RawConsole f{e.host, e.port, 4096};
+    std::unique_ptr<RawConsole> flooder;  // connects once the console listens
     uint32_t flooded = 0;
 };
 
@@ -219,11 +222,11 @@ TEST_F(ConsoleUnderFlood, ASilentFlooderStallsNeitherOtherConsolesNorStepTimers)
     EXPECT_TRUE(kst::waitFor([&] { return e.log("cmn").find("Completed TestId=1") != std::string::npos; }, 30))
         << "the test's step timers never fired";
     ASSERT_EQ(c.call(VELTA_UEC_MSG_TYP__PING_REQUEST, {}, a, 5000), ksuec::Ok);
-    EXPECT_FALSE(e.sentBacklogOf(f)) << "all of this happened while the flooder held its backlog";
+    EXPECT_FALSE(e.sentBacklogOf(f())) << "all of this happened while the flooder held its backlog";
 
     // Nothing of the flood was lost or went elsewhere.
-    EXPECT_EQ(drainFlooder(f, 1, flooded), "");
-    EXPECT_TRUE(kst::waitFor([&] { return e.sentBacklogOf(f); }, 10));
+    EXPECT_EQ(drainFlooder(f(), 1, flooded), "");
+    EXPECT_TRUE(kst::waitFor([&] { return e.sentBacklogOf(f()); }, 10));
     EXPECT_TRUE(e.running());
 }
 
@@ -309,8 +312,8 @@ TEST_F(ConsoleUnderFlood, AThousandConnectCloseCyclesUnderAFloodGetOnlyTheirOwnA
     t2.join();
     EXPECT_EQ(wrong.load(), 0) << firstWrong;
     EXPECT_EQ(lost.load(), 0) << "every console connected and was answered";
-    EXPECT_FALSE(e.sentBacklogOf(f)) << "the flooder held its backlog all along";
-    EXPECT_EQ(drainFlooder(f, 1, flooded), "");
+    EXPECT_FALSE(e.sentBacklogOf(f())) << "the flooder held its backlog all along";
+    EXPECT_EQ(drainFlooder(f(), 1, flooded), "");
 }
 
 TEST(ConsoleFlood, AConsolePastItsUnsentBoundIsDroppedWithALogLineAndACount) {

@@ -64,6 +64,13 @@ std::string levelAt(const std::string& text, size_t pos) {
     return text.substr(start == std::string::npos ? 0 : start + 1, 3);
 }
 
+// An engine of these tests leaves no sanitizer report behind.
+void expectCleanRun(const kst::EngineChild& e) {
+    std::string o = e.out();
+    EXPECT_EQ(o.find("Sanitizer"), std::string::npos) << o.substr(0, 4000);
+    EXPECT_EQ(o.find("runtime error:"), std::string::npos) << o.substr(0, 4000);
+}
+
 std::vector<std::string> split(const std::string& text, char sep) {
     std::vector<std::string> out;
     std::string cur;
@@ -140,6 +147,7 @@ TEST(EngineOnTheWire, SigtermAbortsEveryAssociationAndALocalAddressNotOnTheHostN
     EXPECT_GE(inits, 3);
     EXPECT_EQ(strayInit, "") << "an INIT that is not from the engine's one address";
     EXPECT_EQ(aborts, 3);
+    expectCleanRun(e);
     kst::removeTree(scratch);
 }
 
@@ -170,6 +178,7 @@ TEST(EngineOnTheWire, NoLocalAddressIsLoggedAtTheFirstConnectAndSigintEndsCleanl
         EXPECT_NE(e.log(channel).find("Received signal=2 exiting"), std::string::npos) << channel;
     std::string out = e.out();
     EXPECT_EQ(out.find(reason), std::string::npos) << "the reason is in the log, not on stdout";
+    expectCleanRun(e);
 }
 
 }  // namespace

@@ -54,6 +54,8 @@ bool __mv_socket_engine___ending();
 // The level for a connect failure of this reason: critical the first time in a row,
 // error when it repeats; 0 clears it after a success.
 int __mv_socket_engine___connect_fail_level(MV_Socket* s, int reason);
+// Attaches the TCP connection of that generation to an epoll thread, unless it has ended.
+void __mv_socket_engine___attach_to_epoll(MV_Socket* s, int genId);
 // Drains a TCP socket's waiting bytes (its epoll thread, on EPOLLOUT).
 void __mv_socket_engine___tcp_drain(MV_Socket* s);
 // The sends behind __mv_socket_engine_send_on_connection; genId -1 is whatever connection

@@ -280,6 +280,7 @@ int tcpRead(MV_Socket* s) {
 
 int tcpAccept(MV_Socket* parent, int connFd, sockaddr_storage* peer, socklen_t peerLen) {
     MV_Socket* child;
+    int gen;
     {
         std::lock_guard g(parent->ChildLock);
         child = __mv_socket_engine___take_child(parent);
@@ -303,8 +304,9 @@ int tcpAccept(MV_Socket* parent, int connFd, sockaddr_storage* peer, socklen_t p
         child->MaxOutboundBytes = parent->MaxOutboundBytes;
         __mv_socket_engine___set_tcp_operations(child);
         __mv_socket_engine___hand_child_over(parent, child, connFd, false);
+        gen = child->GenId;
     }
-    if (!child->StateFull) __mv_socket_engine_attach_to_epoll(child);
+    if (!child->StateFull) __mv_socket_engine___attach_to_epoll(child, gen);
     return 1;
 }
 
@@ -341,8 +343,16 @@ void __mv_socket_engine_start() {
 }
 
 void __mv_socket_engine_attach_to_epoll(MV_Socket* siSocket) {
+    __mv_socket_engine___attach_to_epoll(siSocket, siSocket->GenId);
+}
+
+void __mv_socket_engine___attach_to_epoll(MV_Socket* siSocket, int genId) {
     auto* e = __mv_socketEngine;
+    // The connection may close, and its number go to another socket, before it is
+    // attached: under FdLock a closed or later connection is left alone.
+    std::shared_lock f(siSocket->FdLock);
     int fd = siSocket->fd;
+    if (fd < 0 || siSocket->GenId != genId) return;
     MV_SocketThread* chosen = nullptr;
     std::lock_guard g(e->ThreadLock);
     int threads = 0;
@@ -466,6 +476,7 @@ MV_Socket* __mv_socket_engine_create_client_socket2(const char* ip, int ipversio
 
 int __mv_socket_engine_tcp_connect_socket(MV_Socket* siSocket) {
     MV_Socket* s = siSocket;
+    int gen;
     {
         std::lock_guard g(s->ConnectLock);
         if (s->isConnected) return 1;
@@ -528,8 +539,9 @@ int __mv_socket_engine_tcp_connect_socket(MV_Socket* siSocket) {
         s->isFree = 0;
         s->isActive = 1;
         s->isConnected = 1;
+        gen = s->GenId;
     }
-    if (!s->StateFull) __mv_socket_engine_attach_to_epoll(s);
+    if (!s->StateFull) __mv_socket_engine___attach_to_epoll(s, gen);
     return 1;
 }
 

@@ -56,6 +56,8 @@ MV_Socket* startTcpServer(int port) {
     srv->OnClose = onClose;
     srv->OnBufferReceive = onTcpData;
     EXPECT_EQ(__mv_socket_engine_start_server_socket(srv), 1);
+    // The start waits a moment for the listener; on a loaded machine that may not be enough.
+    EXPECT_TRUE(kst::waitFor([&] { return srv->isActive == 1; }, 10));
     return srv;
 }
 

@@ -75,6 +75,9 @@ struct MV_SctpBackend {
     ssize_t (*Send)(int fd, const void* buf, size_t len, uint16_t stream, uint32_t ppidNet, int flags);
     int (*Shutdown)(int fd, int how);
     int (*Close)(int fd);
+    // Ends the association with an ABORT at once (the descriptor stays open); for the
+    // end of the process, where no SHUTDOWN handshake can finish.
+    int (*Abort)(int fd);
     // The local addresses of the association (or of the socket before it has one).
     int (*LocalAddresses)(int fd, struct sockaddr_storage* out, int max);
 };

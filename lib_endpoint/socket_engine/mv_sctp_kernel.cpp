@@ -127,6 +127,13 @@ int kShutdown(int fd, int how) { return shutdown(fd, how); }
 
 int kClose(int fd) { return close(fd); }
 
+// A one-to-one socket takes no SCTP_ABORT flag; a zero linger makes the close that ends
+// the process abort the association instead of shutting it down.
+int kAbort(int fd) {
+    linger lg{1, 0};
+    return setsockopt(fd, SOL_SOCKET, SO_LINGER, &lg, sizeof lg);
+}
+
 int kLocalAddresses(int fd, sockaddr_storage* out, int max) {
     sockaddr* addrs = nullptr;
     int n = sctp_getladdrs(fd, 0, &addrs);
@@ -140,7 +147,7 @@ constexpr MV_SctpBackend kKernel = {
     "kernel",      MV_SctpBackendKind::Kernel, kSocket,        kBindX,         kListen,
     kAccept,       kConnectX,                  kSetReuseAddr,  kSetInitMsg,    kSetEvents,
     kSetNoDelay,   kSetNonBlocking,            kGetStatus,     kSetHeartbeat,  kRecvMsg,
-    kSend,         kShutdown,                  kClose,         kLocalAddresses,
+    kSend,         kShutdown,                  kClose,         kAbort,         kLocalAddresses,
 };
 
 }  // namespace

@@ -363,6 +363,23 @@ int uClose(int fd) {
     return 0;
 }
 
+// An explicit ABORT, sent now on this thread; a zero linger too, so that a close
+// still to come cannot start a SHUTDOWN instead.
+int uAbort(int fd) {
+    Ref r(fd);
+    if (!r) return -1;
+    linger lg{1, 0};
+    setOpt(r->so, SOL_SOCKET, SO_LINGER, &lg, sizeof lg);
+    sctp_sndinfo si{};
+    si.snd_flags = SCTP_ABORT;
+    static const char none = 0;  // the stack wants a buffer even for no bytes
+    ssize_t n = usrsctp_sendv(r->so, &none, 0, nullptr, 0, &si, sizeof si, SCTP_SENDV_SNDINFO, MSG_DONTWAIT);
+    if (n < 0)
+        __mv_log(MV_STK_LOG, LOG_CAT_CORE, MV_LOG_ERROR, "sctp abort on fd=%d failed errno=%d (%s) %s|%s|%d", fd, errno,
+                 strerror(errno), __FILE_NAME__, __func__, __LINE__);
+    return n < 0 ? -1 : 0;
+}
+
 int uLocalAddresses(int fd, sockaddr_storage* out, int max) {
     Ref r(fd);
     if (!r) return -1;
@@ -378,7 +395,7 @@ constexpr MV_SctpBackend kUser = {
     "userspace",   MV_SctpBackendKind::Userspace, uSocket,       uBindX,         uListen,
     uAccept,       uConnectX,                     uSetReuseAddr, uSetInitMsg,    uSetEvents,
     uSetNoDelay,   uSetNonBlocking,               uGetStatus,    uSetHeartbeat,  uRecvMsg,
-    uSend,         uShutdown,                     uClose,        uLocalAddresses,
+    uSend,         uShutdown,                     uClose,        uAbort,         uLocalAddresses,
 };
 
 std::once_flag startOnce;

@@ -8,9 +8,11 @@
 #include <unistd.h>
 
 #include <condition_variable>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <shared_mutex>
 #include <vector>
 
 #include "mv_fifo.h"
@@ -22,6 +24,7 @@ namespace {
 
 std::once_flag initOnce;
 std::atomic<int> socketIds{0};
+std::atomic<bool> ending{false};
 std::atomic<fn_mv_is_ip_allowed> isIpAllowed{nullptr};
 
 // Threads wait on these until the process ends, so they are never destroyed:
@@ -88,6 +91,7 @@ void* reconnectThread(void*) {
             wake().cv.wait_for(lk, std::chrono::microseconds(3 * 999999), [] { return wake().pending; });
             wake().pending = false;
         }
+        if (ending) continue;
         long now = __mv_core_get_server_timer_tick();
         std::vector<MV_Socket*> due;
         {
@@ -224,13 +228,17 @@ void __mv_socket_engine___hand_child_over(MV_Socket* parent, MV_Socket* child, i
     child->OnBufferReceive = nullptr;
     child->OnClose = nullptr;
     child->OnConnected = nullptr;
-    child->fd = connFd;
+    {
+        // The descriptor and its generation change together: a sender of the record's
+        // last connection sees either its own pair or the new one, and refuses the new one.
+        std::unique_lock f(child->FdLock);
+        child->fd = connFd;
+        ++child->GenId;
+    }
     if (parent->OnAccept) parent->OnAccept(child, parent);
     if (!child->OnBufferReceive) child->OnBufferReceive = parent->OnBufferReceive;
     if (!child->OnClose) child->OnClose = parent->OnClose;
     if (copyOnConnected && !child->OnConnected) child->OnConnected = parent->OnConnected;
-    // GenId before isActive: whoever sees the child active sees its new generation.
-    ++child->GenId;
     child->isFree = 0;
     child->isActive = 1;
     child->isConnected = 1;
@@ -239,12 +247,13 @@ void __mv_socket_engine___hand_child_over(MV_Socket* parent, MV_Socket* child, i
 int __mv_socket_engine___server_descriptor(MV_Socket* s, int type, const char* kind, const char* reuseKind) {
     int fd = socket(s->IPVersion == 6 ? AF_INET6 : AF_INET, type | SOCK_CLOEXEC, 0);
     if (fd < 0) {
-        printf("%s Host Server Socket Creation Failed (Host Process) for Port=%d\n", kind, int(s->IPPort));
+        __mv_socket_engine___startup_fault("%s Host Server Socket Creation Failed (Host Process) for Port=%d\n", kind,
+                                           int(s->IPPort));
         exit(0);
     }
     int on = 1;
     if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0) {
-        printf("%s setsockopt SO_REUSEADDR failed", reuseKind);
+        __mv_socket_engine___startup_fault("%s setsockopt SO_REUSEADDR failed", reuseKind);
         exit(0);
     }
     return fd;
@@ -352,6 +361,8 @@ void __mv_socket_engine_print_stats() {
     }
     __mv_log(MV_PER_LOG, LOG_CAT_CORE, MV_LOG_CRITICAL, "Socket: TotalSocketsCount=%d SocketClosedCount=%d",
              e->TotalSocketsCount.load(), e->SocketClosedCount.load());
+    __mv_log(MV_PER_LOG, LOG_CAT_CORE, MV_LOG_CRITICAL, "Socket: OutboundLimitCloseCount=%d",
+             e->OutboundLimitCloseCount.load());
     __mv__per_log_pending_queuecount("SCTP ", e->queueSctpSocketBufferPoolObject);
     std::vector<MV_Socket*> all;
     {
@@ -428,6 +439,72 @@ bool __mv_socket_engine___make_addr(const char* ip, int version, int port, socka
     if (ip && *ip && inet_pton(AF_INET, ip, &a4->sin_addr) != 1) return false;
     *len = sizeof(sockaddr_in);
     return true;
+}
+
+bool __mv_socket_engine___ending() { return ending.load(); }
+
+void __mv_socket_engine___startup_fault(const char* fmt, ...) {
+    char text[600];
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(text, sizeof text, fmt, ap);
+    va_end(ap);
+    fputs(text, stdout);
+    fflush(stdout);
+    size_t n = strlen(text);
+    while (n && text[n - 1] == '\n') text[--n] = 0;
+    __mv_log(MV_STK_LOG, LOG_CAT_CORE, MV_LOG_CRITICAL, "%s", text);
+}
+
+int __mv_socket_engine___connect_fail_level(MV_Socket* s, int reason) {
+    int last = s->LastConnectError.exchange(reason);
+    return last == reason ? MV_LOG_ERROR : MV_LOG_CRITICAL;
+}
+
+int __mv_socket_engine_get_generation(MV_Socket* siSocket) { return siSocket ? siSocket->GenId.load() : -1; }
+
+int __mv_socket_engine_send_on_connection(MV_Socket* siSocket, int genId, const void* buff, int len) {
+    if (!siSocket || genId < 0) return -1;
+    switch (siSocket->TransportType) {
+    case MV_TRANSPORT_TCP: return __mv_socket_engine___tcp_send(siSocket, genId, buff, len);
+    case MV_TRANSPORT_SCTP: return __mv_socket_engine___sctp_send_gen(siSocket, genId, buff, len);
+    case MV_TRANSPORT_UDP: return __mv_socket_engine___udp_send_gen(siSocket, genId, buff, len);
+    default: return -1;
+    }
+}
+
+int __mv_socket_engine_close_connection(MV_Socket* siSocket, int genId) {
+    if (!siSocket || genId < 0) return -1;
+    if (siSocket->TransportType == MV_TRANSPORT_TCP) return __mv_socket_engine___tcp_close(siSocket, genId);
+    // SCTP and UDP records change their descriptor only under FdLock, with the generation.
+    {
+        std::shared_lock f(siSocket->FdLock);
+        if (siSocket->GenId != genId) return 0;
+    }
+    return siSocket->Close ? siSocket->Close(siSocket) : -1;
+}
+
+int __mv_socket_engine_abort_all() {
+    auto* e = __mv_socketEngine;
+    if (!e) return 0;
+    // First, so that a connect finishing meanwhile either is seen below or sees this.
+    ending = true;
+    std::vector<MV_Socket*> all;
+    {
+        std::lock_guard g(e->SocketLock);
+        for (MV_Socket* s = e->SocketHead; s; s = s->Next) all.push_back(s);
+    }
+    for (size_t i = 0, n = all.size(); i < n; ++i) {
+        std::lock_guard g(all[i]->ChildLock);
+        for (MV_Socket* c = all[i]->ChildHead; c; c = c->Next) all.push_back(c);
+    }
+    int ended = 0;
+    for (MV_Socket* s : all) {
+        if (s->isListner) continue;
+        if (s->TransportType == MV_TRANSPORT_TCP) ended += __mv_socket_engine___tcp_abort(s);
+        else if (s->TransportType == MV_TRANSPORT_SCTP) ended += __mv_socket_engine___sctp_abort(s);
+    }
+    return ended;
 }
 
 void __mv_socket_engine_socket_read_lock(MV_Socket* siSocket) { siSocket->BufferReadLock.lock(); }

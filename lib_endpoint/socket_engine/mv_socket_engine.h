@@ -171,7 +171,9 @@ struct MV_Socket {
     std::atomic<int> disableClientAutoReConnect;
     std::atomic<int> isActive;
     std::atomic<int> isFree;
-    int GenId;
+    // Changes with every descriptor a connect or an accept gives the record, together
+    // with fd under FdLock: a send or close made for one connection names it by this.
+    std::atomic<int> GenId;
     int isHost;
     std::atomic<int> isStarted;
     int TlsEnabled;
@@ -184,6 +186,18 @@ struct MV_Socket {
     MV_SocketBuffer* AyncWriteBufferHead;
     MV_SocketBuffer* AyncWriteBufferCurrent;
     MV_Mutex AsyncWriteLock;
+
+    // TCP bytes the kernel had no room for, sent in order when the socket turns writable,
+    // so that no sender waits on a peer that does not read. Past MaxOutboundBytes the
+    // connection is closed. OutboundLock is taken before FdLock.
+    MV_SocketBuffer* OutboundHead;
+    MV_SocketBuffer* OutboundTail;
+    std::atomic<long> OutboundBytes;
+    long MaxOutboundBytes;  // 0: the engine's default; accepted children take the listener's
+    MV_Mutex OutboundLock;
+    // The reason of the last failed connect logged at critical level: a reason repeats
+    // at error level only, so a client retrying every few seconds does not flood the log.
+    std::atomic<int> LastConnectError;
 
     int ai_family;
     struct sockaddr_in cli_addr;
@@ -289,6 +303,8 @@ struct __mv_socket_engine {
     std::atomic<int> PollThreadsCount;
     long TlsTotalReadContinueCount;
     long TlsTotalWriteContinueCount;
+    // TCP connections closed because their unsent bytes passed their bound.
+    std::atomic<int> OutboundLimitCloseCount;
 
     MV_Mutex SocketConnectLock;
 
@@ -431,7 +447,10 @@ int __mv_socket_engine_sctp_connect_socket(MV_Socket* siSocket);
 
 // ---------------------------------------------------------------- sending (caller's thread)
 
-// One send with MSG_NOSIGNAL; -1 if not connected. EPIPE closes the socket (OnClose on this thread).
+// Never waits: what the kernel has no room for waits on the socket and goes in order
+// when it turns writable. Returns len once all of it is sent or waiting; -1 if not
+// connected. EPIPE or ECONNRESET close the socket (OnClose on this thread), and so does
+// a backlog past the socket's bound (-1, with a log line naming the peer).
 int __mv_socket_engine_tcp_send_socket_data(MV_Socket* siSocket, const void* buff, int len, int tryCount);
 // Copies to the socket's async list, which the epoll thread empties without writing (no TLS here).
 int __mv_socket_engine_tcp_send_socket_data_aync(MV_Socket* siSocket, const void* buff, int len);
@@ -458,6 +477,25 @@ int __mv_socket_engine_sctp_send2(MV_Socket* siSocket, const void* buffer, int l
 uint16_t __mv_socket_sctp_next_streamid(int skipzero, MV_Socket* siSocket);
 void __mv_socket_engine__set_sendlock(MV_Socket* siSocket, int i);
 
+// A socket record outlives its connections: an accepted child serves the next peer, a
+// client reconnects. Whoever answers later (on a queue line, after a timer) names the
+// connection by the record and its generation at the time, and reaches nothing else.
+int __mv_socket_engine_get_generation(MV_Socket* siSocket);
+// Send (TCP, UDP; SCTP on stream 0) on the connection the record had at genId. -ESRCH,
+// with nothing sent, once that connection has ended, even if the record serves another.
+int __mv_socket_engine_send_on_connection(MV_Socket* siSocket, int genId, const void* buff, int len);
+// Close of that connection only; 0 when it had already ended.
+int __mv_socket_engine_close_connection(MV_Socket* siSocket, int genId);
+// The bound on a TCP socket's unsent bytes (0: the engine's default, 16 MiB); a
+// listener passes it to its children.
+void __mv_socket_engine__set_max_outbound_bytes(MV_Socket* siSocket, long bytes);
+long __mv_socket_engine_outbound_bytes(MV_Socket* siSocket);
+
+// At the end of the process, as a kernel does for a dying one: ABORT on every SCTP
+// association and a reset on every TCP connection, with no OnClose; from then on
+// nothing connects. Returns the number of connections ended.
+int __mv_socket_engine_abort_all();
+
 // ---------------------------------------------------------------- reading TCP data (OnBufferReceive thread)
 
 // Bytes waiting, 0 on an inactive socket.
@@ -466,6 +504,10 @@ int __mv_socket_engine_buffer_data_length(MV_Socket* siSocket);
 int __mv_socket_engine_tcp_get_sample_buffer(MV_Socket* siSocket, uint8_t* data, int length);
 // Copies and consumes up to length bytes; returns the count.
 int __mv_socket_engine_tcp_get_buffer(MV_Socket* siSocket, uint8_t* data, int length);
+// The same for an owner that names the connection (see __mv_socket_engine_send_on_connection):
+// -ESRCH, and nothing read or consumed, once the record serves another connection.
+int __mv_socket_engine_tcp_get_sample_buffer_gen(MV_Socket* siSocket, int genId, uint8_t* data, int length);
+int __mv_socket_engine_tcp_get_buffer_gen(MV_Socket* siSocket, int genId, uint8_t* data, int length);
 // Gives back the leading buffers that are used up.
 void __mv_socket_engine_tcp_release_used_buffer(MV_Socket* siSocket);
 void __mv_socket_engine_socket_read_lock(MV_Socket* siSocket);

@@ -48,6 +48,30 @@ int __mv_socket_engine___is_ip_allowed(const char* ip, int version, int port);
 // Wakes "mv_sok_cc" for an early walk.
 void __mv_socket_engine___wake_reconnect();
 
+// Set once the process is ending (__mv_socket_engine_abort_all): nothing connects or
+// reconnects after it.
+bool __mv_socket_engine___ending();
+// The level for a connect failure of this reason: critical the first time in a row,
+// error when it repeats; 0 clears it after a success.
+int __mv_socket_engine___connect_fail_level(MV_Socket* s, int reason);
+// Attaches the TCP connection of that generation to an epoll thread, unless it has ended.
+void __mv_socket_engine___attach_to_epoll(MV_Socket* s, int genId);
+// Drains a TCP socket's waiting bytes (its epoll thread, on EPOLLOUT).
+void __mv_socket_engine___tcp_drain(MV_Socket* s);
+// The sends behind __mv_socket_engine_send_on_connection; genId -1 is whatever connection
+// the record has now.
+int __mv_socket_engine___tcp_send(MV_Socket* s, int genId, const void* buff, int len);
+int __mv_socket_engine___tcp_close(MV_Socket* s, int genId);
+int __mv_socket_engine___sctp_send_gen(MV_Socket* s, int genId, const void* buff, int len);
+int __mv_socket_engine___udp_send_gen(MV_Socket* s, int genId, const void* buff, int len);
+// Ends one connection for __mv_socket_engine_abort_all; 1 if there was one.
+int __mv_socket_engine___tcp_abort(MV_Socket* s);
+int __mv_socket_engine___sctp_abort(MV_Socket* s);
+
+// A server's start-up fault: the text on standard output, as start-up faults are
+// told, and the same line in the stack log, where a user of a redirected engine looks.
+void __mv_socket_engine___startup_fault(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
 // Turns a text address and port into a socket address; false for text that is no address.
 bool __mv_socket_engine___make_addr(const char* ip, int version, int port, struct sockaddr_storage* out,
                                     socklen_t* len);

@@ -16,6 +16,11 @@ namespace {
 constexpr uint16_t kDefaultStreams = 3;
 constexpr uint16_t kInitAttempts = 4;
 constexpr uint32_t kHeartbeatMs = 6000;
+// Reasons of a failed connect that are no errno, for the log's first-time rule.
+constexpr int kNoLocalAddress = -1;
+constexpr int kNoRemoteAddress = -2;
+constexpr int kNothingBound = -3;
+constexpr int kBindFailed = 100000;  // + errno
 
 int sctpSend(MV_Socket* s, const void* buff, int len, int) { return __mv_socket_engine_sctp_send(s, buff, len); }
 int sctpClose(MV_Socket* s) { return __mv_socket_engine___sctp_close(s, 0); }
@@ -79,10 +84,10 @@ bool sctpAddr(const char* ip, int version, int port, sockaddr_storage* out, sock
     }
     if (version == 6) {
         if (server) {
-            printf("configured IPv6=%s Address Is Not Valid\n", ip);
+            __mv_socket_engine___startup_fault("configured IPv6=%s Address Is Not Valid\n", ip);
             exit(0);
         }
-        printf("configured IPv6=%s Address Is Not Valid %s|%d\n", ip, __func__, __LINE__);
+        MV_SOK_LOG(MV_LOG_CRITICAL, "configured IPv6=%s Address Is Not Valid %s|%d", ip, __func__, __LINE__);
     }
     return false;
 }
@@ -127,11 +132,16 @@ int sctpAccept(MV_Socket* parent, int connFd, sockaddr_storage* peer, socklen_t 
         __mv_socket_engine___set_sctp_operations(child);
         __mv_socket_engine___hand_child_over(parent, child, connFd, true);
     }
+    // An association that came up while the process ends is ended with the others.
+    if (__mv_socket_engine___ending()) {
+        __mv_socket_engine___sctp_abort(child);
+        return 1;
+    }
     if (child->StateFull) {
         MV_SOK_LOG(MV_LOG_INFO,
                    "sctp accepted new socket, configured to manage attachment by protocol-connector fd=%d pfd=%d "
                    "port=%d genId=%d StateFull=%d",
-                   connFd, parent->fd.load(), int(parent->IPPort), child->GenId, child->StateFull);
+                   connFd, parent->fd.load(), int(parent->IPPort), child->GenId.load(), child->StateFull);
         return 1;
     }
     __mv_socket_engine___sctp_attach(child);
@@ -162,11 +172,12 @@ void __mv_socket_engine___sctp_server_loop(MV_Socket* s) {
     int family = s->IPVersion == 6 ? AF_INET6 : AF_INET;
     int fd = be ? be->Socket(family) : -1;
     if (fd < 0) {
-        printf("SCTP Host Server Socket Creation Failed (Host Process) for Port=%d\n", int(s->IPPort));
+        __mv_socket_engine___startup_fault("SCTP Host Server Socket Creation Failed (Host Process) for Port=%d\n",
+                                           int(s->IPPort));
         exit(0);
     }
     if (be->SetReuseAddr(fd) != 0) {
-        printf("SCTP setsockopt SO_REUSEADDR failed");
+        __mv_socket_engine___startup_fault("SCTP setsockopt SO_REUSEADDR failed");
         exit(0);
     }
     if (s->IPAddressCount == 0) {
@@ -174,28 +185,29 @@ void __mv_socket_engine___sctp_server_loop(MV_Socket* s) {
         socklen_t len;
         __mv_socket_engine___make_addr(nullptr, s->IPVersion, int(s->IPPort), &any, &len);
         if (be->BindX(fd, reinterpret_cast<sockaddr*>(&any), 1, MV_SCTP_BINDX_ADD) != 0)
-            printf("[ error with sctp_bindx errno:%d (%s) ] IP-Address:%s port[%d] %s|%d\n", errno, strerror(errno), "any",
-                   int(s->IPPort), __func__, __LINE__);
+            __mv_socket_engine___startup_fault("[ error with sctp_bindx errno:%d (%s) ] IP-Address:%s port[%d] %s|%d\n",
+                                               errno, strerror(errno), "any", int(s->IPPort), __func__, __LINE__);
     }
     for (int i = 0; i < s->IPAddressCount; ++i) {
         sockaddr_storage a;
         socklen_t len;
         if (!sctpAddr(s->IPAddresses[i].IP, s->IPVersion, int(s->IPPort), &a, &len, true)) continue;
         if (be->BindX(fd, reinterpret_cast<sockaddr*>(&a), 1, MV_SCTP_BINDX_ADD) != 0)
-            printf("[ error with sctp_bindx errno:%d (%s) ] IP-Address:%s port[%d] %s|%d\n", errno, strerror(errno),
-                   s->IPAddresses[i].IP, int(s->IPPort), __func__, __LINE__);
+            __mv_socket_engine___startup_fault("[ error with sctp_bindx errno:%d (%s) ] IP-Address:%s port[%d] %s|%d\n",
+                                               errno, strerror(errno), s->IPAddresses[i].IP, int(s->IPPort), __func__,
+                                               __LINE__);
     }
     uint16_t o, in;
     initMsg(s, &o, &in);
     if (be->SetInitMsg(fd, o, in, kInitAttempts) != 0) {
-        printf("setsockopt( IPPROTO_SCTP, SCTP_INITMSG) failed");
+        __mv_socket_engine___startup_fault("setsockopt( IPPROTO_SCTP, SCTP_INITMSG) failed");
         exit(0);
     }
     // Children inherit the listener's subscriptions, so even their first message
     // arrives with its stream and payload protocol id.
     be->SetEvents(fd);
     if (be->Listen(fd, 10) != 0) {
-        printf("listen() failed");
+        __mv_socket_engine___startup_fault("listen() failed");
         exit(0);
     }
     s->fd = fd;
@@ -239,14 +251,30 @@ int __mv_socket_engine_sctp_connect_socket(MV_Socket* siSocket) {
     MV_Socket* s = siSocket;
     std::lock_guard g(s->ConnectLock);
     if (s->isConnected) return 1;
+    if (__mv_socket_engine___ending()) return -1;
     MV_SOK_LOG(MV_LOG_INFO, "connect to socket RemoteIPPort:%d <%s|%s|%d>", int(s->RemoteIPPort), __FILE_NAME__,
                __func__, __LINE__);
-    const MV_SctpBackend* be = __mv_sctp_backend();
     const char* firstRemote = s->RemoteIPAddressCount ? s->RemoteIPAddresses[0].IP : "";
+    // Configuration faults first: they need no socket, and the log says why nothing
+    // connects (at critical level the first time, so a user sees it at any level).
+    if (s->IPAddressCount == 0) {
+        MV_SOK_LOG(__mv_socket_engine___connect_fail_level(s, kNoLocalAddress), "please set IPAddresses:%d %s|%s|%d",
+                   s->IPAddressCount, __FILE_NAME__, __func__, __LINE__);
+        return -1;
+    }
+    if (s->RemoteIPAddressCount == 0) {
+        MV_SOK_LOG(__mv_socket_engine___connect_fail_level(s, kNoRemoteAddress),
+                   "please set RemoteIPAddressses:%d %s|%s|%d", s->RemoteIPAddressCount, __FILE_NAME__, __func__,
+                   __LINE__);
+        return -1;
+    }
+    const MV_SctpBackend* be = __mv_sctp_backend();
     int fd = be ? be->Socket(s->IPVersion == 6 ? AF_INET6 : AF_INET) : -1;
     if (fd < 0) {
-        MV_SOK_LOG(MV_LOG_ERROR, "connection to sctp peer-server failed for IP=%s Port[%d] errno=[%d|%s] <%s|%s|%d>",
-                   firstRemote, int(s->RemoteIPPort), errno, strerror(errno), __FILE_NAME__, __func__, __LINE__);
+        int err = be ? errno : EPROTONOSUPPORT;
+        MV_SOK_LOG(__mv_socket_engine___connect_fail_level(s, err),
+                   "connection to sctp peer-server failed for IP=%s Port[%d] errno=[%d|%s] <%s|%s|%d>", firstRemote,
+                   int(s->RemoteIPPort), err, strerror(err), __FILE_NAME__, __func__, __LINE__);
         return -1;
     }
     if (be->SetEvents(fd) != 0) {
@@ -269,13 +297,8 @@ int __mv_socket_engine_sctp_connect_socket(MV_Socket* siSocket) {
         be->Close(fd);
         return -1;
     }
-    if (s->IPAddressCount == 0) {
-        printf("please set IPAddresses:%d %s|%s|%d\n", s->IPAddressCount, __FILE_NAME__, __func__, __LINE__);
-        be->Close(fd);
-        return -1;
-    }
     sockaddr_storage local[MV_SOCKET_MAX_ADDRESSES];
-    int localCount = 0;
+    int localCount = 0, bindLevel = 0;
     for (int i = 0; i < s->IPAddressCount && i < MV_SOCKET_MAX_ADDRESSES; ++i) {
         socklen_t len;
         if (!sctpAddr(s->IPAddresses[i].IP, s->IPVersion, int(s->IPPort), &local[localCount], &len, false)) continue;
@@ -283,15 +306,20 @@ int __mv_socket_engine_sctp_connect_socket(MV_Socket* siSocket) {
         MV_SOK_LOG(MV_LOG_INFO, "sctp socket binding local[%d] IP-Address=%s Client-Port=%d sin6_scope_id=%u  <%s|%s|%d>",
                    i, s->IPAddresses[i].IP, int(s->IPPort), scope, __FILE_NAME__, __func__, __LINE__);
         if (be->BindX(fd, reinterpret_cast<sockaddr*>(&local[localCount]), 1, MV_SCTP_BINDX_ADD) != 0) {
-            printf("[ error with sctp_bindx errno:%d (%s) ] IP-Address:%s port[%d] %s|%d\n", errno, strerror(errno),
-                   s->IPAddresses[i].IP, int(s->IPPort), __func__, __LINE__);
+            int err = errno;
+            // One level for every line of this try: a repeat of the same failure is not news.
+            if (!bindLevel) bindLevel = __mv_socket_engine___connect_fail_level(s, kBindFailed + err);
+            MV_SOK_LOG(bindLevel, "[ error with sctp_bindx errno:%d (%s) ] IP-Address:%s port[%d] %s|%d", err,
+                       strerror(err), s->IPAddresses[i].IP, int(s->IPPort), __func__, __LINE__);
             continue;
         }
         ++localCount;
     }
-    if (s->RemoteIPAddressCount == 0) {
-        printf("please set RemoteIPAddressses:%d %s|%s|%d\n", s->RemoteIPAddressCount, __FILE_NAME__, __func__,
-               __LINE__);
+    // Unbound, the association would offer every address of the host to the peer.
+    if (localCount == 0) {
+        MV_SOK_LOG(bindLevel ? bindLevel : __mv_socket_engine___connect_fail_level(s, kNothingBound),
+                   "sctp connection to IP=%s Port[%d] not made: none of its %d local addresses could be bound <%s|%s|%d>",
+                   firstRemote, int(s->RemoteIPPort), int(s->IPAddressCount), __FILE_NAME__, __func__, __LINE__);
         be->Close(fd);
         return -1;
     }
@@ -320,8 +348,9 @@ int __mv_socket_engine_sctp_connect_socket(MV_Socket* siSocket) {
                int(s->RemoteIPPort), peerCount, __FILE_NAME__, __func__, __LINE__);
     if (be->ConnectX(fd, reinterpret_cast<sockaddr*>(peers), peerCount) != 0) {
         int err = errno;
-        MV_SOK_LOG(MV_LOG_ERROR, "connection to sctp peer-server failed for IP=%s Port[%d] errno=[%d|%s] <%s|%s|%d>",
-                   firstRemote, int(s->RemoteIPPort), err, strerror(err), __FILE_NAME__, __func__, __LINE__);
+        MV_SOK_LOG(__mv_socket_engine___connect_fail_level(s, err),
+                   "connection to sctp peer-server failed for IP=%s Port[%d] errno=[%d|%s] <%s|%s|%d>", firstRemote,
+                   int(s->RemoteIPPort), err, strerror(err), __FILE_NAME__, __func__, __LINE__);
         if (s->IPPort)
             for (int i = 0; i < localCount; ++i)
                 be->BindX(fd, reinterpret_cast<sockaddr*>(&local[i]), 1, MV_SCTP_BINDX_REM);
@@ -331,6 +360,7 @@ int __mv_socket_engine_sctp_connect_socket(MV_Socket* siSocket) {
         s->isActive = 0;
         return -1;
     }
+    __mv_socket_engine___connect_fail_level(s, 0);
     s->UnknownSCTPEventCount = 0;
     s->SctpDiscardToEOR = 0;
     s->last_o_streams = 0;
@@ -338,7 +368,16 @@ int __mv_socket_engine_sctp_connect_socket(MV_Socket* siSocket) {
         std::lock_guard c(s->OnCloseLock);
         s->OnCloseFired = 0;
     }
-    s->fd = fd;
+    {
+        std::unique_lock f(s->FdLock);
+        s->fd = fd;
+        ++s->GenId;
+    }
+    // The process began to end while the handshake ran: this association goes too.
+    if (__mv_socket_engine___ending()) {
+        __mv_socket_engine___sctp_abort(s);
+        return -1;
+    }
     s->isConnected = 1;
     s->isActive = 1;
     if (MV_SocketThread* t = s->clientReadThread) {
@@ -354,6 +393,10 @@ int __mv_socket_engine_sctp_connect_socket(MV_Socket* siSocket) {
     if (sts == 0 && st.outstreams) s->peer_max_o_streams = st.outstreams;
     uint32_t hb = 0;
     be->SetHeartbeat(fd, kHeartbeatMs, &hb);
+    MV_SOK_LOG(MV_LOG_INFO,
+               "sctp connection success, connected to server at port :%d  connect_sts=%d peer_max_o_streams=%u "
+               "hbinterval=%u  %s|%d",
+               int(s->RemoteIPPort), sts, unsigned(s->peer_max_o_streams), hb, __func__, __LINE__);
     printf("sctp connection success, connected to server at port :%d  connect_sts=%d peer_max_o_streams=%u "
            "hbinterval=%u  %s|%d\n",
            int(s->RemoteIPPort), sts, unsigned(s->peer_max_o_streams), hb, __func__, __LINE__);
@@ -392,11 +435,25 @@ int __mv_socket_engine___sctp_close(MV_Socket* s, int ret) {
         if (s->OnCloseFired) return 0;
         s->OnCloseFired = 1;
     }
+    // The process is ending: owners are not to start work on the way out.
+    if (__mv_socket_engine___ending()) return 1;
     if (ret) MV_SOK_LOG(MV_LOG_ERROR, "sctp closed socket fd=%d ret=%d calling OnClose %s|%s|%d", fd, ret, __FILE_NAME__, __func__, __LINE__);
     else MV_SOK_LOG(MV_LOG_ERROR, "sctp closed socket fd=%d calling OnClose %s|%s|%d", fd, __FILE_NAME__, __func__, __LINE__);
     if (s->OnClose) s->OnClose(s);
     // A child is reused by the next accept; a client keeps its record for the reconnect.
     if (s->UseEPoll == 1 || s->Parent) s->isFree = 1;
+    return 1;
+}
+
+int __mv_socket_engine___sctp_abort(MV_Socket* s) {
+    int fd = s->fd.load();
+    if (fd < 1) return 0;
+    const MV_SctpBackend* be = __mv_sctp_backend();
+    // No FdLock: a sender may wait inside the stack on a peer that does not read, and
+    // the process must end all the same. The stack keeps the socket alive while in use.
+    if (!be || be->Abort(fd) != 0) return 0;
+    s->isConnected = 0;
+    s->isActive = 0;
     return 1;
 }
 
@@ -419,7 +476,7 @@ namespace {
 
 enum class SendKind { Ngap, Plain, Stream };
 
-int sctpSendCommon(MV_Socket* s, const void* buffer, int len, uint16_t stream, SendKind kind) {
+int sctpSendCommon(MV_Socket* s, const void* buffer, int len, uint16_t stream, SendKind kind, int genId = -1) {
     if (!s) return -1;
     uint32_t ppid = htonl(s->PPID);
     if (!s->isConnected) {
@@ -431,6 +488,7 @@ int sctpSendCommon(MV_Socket* s, const void* buffer, int len, uint16_t stream, S
     {
         std::shared_lock f(s->FdLock);
         fd = s->fd;
+        if (genId >= 0 && s->GenId != genId) return -ESRCH;
         if (fd < 1) {
             MV_SOK_LOG(MV_LOG_ERROR, "sending data failed fd=%d already closed sctp socket %s|%s|%d", fd,
                        __FILE_NAME__, __func__, __LINE__);
@@ -490,6 +548,10 @@ int __mv_socket_engine_sctp_send_ngap2(MV_Socket* siSocket, const void* buffer, 
 
 int __mv_socket_engine_sctp_send(MV_Socket* siSocket, const void* buffer, int len) {
     return sctpSendCommon(siSocket, buffer, len, 0, SendKind::Plain);
+}
+
+int __mv_socket_engine___sctp_send_gen(MV_Socket* s, int genId, const void* buff, int len) {
+    return sctpSendCommon(s, buff, len, 0, SendKind::Plain, genId);
 }
 
 int __mv_socket_engine_sctp_send2(MV_Socket* siSocket, const void* buffer, int len, uint16_t streamInfo, uint32_t) {

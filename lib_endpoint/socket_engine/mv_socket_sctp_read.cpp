@@ -154,9 +154,14 @@ void attachEpoll(MV_Socket* s) {
     epoll_event ev{};
     ev.events = EPOLLIN | EPOLLERR | EPOLLHUP | EPOLLET;
     ev.data.ptr = s;
-    if (epoll_ctl(chosen->epoll_fd, EPOLL_CTL_ADD, s->fd, &ev) != 0)
-        MV_SOK_LOG(MV_LOG_ERROR, "attach failed for sctp socket fd=%d to epoll index=%d errno=%d <%s|%s|%d>", s->fd.load(),
-                   chosen->index, errno, __FILE_NAME__, __func__, __LINE__);
+    {
+        // A close between the connect and here may have given the number to another socket.
+        std::shared_lock f(s->FdLock);
+        int fd = s->fd;
+        if (fd > 0 && epoll_ctl(chosen->epoll_fd, EPOLL_CTL_ADD, fd, &ev) != 0)
+            MV_SOK_LOG(MV_LOG_ERROR, "attach failed for sctp socket fd=%d to epoll index=%d errno=%d <%s|%s|%d>", fd,
+                       chosen->index, errno, __FILE_NAME__, __func__, __LINE__);
+    }
     ++e->TotalSocketsCount;
 }
 

@@ -6,6 +6,7 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/epoll.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -23,6 +24,10 @@ constexpr int kEpollEvents = 20;
 // An idle reader still wakes this often to visit the async write list.
 constexpr int kEpollIdleMs = 11;
 constexpr int kMaxTcpEpollThreads = 3;
+// A peer that reads nothing may hold this much of ours before it is dropped.
+constexpr long kDefaultMaxOutbound = 16L << 20;
+// Buffers handed to the kernel in one call when a backlog drains.
+constexpr int kDrainIov = 64;
 
 int tcpAccept(MV_Socket* parent, int connFd, sockaddr_storage* peer, socklen_t peerLen);
 int tcpSend(MV_Socket* s, const void* buff, int len, int tryCount) {
@@ -59,20 +64,95 @@ void setConnectedOptions(MV_Socket* s, int fd) {
     int sndbuf = -1;  // the system's maximum
     int rc = setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &sndbuf, sizeof sndbuf);
     if (rc != 0)
-        printf("unable to set SO_SNDBUF to socket withc rc=%d, error=%s, errno=%d connSocketFD=%d\n", rc,
-               strerror(errno), errno, fd);
+        MV_SOK_LOG(MV_LOG_ERROR, "unable to set SO_SNDBUF to socket withc rc=%d, error=%s, errno=%d connSocketFD=%d", rc,
+                   strerror(errno), errno, fd);
 }
 
-void releaseWaitingBuffers(MV_Socket* s) {
-    std::lock_guard g(s->BufferLock);
-    for (MV_SocketBuffer* b = s->BufferHead; b;) {
+void releaseChain(MV_SocketBuffer* b) {
+    while (b) {
         MV_SocketBuffer* next = b->Next;
         __mv_socket_engine_release_socket_buffer(b);
         b = next;
     }
+}
+
+void releaseWaitingBuffers(MV_Socket* s) {
+    std::lock_guard g(s->BufferLock);
+    releaseChain(s->BufferHead);
     s->BufferHead = s->BufferCurrent = nullptr;
     s->BufferLength = 0;
     s->BufferPacketCount = 0;
+}
+
+// Under OutboundLock.
+void dropOutbound(MV_Socket* s) {
+    releaseChain(s->OutboundHead);
+    s->OutboundHead = s->OutboundTail = nullptr;
+    s->OutboundBytes = 0;
+}
+
+// Under OutboundLock: copies what the kernel did not take behind what already waits.
+void appendOutbound(MV_Socket* s, const uint8_t* p, int len) {
+    while (len > 0) {
+        MV_SocketBuffer* tail = s->OutboundTail;
+        if (!tail || tail->len == MV_SOCKET_BUFFER_SIZE) {
+            tail = __mv_socket_engine_get_socket_buffer();
+            tail->Next = nullptr;
+            tail->siSocket = s;
+            if (s->OutboundTail) s->OutboundTail->Next = tail;
+            else s->OutboundHead = tail;
+            s->OutboundTail = tail;
+        }
+        int n = MV_SOCKET_BUFFER_SIZE - tail->len < len ? MV_SOCKET_BUFFER_SIZE - tail->len : len;
+        memcpy(tail->buff + tail->len, p, size_t(n));
+        tail->len += n;
+        p += n;
+        len -= n;
+        s->OutboundBytes += n;
+    }
+}
+
+// Under OutboundLock and FdLock: hands waiting bytes to the kernel until it has no
+// room. Returns 0, or the errno of a failed send.
+int flushOutbound(MV_Socket* s, int fd) {
+    while (s->OutboundHead) {
+        iovec iov[kDrainIov];
+        int count = 0;
+        for (MV_SocketBuffer* b = s->OutboundHead; b && count < kDrainIov; b = b->Next, ++count) {
+            iov[count].iov_base = b->buff + b->pos;
+            iov[count].iov_len = size_t(b->len - b->pos);
+        }
+        msghdr mh{};
+        mh.msg_iov = iov;
+        mh.msg_iovlen = size_t(count);
+        ssize_t n = sendmsg(fd, &mh, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return errno == EAGAIN || errno == EWOULDBLOCK ? 0 : errno;
+        }
+        s->OutboundBytes -= n;
+        s->TotalWrites += n;
+        while (n > 0) {
+            MV_SocketBuffer* b = s->OutboundHead;
+            int left = b->len - b->pos;
+            if (n < left) {
+                b->pos += int(n);
+                break;
+            }
+            n -= left;
+            s->OutboundHead = b->Next;
+            if (!s->OutboundHead) s->OutboundTail = nullptr;
+            __mv_socket_engine_release_socket_buffer(b);
+        }
+    }
+    return 0;
+}
+
+void peerOf(MV_Socket* s, char* out, size_t cap) {
+    char ip[INET6_ADDRSTRLEN] = "";
+    int port = 0;
+    __mv_socket_engine__get_client_ip_port(s, ip, &port);
+    snprintf(out, cap, "%s:%d", ip, port);
 }
 
 void visitAsyncWrites(int epollFd) {
@@ -110,6 +190,7 @@ void* epollThread(void* arg) {
             auto* s = static_cast<MV_Socket*>(events[i].data.ptr);
             // A hang-up or error alone comes once with edge triggering: read to see it.
             if (events[i].events & (EPOLLIN | EPOLLHUP | EPOLLERR)) s->Read(s);
+            if (events[i].events & EPOLLOUT) __mv_socket_engine___tcp_drain(s);
         }
         visitAsyncWrites(t->epoll_fd);
     }
@@ -154,11 +235,12 @@ int tcpAddBuffer(MV_Socket* s, MV_SocketBuffer* b) {
 }
 
 int tcpRead(MV_Socket* s) {
-    int icount = 0, fd, err = 0;
+    int icount = 0, fd, err = 0, gen;
     bool failed = false;
     {
         std::shared_lock g(s->FdLock);
         fd = s->fd;
+        gen = s->GenId;
         if (!s->isActive || fd < 1) return 0;
         for (;;) {
             MV_SocketBuffer* b = __mv_socket_engine_get_socket_buffer();
@@ -190,13 +272,15 @@ int tcpRead(MV_Socket* s) {
                    "<%s|%s|%d>",
                    fd, __mv_socket_engine_socket_error_code(s), icount, err, strerror(err), EPIPE, __FILE_NAME__,
                    __func__, __LINE__);
-        s->Close(s);
+        // Only the connection that failed: the record may already serve the next one.
+        __mv_socket_engine___tcp_close(s, gen);
     }
     return icount;
 }
 
 int tcpAccept(MV_Socket* parent, int connFd, sockaddr_storage* peer, socklen_t peerLen) {
     MV_Socket* child;
+    int gen;
     {
         std::lock_guard g(parent->ChildLock);
         child = __mv_socket_engine___take_child(parent);
@@ -217,10 +301,12 @@ int tcpAccept(MV_Socket* parent, int connFd, sockaddr_storage* peer, socklen_t p
         child->BufferLength = child->BufferPacketCount = 0;
         child->ReadInProgress = 0;
         child->ReadSignal = 0;
+        child->MaxOutboundBytes = parent->MaxOutboundBytes;
         __mv_socket_engine___set_tcp_operations(child);
         __mv_socket_engine___hand_child_over(parent, child, connFd, false);
+        gen = child->GenId;
     }
-    if (!child->StateFull) __mv_socket_engine_attach_to_epoll(child);
+    if (!child->StateFull) __mv_socket_engine___attach_to_epoll(child, gen);
     return 1;
 }
 
@@ -257,8 +343,16 @@ void __mv_socket_engine_start() {
 }
 
 void __mv_socket_engine_attach_to_epoll(MV_Socket* siSocket) {
+    __mv_socket_engine___attach_to_epoll(siSocket, siSocket->GenId);
+}
+
+void __mv_socket_engine___attach_to_epoll(MV_Socket* siSocket, int genId) {
     auto* e = __mv_socketEngine;
+    // The connection may close, and its number go to another socket, before it is
+    // attached: under FdLock a closed or later connection is left alone.
+    std::shared_lock f(siSocket->FdLock);
     int fd = siSocket->fd;
+    if (fd < 0 || siSocket->GenId != genId) return;
     MV_SocketThread* chosen = nullptr;
     std::lock_guard g(e->ThreadLock);
     int threads = 0;
@@ -274,7 +368,8 @@ void __mv_socket_engine_attach_to_epoll(MV_Socket* siSocket) {
             if (!chosen || t->count < chosen->count) chosen = t;
     }
     epoll_event ev{};
-    ev.events = EPOLLIN | EPOLLERR | EPOLLHUP | EPOLLET;
+    // EPOLLOUT comes when a full send queue has room again: the socket's waiting bytes go then.
+    ev.events = EPOLLIN | EPOLLOUT | EPOLLERR | EPOLLHUP | EPOLLET;
     ev.data.ptr = siSocket;
     siSocket->epollThread = chosen;
     siSocket->epoll_fd = chosen->epoll_fd;
@@ -296,16 +391,20 @@ void __mv_socket_engine___tcp_server_loop(MV_Socket* s) {
     socklen_t alen;
     const char* ip = s->IPAddressCount ? s->IPAddresses[0].IP : nullptr;
     if (!__mv_socket_engine___make_addr(ip, s->IPVersion, int(s->IPPort), &addr, &alen)) {
-        if (s->IPVersion == 6) printf("configured IPv6=%s Address Is Not Valid\n", ip);
+        if (s->IPVersion == 6) __mv_socket_engine___startup_fault("configured IPv6=%s Address Is Not Valid\n", ip);
         exit(0);
     }
     if (bind(fd, reinterpret_cast<sockaddr*>(&addr), alen) != 0) {
-        if (s->IPVersion == 6) printf("Server Bind Failed for TCP-V6 Server Socket = %d Server/Port = %d\n", fd, int(s->IPPort));
-        else printf("Server Bind Failed for TCP-V4 Server Socket = %d Server/Port = %d\n", fd, int(s->IPPort));
+        if (s->IPVersion == 6)
+            __mv_socket_engine___startup_fault("Server Bind Failed for TCP-V6 Server Socket = %d Server/Port = %d\n", fd,
+                                               int(s->IPPort));
+        else
+            __mv_socket_engine___startup_fault("Server Bind Failed for TCP-V4 Server Socket = %d Server/Port = %d\n", fd,
+                                               int(s->IPPort));
         exit(0);
     }
     if (listen(fd, 5) != 0) {
-        printf("listen() failed");
+        __mv_socket_engine___startup_fault("listen() failed");
         exit(0);
     }
     s->fd = fd;
@@ -377,34 +476,49 @@ MV_Socket* __mv_socket_engine_create_client_socket2(const char* ip, int ipversio
 
 int __mv_socket_engine_tcp_connect_socket(MV_Socket* siSocket) {
     MV_Socket* s = siSocket;
+    int gen;
     {
         std::lock_guard g(s->ConnectLock);
         if (s->isConnected) return 1;
+        if (__mv_socket_engine___ending()) return -1;
         sockaddr_storage addr;
         socklen_t alen;
         if (!resolve(s->IPAddresses[0].IP, s->IPVersion, int(s->IPPort), SOCK_STREAM, &addr, &alen)) {
-            MV_SOK_LOG(MV_LOG_ERROR, "connection failed with fd=%d for ip=%s port=%d<%s|%s|%d>", -1, s->IPAddresses[0].IP,
+            MV_SOK_LOG(__mv_socket_engine___connect_fail_level(s, EADDRNOTAVAIL),
+                       "connection failed with fd=%d for ip=%s port=%d<%s|%s|%d>", -1, s->IPAddresses[0].IP,
                        int(s->IPPort), __FILE_NAME__, __func__, __LINE__);
             return -1;
         }
         int fd = socket(addr.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
         if (fd < 0) return -1;
-        // For a TCP client these two fields name the local end.
+        // For a TCP client these two fields name the local end; a connection from any
+        // other address is not the one asked for.
         if (addr.ss_family == AF_INET && s->RemoteIPPort) {
             sockaddr_storage local;
             socklen_t llen;
-            if (__mv_socket_engine___make_addr(s->RemoteIPAddresses[0].IP, 4, int(s->RemoteIPPort), &local, &llen)) {
-                int on = 1;
-                setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-                bind(fd, reinterpret_cast<sockaddr*>(&local), llen);
+            int on = 1;
+            setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+            if (!__mv_socket_engine___make_addr(s->RemoteIPAddresses[0].IP, 4, int(s->RemoteIPPort), &local, &llen) ||
+                bind(fd, reinterpret_cast<sockaddr*>(&local), llen) != 0) {
+                int err = errno;
+                MV_SOK_LOG(__mv_socket_engine___connect_fail_level(s, 100000 + err),
+                           "binding tcp client to local ip=%s port=%d failed errno=%d (%s), not connecting to ip=%s "
+                           "port=%d <%s|%s|%d>",
+                           s->RemoteIPAddresses[0].IP, int(s->RemoteIPPort), err, strerror(err), s->IPAddresses[0].IP,
+                           int(s->IPPort), __FILE_NAME__, __func__, __LINE__);
+                close(fd);
+                return -1;
             }
         }
         if (connect(fd, reinterpret_cast<sockaddr*>(&addr), alen) != 0) {
-            MV_SOK_LOG(MV_LOG_ERROR, "connection failed with fd=%d for ip=%s port=%d<%s|%s|%d>", fd, s->IPAddresses[0].IP,
-                       int(s->IPPort), __FILE_NAME__, __func__, __LINE__);
+            int err = errno;
+            MV_SOK_LOG(__mv_socket_engine___connect_fail_level(s, err),
+                       "connection failed with fd=%d for ip=%s port=%d errno=%d (%s)<%s|%s|%d>", fd,
+                       s->IPAddresses[0].IP, int(s->IPPort), err, strerror(err), __FILE_NAME__, __func__, __LINE__);
             close(fd);
             return -1;
         }
+        __mv_socket_engine___connect_fail_level(s, 0);
         setConnectedOptions(s, fd);
         s->ai_family = addr.ss_family;
         s->cli_len = alen;
@@ -415,20 +529,25 @@ int __mv_socket_engine_tcp_connect_socket(MV_Socket* siSocket) {
             s->BufferHead = s->BufferCurrent = nullptr;
             s->BufferLength = s->BufferPacketCount = 0;
         }
-        s->fd = fd;
+        {
+            // A sender of the last connection sees either the old descriptor with the
+            // old generation or the new pair, never the new descriptor with its old name.
+            std::unique_lock f(s->FdLock);
+            s->fd = fd;
+            ++s->GenId;
+        }
         s->isFree = 0;
         s->isActive = 1;
         s->isConnected = 1;
-        ++s->GenId;
+        gen = s->GenId;
     }
-    if (!s->StateFull) __mv_socket_engine_attach_to_epoll(s);
+    if (!s->StateFull) __mv_socket_engine___attach_to_epoll(s, gen);
     return 1;
 }
 
 // ---------------------------------------------------------------- close and send
 
-int __mv_socket_engine_tcp_close_socket(MV_Socket* siSocket) {
-    MV_Socket* s = siSocket;
+int __mv_socket_engine___tcp_close(MV_Socket* s, int genId) {
     int fd, bpc;
     {
         std::lock_guard g(s->CloseLock);
@@ -436,12 +555,18 @@ int __mv_socket_engine_tcp_close_socket(MV_Socket* siSocket) {
             releaseWaitingBuffers(s);
             return 0;
         }
+        // GenId changes only when a free record takes a new descriptor, and a record is
+        // free only after its close: under CloseLock it names the connection we would close.
+        if (genId >= 0 && s->GenId != genId) return 0;
         {
+            std::lock_guard o(s->OutboundLock);
             std::unique_lock f(s->FdLock);
             fd = s->fd.exchange(-1);
             s->isActive = 0;
             s->isConnected = 0;
             if (fd >= 0) close(fd);
+            // What waits for this connection must never reach the next one on the record.
+            dropOutbound(s);
         }
         ++__mv_socketEngine->SocketClosedCount;
         if (MV_SocketThread* t = s->epollThread.exchange(nullptr)) {
@@ -454,56 +579,146 @@ int __mv_socket_engine_tcp_close_socket(MV_Socket* siSocket) {
         }
         releaseWaitingBuffers(s);
     }
+    if (__mv_socket_engine___ending()) return 1;
     if (s->OnClose) s->OnClose(s);
     else printf("[%s,%s,%d] parent not registered to onclose event of socket\n", __FILE_NAME__, __func__, __LINE__);
     s->isFree = 1;
     MV_SOK_LOG(MV_LOG_INFO, "closed tcp socket connection fd=%d genId=%d BPC=%d isActive=%d ip=%s port=%d  <%s|%d>", fd,
-               s->GenId, bpc, s->isActive.load(), s->host, int(s->IPPort), __func__, __LINE__);
+               s->GenId.load(), bpc, s->isActive.load(), s->host, int(s->IPPort), __func__, __LINE__);
     return 1;
 }
 
-int __mv_socket_engine_tcp_send_socket_data(MV_Socket* siSocket, const void* buff, int len, int) {
-    MV_Socket* s = siSocket;
-    if (!s || !s->isConnected) return -1;
-    int sent = 0, fd, err = 0;
-    ssize_t n = 0;
+int __mv_socket_engine_tcp_close_socket(MV_Socket* siSocket) { return __mv_socket_engine___tcp_close(siSocket, -1); }
+
+int __mv_socket_engine___tcp_abort(MV_Socket* s) {
+    std::lock_guard o(s->OutboundLock);
+    std::unique_lock f(s->FdLock);
+    int fd = s->fd.exchange(-1);
+    if (fd < 0) return 0;
+    s->isActive = 0;
+    s->isConnected = 0;
+    // The zero linger of every connected socket makes this a reset, as at the process's end.
+    close(fd);
+    dropOutbound(s);
+    return 1;
+}
+
+namespace {
+// A backlog's start and end are the two moments a slow reader shows in the log.
+void logBacklog(MV_Socket* s, int fd, long waiting, bool starts) {
+    char peer[INET6_ADDRSTRLEN + 8];
+    peerOf(s, peer, sizeof peer);
+    if (starts)
+        MV_SOK_LOG(MV_LOG_INFO, "tcp socket fd=%d of peer %s has no room in the kernel, %ld bytes wait <%s|%s|%d>", fd,
+                   peer, waiting, __FILE_NAME__, __func__, __LINE__);
+    else
+        MV_SOK_LOG(MV_LOG_INFO, "tcp socket fd=%d of peer %s has sent the bytes that waited <%s|%s|%d>", fd, peer,
+                   __FILE_NAME__, __func__, __LINE__);
+}
+}  // namespace
+
+void __mv_socket_engine___tcp_drain(MV_Socket* s) {
+    if (s->OutboundBytes.load() == 0) return;
+    int err, gen, fd;
+    bool drained;
     {
+        std::lock_guard o(s->OutboundLock);
+        std::shared_lock f(s->FdLock);
+        fd = s->fd;
+        if (fd < 0 || !s->OutboundHead) return;
+        gen = s->GenId;
+        err = flushOutbound(s, fd);
+        drained = !s->OutboundHead;
+    }
+    if (drained) logBacklog(s, fd, 0, false);
+    if (err == EPIPE || err == ECONNRESET) {
+        MV_SOK_LOG(MV_LOG_ERROR,
+                   "error while sending waiting data, closing tcp socket fd=%d errorno=%d strerror=%s ip=%s port=%d "
+                   "<%s|%s|%d>",
+                   fd, err, strerror(err), s->host, int(s->IPPort), __FILE_NAME__, __func__, __LINE__);
+        __mv_socket_engine___tcp_close(s, gen);
+    }
+}
+
+int __mv_socket_engine___tcp_send(MV_Socket* s, int genId, const void* buff, int len) {
+    if (!s || !s->isConnected) return -1;
+    if (!buff || len < 0) return -1;
+    const auto* p = static_cast<const uint8_t*>(buff);
+    int sent = 0, fd, err = 0, gen;
+    ssize_t n = 0;
+    long waiting = 0, bound = 0;
+    bool overflow = false, starts = false, drained = false;
+    {
+        std::lock_guard o(s->OutboundLock);
         std::shared_lock g(s->FdLock);
         fd = s->fd;
+        gen = s->GenId;
+        if (genId >= 0 && gen != genId) return -ESRCH;
         if (fd < 0) return -1;
         ++s->BeforeMessageSend;
-        const auto* p = static_cast<const uint8_t*>(buff);
-        // A non-blocking socket may take part of a message; the rest must follow it,
-        // or the stream would be cut in the middle of a frame.
-        while (sent < len) {
-            n = send(fd, p + sent, size_t(len - sent), MSG_NOSIGNAL);
+        // Bytes already waiting go first; a message may not pass them.
+        if (s->OutboundHead) {
+            err = flushOutbound(s, fd);
+            drained = !s->OutboundHead;
+        }
+        while (!err && !s->OutboundHead && sent < len) {
+            n = send(fd, p + sent, size_t(len - sent), MSG_NOSIGNAL | MSG_DONTWAIT);
             if (n > 0) {
                 sent += int(n);
+                s->TotalWrites += n;
                 continue;
             }
-            err = errno;
-            if (n < 0 && (err == EAGAIN || err == EWOULDBLOCK || err == EINTR)) {
-                pollfd pf{fd, POLLOUT, 0};
-                if (err == EINTR || poll(&pf, 1, 1000) > 0) continue;
-                MV_SOK_LOG(MV_LOG_ERROR,
-                           "send timed out on tcp socket fd=%d sent=%d of len=%d ip=%s port=%d <%s|%s|%d>", fd, sent,
-                           len, s->host, int(s->IPPort), __FILE_NAME__, __func__, __LINE__);
-            }
+            if (n < 0 && errno == EINTR) continue;
+            // No room: the rest waits for EPOLLOUT. A send of 0 bytes is no room either.
+            if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK) err = errno;
             break;
         }
+        if (!err && sent < len) {
+            bound = s->MaxOutboundBytes > 0 ? s->MaxOutboundBytes : kDefaultMaxOutbound;
+            waiting = s->OutboundBytes.load();
+            if (waiting + (len - sent) > bound) {
+                overflow = true;
+            } else {
+                starts = waiting == 0;
+                appendOutbound(s, p + sent, len - sent);
+                drained = false;
+            }
+        }
     }
-    if (sent < len && err != EAGAIN && err != EWOULDBLOCK) {
+    if (drained) logBacklog(s, fd, 0, false);
+    if (starts) logBacklog(s, fd, len - sent, true);
+    if (err) {
         MV_SOK_LOG(MV_LOG_ERROR,
                    "error while sending data, closing tcp socket fd=%d as iSentBytes=%d is <= 0 errorno=%d strerror=%s "
                    "EPIPE(%d) ip=%s port=%d  <%s|%s|%d>",
                    fd, int(n), err, strerror(err), EPIPE, s->host, int(s->IPPort), __FILE_NAME__, __func__, __LINE__);
-        if (err == EPIPE || err == ECONNRESET) s->Close(s);
-        return int(n);
+        if (err == EPIPE || err == ECONNRESET) __mv_socket_engine___tcp_close(s, gen);
+        return n < 0 ? int(n) : -1;
+    }
+    if (overflow) {
+        char peer[INET6_ADDRSTRLEN + 8];
+        peerOf(s, peer, sizeof peer);
+        int count = ++__mv_socketEngine->OutboundLimitCloseCount;
+        MV_SOK_LOG(MV_LOG_CRITICAL,
+                   "closing tcp connection fd=%d of peer %s: it reads too slowly, %ld bytes wait and %d more would pass "
+                   "the bound of %ld (closed for this %d times) <%s|%s|%d>",
+                   fd, peer, waiting, len - sent, bound, count, __FILE_NAME__, __func__, __LINE__);
+        __mv_socket_engine___tcp_close(s, gen);
+        return -1;
     }
     ++s->AfterMessageSent;
-    s->TotalWrites += sent;
-    return sent;
+    return len;
 }
+
+int __mv_socket_engine_tcp_send_socket_data(MV_Socket* siSocket, const void* buff, int len, int) {
+    return __mv_socket_engine___tcp_send(siSocket, -1, buff, len);
+}
+
+void __mv_socket_engine__set_max_outbound_bytes(MV_Socket* siSocket, long bytes) {
+    if (siSocket) siSocket->MaxOutboundBytes = bytes > 0 ? bytes : 0;
+}
+
+long __mv_socket_engine_outbound_bytes(MV_Socket* siSocket) { return siSocket ? siSocket->OutboundBytes.load() : 0; }
 
 int __mv_socket_engine_tcp_send_socket_data_aync(MV_Socket* siSocket, const void* buff, int len) {
     if (!siSocket || !buff || len < 0) return -1;
@@ -533,9 +748,12 @@ int __mv_socket_engine_buffer_data_length(MV_Socket* siSocket) {
 }
 
 namespace {
-int copyOut(MV_Socket* s, uint8_t* data, int length, bool consume) {
+// A record's bytes are those of its connection of the moment: a close releases them
+// before the record can take its next descriptor and generation. genId -1 takes any.
+int copyOut(MV_Socket* s, uint8_t* data, int length, bool consume, int genId = -1) {
     if (!s || !data || length <= 0) return 0;
     std::lock_guard g(s->BufferLock);
+    if (genId >= 0 && s->GenId != genId) return -ESRCH;
     int copied = 0;
     for (MV_SocketBuffer* b = s->BufferHead; b && copied < length; b = b->Next) {
         int avail = b->len - b->pos;
@@ -556,6 +774,14 @@ int __mv_socket_engine_tcp_get_sample_buffer(MV_Socket* siSocket, uint8_t* data,
 
 int __mv_socket_engine_tcp_get_buffer(MV_Socket* siSocket, uint8_t* data, int length) {
     return copyOut(siSocket, data, length, true);
+}
+
+int __mv_socket_engine_tcp_get_sample_buffer_gen(MV_Socket* siSocket, int genId, uint8_t* data, int length) {
+    return genId < 0 ? -1 : copyOut(siSocket, data, length, false, genId);
+}
+
+int __mv_socket_engine_tcp_get_buffer_gen(MV_Socket* siSocket, int genId, uint8_t* data, int length) {
+    return genId < 0 ? -1 : copyOut(siSocket, data, length, true, genId);
 }
 
 void __mv_socket_engine_tcp_release_used_buffer(MV_Socket* siSocket) {

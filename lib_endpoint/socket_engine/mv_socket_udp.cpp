@@ -99,10 +99,11 @@ void __mv_socket_engine___udp_server_loop(MV_Socket* s) {
     if (!__mv_socket_engine___make_addr(ip, s->IPVersion, int(s->IPPort), &addr, &alen) ||
         bind(fd, reinterpret_cast<sockaddr*>(&addr), alen) != 0) {
         if (s->IPVersion == 6)
-            printf("Server Bind Failed for UDP-V6 Server Socket = %d Server/Port = %d\n", fd, int(s->IPPort));
+            __mv_socket_engine___startup_fault("Server Bind Failed for UDP-V6 Server Socket = %d Server/Port = %d\n", fd,
+                                               int(s->IPPort));
         else
-            printf("Server Bind Failed for UDP-V4 Server Socket = %d Server-IP=%s Port = %d\n", fd, ip ? ip : "",
-                   int(s->IPPort));
+            __mv_socket_engine___startup_fault("Server Bind Failed for UDP-V4 Server Socket = %d Server-IP=%s Port = %d\n",
+                                               fd, ip ? ip : "", int(s->IPPort));
         exit(0);
     }
     s->fd = fd;
@@ -136,10 +137,9 @@ int __mv_socket_engine_udp_connect_socket(MV_Socket* siSocket) {
     snprintf(portText, sizeof portText, "%d", int(s->IPPort));
     int rc = getaddrinfo(s->IPAddresses[0].IP, portText, &hints, &res);
     if (rc != 0 || !res) {
-        MV_SOK_LOG(MV_LOG_ERROR, "getaddrinfo failed for UDP connection IP=%s Port=%d error=%d %s|%s|%d",
-                   s->IPAddresses[0].IP, int(s->IPPort), rc, __FILE_NAME__, __func__, __LINE__);
-        printf("getaddrinfo failed for UDP connection IP=%s Port=%d error=%d\n", s->IPAddresses[0].IP, int(s->IPPort),
-               rc);
+        MV_SOK_LOG(__mv_socket_engine___connect_fail_level(s, 200000 + rc),
+                   "getaddrinfo failed for UDP connection IP=%s Port=%d error=%d %s|%s|%d", s->IPAddresses[0].IP,
+                   int(s->IPPort), rc, __FILE_NAME__, __func__, __LINE__);
         return -1;
     }
     s->ai_family = res->ai_family;
@@ -155,14 +155,24 @@ int __mv_socket_engine_udp_connect_socket(MV_Socket* siSocket) {
         socklen_t llen;
         bool ok = __mv_socket_engine___make_addr(ipSet ? s->ClientIP.IP : nullptr, 4, int(s->CIPPort), &local, &llen) &&
                   bind(fd, reinterpret_cast<sockaddr*>(&local), llen) == 0;
-        if (ok)
-            MV_SOK_LOG(MV_LOG_INFO, "binding udp to localip=%s port=%d success <%s|%s|%d>", s->ClientIP.IP,
-                       int(s->CIPPort), __FILE_NAME__, __func__, __LINE__);
-        else
-            MV_SOK_LOG(MV_LOG_ERROR, "binding udp to localip=%s port=%d failed <%s|%s|%d>", s->ClientIP.IP,
-                       int(s->CIPPort), __FILE_NAME__, __func__, __LINE__);
+        if (!ok) {
+            // Sent from any other address, the datagrams would not be the ones asked for.
+            int err = errno;
+            MV_SOK_LOG(__mv_socket_engine___connect_fail_level(s, 100000 + err),
+                       "binding udp to localip=%s port=%d failed errno=%d (%s) <%s|%s|%d>", s->ClientIP.IP,
+                       int(s->CIPPort), err, strerror(err), __FILE_NAME__, __func__, __LINE__);
+            close(fd);
+            return -1;
+        }
+        MV_SOK_LOG(MV_LOG_INFO, "binding udp to localip=%s port=%d success <%s|%s|%d>", s->ClientIP.IP, int(s->CIPPort),
+                   __FILE_NAME__, __func__, __LINE__);
     }
-    s->fd = fd;
+    __mv_socket_engine___connect_fail_level(s, 0);
+    {
+        std::unique_lock f(s->FdLock);
+        s->fd = fd;
+        ++s->GenId;
+    }
     s->isActive = 1;
     s->isConnected = 1;
     return 1;
@@ -193,13 +203,18 @@ int __mv_socket_engine_udp_send_response(int fd, const sockaddr* saddr, socklen_
     return int(sendto(fd, buff, size_t(len), 0, saddr, slen));
 }
 
-int __mv_socket_engine_udp_send_socket_data(MV_Socket* siSocket, const void* buff, int len, int) {
+int __mv_socket_engine___udp_send_gen(MV_Socket* siSocket, int genId, const void* buff, int len) {
     if (!siSocket || siSocket->isHost || siSocket->fd < 1) return -1;
     const sockaddr* to = siSocket->ai_family == AF_INET6 ? reinterpret_cast<const sockaddr*>(&siSocket->cli_addr6)
                                                          : reinterpret_cast<const sockaddr*>(&siSocket->cli_addr);
-    ++siSocket->BeforeMessageSend;
     std::shared_lock f(siSocket->FdLock);
+    if (genId >= 0 && siSocket->GenId != genId) return -ESRCH;
+    ++siSocket->BeforeMessageSend;
     ssize_t n = sendto(siSocket->fd, buff, size_t(len), MSG_DONTWAIT, to, siSocket->cli_len);
     if (n > 0) ++siSocket->AfterMessageSent;
     return int(n);
+}
+
+int __mv_socket_engine_udp_send_socket_data(MV_Socket* siSocket, const void* buff, int len, int) {
+    return __mv_socket_engine___udp_send_gen(siSocket, -1, buff, len);
 }

@@ -21,6 +21,8 @@
 #include <thread>
 #include <vector>
 
+#include "ks_test_util.h"
+
 namespace kse {
 
 struct Netns {
@@ -121,6 +123,13 @@ public:
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
     }
+    // The last complete line seen so far that starts with prefix, or "".
+    std::string last(const std::string& prefix) {
+        waitLine("\x01", 0);
+        for (auto l = lines_.rbegin(); l != lines_.rend(); ++l)
+            if (l->rfind(prefix, 0) == 0) return *l;
+        return "";
+    }
     // Every complete line seen so far that starts with prefix.
     int count(const std::string& prefix) {
         waitLine("\x01", 0);
@@ -154,6 +163,57 @@ private:
     std::string buf_;
     size_t scanned_ = 0;
     std::vector<std::string> lines_;
+};
+
+// tshark on an interface of namespace A (or of B), for as long as the object lives.
+class Capture {
+public:
+    explicit Capture(const std::string& path, const char* iface = "kva", const char* filter = "sctp", bool inB = false)
+        : path_(path) {
+        std::string err = path + ".err";
+        pid_ = fork();
+        if (pid_ == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            if (inB && setns(Netns::get().fdB, CLONE_NEWNET) != 0) _exit(126);
+            int fd = open(err.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0644);
+            dup2(fd, 2);
+            int null = open("/dev/null", O_WRONLY);
+            dup2(null, 1);
+            execlp("tshark", "tshark", "-i", iface, "-f", filter, "-w", path.c_str(), nullptr);
+            _exit(127);
+        }
+        ok_ = kst::waitFor([&] { return kst::readFile(err).find("Capturing on") != std::string::npos; }, 15);
+        // The line comes a little before packets are really taken.
+        if (ok_) std::this_thread::sleep_for(std::chrono::seconds(1));
+    }
+    Capture(const Capture&) = delete;
+    Capture& operator=(const Capture&) = delete;
+    ~Capture() { stop(); }
+    void stop() {
+        if (pid_ <= 0) return;
+        kill(pid_, SIGINT);
+        waitpid(pid_, nullptr, 0);
+        pid_ = -1;
+    }
+    bool ok() const { return ok_; }
+    // One line per packet of the fields named, separated by '|'; stops the capture.
+    std::string fields(const std::string& fieldArgs =
+                           "-e sctp.checksum.status -e sctp.chunk_type -e sctp.data_payload_proto_id "
+                           "-e sctp.parameter_ipv4_address") {
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));  // the capture lags the last packets a little
+        stop();
+        std::string out = path_ + ".txt";
+        std::string cmd = "tshark -r " + path_ + " -o sctp.checksum:CRC-32C -T fields -E separator='|' " + fieldArgs +
+                          " > " + out + " 2>/dev/null";
+        if (system(cmd.c_str()) != 0) return "";
+        return kst::readFile(out);
+    }
+    static bool present() { return system("tshark -v >/dev/null 2>&1") == 0; }
+
+private:
+    std::string path_;
+    pid_t pid_ = -1;
+    bool ok_ = false;
 };
 
 }  // namespace kse

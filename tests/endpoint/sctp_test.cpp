@@ -63,51 +63,7 @@ MV_Socket* makeClient(int model, int localCount) {
     return s;
 }
 
-// A capture on the veth end of namespace A, for as long as the object lives.
-class Capture {
-public:
-    explicit Capture(const std::string& path, const char* iface = "kva", const char* filter = "sctp") : path_(path) {
-        std::string err = path + ".err";
-        pid_ = fork();
-        if (pid_ == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            int fd = open(err.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0644);
-            dup2(fd, 2);
-            int null = open("/dev/null", O_WRONLY);
-            dup2(null, 1);
-            execlp("tshark", "tshark", "-i", iface, "-f", filter, "-w", path.c_str(), nullptr);
-            _exit(127);
-        }
-        ok_ = kst::waitFor([&] { return kst::readFile(err).find("Capturing on") != std::string::npos; }, 15);
-        // The line comes a little before packets are really taken.
-        if (ok_) usleep(1000000);
-    }
-    ~Capture() { stop(); }
-    void stop() {
-        if (pid_ <= 0) return;
-        kill(pid_, SIGINT);
-        waitpid(pid_, nullptr, 0);
-        pid_ = -1;
-    }
-    bool ok() const { return ok_; }
-    // One line per packet: checksum status, chunk types, PPIDs, IPv4 address parameters.
-    std::string fields() {
-        usleep(500000);  // the capture lags the last packets a little
-        stop();
-        std::string out = path_ + ".txt";
-        std::string cmd = "tshark -r " + path_ +
-                          " -o sctp.checksum:CRC-32C -T fields -E separator='|' -e sctp.checksum.status -e sctp.chunk_type "
-                          "-e sctp.data_payload_proto_id -e sctp.parameter_ipv4_address > " +
-                          out + " 2>/dev/null";
-        if (system(cmd.c_str()) != 0) return "";
-        return kst::readFile(out);
-    }
-
-private:
-    std::string path_;
-    pid_t pid_ = -1;
-    bool ok_ = false;
-};
+using kse::Capture;
 
 bool tsharkPresent() { return system("tshark -v >/dev/null 2>&1") == 0; }
 

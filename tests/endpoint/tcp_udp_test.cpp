@@ -24,7 +24,14 @@ void onAccept(MV_Socket* child, MV_Socket*) {
     rec.load()->addThread();
 }
 
-void onClose(MV_Socket*) { ++rec.load()->closes; }
+// Closes of one socket, counted apart: late closes of earlier tests' sockets reach rec.
+std::atomic<MV_Socket*> watched{nullptr};
+std::atomic<int> watchedCloses{0};
+
+void onClose(MV_Socket* s) {
+    ++rec.load()->closes;
+    if (s == watched.load()) ++watchedCloses;
+}
 
 // Takes every byte waiting, the way a framing owner would, and gives the buffers back.
 void onTcpData(MV_Socket* s) {
@@ -49,6 +56,8 @@ MV_Socket* startTcpServer(int port) {
     srv->OnClose = onClose;
     srv->OnBufferReceive = onTcpData;
     EXPECT_EQ(__mv_socket_engine_start_server_socket(srv), 1);
+    // The start waits a moment for the listener; on a loaded machine that may not be enough.
+    EXPECT_TRUE(kst::waitFor([&] { return srv->isActive == 1; }, 10));
     return srv;
 }
 
@@ -180,6 +189,116 @@ TEST_F(Tcp, EngineClientEchoCloseAndReconnectReusesTheChild) {
     ASSERT_EQ(cli->Send(cli, "again", 5, 0), 5);
     ASSERT_TRUE(kst::waitFor([&] { return r.byteCount() == 20; }, 5));
     cli->Close(cli);
+}
+
+// A reader of a plain socket that takes everything until the peer closes.
+std::string readAll(int fd, size_t atLeast) {
+    std::string got;
+    char buf[65536];
+    while (got.size() < atLeast) {
+        pollfd pf{fd, POLLIN, 0};
+        if (poll(&pf, 1, 10000) <= 0) break;
+        ssize_t n = read(fd, buf, sizeof buf);
+        if (n <= 0) break;
+        got.append(buf, size_t(n));
+    }
+    return got;
+}
+
+// A peer that stops reading: sends never wait for it, what the kernel cannot take waits
+// on the socket and follows in order once the peer reads, and past its bound the
+// connection is closed with a log line naming the peer and a count.
+TEST_F(Tcp, ASlowReaderHoldsNoSenderGetsEveryByteInOrderAndPastItsBoundIsDropped) {
+    int port = kse::freePort();
+    MV_Socket* srv = startTcpServer(port);
+    constexpr long kBound = 4L << 20;
+    __mv_socket_engine__set_max_outbound_bytes(srv, kBound);
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    int small = 4096;
+    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(uint16_t(port));
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    ASSERT_TRUE(kst::waitFor([&] { return lastChild.load() && lastChild.load()->isActive; }, 5));
+    MV_Socket* child = lastChild;
+    watchedCloses = 0;
+    watched = child;
+    EXPECT_EQ(child->MaxOutboundBytes, kBound) << "the listener's bound";
+
+    // Numbered lines until some wait in the engine: every send returned at once.
+    std::string sent;
+    for (int i = 0; __mv_socket_engine_outbound_bytes(child) == 0 && sent.size() < (256u << 20); ++i) {
+        std::string line = std::to_string(i) + std::string(1000, '.') + "\n";
+        ASSERT_EQ(__mv_socket_engine_tcp_send_socket_data(child, line.data(), int(line.size()), 0), int(line.size()));
+        sent += line;
+    }
+    ASSERT_GT(__mv_socket_engine_outbound_bytes(child), 0) << "the kernel never filled";
+    for (int i = 0; i < 100; ++i) {
+        std::string line = "more" + std::to_string(i) + "\n";
+        ASSERT_EQ(__mv_socket_engine_tcp_send_socket_data(child, line.data(), int(line.size()), 0), int(line.size()));
+        sent += line;
+    }
+    std::string got = readAll(fd, sent.size());
+    EXPECT_EQ(got.size(), sent.size());
+    EXPECT_TRUE(got == sent) << "bytes lost or out of order";
+    EXPECT_TRUE(kst::waitFor([&] { return __mv_socket_engine_outbound_bytes(child) == 0; }, 5));
+
+    // Past the bound: closed once, counted, and the sender told.
+    int before = __mv_socketEngine->OutboundLimitCloseCount;
+    std::string block(64 * 1024, 'x');
+    int rc = 1;
+    for (long n = 0; rc > 0 && n < (512L << 20); n += long(block.size()))
+        rc = __mv_socket_engine_tcp_send_socket_data(child, block.data(), int(block.size()), 0);
+    EXPECT_EQ(rc, -1);
+    EXPECT_EQ(__mv_socketEngine->OutboundLimitCloseCount - before, 1);
+    EXPECT_EQ(child->isActive.load(), 0);
+    EXPECT_EQ(__mv_socket_engine_outbound_bytes(child), 0) << "what waited went with the connection";
+    EXPECT_EQ(watchedCloses.load(), 1);
+    char peer[64];
+    sockaddr_in me{};
+    socklen_t len = sizeof me;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&me), &len);
+    snprintf(peer, sizeof peer, "of peer 127.0.0.1:%d: it reads too slowly", ntohs(me.sin_port));
+    EXPECT_NE(kse::stackLog().find(peer), std::string::npos) << peer;
+    close(fd);
+}
+
+// A record serves the next connection once its last one closed; whoever still holds
+// the old generation reaches neither the new peer nor its connection.
+TEST_F(Tcp, AStaleGenerationReachesNeitherTheNextPeerNorItsConnection) {
+    int port = kse::freePort();
+    startTcpServer(port);
+    int first = plainConnect(port);
+    ASSERT_GE(first, 0);
+    ASSERT_TRUE(kst::waitFor([&] { return lastChild.load() && lastChild.load()->isActive; }, 5));
+    MV_Socket* child = lastChild;
+    int gen = __mv_socket_engine_get_generation(child);
+    EXPECT_EQ(__mv_socket_engine_send_on_connection(child, gen, "one", 3), 3);
+    char got[8] = {};
+    EXPECT_EQ(read(first, got, sizeof got), 3);
+
+    EXPECT_EQ(__mv_socket_engine_close_connection(child, gen), 1);
+    close(first);
+    lastChild = nullptr;
+    int second = plainConnect(port);
+    ASSERT_GE(second, 0);
+    ASSERT_TRUE(kst::waitFor([&] { return lastChild.load() && lastChild.load()->isActive; }, 5));
+    ASSERT_EQ(lastChild.load(), child) << "the free record is reused";
+    ASSERT_NE(__mv_socket_engine_get_generation(child), gen);
+
+    EXPECT_EQ(__mv_socket_engine_send_on_connection(child, gen, "stale", 5), -ESRCH);
+    EXPECT_EQ(__mv_socket_engine_close_connection(child, gen), 0);
+    uint8_t buf[8];
+    EXPECT_EQ(__mv_socket_engine_tcp_get_buffer_gen(child, gen, buf, sizeof buf), -ESRCH);
+    EXPECT_EQ(child->isActive.load(), 1) << "the new connection stays";
+    int now = __mv_socket_engine_get_generation(child);
+    EXPECT_EQ(__mv_socket_engine_send_on_connection(child, now, "two", 3), 3);
+    memset(got, 0, sizeof got);
+    EXPECT_EQ(read(second, got, sizeof got), 3);
+    EXPECT_STREQ(got, "two") << "only what was sent for this connection";
+    close(second);
 }
 
 TEST(TcpClient, RefusedConnectLogsAndReturnsMinusOne) {

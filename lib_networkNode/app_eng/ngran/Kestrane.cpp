@@ -7,6 +7,7 @@
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -196,6 +197,43 @@ int KsEngine__InitializeApp_Config(json_t* cfg) {
 
 void* testExecutionThreadEntry(void* arg) { return KsEngine__TestExecutionThread(arg); }
 
+sigset_t endingSignals() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGQUIT);
+    return set;
+}
+
+void unblockEndingSignals() {
+    sigset_t set = endingSignals();
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+}
+
+void blockEndingSignals() {
+    sigset_t set = endingSignals();
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    // A program started from here (a capture, a helper) gets them as any process does.
+    static std::once_flag once;
+    std::call_once(once, [] { pthread_atfork(nullptr, nullptr, unblockEndingSignals); });
+}
+
+// Logging and ending connections are not safe in a signal handler; this thread may.
+void* signalThread(void*) {
+    sigset_t set = endingSignals();
+    for (;;) {
+        int sig = 0;
+        if (sigwait(&set, &sig) == 0) KsEngine__signalhandler(sig);
+    }
+    return nullptr;
+}
+
+void startSignalThread() {
+    static std::once_flag once;
+    std::call_once(once, [] { __mv_create_pthread2(signalThread, nullptr, "mv_signal"); });
+}
+
 void readPcapNames() {
     char path[600];
     snprintf(path, sizeof path, "%s/pcap_protocols", __ksEngine->cwd);
@@ -235,15 +273,15 @@ int KsEngine__SaveFile(json_t* jRoot, const char* path) {
 }
 
 void KsEngine__signalhandler(int signum) {
-    __mv_log(MV_STK_LOG, LOG_CAT_CORE, MV_LOG_CRITICAL, "Received signal=%d exiting %s|%s|%d", signum, __FILE_NAME__,
-             __func__, __LINE__);
-    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_CRITICAL, "Received signal=%d exiting %s|%s|%d", signum, __FILE_NAME__,
-             __func__, __LINE__);
-    __mv_log(MV_PER_LOG, LOG_CAT_CORE, MV_LOG_CRITICAL, "Received signal=%d exiting %s|%s|%d", signum, __FILE_NAME__,
-             __func__, __LINE__);
-    __mv_log(MV_CMN_LOG, LOG_CAT_CORE, MV_LOG_CRITICAL, "Received signal=%d exiting %s|%s|%d", signum, __FILE_NAME__,
-             __func__, __LINE__);
-    usleep(999999);
+    for (uint32_t channel : {MV_STK_LOG, MV_APP_LOG, MV_PER_LOG, MV_CMN_LOG})
+        __mv_log(channel, channel == MV_APP_LOG ? LOG_CAT_APP : LOG_CAT_CORE, MV_LOG_CRITICAL,
+                 "Received signal=%d exiting %s|%s|%d", signum, __FILE_NAME__, __func__, __LINE__);
+    // The userspace SCTP stack dies with the process and tells no peer: without an
+    // ABORT an AMF would keep our gNBs until its heartbeats fail.
+    int ended = __mv_socket_engine_abort_all();
+    __mv_log(MV_STK_LOG, LOG_CAT_CORE, MV_LOG_CRITICAL, "ended %d connections before exiting %s|%s|%d", ended,
+             __FILE_NAME__, __func__, __LINE__);
+    fflush(stdout);
     _exit(0);
 }
 
@@ -254,12 +292,14 @@ void KsEngine__sentmpscounter() {
 
 int KsEngine__Startup(int argc, char** argv) {
     const char* prog = argc > 0 && argv && argv[0] ? argv[0] : "kestrane";
+    // Line by line, so that what was printed is there when the output is a file and
+    // the process is ended from outside.
+    setvbuf(stdout, nullptr, _IOLBF, 0);
     printf("\n----------------------------------------------------------------\n");
     printf("%s %s\n", prog, KestraneVersion);
     printf("----------------------------------------------------------------\n");
-    signal(SIGTERM, KsEngine__signalhandler);
-    signal(SIGINT, KsEngine__signalhandler);
-    signal(SIGQUIT, KsEngine__signalhandler);
+    // Blocked in every thread started from here on, and taken by a thread of their own.
+    blockEndingSignals();
 
     if (argc < 2 || !argv[1] || !*argv[1]) {
         printf("please provide configuration file with full path., syntax: %s ./config.json\n", prog);
@@ -280,6 +320,7 @@ int KsEngine__Startup(int argc, char** argv) {
     __mv_socket_engine_init();
     __mv_ogs_init_crypto_fun();
     printf("logs path:%s\n", logRoot);
+    startSignalThread();
 
     if (started_app == 1) {
         __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_CRITICAL, "Application is already in start state  %s|%d", __func__,

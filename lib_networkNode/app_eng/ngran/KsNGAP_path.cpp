@@ -34,7 +34,7 @@ int socketStart(MV_KsRanAmfConnection* conn) {
     } else if (__ksEngine->localIPCount > 0 && __ksEngine->localIP[0][0]) {
         info.ipCount = takeTwo(__ksEngine->localIP, info.IP);
     } else {
-        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "LocalAddress-IP Not Configured %s|%s|%d", __FILE_NAME__,
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_CRITICAL, "LocalAddress-IP Not Configured %s|%s|%d", __FILE_NAME__,
                  __func__, __LINE__);
     }
     info.Port = int(ran->localPort);

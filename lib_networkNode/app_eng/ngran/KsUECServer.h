@@ -52,6 +52,9 @@ struct KsUECTransport {
     // bytes sent, or a value below 1.
     int (*Send)(void* socket, uint32_t generation, const void* bytes, int len);
 };
+// Unsent answer bytes one console may hold before the engine drops it: five of the
+// largest answers. A console that reads keeps far below it.
+constexpr long KS_UEC_MAX_UNSENT_BYTES = 1L << 20;
 // Null restores the engine's transport.
 void KsUECServer___setTransport(const KsUECTransport* transport);
 

@@ -4,7 +4,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 
 #include "KsUECServer.h"
 #include "Kestrane.h"
@@ -12,14 +11,11 @@
 
 namespace {
 
-// Several handlers may answer on one connection at once; a send the kernel takes in
-// parts must not interleave with another, so sends on a connection are serialised.
+// Answers of one connection never interleave and never wait on the console: the
+// engine queues what the kernel cannot take. The generation keeps an answer from
+// reaching a later connection on the same record.
 int socketSend(void* socket, uint32_t generation, const void* bytes, int len) {
-    auto* s = static_cast<MV_Socket*>(socket);
-    // A record of a closed connection serves the next one: the generation tells them apart.
-    if (!s || uint32_t(s->GenId) != generation || !__mv_socket_engine_is_connected(s)) return -1;
-    std::lock_guard g(s->SendLock);
-    return s->Send(s, bytes, len, 0);
+    return __mv_socket_engine_send_on_connection(static_cast<MV_Socket*>(socket), int(generation), bytes, len);
 }
 
 constexpr KsUECTransport kSocketTransport{socketSend};
@@ -57,6 +53,8 @@ int KsUECServer___Start(void) {
     s->OnAccept = KsUECServer___on_accept;
     s->OnClose = KsUECServer___on_close;
     s->OnBufferReceive = KsUECServer___on_buffer;
+    // A console that does not read its answers is dropped before it holds this much.
+    __mv_socket_engine__set_max_outbound_bytes(s, KS_UEC_MAX_UNSENT_BYTES);
     __mv_socketEngine->Start(s);
     return 1;
 }
@@ -66,13 +64,16 @@ void KsUECServer___on_close(MV_Socket*) {}
 
 void KsUECServer___on_buffer(MV_Socket* siSocketChild) {
     MV_Socket* s = siSocketChild;
+    // Every read below is of this connection only: if it closes meanwhile and the record
+    // serves the next, the reads refuse, and the next connection's arrival calls again.
+    const int gen = __mv_socket_engine_get_generation(s);
     // Every whole message waiting is taken: the engine calls this once per arrival,
     // and a console that sent two requests in one segment waits for both answers.
     for (;;) {
         int waiting = __mv_socket_engine_buffer_data_length(s);
         if (waiting <= 0) return;
         uint8_t head[sizeof(__uec_msg_header)];
-        int n = __mv_socket_engine_tcp_get_sample_buffer(s, head, int(sizeof head));
+        int n = __mv_socket_engine_tcp_get_sample_buffer_gen(s, gen, head, int(sizeof head));
         KsUECFrame f = KsUECServer___frame(std::span<const uint8_t>(head, size_t(n < 0 ? 0 : n)), uint32_t(waiting));
         if (n < int(sizeof head)) return;
         if (f.MessageType != VELTA_UEC_MSG_TYP__PING_REQUEST)
@@ -92,7 +93,7 @@ void KsUECServer___on_buffer(MV_Socket* siSocketChild) {
                          "UE-Console message of MessageSize=%u MessageType=%u is shorter than its header, closing the "
                          "connection of %s <%s|%s|%d>",
                          f.MessageSize, f.MessageType, peer, __FILE_NAME__, __func__, __LINE__);
-                s->Close(s);
+                __mv_socket_engine_close_connection(s, gen);
                 return;
             }
             case KsUECFrameKind::TooLong:
@@ -106,11 +107,11 @@ void KsUECServer___on_buffer(MV_Socket* siSocketChild) {
                 break;
         }
         uint8_t bytes[VELTA_UEC_MAX_MESSAGE_SIZE];
-        int got = __mv_socket_engine_tcp_get_buffer(s, bytes, int(f.MessageSize));
+        int got = __mv_socket_engine_tcp_get_buffer_gen(s, gen, bytes, int(f.MessageSize));
         __mv_socket_engine_tcp_release_used_buffer(s);
         if (got != int(f.MessageSize)) return;  // the connection closed under us
         // An unknown type, even or odd, is dropped without a word.
-        void* message = KsUECServer___takeMessage(std::span<const uint8_t>(bytes, size_t(got)), s, uint32_t(s->GenId));
+        void* message = KsUECServer___takeMessage(std::span<const uint8_t>(bytes, size_t(got)), s, uint32_t(gen));
         if (message) __mv_core_queue(message, KsUECServer___handlerOf(f.MessageType)->Handler);
     }
 }

@@ -19,9 +19,13 @@ uint64_t capacity(const __mv_buff_t* b) {
     return b->len;
 }
 
-ByteWriter writerAt(const __mv_buff_t* b, uint64_t at) {
+// A writer of the room from data + at; none when at is past the end, where even an empty write
+// must fail rather than stretch len over memory the buffer does not have.
+bool writerAt(const __mv_buff_t* b, uint64_t at, ByteWriter& w) {
     uint64_t cap = capacity(b);
-    return at <= cap ? ByteWriter(b->data + at, size_t(cap - at)) : ByteWriter();
+    if (at > cap) return false;
+    w = ByteWriter(b->data + at, size_t(cap - at));
+    return true;
 }
 
 void wrote(__mv_buff_t* b, uint32_t n) {
@@ -31,14 +35,16 @@ void wrote(__mv_buff_t* b, uint32_t n) {
 
 template <class T>
 int encAppend(__mv_buff_t* b, T v) {
-    if (!b || !writerAt(b, b->pos).uN(sizeof(T), v)) return 0;
+    ByteWriter w;
+    if (!b || !writerAt(b, b->pos, w) || !w.uN(sizeof(T), v)) return 0;
     wrote(b, sizeof(T));
     return 1;
 }
 
 template <class T>
 int encAt(uint32_t pos, __mv_buff_t* b, T v) {
-    return (b && writerAt(b, pos).uN(sizeof(T), v)) ? 1 : 0;
+    ByteWriter w;
+    return (b && writerAt(b, pos, w) && w.uN(sizeof(T), v)) ? 1 : 0;
 }
 
 __mv_buff_t* newBuffRecord() {
@@ -101,7 +107,8 @@ uint8_t* __mv_buff__get_current_datapointer(__mv_buff_t* b) { return b ? b->data
 uint16_t __mv_buff__get_len(__mv_buff_t* b) { return b ? uint16_t(b->pos) : 0; }
 
 int __mv_buff__copy(__mv_buff_t* b, const void* buff, uint32_t len) {
-    if (!b || (!buff && len) || !writerAt(b, b->pos).bytes(buff, len)) return 0;
+    ByteWriter w;
+    if (!b || (!buff && len) || !writerAt(b, b->pos, w) || !w.bytes(buff, len)) return 0;
     wrote(b, len);
     return 1;
 }

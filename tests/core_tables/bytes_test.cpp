@@ -217,6 +217,13 @@ TEST(ByteBuffer, WritesStopAtTheEndAndHeadRoomPullsBack) {
     EXPECT_EQ(wire[4], 0x02);
     EXPECT_EQ(__mv_buff__copy(e, "abcdef", 6), 0);
     EXPECT_EQ(e->pos, 0u);
+    // Head room taken after writing leaves the cursor past the end: nothing is written there, not
+    // even nothing, which would stretch len over memory the buffer does not have.
+    ASSERT_EQ(__mv_buff__copy(e, "abcd", 4), 1);
+    ASSERT_EQ(__mv_buff__reserve(e, 3), 1);
+    EXPECT_EQ(__mv_buff__copy(e, "", 0), 0);
+    EXPECT_EQ(__mv_buff__enc_uint8(e, 1), 0);
+    EXPECT_EQ(e->len, 2u);
     __mv_buff__free(e);
 }
 

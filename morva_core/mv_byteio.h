@@ -27,24 +27,9 @@ public:
         v = buf_[pos_++];
         return true;
     }
-    [[nodiscard]] bool u16(uint16_t& v) {
-        uint64_t w;
-        if (!uN(2, w)) return false;
-        v = uint16_t(w);
-        return true;
-    }
-    [[nodiscard]] bool u24(uint32_t& v) {
-        uint64_t w;
-        if (!uN(3, w)) return false;
-        v = uint32_t(w);
-        return true;
-    }
-    [[nodiscard]] bool u32(uint32_t& v) {
-        uint64_t w;
-        if (!uN(4, w)) return false;
-        v = uint32_t(w);
-        return true;
-    }
+    [[nodiscard]] bool u16(uint16_t& v) { return narrow(2, v); }
+    [[nodiscard]] bool u24(uint32_t& v) { return narrow(3, v); }
+    [[nodiscard]] bool u32(uint32_t& v) { return narrow(4, v); }
     [[nodiscard]] bool u64(uint64_t& v) { return uN(8, v); }
     // An unsigned big-endian integer of n octets, 1 to 8.
     [[nodiscard]] bool uN(size_t n, uint64_t& v) {
@@ -89,6 +74,14 @@ public:
     }
 
 private:
+    template <class T>
+    bool narrow(size_t n, T& v) {
+        uint64_t w;
+        if (!uN(n, w)) return false;
+        v = T(w);
+        return true;
+    }
+
     std::span<const uint8_t> buf_;
     size_t pos_ = 0;
 };

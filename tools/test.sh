@@ -2,7 +2,7 @@
 # Builds everything and runs the tests. With KS_SANITIZERS=1 (CI sets it) the tests run
 # under the address and undefined sanitizers instead, and the runtime's concurrency tests
 # also under the thread sanitizer. With KS_FUZZ_SECONDS=N it runs each libFuzzer target
-# for N seconds.
+# for N seconds (every suite also replays each target's regression corpus).
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 jobs=${KS_JOBS:-2}
@@ -43,10 +43,12 @@ else
 fi
 
 if [ "${KS_FUZZ_SECONDS:-0}" -gt 0 ]; then
+    # run.sh builds the targets of every module (ks_fuzz_target) and runs each for the time.
     for f in "$top"/tools/fuzz/run*.sh; do
-        echo "== fuzz: $(basename "$f") for ${KS_FUZZ_SECONDS}s =="
+        echo "== fuzz: $(basename "$f") for ${KS_FUZZ_SECONDS}s a target =="
         bash "$f" "$KS_FUZZ_SECONDS" >"$top/build/$(basename "$f" .sh).log" 2>&1 ||
             { tail -n 60 "$top/build/$(basename "$f" .sh).log"; exit 1; }
-        grep -E 'stat::number_of_executed_units|Done [0-9]+ runs' "$top/build/$(basename "$f" .sh).log" | tail -n 1
+        grep -E '^fuzz target ' "$top/build/$(basename "$f" .sh).log" ||
+            grep -E 'stat::number_of_executed_units|Done [0-9]+ runs' "$top/build/$(basename "$f" .sh).log" | tail -n 1
     done
 fi

@@ -63,3 +63,5 @@ int __mv_naspdu_encode_message(const NasMsgDesc* m, void* record, __mv_asn_codin
 int __mv_naspdu_decode_message(const NasMsgDesc* m, __naspduDecode* decode);
 int __mv_naspdu_encode_ie(const NasIeType* t, uint8_t iei, const void* ie, __mv_asn_coding_context* context);
 int __mv_naspdu_decode_ie(const NasIeType* t, uint8_t iei, void* ie, bool mandatory, __naspduDecode* decode);
+// An optional IE at the cursor, its identifier just taken by the caller.
+int __mv_naspdu_decode_taken_ie(const NasIeType* t, void* ie, __naspduDecode* decode);

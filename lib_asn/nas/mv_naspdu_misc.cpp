@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "mv_byteio.h"
 #include "mv_naspdu_desc.h"
 
 namespace {
@@ -129,29 +130,30 @@ int __mv_naspdu_addSNSSAI(__naspdu_nssai* nssai, uint8_t sst, const uint8_t* sd,
 }
 
 int __mv_naspdu_getSNSSAI(const uint8_t* data, uint32_t len, __naspdu_snssai_item* items, int maxItems) {
+    ByteReader r(data, data ? len : 0);
     int count = 0;
-    uint32_t pos = 0;
-    while (pos < len && count < maxItems) {
-        uint8_t n = data[pos];
+    uint8_t n;
+    while (count < maxItems && r.u8(n)) {
         if (n != 1 && n != 2 && n != 4 && n != 5 && n != 8) return -1;
-        if (pos + 1 + n > len) return -ENOENT;
-        const uint8_t* v = data + pos + 1;
+        ByteReader v;
+        if (!r.sub(n, v)) return -ENOENT;
         __naspdu_snssai_item& it = items[count++];
         memset(&it, 0, sizeof it);
-        it.sst = v[0];
+        // The item's length says which fields follow the SST, in this order.
+        bool ok = v.u8(it.sst);
         if (n >= 4) {
             it.sd_isset = 1;
-            memcpy(it.sd, v + 1, 3);
+            ok = ok && v.bytes(it.sd, 3);
         }
         if (n == 2 || n == 5 || n == 8) {
             it.mappedSst_isset = 1;
-            it.mappedSst = v[n == 2 ? 1 : 4];
+            ok = ok && v.u8(it.mappedSst);
         }
         if (n == 8) {
             it.mappedSd_isset = 1;
-            memcpy(it.mappedSd, v + 5, 3);
+            ok = ok && v.bytes(it.mappedSd, 3);
         }
-        pos += 1u + n;
+        if (!ok) return -ENOENT;
     }
     return count;
 }

@@ -53,9 +53,7 @@ constexpr uint8_t fgmmFlags(int type) {
         return __mv_naspdu_encode_ie(&kNasIe_##Name, iei, ie, context);                               \
     }                                                                                                 \
     int __mv_naspdu_decode##Name(CType* ie, __naspduDecode* decode) {                                 \
-        /* a half-octet IE's value is in the identifier octet the caller has taken */                 \
-        uint8_t iei = decode->pos > 0 ? decode->buffer[decode->pos - 1] : 0;                          \
-        return __mv_naspdu_decode_ie(&kNasIe_##Name, fmt == NAS_F_HALF ? iei : 0, ie, false, decode); \
+        return __mv_naspdu_decode_taken_ie(&kNasIe_##Name, ie, decode);                               \
     }
 NAS_IE_TYPES(NAS_IE_DEF)
 #undef NAS_IE_DEF
@@ -71,10 +69,22 @@ NAS_IE_TYPES(NAS_IE_DEF)
 #define NAS_EL(kind, T, m, iei) NAS_EL_##kind(T, m, iei)
 #define NAS_EL_END {nullptr, nullptr, 0, 0, 0}
 
+// The decoder reads the mandatory part from the front of the table and stops at the first other
+// element, so that every message's mandatory elements must lead its table.
+constexpr bool mandatoryFirst(const NasElem* e) {
+    bool optional = false;
+    for (; e->type; ++e) {
+        if ((e->flags & NAS_EL_MAND) && optional) return false;
+        optional = optional || !(e->flags & NAS_EL_MAND);
+    }
+    return true;
+}
+
 #define NAS_TABLE(ns, Rec, list, Name, type, disc, flags)                                            \
     namespace ns {                                                                                    \
     using NasRec = Rec;                                                                               \
-    const NasElem kElems[] = {list(NAS_EL) NAS_EL_END};                                               \
+    constexpr NasElem kElems[] = {list(NAS_EL) NAS_EL_END};                                           \
+    static_assert(mandatoryFirst(kElems), Name " has a mandatory element behind an optional one");   \
     const NasMsgDesc kMsg = {Name, type, disc, flags, sizeof(NasRec), kElems,                         \
                              uint16_t(sizeof kElems / sizeof kElems[0] - 1)};                         \
     }

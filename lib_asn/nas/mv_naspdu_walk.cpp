@@ -1,8 +1,10 @@
-// The one NAS encoder and the one NAS decoder: both walk a message's element table. Reading goes
-// through the cursor and tests the octets left before every read, so no input reads past `length`.
+// The one NAS encoder and the one NAS decoder: both walk a message's element table. Every octet
+// of a message is read through a ByteReader over its `length` octets, and the cursor record takes
+// the reader's position back, so no input is read past its end.
 #include <climits>
 #include <cstring>
 
+#include "mv_byteio.h"
 #include "mv_core.h"
 #include "mv_naspdu_desc.h"
 
@@ -40,21 +42,29 @@ int fail(__naspduDecode* d, int status, uint32_t line) {
     return -1;
 }
 
-int remaining(const __naspduDecode* d) { return d->length - d->pos; }
+// A reader of the whole message, at the record's cursor; false for a cursor outside the message.
+bool readerAt(const __naspduDecode* d, int pos, ByteReader& r) {
+    if ((!d->buffer && d->length != 0) || d->length < 0 || pos < 0) return false;
+    r = d->buffer ? ByteReader(d->buffer, size_t(d->length)) : ByteReader();
+    return r.skip(size_t(pos));
+}
 
-// Reads the length octets of an LV or LV-E IE and checks that its value is there.
-int readLength(const NasIeType* t, __naspduDecode* d, uint32_t* len) {
-    int w = t->fmt == NAS_F_LVE ? 2 : 1;
-    if (remaining(d) < w) return fail(d, NAS_DECODE_ENDED_INSIDE_IE, __LINE__);
-    const uint8_t* b = d->buffer + d->pos;
-    *len = w == 2 ? uint32_t(b[0] << 8 | b[1]) : b[0];
-    d->pos += w;
-    if (uint32_t(remaining(d)) < *len) return fail(d, NAS_DECODE_ENDED_INSIDE_IE, __LINE__);
+// The length octets of an LV or LV-E IE.
+int readLength(const NasIeType* t, ByteReader& r, __naspduDecode* d, uint32_t* len) {
+    if (t->fmt == NAS_F_LVE) {
+        uint16_t v;
+        if (!r.u16(v)) return fail(d, NAS_DECODE_ENDED_INSIDE_IE, __LINE__);
+        *len = v;
+        return 1;
+    }
+    uint8_t v;
+    if (!r.u8(v)) return fail(d, NAS_DECODE_ENDED_INSIDE_IE, __LINE__);
+    *len = v;
     return 1;
 }
 
 // An IE longer than its member: a mandatory one fails the message, an optional one is stepped over.
-int tooLarge(const NasIeType* t, uint8_t iei, uint32_t len, bool mandatory, __naspduDecode* d) {
+int tooLarge(const NasIeType* t, uint8_t iei, uint32_t len, bool mandatory, ByteReader& r, __naspduDecode* d) {
     if (mandatory) {
         __mv_asn_log(MV_LOG_WARNING, "NAS IE %s of %u octets is longer than its record holds (%u) (%s|%s|%d)",
                      t->name, len, t->cap, __FILE_NAME__, __func__, __LINE__);
@@ -62,41 +72,41 @@ int tooLarge(const NasIeType* t, uint8_t iei, uint32_t len, bool mandatory, __na
     }
     __mv_asn_log(MV_LOG_WARNING, "NAS IE %02X (%s) of %u octets is longer than its record holds (%u), skipped (%s|%s|%d)",
                  iei, t->name, len, t->cap, __FILE_NAME__, __func__, __LINE__);
-    d->pos += int(len);
+    if (!r.skip(len)) return fail(d, NAS_DECODE_ENDED_INSIDE_IE, __LINE__);
     return 0;
 }
 
 // Steps over an IE of a known type whose identifier was taken.
-int skipIe(const NasIeType* t, __naspduDecode* d) {
+int skipIe(const NasIeType* t, ByteReader& r, __naspduDecode* d) {
     uint32_t len = 0;
     switch (t->fmt) {
         case NAS_F_HALF: return 1;
         case NAS_F_RAW8:
         case NAS_F_V:
-            if (remaining(d) < t->n) return fail(d, NAS_DECODE_ENDED_INSIDE_IE, __LINE__);
-            d->pos += t->n;
+            if (!r.skip(t->n)) return fail(d, NAS_DECODE_ENDED_INSIDE_IE, __LINE__);
             return 1;
         default:
-            if (readLength(t, d, &len) < 0) return -1;
-            d->pos += int(len);
+            if (readLength(t, r, d, &len) < 0) return -1;
+            if (!r.skip(len)) return fail(d, NAS_DECODE_ENDED_INSIDE_IE, __LINE__);
             return 1;
     }
 }
 
 // Steps over an IE the message does not know, by the identifier's form (TS 24.007 11.2.4): a high bit
 // makes it one octet, 0111 in the high nibble a TLV-E, anything else a TLV.
-int skipUnknown(uint8_t iei, __naspduDecode* d) {
+int skipUnknown(uint8_t iei, ByteReader& r, __naspduDecode* d) {
     if (iei & 0x80) return 1;
     static const NasIeType tlv = {"TLV", NAS_F_LV, NAS_K_PLAIN, 0, 0, 0, 0};
     static const NasIeType tlve = {"TLV-E", NAS_F_LVE, NAS_K_PLAIN, 0, 0, 0, 1};
-    return skipIe((iei & 0xF0) == 0x70 ? &tlve : &tlv, d);
+    return skipIe((iei & 0xF0) == 0x70 ? &tlve : &tlv, r, d);
 }
 
-const NasElem* findOptional(const NasMsgDesc* m, uint8_t b) {
+// The optional element of a message by its identifier, from the first element behind the mandatory part.
+const NasElem* findOptional(const NasMsgDesc* m, uint16_t first, uint8_t b) {
     bool half = b & 0x80;
-    for (uint16_t i = 0; i < m->nElems; i++) {
+    for (uint16_t i = first; i < m->nElems; i++) {
         const NasElem* e = &m->elems[i];
-        if ((e->flags & NAS_EL_MAND) || !(e->flags & (NAS_EL_READ | NAS_EL_SKIP))) continue;
+        if (!(e->flags & (NAS_EL_READ | NAS_EL_SKIP))) continue;
         if (half ? (e->type->fmt == NAS_F_HALF && e->iei == (b >> 4)) : (e->type->fmt != NAS_F_HALF && e->iei == b))
             return e;
     }
@@ -171,12 +181,12 @@ int __mv_naspdu_encode_ie(const NasIeType* t, uint8_t iei, const void* ie, __mv_
     return putN(data, len, c);
 }
 
-int __mv_naspdu_decode_ie(const NasIeType* t, uint8_t iei, void* ie, bool mandatory, __naspduDecode* d) {
+namespace {
+
+int decodeIe(const NasIeType* t, uint8_t iei, void* ie, bool mandatory, ByteReader& r, __naspduDecode* d) {
     auto* p = static_cast<uint8_t*>(ie);
-    const uint8_t* b = d->buffer;
     if (t->fmt == NAS_F_RAW8) {
-        if (remaining(d) < 1) return fail(d, NAS_DECODE_ENDED_INSIDE_IE, __LINE__);
-        p[0] = b[d->pos++];
+        if (!r.u8(p[0])) return fail(d, NAS_DECODE_ENDED_INSIDE_IE, __LINE__);
         return 1;
     }
     if (t->fmt == NAS_F_HALF) {
@@ -187,52 +197,118 @@ int __mv_naspdu_decode_ie(const NasIeType* t, uint8_t iei, void* ie, bool mandat
     }
     uint8_t* data = p + dataOff(t);
     if (t->fmt == NAS_F_V) {
-        if (remaining(d) < t->n) return fail(d, NAS_DECODE_ENDED_INSIDE_IE, __LINE__);
+        if (!r.bytes(data, t->n)) return fail(d, NAS_DECODE_ENDED_INSIDE_IE, __LINE__);
         p[0] = mandatory ? 0 : iei;
         setLength(t, p, t->n);
-        memcpy(data, b + d->pos, t->n);
-        d->pos += t->n;
         p[t->size - 1] = 1;
         return 1;
     }
     uint32_t len = 0;
-    if (readLength(t, d, &len) < 0) return -1;
-    const uint8_t* v = b + d->pos;
+    if (readLength(t, r, d, &len) < 0) return -1;
+    // The value is there whole before any of it is taken; a value the message fails on leaves the
+    // cursor at it, where the report points.
+    if (r.remaining() < len) return fail(d, NAS_DECODE_ENDED_INSIDE_IE, __LINE__);
+    ByteReader v;
     switch (t->kind) {
         case NAS_K_PDUADDR: {
             auto* a = static_cast<__naspdu_pdu_address*>(ie);
-            if (len > sizeof a->data + 1) return tooLarge(t, iei, len, mandatory, d);
+            if (len > sizeof a->data + 1) return tooLarge(t, iei, len, mandatory, r, d);
+            uint8_t type = 0;
+            if (!r.sub(len, v) || (len && !(v.u8(type) && v.bytes(a->data, len - 1))))
+                return fail(d, NAS_DECODE_ENDED_INSIDE_IE, __LINE__);
             a->Length = uint8_t(len);
-            a->PDUSessionType = len ? v[0] : 0;
-            if (len > 1) memcpy(a->data, v + 1, len - 1);
+            a->PDUSessionType = type;
             break;
         }
         case NAS_K_AMBR: {
             auto* a = static_cast<__naspdu_session_ambr*>(ie);
+            uint8_t dlUnit, ulUnit;
+            uint16_t dl, ul;
             if (len < 6) return fail(d, NAS_DECODE_ENDED_INSIDE_IE, __LINE__);
+            if (!(r.sub(len, v) && v.u8(dlUnit) && v.u16(dl) && v.u8(ulUnit) && v.u16(ul)))
+                return fail(d, NAS_DECODE_ENDED_INSIDE_IE, __LINE__);
             a->Length = uint8_t(len);
-            a->DownlinkUnit = v[0];
-            a->Downlink = uint16_t(v[1] << 8 | v[2]);
-            a->UplinkUnit = v[3];
-            a->Uplink = uint16_t(v[4] << 8 | v[5]);
+            a->DownlinkUnit = dlUnit;
+            a->Downlink = dl;
+            a->UplinkUnit = ulUnit;
+            a->Uplink = ul;
             break;
         }
         default:
             if (t->cap == 1 && !t->wide) {
                 // One-octet values: octets a later release adds behind it are ignored.
+                if (!r.sub(len, v)) return fail(d, NAS_DECODE_ENDED_INSIDE_IE, __LINE__);
                 p[1] = uint8_t(len);
-                p[2] = len ? v[0] : 0;
+                if (!v.peek(p[2])) p[2] = 0;
                 break;
             }
-            if (len > t->cap) return tooLarge(t, iei, len, mandatory, d);
-            memcpy(data, v, len);
+            if (len > t->cap) return tooLarge(t, iei, len, mandatory, r, d);
+            if (!r.bytes(data, len)) return fail(d, NAS_DECODE_ENDED_INSIDE_IE, __LINE__);
             setLength(t, p, t->kind == NAS_K_FGMMCAP ? (len ? len - 1 : 0) : len);
             break;
     }
     p[0] = mandatory ? 0 : iei;
     p[t->size - 1] = 1;
-    d->pos += int(len);
     return 1;
+}
+
+int readFGHeader(__naspduFGHeader* h, ByteReader& r, __naspduDecode* d) {
+    uint8_t b[4];
+    if (!r.peek(b[0])) return fail(d, NAS_DECODE_ENDED_INSIDE_IE, __LINE__);
+    bool sm = b[0] == MV_5GS_SM_EPD;
+    size_t need = sm ? 4 : 3;
+    if (!(sm ? r.bytes(b, 4) : r.bytes(b, 3))) return fail(d, NAS_DECODE_ENDED_INSIDE_IE, __LINE__);
+    h->ProtocolDiscriminator = b[0];
+    h->IsSMMsg = sm;
+    if (sm) {
+        h->PDUSessionId = b[1];
+        h->ProcedureTransactionIdentity = b[2];
+        h->ProcedureTransactionIdentity_isset = 1;
+    } else {
+        h->PSIOrSHT = b[1];
+    }
+    h->MessageType = b[need - 1];
+    return 1;
+}
+
+int readEPSHeader(__naspduHeader* h, ByteReader& r, __naspduDecode* d) {
+    uint8_t b[3];
+    if (!r.peek(b[0])) return fail(d, NAS_DECODE_ENDED_INSIDE_IE, __LINE__);
+    bool sm = (b[0] & 0x0F) == MV_EPS_SM_PD;
+    size_t need = sm ? 3 : 2;
+    if (!(sm ? r.bytes(b, 3) : r.bytes(b, 2))) return fail(d, NAS_DECODE_ENDED_INSIDE_IE, __LINE__);
+    h->ProtocolDiscriminator = b[0];
+    if (sm) {
+        h->ProcedureTransactionIdentity = b[1];
+        h->ProcedureTransactionIdentity_isset = 1;
+    }
+    h->MessageType = b[need - 1];
+    return 1;
+}
+
+// Runs one of the readers above at the record's cursor and moves the cursor on.
+template <class Read>
+int atCursor(__naspduDecode* d, Read read) {
+    ByteReader r;
+    if (!readerAt(d, d->pos, r)) return fail(d, NAS_DECODE_ENDED_INSIDE_IE, __LINE__);
+    int rc = read(r);
+    d->pos = int(r.position());
+    return rc;
+}
+
+}  // namespace
+
+int __mv_naspdu_decode_ie(const NasIeType* t, uint8_t iei, void* ie, bool mandatory, __naspduDecode* d) {
+    return atCursor(d, [&](ByteReader& r) { return decodeIe(t, iei, ie, mandatory, r, d); });
+}
+
+int __mv_naspdu_decode_taken_ie(const NasIeType* t, void* ie, __naspduDecode* d) {
+    // A half-octet IE's value is in the identifier octet the caller has taken, just behind the cursor.
+    uint8_t iei = 0;
+    ByteReader back;
+    bool half = t->fmt == NAS_F_HALF && d->pos > 0 && readerAt(d, d->pos - 1, back);
+    if (!half || !back.u8(iei)) iei = 0;
+    return __mv_naspdu_decode_ie(t, iei, ie, false, d);
 }
 
 // ---------------------------------------------------------------- headers
@@ -249,23 +325,7 @@ int __mv_naspdu_encodeFGPlainHeader(const __naspduFGHeader* h, __mv_asn_coding_c
 }
 
 int __mv_naspdu_decodeFGPlainHeader(__naspduFGHeader* h, __naspduDecode* d) {
-    if (remaining(d) < 1) return fail(d, NAS_DECODE_ENDED_INSIDE_IE, __LINE__);
-    const uint8_t* b = d->buffer + d->pos;
-    bool sm = b[0] == MV_5GS_SM_EPD;
-    int need = sm ? 4 : 3;
-    if (remaining(d) < need) return fail(d, NAS_DECODE_ENDED_INSIDE_IE, __LINE__);
-    h->ProtocolDiscriminator = b[0];
-    h->IsSMMsg = sm;
-    if (sm) {
-        h->PDUSessionId = b[1];
-        h->ProcedureTransactionIdentity = b[2];
-        h->ProcedureTransactionIdentity_isset = 1;
-    } else {
-        h->PSIOrSHT = b[1];
-    }
-    h->MessageType = b[need - 1];
-    d->pos += need;
-    return 1;
+    return atCursor(d, [&](ByteReader& r) { return readFGHeader(h, r, d); });
 }
 
 int __mv_naspdu_encodePlainHeader(const __naspduHeader* h, __mv_asn_coding_context* c) {
@@ -275,19 +335,7 @@ int __mv_naspdu_encodePlainHeader(const __naspduHeader* h, __mv_asn_coding_conte
 }
 
 int __mv_naspdu_decodeNASHeader(__naspduHeader* h, __naspduDecode* d) {
-    if (remaining(d) < 1) return fail(d, NAS_DECODE_ENDED_INSIDE_IE, __LINE__);
-    const uint8_t* b = d->buffer + d->pos;
-    bool sm = (b[0] & 0x0F) == MV_EPS_SM_PD;
-    int need = sm ? 3 : 2;
-    if (remaining(d) < need) return fail(d, NAS_DECODE_ENDED_INSIDE_IE, __LINE__);
-    h->ProtocolDiscriminator = b[0];
-    if (sm) {
-        h->ProcedureTransactionIdentity = b[1];
-        h->ProcedureTransactionIdentity_isset = 1;
-    }
-    h->MessageType = b[need - 1];
-    d->pos += need;
-    return 1;
+    return atCursor(d, [&](ByteReader& r) { return readEPSHeader(h, r, d); });
 }
 
 int __mv_naspdu_encodeSecurityHeader(const __naspduFGSecurityHeader* h, __mv_asn_coding_context* c) {
@@ -302,34 +350,34 @@ int __mv_naspdu_encodeSecurityHeader(const __naspduFGSecurityHeader* h, __mv_asn
 }
 
 int __mv_naspdu_decodeSecurityHeader(__naspduFGSecurityHeader* h, const uint8_t* data, uint32_t len) {
-    if (!data || len < 1) return -1;
+    if (!data) return -1;
+    ByteReader r(data, len);
+    uint8_t pd, sht;
+    if (!r.u8(pd)) return -1;
     // Session management messages travel inside a mobility management message and have no header.
-    if (data[0] == MV_5GS_SM_EPD || (data[0] & 0x0F) == MV_EPS_SM_PD) {
+    if (pd == MV_5GS_SM_EPD || (pd & 0x0F) == MV_EPS_SM_PD) {
         memset(static_cast<void*>(h), 0, sizeof *h);
         return 0;
     }
-    int off;
-    uint8_t sht;
-    if (data[0] == MV_5GS_MM_EPD) {
-        if (len < 2) return -1;
-        sht = data[1] & 0x0F;
-        off = 2;
-    } else if ((data[0] & 0x0F) == MV_EPS_MM_PD) {
-        sht = data[0] >> 4;
-        off = 1;
+    if (pd == MV_5GS_MM_EPD) {
+        if (!r.u8(sht)) return -1;
+        sht &= 0x0F;
+    } else if ((pd & 0x0F) == MV_EPS_MM_PD) {
+        sht = pd >> 4;
     } else {
         return -1;
     }
     memset(static_cast<void*>(h), 0, sizeof *h);
-    h->ProtocolDiscriminator = data[0] == MV_5GS_MM_EPD ? MV_5GS_MM_EPD : MV_EPS_MM_PD;
+    h->ProtocolDiscriminator = pd == MV_5GS_MM_EPD ? MV_5GS_MM_EPD : MV_EPS_MM_PD;
     h->EPSBIOrSHT = sht;
     // The EPS service request has a header of its own and no plain message behind it.
     if (sht == NAS_SECURITY_HEADER_PLAIN_NAS_MESSAGE || sht == NAS_SECURITY_HEADER_FOR_SERVICE_REQUEST_MESSAGE)
         return 0;
-    if (len < uint32_t(off + NAS_SECURITY_MAC_SIZE + 1)) return -1;
-    memcpy(h->MAC, data + off, NAS_SECURITY_MAC_SIZE);
-    h->SequenceNumber = data[off + NAS_SECURITY_MAC_SIZE];
-    return off + NAS_SECURITY_MAC_SIZE + 1;
+    uint8_t mac[NAS_SECURITY_MAC_SIZE], sqn;
+    if (!r.bytes(mac, sizeof mac) || !r.u8(sqn)) return -1;
+    memcpy(h->MAC, mac, sizeof mac);
+    h->SequenceNumber = sqn;
+    return int(r.position());
 }
 
 // ---------------------------------------------------------------- messages
@@ -362,6 +410,48 @@ void __mv_naspdu_initNASPduDecode(int type, void* record, __naspduDecode* d, uin
     d->ProtocolDiscriminator = discriminator;
 }
 
+namespace {
+
+// The walk of one message; returns where it ended, for the record's cursor.
+size_t walkMessage(const NasMsgDesc* m, uint8_t* r, ByteReader& in, __naspduDecode* d) {
+    bool fg = isFG(m->discriminator);
+    int ok = fg ? readFGHeader(reinterpret_cast<__naspduFGHeader*>(r + kSecHdr), in, d)
+                : readEPSHeader(reinterpret_cast<__naspduHeader*>(r + kSecHdr), in, d);
+    if (ok < 1) return in.position();
+    uint16_t i = 0;
+    for (; i < m->nElems; i++) {
+        const NasElem* e = &m->elems[i];
+        if (!(e->flags & NAS_EL_MAND)) break;  // the tables put the mandatory part first
+        // The network's form of the message lacks it: nothing, or an octet no identity length can be.
+        uint8_t next;
+        if ((e->flags & NAS_EL_UEONLY) && (!in.peek(next) || next > e->type->cap)) continue;
+        if (decodeIe(e->type, 0, r + e->off, true, in, d) < 1) return in.position();
+    }
+    d->iMandatoryDecoded = 1;
+    uint8_t b;
+    while (in.u8(b)) {
+        const NasElem* e = findOptional(m, i, b);
+        if (!e) {
+            if (m->flags & NAS_MSG_SKIP_OCTETS) continue;
+            d->iStatus = NAS_DECODE_IE_NOT_TAKEN;
+            d->iUnSuccessfulElementId = b;
+            __mv_asn_log(MV_LOG_DEBUG, "NAS %s %s: IE %02X not taken at octet %zu of %d (%s|%s|%d)",
+                         familyName(m->discriminator), m->name, b, in.position() - 1, d->length, __FILE_NAME__,
+                         __func__, __LINE__);
+            // The refused identifier counts as unread.
+            if (!(m->flags & NAS_MSG_CONTINUE)) return in.position() - 1;
+            if (skipUnknown(b, in, d) < 0) break;
+            continue;
+        }
+        int r2 = (e->flags & NAS_EL_READ) ? decodeIe(e->type, b, r + e->off, false, in, d) : skipIe(e->type, in, d);
+        if (r2 < 0) break;
+        if (r2 > 0 && (e->flags & NAS_EL_READ)) d->iLastElementId = b;
+    }
+    return in.position();
+}
+
+}  // namespace
+
 int __mv_naspdu_decode_message(const NasMsgDesc* m, __naspduDecode* d) {
     bool fg = isFG(m->discriminator);
     auto* r = static_cast<uint8_t*>(__mv_asn_alloc(m->size));
@@ -372,46 +462,11 @@ int __mv_naspdu_decode_message(const NasMsgDesc* m, __naspduDecode* d) {
     auto* sh = reinterpret_cast<__naspduFGSecurityHeader*>(r);
     sh->ProtocolDiscriminator = fg ? MV_5GS_MM_EPD : MV_EPS_MM_PD;
     sh->EPSBIOrSHT = d->SecurityHeaderType;
-    int ok = fg ? __mv_naspdu_decodeFGPlainHeader(reinterpret_cast<__naspduFGHeader*>(r + kSecHdr), d)
-                : __mv_naspdu_decodeNASHeader(reinterpret_cast<__naspduHeader*>(r + kSecHdr), d);
-    if (ok < 1) {
+    ByteReader in;
+    if (readerAt(d, 0, in)) d->pos = int(walkMessage(m, r, in, d));
+    else fail(d, NAS_DECODE_ENDED_INSIDE_IE, __LINE__);
+    if (!d->iMandatoryDecoded || d->iStatus == NAS_DECODE_ENDED_INSIDE_IE || d->iStatus == NAS_DECODE_IE_TOO_LARGE)
         logFailure(m, d);
-        return 0;
-    }
-    for (uint16_t i = 0; i < m->nElems; i++) {
-        const NasElem* e = &m->elems[i];
-        if (!(e->flags & NAS_EL_MAND)) continue;
-        // The network's form of the message lacks it: nothing, or an octet no identity length can be.
-        if ((e->flags & NAS_EL_UEONLY) && (remaining(d) < 1 || d->buffer[d->pos] > e->type->cap)) continue;
-        if (__mv_naspdu_decode_ie(e->type, 0, r + e->off, true, d) < 1) {
-            logFailure(m, d);
-            return 0;
-        }
-    }
-    d->iMandatoryDecoded = 1;
-    while (d->pos < d->length) {
-        uint8_t b = d->buffer[d->pos];
-        const NasElem* e = findOptional(m, b);
-        if (!e) {
-            if (m->flags & NAS_MSG_SKIP_OCTETS) {
-                d->pos++;
-                continue;
-            }
-            d->iStatus = NAS_DECODE_IE_NOT_TAKEN;
-            d->iUnSuccessfulElementId = b;
-            __mv_asn_log(MV_LOG_DEBUG, "NAS %s %s: IE %02X not taken at octet %d of %d (%s|%s|%d)",
-                         familyName(m->discriminator), m->name, b, d->pos, d->length, __FILE_NAME__, __func__, __LINE__);
-            if (!(m->flags & NAS_MSG_CONTINUE)) break;
-            d->pos++;
-            if (skipUnknown(b, d) < 0) break;
-            continue;
-        }
-        d->pos++;
-        int r2 = (e->flags & NAS_EL_READ) ? __mv_naspdu_decode_ie(e->type, b, r + e->off, false, d) : skipIe(e->type, d);
-        if (r2 < 0) break;
-        if (r2 > 0 && (e->flags & NAS_EL_READ)) d->iLastElementId = b;
-    }
-    if (d->iStatus == NAS_DECODE_ENDED_INSIDE_IE || d->iStatus == NAS_DECODE_IE_TOO_LARGE) logFailure(m, d);
     return 0;
 }
 
@@ -434,20 +489,22 @@ int __mv_naspdu_DecodeFGMessage(__naspduDecode* d, const uint8_t* data, uint32_t
     if (!data || len == 0) return -1;
     d->buffer = data;
     d->length = len > INT_MAX ? INT_MAX : int(len);
-    uint8_t disc = data[0];
+    ByteReader r(data, size_t(d->length));
+    uint8_t disc, sht, type;
+    if (!r.u8(disc)) return -1;
     if (disc != MV_5GS_MM_EPD && disc != MV_5GS_SM_EPD) {
         __mv_asn_log(MV_LOG_WARNING, "NAS 5GS message with discriminator %02X refused (%s|%s|%d)", disc,
                      __FILE_NAME__, __func__, __LINE__);
         return -ENOENT;
     }
-    uint32_t typeAt = disc == MV_5GS_MM_EPD ? 2 : 3;
-    if (len <= typeAt) {
+    // The type follows the security header type octet (5GMM) or the session id and PTI (5GSM).
+    if (!r.u8(sht) || !r.skip(disc == MV_5GS_MM_EPD ? 0 : 1) || !r.u8(type)) {
         __mv_asn_log(MV_LOG_WARNING, "NAS 5GS message of %u octets has no message type (%s|%s|%d)", len,
                      __FILE_NAME__, __func__, __LINE__);
         return -1;
     }
-    d->SecurityHeaderType = data[1] & 0x0F;
-    return decodeByType(disc, data[typeAt], d);
+    d->SecurityHeaderType = sht & 0x0F;
+    return decodeByType(disc, type, d);
 }
 
 int __mv_naspdu_DecodeMessage(__naspduDecode* d) {
@@ -458,20 +515,23 @@ int __mv_naspdu_DecodeMessage(__naspduDecode* d) {
     d->buffer = data;
     d->length = len;
     if (!data || len <= 0) return -1;
-    uint8_t pd = data[0] & 0x0F;
+    ByteReader r(data, size_t(len));
+    uint8_t first, type;
+    if (!r.u8(first)) return -1;
+    uint8_t pd = first & 0x0F;
     if (pd != MV_EPS_MM_PD && pd != MV_EPS_SM_PD) {
-        __mv_asn_log(MV_LOG_ERROR, "received invalid Protocol Dis %02X %s|%s|%d\n", data[0], __FILE_NAME__,
+        __mv_asn_log(MV_LOG_ERROR, "received invalid Protocol Dis %02X %s|%s|%d\n", first, __FILE_NAME__,
                      __func__, __LINE__);
         return -ENOENT;
     }
-    int typeAt = pd == MV_EPS_MM_PD ? 1 : 2;
-    if (len <= typeAt) {
+    // An ESM message has its PTI in front of the type.
+    if (!r.skip(pd == MV_EPS_MM_PD ? 0 : 1) || !r.u8(type)) {
         __mv_asn_log(MV_LOG_WARNING, "NAS EPS message of %d octets has no message type (%s|%s|%d)", len,
                      __FILE_NAME__, __func__, __LINE__);
         return -1;
     }
-    if (pd == MV_EPS_MM_PD) d->SecurityHeaderType = data[0] >> 4;
-    return decodeByType(pd, data[typeAt], d);
+    if (pd == MV_EPS_MM_PD) d->SecurityHeaderType = first >> 4;
+    return decodeByType(pd, type, d);
 }
 
 void __mv_naspdu_freeNASPduDecode(__naspduDecode* d) {

@@ -3,6 +3,8 @@
 
 #include <cstring>
 
+#include "mv_byteio.h"
+
 namespace {
 
 int prefixed(__naspdu_fgs_mobile_identity* ie, uint8_t first, const uint8_t* value, int len) {
@@ -40,10 +42,12 @@ int digitsOf(const __naspdu_fgs_mobile_identity* ie, char* out, int outLen) {
         out[n++] = char('0' + nib);
         return true;
     };
-    uint32_t len = ie && ie->Length <= sizeof ie->data ? ie->Length : 0;
-    if (len && add(ie->data[0] >> 4))
-        for (uint32_t i = 1; i < len; i++)
-            if (!add(ie->data[i] & 0x0F) || !add(ie->data[i] >> 4)) break;
+    ByteReader r(ie && ie->Length <= sizeof ie->data ? std::span<const uint8_t>(ie->data, ie->Length)
+                                                     : std::span<const uint8_t>());
+    uint8_t o;
+    if (r.u8(o) && add(o >> 4))
+        while (r.u8(o))
+            if (!add(o & 0x0F) || !add(o >> 4)) break;
     out[n] = 0;
     return n;
 }

@@ -1,30 +1,37 @@
 #!/bin/sh
-# Builds the libFuzzer target of the byte and string helpers with clang and runs it
-# for a bounded time. Usage: tools/fuzz/run.sh [seconds] (default 60).
+# Builds every fuzz target through CMake with clang as a libFuzzer program under the address and
+# undefined sanitizers (build-fuzz, -DKS_FUZZ=ON), and runs each for the given seconds from its
+# regression corpus. New inputs go to build-fuzz/fuzz/work/<target>, never into the repository;
+# a crash leaves its input in build-fuzz/fuzz and fails the run.
+# Usage: tools/fuzz/run.sh [seconds] [target...] (default 60 seconds, every target).
 set -eu
 SECONDS_TO_RUN=${1:-60}
+if [ $# -gt 0 ]; then shift; fi
 ROOT=$(cd "$(dirname "$0")/../.." && pwd)
 OUT=${KS_FUZZ_BUILD:-$ROOT/build-fuzz}
-CXX=${CLANGXX:-clang++}
-mkdir -p "$OUT/obj" "$OUT/corpus"
 
-FLAGS="-std=c++20 -O1 -g -fno-omit-frame-pointer -I$ROOT/morva_core"
-for src in "$ROOT"/morva_core/*.cpp; do
-  obj="$OUT/obj/$(basename "$src" .cpp).o"
-  if [ ! -f "$obj" ] || [ "$src" -nt "$obj" ] || [ -n "$(find "$ROOT/morva_core" -name '*.h' -newer "$obj")" ]; then
-    $CXX $FLAGS -fsanitize=fuzzer-no-link,address -c "$src" -o "$obj"
+CC=${CLANG:-clang} CXX=${CLANGXX:-clang++} cmake -S "$ROOT" -B "$OUT" -G Ninja -DKS_FUZZ=ON \
+  -DKS_BUILD_TESTS=OFF -DKS_BUILD_BENCH=OFF >/dev/null
+ninja -C "$OUT" -j "${KS_JOBS:-2}" ks_fuzz
+
+status=0
+while IFS='|' read -r name corpus options; do
+  if [ $# -gt 0 ]; then
+    case " $* " in *" $name "*) ;; *) continue ;; esac
   fi
-done
-$CXX $FLAGS -fsanitize=fuzzer,address "$ROOT/tools/fuzz/fuzz_bytes.cpp" "$OUT"/obj/*.o \
-  -lcrypto -lpthread -o "$OUT/fuzz_bytes"
-
-# Seeds: one per helper family.
-printf '\000\001 00f110 ab' > "$OUT/corpus/hex"
-printf '\001\000001010123456789' > "$OUT/corpus/bcd"
-printf '\002\000\010internet\003mnc' > "$OUT/corpus/apn"
-printf '\002\001192.168.10.1' > "$OUT/corpus/ip"
-printf '\003\002\000\007\252\273\314\335\356' > "$OUT/corpus/reader"
-printf '\004\000QWxhZGRpbjpvcGVuIHNlc2FtZQ==,a,,b' > "$OUT/corpus/text"
-
-cd "$OUT"
-exec ./fuzz_bytes -max_total_time="$SECONDS_TO_RUN" -rss_limit_mb=4096 -print_final_stats=1 corpus
+  work=$OUT/fuzz/work/$name
+  log=$OUT/fuzz/$name.log
+  mkdir -p "$work"
+  echo "== $name for ${SECONDS_TO_RUN}s"
+  # shellcheck disable=SC2086
+  if (cd "$OUT/fuzz" && "./$name" -max_total_time="$SECONDS_TO_RUN" -rss_limit_mb=4096 -print_final_stats=1 \
+        -artifact_prefix="$OUT/fuzz/$name-" $options "$work" "$corpus") <"/dev/null" >"$log" 2>&1; then
+    runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
+    echo "fuzz target $name: ${runs:-?} runs in ${SECONDS_TO_RUN}s, no fault"
+  else
+    tail -n 60 "$log"
+    echo "fuzz target $name: FAULT, see $log"
+    status=1
+  fi
+done <"$OUT/fuzz_targets.txt"
+exit $status

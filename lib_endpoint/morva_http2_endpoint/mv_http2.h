@@ -265,6 +265,9 @@ struct MV_Http2ServerInfo {
 #define MV_HTTP2_CONN_IDLE 0
 #define MV_HTTP2_CONN_CONNECTING 1
 #define MV_HTTP2_CONN_ACTIVE 2
+// After our GOAWAY for an error: input is dropped, the socket closes a moment later, so
+// that the peer reads the GOAWAY before the reset of the close.
+#define MV_HTTP2_CONN_CLOSING 3
 
 // One per TCP connection, from the arena, never freed; a client record is connected
 // again after a close, an accepted one is reused with its child socket.
@@ -353,6 +356,7 @@ struct MV_Http2Connection {
     std::atomic<int> GoAwayReceived;
     std::atomic<int32_t> GoAwayLastStreamId;
     std::atomic<int> GoAwayErrorCode;
+    std::atomic<long> ClosingSince;  // timer tick of the GOAWAY that began the close
     // sending
     std::atomic<int64_t> SendWindow;  // connection window the peer gave us
     MV_Mutex OutLock;

@@ -195,7 +195,12 @@ void deliver(MV_Http2Connection* c, MV_HttpMessage* m) {
         m->headerlen = k->len;
         __mv_http2_block_free(k);
     }
-    if (c->AppDecodeFailed) return;  // the connection is closing; the stream fails with it
+    if (c->AppDecodeFailed) {
+        // Its header block did not decode: the connection is closing, the request fails.
+        if (m->Context && e->StreamErrorHandler)
+            e->StreamErrorHandler(c, m->StreamId, m->Context, MORVA_HTTP2_COMPRESSION_ERROR);
+        return;
+    }
     H2_LOG(MV_LOG_DEBUG, "RECEIVED StreamId=%d headerlen=%d datalen=%ld <%s|%s|%d>", m->StreamId, m->headerlen,
            m->datalen, __FILE_NAME__, __func__, __LINE__);
     if (e->AppMessageHandler) {

@@ -160,7 +160,28 @@ void h2___connection_error(MV_Http2Connection* c, int code, const char* why, int
            __FILE_NAME__, __func__, __LINE__);
     h2___queue_goaway(c, code);
     h2___flush_now(c);
-    h2___socket_close(c);
+    h2___begin_close(c);
+}
+
+void h2___begin_close(MV_Http2Connection* c) {
+    {
+        std::lock_guard p(c->PrefaceLock);
+        if (c->isActive == MV_HTTP2_CONN_IDLE || c->isActive == MV_HTTP2_CONN_CLOSING) return;
+        c->ClosingSince = __mv_core_get_server_timer_tick();
+        c->isActive = MV_HTTP2_CONN_CLOSING;
+    }
+    if (c->Detached) {
+        h2___socket_close(c);
+        return;
+    }
+    // The streams end now; the socket closes with the monitor's next round.
+    std::lock_guard g(c->StreamLock);
+    std::vector<MV_Http2Stream*> open;
+    c->Streams.forEach([&](int32_t, void* v) { open.push_back(static_cast<MV_Http2Stream*>(v)); });
+    for (MV_Http2Stream* s : open) {
+        h2___post_failed(c, s->StreamId, MORVA_HTTP2_CONNECTION_LOST);
+        h2___stream_free(c, s);
+    }
 }
 
 // ---------------------------------------------------------------- the life of a connection
@@ -308,6 +329,7 @@ int __mv_http2_engine_refresh_client_connection(MV_Http2Connection* httpConn) {
         if (c->StreamCount > 0) return -1;
         h2___socket_close(c);
     }
+    if (c->isActive == MV_HTTP2_CONN_CLOSING) h2___socket_close(c);
     {
         std::lock_guard p(c->PrefaceLock);
         if (c->isActive == MV_HTTP2_CONN_ACTIVE) return c->GoAwayReceived ? -1 : 1;
@@ -348,10 +370,10 @@ int32_t __mv_http2_engine_getNextStreamId(MV_Http2Connection* httpConn) {
 }
 
 void __mv_http2_engine_close_connection(MV_Http2Connection* conn, int errorCode) {
-    if (!conn || conn->isActive == MV_HTTP2_CONN_IDLE) return;
+    if (!conn || conn->isActive != MV_HTTP2_CONN_ACTIVE) return;
     h2___queue_goaway(conn, errorCode);
     h2___flush_now(conn);
-    h2___socket_close(conn);
+    h2___begin_close(conn);
 }
 
 // ---------------------------------------------------------------- listeners
@@ -677,18 +699,22 @@ void* monitorThread(void*) {
         usleep(999999);
         auto* e = __mv_http2Engine;
         long now = __mv_core_get_server_timer_tick();
-        std::vector<MV_Http2Connection*> idle;
+        std::vector<MV_Http2Connection*> idle, closing;
         {
             std::lock_guard g(e->ConnectionLock);
-            for (MV_Http2Connection* c = e->ConnectionHead; c; c = c->Next)
+            for (MV_Http2Connection* c = e->ConnectionHead; c; c = c->Next) {
                 if (c->isServer && c->isActive == MV_HTTP2_CONN_ACTIVE &&
                     now - c->lastCommunication > e->clientConnectionTimeOut_toCloseIt)
                     idle.push_back(c);
+                if (c->isActive == MV_HTTP2_CONN_CLOSING && now > c->ClosingSince) closing.push_back(c);
+            }
         }
         for (MV_Http2Connection* c : idle) {
             H2_LOG(MV_LOG_INFO, "timeout closing idle connection %s|%s|%d", __FILE_NAME__, __func__, __LINE__);
             __mv_http2_engine_close_connection(c, MORVA_HTTP2_NO_ERROR);
         }
+        for (MV_Http2Connection* c : closing)
+            if (c->isActive == MV_HTTP2_CONN_CLOSING) h2___socket_close(c);
     }
     return nullptr;
 }

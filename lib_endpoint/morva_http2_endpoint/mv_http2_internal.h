@@ -48,6 +48,8 @@ void h2___flush_now(MV_Http2Connection* c);
 // Raw write through the socket engine (or a detached sink); the one place bytes leave.
 int h2___socket_write(MV_Http2Connection* c, const uint8_t* p, int len);
 void h2___socket_close(MV_Http2Connection* c);
+// After our GOAWAY: the streams fail now, the socket closes a moment later (monitor).
+void h2___begin_close(MV_Http2Connection* c);
 
 // Streams
 MV_Http2Stream* h2___stream_new(MV_Http2Connection* c, int32_t sid);

@@ -533,9 +533,13 @@ void processFrame(MV_Http2Connection* c, const Frame& f) {
     }
 }
 
-bool alive(MV_Http2Connection* c, uint32_t gen) {
-    return c->ConnGen == gen && c->isActive != MV_HTTP2_CONN_IDLE;
+// Frames are read while the connection is being made or is up; not once it is closing.
+bool readable(MV_Http2Connection* c) {
+    int a = c->isActive;
+    return a == MV_HTTP2_CONN_CONNECTING || a == MV_HTTP2_CONN_ACTIVE;
 }
+
+bool alive(MV_Http2Connection* c, uint32_t gen) { return c->ConnGen == gen && readable(c); }
 
 }  // namespace
 
@@ -618,7 +622,7 @@ void __mv_http2_engine_on_buffer_recv(MV_Socket* siSocket) {
                 int n = __mv_socket_engine_tcp_get_buffer(siSocket, chunk, sizeof chunk);
                 __mv_socket_engine_tcp_release_used_buffer(siSocket);
                 if (n <= 0) break;
-                if (c->isActive == MV_HTTP2_CONN_IDLE) continue;  // bytes of a closed life
+                if (!readable(c)) continue;  // bytes of a closed or closing life
                 c->RxBuf.insert(c->RxBuf.end(), chunk, chunk + n);
                 h2___rx_parse(c);
             }
@@ -636,7 +640,7 @@ void __mv_http2_engine_receive_bytes(MV_Http2Connection* conn, const uint8_t* by
     std::lock_guard g(conn->RecvFrameLock);
     MV_Http2Connection* outer = tl_h2ReaderConn;
     tl_h2ReaderConn = conn;
-    if (conn->isActive != MV_HTTP2_CONN_IDLE) {
+    if (readable(conn)) {
         conn->RxBuf.insert(conn->RxBuf.end(), bytes, bytes + len);
         h2___rx_parse(conn);
     }

@@ -241,6 +241,14 @@ void h2___pump_locked(MV_Http2Connection* c) {
 
 // ---------------------------------------------------------------- the writer
 
+namespace {
+// A closing connection still writes: its GOAWAY is on the way.
+bool writable(MV_Http2Connection* c) {
+    int a = c->isActive;
+    return a == MV_HTTP2_CONN_ACTIVE || a == MV_HTTP2_CONN_CLOSING;
+}
+}  // namespace
+
 void h2___flush(MV_Http2Connection* c, bool mayPump) {
     if (c == tl_h2GuardConn || c == tl_h2CorkConn) return;
     for (;;) {
@@ -248,7 +256,7 @@ void h2___flush(MV_Http2Connection* c, bool mayPump) {
         for (;;) {
             {
                 std::lock_guard g(c->OutLock);
-                if (c->isActive != MV_HTTP2_CONN_ACTIVE || c->OutBuf.empty()) break;
+                if (!writable(c) || c->OutBuf.empty()) break;
                 c->OutBuf.swap(c->WriteBuf);
             }
             int len = int(c->WriteBuf.size());
@@ -257,7 +265,7 @@ void h2___flush(MV_Http2Connection* c, bool mayPump) {
             if (rc != len) {
                 c->Writing = 0;
                 // A stream cut in the middle of a frame cannot go on.
-                if (c->isActive == MV_HTTP2_CONN_ACTIVE) {
+                if (writable(c)) {
                     char peer[80];
                     h2___conn_peer_text(c, peer, sizeof peer);
                     H2_LOG(MV_LOG_ERROR, "sending data failed at  <%s|%d> peer=%s wrote=%d of len=%d closing", __func__,
@@ -279,7 +287,7 @@ void h2___flush(MV_Http2Connection* c, bool mayPump) {
         c->Writing = 0;
         // Bytes queued while this writer was finishing would otherwise wait for the next sender.
         std::lock_guard g(c->OutLock);
-        if (c->isActive != MV_HTTP2_CONN_ACTIVE || c->OutBuf.empty()) return;
+        if (!writable(c) || c->OutBuf.empty()) return;
     }
 }
 

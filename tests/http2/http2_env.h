@@ -222,7 +222,7 @@ inline std::string writeCapture(const std::string& bytes, int dstPort, const std
     u32(65535);
     u32(101);  // raw IP
     uint32_t seq = 1;
-    const size_t seg = 32768;
+    const size_t seg = 4096;
     for (size_t at = 0; at < bytes.size(); at += seg) {
         size_t n = std::min(seg, bytes.size() - at);
         uint8_t ip[20] = {0x45, 0, 0, 0, 0, 0, 0x40, 0, 64, 6, 0, 0, 127, 0, 0, 1, 127, 0, 0, 2};
@@ -266,7 +266,7 @@ struct Dissection {
 inline Dissection dissect(const std::string& bytes, int port, const std::string& tag) {
     Dissection d;
     std::string cap = writeCapture(bytes, port, root() + "/" + tag + ".pcap");
-    std::string base = "tshark -o tcp.desegment_tcp_streams:TRUE -d tcp.port==" + std::to_string(port) + ",http2 -r " + cap;
+    std::string base = "tshark -o gui.max_tree_depth:10000 -o tcp.desegment_tcp_streams:TRUE -d tcp.port==" + std::to_string(port) + ",http2 -r " + cap;
     auto run = [](const std::string& cmd) {
         std::string out;
         if (FILE* p = popen(cmd.c_str(), "r")) {
@@ -295,7 +295,7 @@ inline Dissection dissect(const std::string& bytes, int port, const std::string&
 
 // ---------------------------------------------------------------- a recording proxy
 
-// Stands between the engine and a peer; keeps what the engine wrote, per connection.
+// Stands between a client and a server; keeps what each side wrote, per connection.
 class Proxy {
 public:
     Proxy(const std::string& addr, int upstreamPort) : addr_(addr), up_(upstreamPort) {
@@ -318,9 +318,14 @@ public:
         acceptor_.join();
         for (auto& t : pumps_) t.join();
     }
+    // What the client side wrote, per connection; what the server side wrote.
     std::vector<std::string> written() {
         std::lock_guard g(m_);
         return sent_;
+    }
+    std::vector<std::string> answered() {
+        std::lock_guard g(m_);
+        return received_;
     }
     int port = 0;
 
@@ -344,6 +349,7 @@ private:
                 std::lock_guard g(m_);
                 slot = sent_.size();
                 sent_.emplace_back();
+                received_.emplace_back();
             }
             pumps_.emplace_back([this, c, u, slot] { pump(c, u, slot); });
         }
@@ -361,9 +367,9 @@ private:
                     close(u);
                     return;
                 }
-                if (i == 0) {
+                {
                     std::lock_guard g(m_);
-                    sent_[slot].append(buf, size_t(n));
+                    (i == 0 ? sent_ : received_)[slot].append(buf, size_t(n));
                 }
                 for (ssize_t off = 0; off < n;) {
                     ssize_t w = write(p[1 - i].fd, buf + off, size_t(n - off));
@@ -382,7 +388,7 @@ private:
     std::thread acceptor_;
     std::vector<std::thread> pumps_;
     std::mutex m_;
-    std::vector<std::string> sent_;
+    std::vector<std::string> sent_, received_;
 };
 
 }  // namespace h2t

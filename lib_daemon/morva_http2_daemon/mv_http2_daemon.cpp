@@ -72,18 +72,40 @@ void __mv_http2_deamon_set_nf_request_handler(fn_http2_nf_request_handler handle
 
 void __mv_http2_deamon_free_headers(MV_Http2HeaderList* list) {
     if (!list) return;
-    auto pool = headerPool();
-    for (MV_Http2Header* h = list->Head; h;) {
-        MV_Http2Header* next = h->Next;
-        __mv_freeM(h->key);
-        h->key = h->value = nullptr;
-        pool.release(h);
-        h = next;
+    for (MV_Http2Header* h = list->Head; h; h = h->Next)
+        if (!h->Shared) __mv_freeM(h->key);
+    // The whole list goes back to the pool under one lock.
+    auto* d = __http2Daemon;
+    if (list->Head) {
+        std::lock_guard g(d->Http2HeaderLock);
+        for (MV_Http2Header* h = list->Head; h;) {
+            MV_Http2Header* next = h->Next;
+            h->key = h->value = nullptr;
+            if (!h->isReleased) {
+                h->isReleased = 1;
+                h->Next = nullptr;
+                if (d->Http2HeaderCurrent) d->Http2HeaderCurrent->Next = h;
+                else d->Http2HeaderHead = h;
+                d->Http2HeaderCurrent = h;
+                ++d->Http2HeaderAvailableCount;
+            }
+            h = next;
+        }
     }
     *list = MV_Http2HeaderList{};
 }
 
 namespace {
+
+inline char lowerAscii(char c) { return c >= 'A' && c <= 'Z' ? char(c + 32) : c; }
+
+void append(MV_Http2HeaderList* list, MV_Http2Header* h) {
+    h->Next = nullptr;
+    if (list->Current) list->Current->Next = h;
+    else list->Head = h;
+    list->Current = h;
+    ++list->Count;
+}
 
 // Appends a header; names go in lower case. `limit` 0 takes any number.
 int addHeader(MV_Http2HeaderList* list, const char* key, int klen, const char* val, int vlen, int limit) {
@@ -97,22 +119,42 @@ int addHeader(MV_Http2HeaderList* list, const char* key, int klen, const char* v
         printf("header item key failed %d\n", __LINE__);
         return 0;
     }
-    for (int i = 0; i < klen; ++i) block[i] = char(tolower(static_cast<unsigned char>(key[i])));
+    for (int i = 0; i < klen; ++i) block[i] = lowerAscii(key[i]);
     block[klen] = 0;
     memcpy(block + klen + 1, val, size_t(vlen));
     block[klen + 1 + vlen] = 0;
     MV_Http2Header* h = headerPool().allocate(500);
-    h->Next = nullptr;
     h->key = block;
     h->value = block + klen + 1;
-    if (list->Current) list->Current->Next = h;
-    else list->Head = h;
-    list->Current = h;
-    ++list->Count;
+    h->Shared = 0;
+    append(list, h);
     return 1;
 }
 
 }  // namespace
+
+int __mv_http2_deamon___decode_shared(MV_Http2HeaderList* list, uint8_t* block, int len) {
+    int pos = 0, n = 0, nl, vl;
+    const char *name, *value;
+    // Records for all fields under one lock; names and values stay in the block.
+    auto* d = __http2Daemon;
+    auto pool = headerPool();
+    std::lock_guard g(d->Http2HeaderLock);
+    while (__mv_http2_engine_next_header(block, len, &pos, &name, &nl, &value, &vl) == 1) {
+        if (!d->Http2HeaderHead) pool.appendNew(500);
+        MV_Http2Header* h = d->Http2HeaderHead;
+        d->Http2HeaderHead = h->Next;
+        if (!d->Http2HeaderHead) d->Http2HeaderCurrent = nullptr;
+        --d->Http2HeaderAvailableCount;
+        h->isReleased = 0;
+        h->key = const_cast<char*>(name);
+        h->value = const_cast<char*>(value);
+        h->Shared = 1;
+        append(list, h);
+        ++n;
+    }
+    return n;
+}
 
 int __mv_http2_deamon___add(MV_Http2HeaderList* list, const char* key, const char* val, int limit) {
     if (!key || !val) return 0;
@@ -128,9 +170,10 @@ int __mv_http2_deamon___set(MV_Http2HeaderList* list, const char* key, const cha
             if (!block) return 0;
             memcpy(block, key, kl + 1);
             memcpy(block + kl + 1, val, vl + 1);
-            __mv_freeM(h->key);
+            if (!h->Shared) __mv_freeM(h->key);
             h->key = block;
             h->value = block + kl + 1;
+            h->Shared = 0;
             return 1;
         }
     }
@@ -246,6 +289,7 @@ MV_Http2Context* allocateContext(MV_Http2Connection* conn) {
     c->Request.PathParameters = MV_Http2HeaderList{};
     c->Request.StreamId = 0;
     c->Request.Context = c;
+    c->Request.HeaderBlock = nullptr;
     c->Response.initalized = 1;
     c->Response.Headers = MV_Http2HeaderList{};
     c->Response.content_type = siNull;
@@ -254,6 +298,7 @@ MV_Http2Context* allocateContext(MV_Http2Connection* conn) {
     c->Response.StreamId = 0;
     c->Response.Context = c;
     c->Response.ErrorCode = 0;
+    c->Response.HeaderBlock = nullptr;
     c->timer = nullptr;
     c->callback = nullptr;
     c->clearPath = __mv_http2_deamon_clearPath;
@@ -377,6 +422,9 @@ void __mv_http2_deamon_free_memory_and_releaseHttp2Context(MV_Http2Context* http
     __mv_http2_deamon_free_headers(&httpContext->Response.Headers);
     __mv_http2_deamon_free_headers(&httpContext->Request.QueryStrings);
     __mv_http2_deamon_free_headers(&httpContext->Request.PathParameters);
+    __mv_http2_block_free(httpContext->Request.HeaderBlock);
+    __mv_http2_block_free(httpContext->Response.HeaderBlock);
+    httpContext->Request.HeaderBlock = httpContext->Response.HeaderBlock = nullptr;
     httpContext->Request.path = httpContext->Request.method = httpContext->Request.content_type = siNull;
     httpContext->Response.content_type = siNull;
     __mv_http2_deamon_releaseHttp2Context(httpContext);

@@ -39,12 +39,14 @@
 
 struct MV_Http2Context;
 
-// One header; key and value share one pooled block.
+// One header; key and value share one pooled block, or lie in the decoded block of the
+// message they came with (Shared).
 struct MV_Http2Header {
     MV_Http2Header* Next;
     int isReleased;
     char* key;
     char* value;
+    int Shared;
 };
 
 struct MV_Http2HeaderList {
@@ -67,6 +69,7 @@ struct MV_Http2Request {
     MV_Http2HeaderList PathParameters;
     int32_t StreamId;
     MV_Http2Context* Context;
+    uint8_t* HeaderBlock;  // the decoded fields the header list points into
 };
 
 struct MV_Http2Response {
@@ -78,6 +81,7 @@ struct MV_Http2Response {
     int32_t StreamId;
     MV_Http2Context* Context;
     int ErrorCode;  // why a stream failed (HttpStatusCode 0): an HTTP/2 code or MORVA_HTTP2_CONNECTION_LOST
+    uint8_t* HeaderBlock;  // the decoded fields the header list points into
 };
 
 typedef void (*fn_http2_response_cb)(MV_Http2Context* context, uint8_t* data, long datalen);

@@ -17,3 +17,6 @@ void __mv_http2_deamon_stream_error_handler(MV_Http2Connection* conn, int32_t St
 // Encodes the list and sends it with the data on the context's stream, under the send guard.
 int __mv_http2_deamon___send_message(MV_Http2Context* c, MV_Http2HeaderList* list, const uint8_t* data, long datalen,
                                      long remDataLen);
+// Header records for the decoded fields of `block`, pointing into it (the caller keeps
+// the block as long as the list). The fields added.
+int __mv_http2_deamon___decode_shared(MV_Http2HeaderList* list, uint8_t* block, int len);

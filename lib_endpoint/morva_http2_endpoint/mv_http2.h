@@ -141,6 +141,9 @@ const char* __mv_http2_frame_name(int type);
 [[nodiscard]] void* __mv_http2_block_alloc(size_t size);
 [[nodiscard]] void* __mv_http2_block_realloc(void* ptr, size_t size);
 void __mv_http2_block_free(void* ptr);
+// A length kept in the block's head (the part of it in use).
+void __mv_http2_block_set_used(void* ptr, uint32_t used);
+uint32_t __mv_http2_block_used(const void* ptr);
 
 // nghttp2's allocator hooks on the blocks above (mem_http2).
 void* __mv_http2_malloc(size_t size, void* mem_user_data);
@@ -174,6 +177,7 @@ struct MV_HttpMessage {
     void* Context;           // MV_HTTP2_MSG_FAILED: the waiting entry, taken out of the map
     uint8_t EndStream;       // MV_HTTP2_MSG_HEADERS: the block closed the stream
     uint8_t Discard;         // MV_HTTP2_MSG_HEADERS: decode for the table only
+    uint8_t AlsoDeliver;     // MV_HTTP2_MSG_HEADERS: the message ends here too (data, Context set)
 };
 
 // One stream of a connection, from its first frame to its close, both directions.
@@ -283,6 +287,7 @@ struct MV_Http2Connection {
     int PeerIPVersion;
     int Tls;
     MV_Socket* siSocket;
+    char Authority[64];  // "ip:port" ("[ip]:port"), as requests name the peer
     std::atomic<int> StartGracefulShutdown;  // set when we send a GOAWAY
     std::atomic<int32_t> LastReceivedStreamId;
     std::atomic<int32_t> LastSuccesfulStreamId;

@@ -146,55 +146,26 @@ uint8_t* joinBlocks(uint8_t* first, int firstLen, uint8_t* second, int secondLen
     return j;
 }
 
-struct Kept {
-    uint8_t* block;
-    int len;
-};
+// Blocks decoded ahead of their message are kept by stream id; their length rides in
+// the block's head.
+void dropKept(MV_Http2Connection* c, int32_t sid) { __mv_http2_block_free(c->AppHeaders.erase(sid)); }
 
-Kept* newKept(uint8_t* block, int len) {
-    auto* k = static_cast<Kept*>(__mv_http2_block_alloc(sizeof(Kept)));
-    if (k) *k = Kept{block, len};
-    return k;
-}
-
-void dropKept(MV_Http2Connection* c, int32_t sid) {
-    if (auto* k = static_cast<Kept*>(c->AppHeaders.erase(sid))) {
-        __mv_http2_block_free(k->block);
-        __mv_http2_block_free(k);
+// The kept block of the stream joined with a new one (informational answers, trailers).
+uint8_t* withKept(MV_Http2Connection* c, int32_t sid, uint8_t* fields, int len, int* outlen) {
+    auto* kept = static_cast<uint8_t*>(c->AppHeaders.erase(sid));
+    if (!kept) {
+        *outlen = len;
+        return fields;
     }
-}
-
-void onHeaderBlock(MV_Http2Connection* c, MV_HttpMessage* m) {
-    if (c->AppDecodeFailed) return;
-    int len = 0;
-    uint8_t* fields = inflateBlock(c, m->header, m->headerlen, &len);
     if (!fields) {
-        c->AppDecodeFailed = 1;
-        H2_LOG(MV_LOG_ERROR, "nghttp2_hd_inflate_hd failed inlen=%d <%s|%d>", m->headerlen, __func__, __LINE__);
-        if (c->ConnGen == m->ConnGen && c->isActive == MV_HTTP2_CONN_ACTIVE)
-            h2___connection_error(c, MORVA_HTTP2_COMPRESSION_ERROR, "header block does not decode",
-                                  MORVA_HTTP2_HEADERS, m->StreamId);
-        return;
+        *outlen = int(__mv_http2_block_used(kept));
+        return kept;
     }
-    if (m->Discard) {
-        __mv_http2_block_free(fields);
-        return;
-    }
-    if (auto* k = static_cast<Kept*>(c->AppHeaders.find(m->StreamId))) {
-        k->block = joinBlocks(k->block, k->len, fields, len, &k->len);
-    } else {
-        if (Kept* k = newKept(fields, len)) c->AppHeaders.insert(m->StreamId, k);
-        else __mv_http2_block_free(fields);
-    }
+    return joinBlocks(kept, int(__mv_http2_block_used(kept)), fields, len, outlen);
 }
 
 void deliver(MV_Http2Connection* c, MV_HttpMessage* m) {
     auto* e = __mv_http2Engine;
-    if (auto* k = static_cast<Kept*>(c->AppHeaders.erase(m->StreamId))) {
-        m->header = k->block;
-        m->headerlen = k->len;
-        __mv_http2_block_free(k);
-    }
     if (c->AppDecodeFailed) {
         // Its header block did not decode: the connection is closing, the request fails.
         if (m->Context && e->StreamErrorHandler)
@@ -217,6 +188,41 @@ void deliver(MV_Http2Connection* c, MV_HttpMessage* m) {
     }
 }
 
+void onHeaderBlock(MV_Http2Connection* c, MV_HttpMessage* m) {
+    if (c->AppDecodeFailed) {
+        if (m->AlsoDeliver) deliver(c, m);
+        return;
+    }
+    int len = 0;
+    int inlen = m->headerlen;
+    uint8_t* fields = inflateBlock(c, m->header, inlen, &len);
+    __mv_http2_block_free(m->header);
+    m->header = nullptr;
+    m->headerlen = 0;
+    if (!fields) {
+        c->AppDecodeFailed = 1;
+        H2_LOG(MV_LOG_ERROR, "nghttp2_hd_inflate_hd failed inlen=%d <%s|%d>", inlen, __func__, __LINE__);
+        if (c->ConnGen == m->ConnGen && c->isActive == MV_HTTP2_CONN_ACTIVE)
+            h2___connection_error(c, MORVA_HTTP2_COMPRESSION_ERROR, "header block does not decode",
+                                  MORVA_HTTP2_HEADERS, m->StreamId);
+        if (m->AlsoDeliver) deliver(c, m);
+        return;
+    }
+    if (m->Discard) {
+        __mv_http2_block_free(fields);
+        return;
+    }
+    fields = withKept(c, m->StreamId, fields, len, &len);
+    if (m->AlsoDeliver) {
+        m->header = fields;
+        m->headerlen = len;
+        deliver(c, m);
+        return;
+    }
+    __mv_http2_block_set_used(fields, uint32_t(len));
+    c->AppHeaders.insert(m->StreamId, fields);
+}
+
 void runOne(MV_HttpMessage* m) {
     MV_Http2Connection* c = m->conn;
     if (m->ConnGen != c->AppGen) {
@@ -230,6 +236,7 @@ void runOne(MV_HttpMessage* m) {
             onHeaderBlock(c, m);
             break;
         case MV_HTTP2_MSG_DELIVER:
+            m->header = withKept(c, m->StreamId, nullptr, 0, &m->headerlen);
             deliver(c, m);
             break;
         case MV_HTTP2_MSG_FAILED:
@@ -271,11 +278,7 @@ void h2___app_line_reset(MV_Http2Connection* c) {
         nghttp2_hd_inflate_del(c->http2Inflator);
         c->http2Inflator = nullptr;
     }
-    c->AppHeaders.drain([](int32_t, void* v) {
-        auto* k = static_cast<Kept*>(v);
-        __mv_http2_block_free(k->block);
-        __mv_http2_block_free(k);
-    });
+    c->AppHeaders.drain([](int32_t, void* v) { __mv_http2_block_free(v); });
     c->AppDecodeFailed = 0;
 }
 

@@ -183,6 +183,14 @@ void __mv_http2_block_free(void* ptr) {
                  __FILE_NAME__, __func__, __LINE__);
 }
 
+void __mv_http2_block_set_used(void* ptr, uint32_t used) {
+    if (ptr) headOf(ptr)->pad = used;
+}
+
+uint32_t __mv_http2_block_used(const void* ptr) {
+    return ptr ? headOf(const_cast<void*>(ptr))->pad : 0;
+}
+
 void* __mv_http2_block_realloc(void* ptr, size_t size) {
     if (!ptr) return __mv_http2_block_alloc(size);
     BlockHead* h = headOf(ptr);
@@ -193,6 +201,7 @@ void* __mv_http2_block_realloc(void* ptr, size_t size) {
     void* n = __mv_http2_block_alloc(size);
     if (!n) return nullptr;
     memcpy(n, ptr, size < h->size ? size : h->size);
+    headOf(n)->pad = h->pad;
     __mv_http2_block_free(ptr);
     return n;
 }

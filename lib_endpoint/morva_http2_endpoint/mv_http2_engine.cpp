@@ -428,6 +428,8 @@ MV_Http2Connection* newClientConnection(const char* ip, int ipversion, int port,
     c->PeerPort = port;
     c->PeerIPVersion = ipversion == 6 ? 6 : 4;
     c->Tls = tls;
+    if (c->PeerIPVersion == 6) snprintf(c->Authority, sizeof c->Authority, "[%s]:%d", ip, port);
+    else snprintf(c->Authority, sizeof c->Authority, "%s:%d", ip, port);
     MV_Socket* s = __mv_socket_engine_create_client_socket(ip, c->PeerIPVersion, MV_TRANSPORT_TCP, port, tls, nullptr);
     s->noDelay = 1;
     s->transportEng = c;
@@ -675,15 +677,14 @@ int __mv_http2_engine_clearPath_if(MV_Http2Connection* httpConn, uint32_t connGe
 }
 
 void __mv_http2_engine_add_incr_sent_request(MV_Http2Connection* httpConn) {
-    if (!httpConn) return;
-    std::lock_guard g(httpConn->SentContextCountLock);
-    ++httpConn->SentContextCount;
+    if (httpConn) ++httpConn->SentContextCount;
 }
 
 void __mv_http2_engine_add_decr_sent_request(MV_Http2Connection* httpConn) {
     if (!httpConn) return;
-    std::lock_guard g(httpConn->SentContextCountLock);
-    if (httpConn->SentContextCount > 0) --httpConn->SentContextCount;
+    long v = httpConn->SentContextCount;
+    while (v > 0 && !httpConn->SentContextCount.compare_exchange_weak(v, v - 1)) {
+    }
 }
 
 long __mv_http2_engine_get_sent_request_count(MV_Http2Connection* httpConn) {

@@ -59,7 +59,12 @@ void remoteEnded(MV_Http2Connection* c, MV_Http2Stream* s) {
     s->RemoteEnded = 1;
     s->State = s->State == MV_HTTP2_STREAM_HALF_CLOSED_LOCAL ? MV_HTTP2_STREAM_CLOSED
                                                               : MV_HTTP2_STREAM_HALF_CLOSED_REMOTE;
-    MV_HttpMessage* m = h2___msg(c, MV_HTTP2_MSG_DELIVER, s->StreamId);
+    // A header block just gathered in this pass carries the message too: one job, not two.
+    MV_HttpMessage* m = c->PassTail;
+    bool joined = m && m->Kind == MV_HTTP2_MSG_HEADERS && m->StreamId == s->StreamId && !m->Discard &&
+                  !m->AlsoDeliver && m->ConnGen == c->ConnGen && tl_h2ReaderConn == c;
+    if (joined) m->AlsoDeliver = 1;
+    else m = h2___msg(c, MV_HTTP2_MSG_DELIVER, s->StreamId);
     m->IsRequest = c->isServer;
     m->data = s->Data;
     m->datalen = s->DataLen;
@@ -75,7 +80,7 @@ void remoteEnded(MV_Http2Connection* c, MV_Http2Stream* s) {
     H2_LOG(MV_LOG_DEBUG,
            "End Of Stream - Total Buffer Size for StreamId=%u TotalBufferSize=%ld Frames=%d httpConn=%p <%s|%d>",
            unsigned(s->StreamId), s->TotalBufferSize, s->Count, static_cast<void*>(c), __func__, __LINE__);
-    h2___post(c, m);
+    if (!joined) h2___post(c, m);
     h2___stream_maybe_close(c, s);
 }
 

@@ -130,6 +130,10 @@ struct MV_Http2FrameHeader {
     MV_Http2FrameFlags FrameFlags;
 };
 
+// Writes the 9-byte header; returns 9.
+int __mv_http2_frame_encode_header(uint8_t* out, int len, int type, int flags, int32_t streamId);
+// Decodes 9 bytes; the flags a type defines are spelled out in FrameFlags.
+void __mv_http2_frame_decode_header(const uint8_t* in, MV_Http2FrameHeader* h);
 // "PROTOCOL_ERROR", "DATA" and the like, for log lines.
 const char* __mv_http2_error_name(int code);
 const char* __mv_http2_frame_name(int type);

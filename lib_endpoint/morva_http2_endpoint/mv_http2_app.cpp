@@ -168,8 +168,7 @@ void deliver(MV_Http2Connection* c, MV_HttpMessage* m) {
     auto* e = __mv_http2Engine;
     if (c->AppDecodeFailed) {
         // Its header block did not decode: the connection is closing, the request fails.
-        if (m->Context && e->StreamErrorHandler)
-            e->StreamErrorHandler(c, m->StreamId, m->Context, MORVA_HTTP2_COMPRESSION_ERROR);
+        if (e->StreamErrorHandler) e->StreamErrorHandler(c, m->StreamId, m->Context, MORVA_HTTP2_COMPRESSION_ERROR);
         return;
     }
     H2_LOG(MV_LOG_DEBUG, "RECEIVED StreamId=%d headerlen=%d datalen=%ld <%s|%s|%d>", m->StreamId, m->headerlen,

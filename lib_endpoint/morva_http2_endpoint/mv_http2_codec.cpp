@@ -175,7 +175,7 @@ void __mv_http2_block_free(void* ptr) {
     if (!ptr) return;
     BlockHead* h = headOf(ptr);
     uint32_t tag = h->tag;
-    h->tag = 0;  // a second free finds no tag and is refused
+    h->tag = 0;  // a second free of a pooled block finds no tag and is refused
     if (tag == kTagPooled) __mv_freeM(h);
     else if (tag == kTagHeap) free(h);
     else

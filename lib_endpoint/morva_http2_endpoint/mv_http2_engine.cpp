@@ -250,8 +250,10 @@ void h2___conn_reset(MV_Http2Connection* c) {
 }
 
 void __mv_http2_engine_on_close(MV_Socket* siSocket) {
-    auto* c = static_cast<MV_Http2Connection*>(siSocket->transportEng);
-    if (!c) return;
+    if (auto* c = static_cast<MV_Http2Connection*>(siSocket->transportEng)) h2___conn_closed(c);
+}
+
+void h2___conn_closed(MV_Http2Connection* c) {
     std::lock_guard r(c->RecvFrameLock);
     std::lock_guard p(c->PrefaceLock);
     if (c->isActive == MV_HTTP2_CONN_IDLE) return;

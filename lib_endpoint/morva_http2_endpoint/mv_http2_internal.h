@@ -23,10 +23,6 @@ inline void h2___put_u32(uint8_t* p, uint32_t v) {
 inline uint32_t h2___get_u32(const uint8_t* p) {
     return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
 }
-// Writes the 9-byte header; returns 9.
-int __mv_http2_frame_encode_header(uint8_t* out, int len, int type, int flags, int32_t streamId);
-// Decodes 9 bytes; the flags a type defines are spelled out in FrameFlags.
-void __mv_http2_frame_decode_header(const uint8_t* in, MV_Http2FrameHeader* h);
 
 // ---------------------------------------------------------------- records
 
@@ -48,6 +44,8 @@ void h2___flush_now(MV_Http2Connection* c);
 // Raw write through the socket engine (or a detached sink); the one place bytes leave.
 int h2___socket_write(MV_Http2Connection* c, const uint8_t* p, int len);
 void h2___socket_close(MV_Http2Connection* c);
+// The socket closed: streams fail, the connection's state goes back to idle.
+void h2___conn_closed(MV_Http2Connection* c);
 // After our GOAWAY: the streams fail now, the socket closes a moment later (monitor).
 void h2___begin_close(MV_Http2Connection* c);
 

@@ -38,8 +38,7 @@ int h2___socket_write(MV_Http2Connection* c, const uint8_t* p, int len) {
 
 void h2___socket_close(MV_Http2Connection* c) {
     if (c->Detached) {
-        std::lock_guard g(c->PrefaceLock);
-        c->isActive = MV_HTTP2_CONN_IDLE;
+        h2___conn_closed(c);
         return;
     }
     if (MV_Socket* s = c->siSocket) s->Close(s);
@@ -64,9 +63,13 @@ void h2___queue_control(MV_Http2Connection* c, int type, int flags, int32_t sid,
 }
 
 void h2___flush_now(MV_Http2Connection* c) {
-    // Waits a little for another writer, so that a GOAWAY goes out before the close.
+    // Waits a little for another writer, so that a GOAWAY goes out before the close;
+    // a batch of the application line holding the connection's writes lets this one go.
     for (int i = 0; i < 500 && c->Writing.load(); ++i) usleep(100);
+    MV_Http2Connection* cork = tl_h2CorkConn;
+    if (cork == c) tl_h2CorkConn = nullptr;
     h2___flush(c, false);
+    tl_h2CorkConn = cork;
 }
 
 void h2___queue_goaway(MV_Http2Connection* c, int code) {

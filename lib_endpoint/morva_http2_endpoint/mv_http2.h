@@ -661,6 +661,8 @@ void __mv_http2_engine_receive_bytes(MV_Http2Connection* conn, const uint8_t* by
 // A connection with no socket whose writes go to `sink`; closes call `onClose` if set.
 typedef void (*fn_http2_test_sink)(MV_Http2Connection* conn, const uint8_t* bytes, int len);
 MV_Http2Connection* __mv_http2_engine_new_detached_connection(int isServer, fn_http2_test_sink sink);
+// A detached connection closed and begun again, as a new one would be.
+void __mv_http2_engine_reset_detached(MV_Http2Connection* conn);
 // The records and defaults alone, without sockets or threads (fuzzing, benchmarks).
 void __mv_http2_engine_init_detached();
 // Runs the application line's work of the connection on this thread (detached connections).

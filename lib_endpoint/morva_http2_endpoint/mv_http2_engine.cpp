@@ -764,6 +764,19 @@ MV_Http2Connection* __mv_http2_engine_new_detached_connection(int isServer, fn_h
     return c;
 }
 
+void __mv_http2_engine_reset_detached(MV_Http2Connection* conn) {
+    if (!conn || !conn->Detached) return;
+    h2___conn_closed(conn);
+    __mv_http2_engine_run_app_line(conn);
+    if (!conn->isServer) {
+        __mv_http2_engine_refresh_client_connection(conn);
+        return;
+    }
+    std::lock_guard p(conn->PrefaceLock);
+    h2___conn_reset(conn);
+    conn->isActive = MV_HTTP2_CONN_ACTIVE;
+}
+
 // ---------------------------------------------------------------- operation tables
 
 namespace {

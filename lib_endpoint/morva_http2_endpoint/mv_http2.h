@@ -302,11 +302,12 @@ struct MV_Http2Connection {
     MV_Http2Stream* StreamHead;
     MV_Http2Stream* StreamCurrent;
     std::atomic<int> StreamCount;  // open streams
+    std::atomic<int> WaitingCount;  // streams on the list above, read without the lock
     MV_Mutex StreamLock;
     // file responses waiting to be sent (the daemon's)
     void* ResponseStreamHeader;
     void* ResponseStreamCurrent;
-    int ResponseStreamCount;
+    std::atomic<int> ResponseStreamCount;
     MV_Mutex ResponseStreamLock;
     std::atomic<int> waitingForWindowUpdate;
     MV_Mutex WaitingForWindowUpdateLock;
@@ -352,8 +353,8 @@ struct MV_Http2Connection {
     size_t RxPos;
     int32_t RecvWindow;            // connection window the peer may still fill
     int32_t RecvConsumed;
-    int32_t HighestPeerStreamId;   // highest stream the peer opened
-    int32_t HighestLocalStreamId;  // highest stream we opened
+    std::atomic<int32_t> HighestPeerStreamId;   // highest stream the peer opened
+    std::atomic<int32_t> HighestLocalStreamId;  // highest stream we opened
     int32_t ContinuationStreamId;  // a header block waits for CONTINUATION on this stream
     uint8_t ContinuationEndStream;
     uint8_t ContinuationDiscard;

@@ -273,6 +273,7 @@ void h2___conn_closed(MV_Http2Connection* c) {
             ++failed;
         }
         c->StreamHead = c->StreamCurrent = nullptr;
+        c->WaitingCount = 0;
         // Entries whose stream never opened (a send that failed half-way).
         std::vector<int32_t> orphans;
         {

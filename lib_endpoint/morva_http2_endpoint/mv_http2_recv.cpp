@@ -280,7 +280,12 @@ void onRstStream(MV_Http2Connection* c, const Frame& f) {
                               f.h.StreamId);
         return;
     }
-    if (f.h.StreamId == 0 || isIdle(c, f.h.StreamId)) {
+    bool idle;
+    {
+        std::lock_guard g(c->StreamLock);
+        idle = f.h.StreamId == 0 || isIdle(c, f.h.StreamId);
+    }
+    if (idle) {
         h2___connection_error(c, MORVA_HTTP2_PROTOCOL_ERROR, "RST_STREAM on stream 0 or a stream never opened",
                               f.h.Type, f.h.StreamId);
         return;
@@ -485,7 +490,7 @@ void onWindowUpdate(MV_Http2Connection* c, const Frame& f) {
     }
     if (c->StreamHead) h2___pump_locked(c);
     g.unlock();
-    if (__mv_http2Engine->WindowUpdateHandler && c->ResponseStreamHeader) __mv_core_queue(c, windowJob);
+    if (__mv_http2Engine->WindowUpdateHandler && c->ResponseStreamCount > 0) __mv_core_queue(c, windowJob);
 }
 
 void onPriority(MV_Http2Connection* c, const Frame& f) {

@@ -169,6 +169,7 @@ void listStream(MV_Http2Connection* c, MV_Http2Stream* s) {
     if (c->StreamCurrent) c->StreamCurrent->Next = s;
     else c->StreamHead = s;
     c->StreamCurrent = s;
+    ++c->WaitingCount;
 }
 
 // DATA frames of the stream's waiting bytes that the windows take now; one frame per
@@ -217,6 +218,7 @@ void h2___stream_unlist(MV_Http2Connection* c, MV_Http2Stream* s) {
     else c->StreamCurrent = s->Prev;
     s->Prev = s->Next = nullptr;
     s->InSendList = 0;
+    --c->WaitingCount;
 }
 
 void h2___pump_locked(MV_Http2Connection* c) {
@@ -278,7 +280,7 @@ void h2___flush(MV_Http2Connection* c, bool mayPump) {
                 return;
             }
             c->lastCommunication = __mv_core_get_server_timer_tick();
-            if (c->StreamHead) {
+            if (c->WaitingCount > 0) {
                 if (mayPump) {
                     std::lock_guard g(c->StreamLock);
                     h2___pump_locked(c);

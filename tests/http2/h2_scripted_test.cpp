@@ -215,9 +215,19 @@ TEST_F(Scripted, BadInputEndsTheStreamOrConnectionWithTheRightCode) {
 // ---------------------------------------------------------------- the engine's server
 
 std::atomic<int> served{0};
+std::string gFile;  // served under /file/now (at once) and /file/queued (as the window opens)
 
 void answerOk(MV_Http2Context* ctx, uint8_t* data, long datalen) {
     ++served;
+    std::string path = ctx->Request.path;
+    if (path.rfind("/file/", 0) == 0) {
+        __mv_http2_deamon_free_data(data);
+        int rc = path == "/file/now" ? __mv_http2_deamon_send_file(ctx, gFile.c_str())
+                                     : __mv_http2_deamon_send_file2(ctx, gFile.c_str());
+        if (rc < 1) __mv_http2_deamon_send_response(ctx, nullptr, 0, 404);
+        __mv_http2_deamon_free_memory_and_releaseHttp2Context(ctx);
+        return;
+    }
     std::string body = "served " + std::string(ctx->Request.method) + " " + ctx->Request.path + " " +
                        std::to_string(datalen);
     __mv_http2_deamon_free_data(data);
@@ -258,6 +268,33 @@ TEST_F(Server, BadClientsGetAGoawayWithTheRightCodeAndTheServerGoesOn) {
         EXPECT_TRUE(good.saw("frame type=0 flags=1 sid=1"));
     }
     EXPECT_NE(h2t::stackLog().find("connection error FRAME_SIZE_ERROR (6): frame longer than the maximum"), std::string::npos);
+}
+
+// A file of 3 MB, sent at once and queued: the queued one waits for the client's window
+// (a megabyte at most waits on the connection) and goes on with each WINDOW_UPDATE.
+TEST_F(Server, FilesAreServedWholeAtOnceAndAsTheWindowOpens) {
+    OurServer srv;
+    std::string bytes = h2t::pattern(3 * 1024 * 1024, 11);
+    gFile = h2t::root() + "/served.mp4";
+    kst::writeFile(gFile, bytes);
+    std::string root = "http://" + srv.addr + ":" + std::to_string(srv.port);
+    for (const char* path : {"/file/now", "/file/queued", "/file/missing"}) {
+        SCOPED_TRACE(path);
+        if (std::string(path) == "/file/missing") gFile = h2t::root() + "/none";
+        Answer a;
+        ASSERT_GT(h2t::request(__mv_http2_deamon_get_new_request_context(root.c_str()), MORVA_HTTP2_REQUEST_METHOD_GET,
+                               path, "", &a),
+                  0);
+        ASSERT_TRUE(a.wait(60));
+        if (std::string(path) == "/file/missing") {
+            EXPECT_EQ(a.status, 404);
+            continue;
+        }
+        EXPECT_EQ(a.status, 200);
+        EXPECT_EQ(a.headers["content-type"], "video/mp4");
+        EXPECT_EQ(a.headers["accept-ranges"], "bytes");
+        EXPECT_TRUE(a.body == bytes) << a.body.size();
+    }
 }
 
 // An independent client, h2load, against the engine's server; tshark reads what the

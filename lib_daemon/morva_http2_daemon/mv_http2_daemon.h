@@ -135,7 +135,7 @@ struct __mv_http2_daemon {
     MV_Mutex apiRootTableLockConnPool;
     int http2ConnPoolSize;
     int http2LoadBalancingMode;
-    fn_http2_nf_request_handler NfRequestHandler;
+    std::atomic<fn_http2_nf_request_handler> NfRequestHandler;
     std::atomic<long> allocTimes, callocTimes, freeTimes, reallocTimes;
     std::atomic<long> ResponsesWithoutContext;
 };

@@ -125,7 +125,8 @@ void responseHandler(MV_Http2Context* ctx, MV_HttpMessage* m) {
 
 void requestHandler(MV_HttpMessage* m) {
     auto* d = __http2Daemon;
-    if (!d->NfRequestHandler) {
+    fn_http2_nf_request_handler handler = d->NfRequestHandler;
+    if (!handler) {
         printf("nf_request_handler is null %d|%s\n", __LINE__, __func__);
         return;
     }
@@ -146,7 +147,7 @@ void requestHandler(MV_HttpMessage* m) {
     if (const char* s = __mv_http2_deamon_get_header(h, "content-length")) ctx->Request.content_length = atol(s);
     uint8_t* data = m->data;
     m->data = nullptr;
-    d->NfRequestHandler(ctx, data, m->datalen);
+    handler(ctx, data, m->datalen);
 }
 
 }  // namespace

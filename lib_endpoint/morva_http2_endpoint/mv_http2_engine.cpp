@@ -303,14 +303,14 @@ void h2___conn_closed(MV_Http2Connection* c) {
 
 void __mv_http2_engine_on_accept(MV_Socket* newSocket, MV_Socket* hostSocket) {
     auto* c = static_cast<MV_Http2Connection*>(newSocket->transportEng);
-    if (!c) {
+    bool fresh = !c;
+    if (fresh) {
         c = h2___conn_new();
+        c->isServer = 1;  // before the monitor can see the record
         newSocket->transportEng = c;
-        appendConnection(c);
     }
     std::lock_guard p(c->PrefaceLock);
     c->siSocket = newSocket;
-    c->isServer = 1;
     c->serverInfo = static_cast<MV_Http2ServerInfo*>(hostSocket ? hostSocket->parentData1 : nullptr);
     char ip[INET6_ADDRSTRLEN] = "";
     int port = 0;
@@ -320,6 +320,7 @@ void __mv_http2_engine_on_accept(MV_Socket* newSocket, MV_Socket* hostSocket) {
     h2___conn_reset(c);
     ++c->RowVersion;
     c->isActive = MV_HTTP2_CONN_ACTIVE;
+    if (fresh) appendConnection(c);
 }
 
 int __mv_http2_engine_refresh_client_connection(MV_Http2Connection* httpConn) {

@@ -185,8 +185,8 @@ inline void onAnswer(MV_Http2Context* ctx, uint8_t* data, long datalen) {
         for (MV_Http2Header* h = ctx->Response.Headers.Head; h; h = h->Next) a->headers[h->key] = h->value;
         a->connGen = ctx->ConnGen;
         a->done = true;
+        a->cv.notify_all();  // under the lock: the waiter may destroy the Answer once it sees done
     }
-    a->cv.notify_all();
     __mv_http2_deamon_free_data(data);
     __mv_http2_deamon_free_memory_and_releaseHttp2Context(ctx);
 }

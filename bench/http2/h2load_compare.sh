@@ -1,7 +1,8 @@
 #!/bin/sh
 # Small GETs a second against one nghttpd: the engine's daemon (bench_http2) and h2load
 # in the same run, taking turns, with the same connections and streams per connection;
-# the median of each and their ratio.
+# the median of each, their ratio, and the CPU time each client spent per request (user
+# and system, the engine's start-up taken off), which a loaded machine disturbs less.
 # Usage: bench/http2/h2load_compare.sh [runs] [connections] [streams per connection] [requests]
 #        (defaults 5 1 100 200000; the build directory is $KS_BUILD or build/)
 set -eu
@@ -20,24 +21,36 @@ NGHTTPD=$!
 trap 'kill $NGHTTPD 2>/dev/null; rm -rf "$DIR"' EXIT
 sleep 0.5
 
+engine() {  # requests -> "req/s failed cpu-seconds"
+  KS_H2_TARGET="127.0.0.1:$PORT" KS_H2_CONNS="$CONNS" KS_H2_STREAMS="$STREAMS" KS_H2_REQUESTS="$1" \
+    /usr/bin/time -f "%U %S" -o "$DIR/time" "$BENCH" --benchmark_filter='SmallGetAgainstNghttpd/env' \
+    --benchmark_out="$DIR/run.json" --benchmark_out_format=json >/dev/null 2>&1
+  $PY -c 'import json,sys
+b = json.load(open(sys.argv[1]))["benchmarks"][0]
+u, s = open(sys.argv[2]).read().split()
+print("%.0f %d %.3f" % (b["items_per_second"], b["failed"], float(u) + float(s)))' "$DIR/run.json" "$DIR/time"
+}
+
 echo "small GETs against nghttpd 127.0.0.1:$PORT: $CONNS connection(s), $STREAMS streams each, $REQS requests a run"
-: > "$DIR/h2load"
-: > "$DIR/engine"
+setup=$(engine "$((CONNS * STREAMS))" | cut -d' ' -f3)
+: > "$DIR/results"
 for i in $(seq "$RUNS"); do
-  h=$(h2load -n "$REQS" -c "$CONNS" -m "$STREAMS" "http://127.0.0.1:$PORT/small" |
-      sed -n 's/^finished in [^,]*, \([0-9.]*\) req\/s.*/\1/p')
-  KS_H2_TARGET="127.0.0.1:$PORT" KS_H2_CONNS="$CONNS" KS_H2_STREAMS="$STREAMS" KS_H2_REQUESTS="$REQS" \
-      "$BENCH" --benchmark_filter='SmallGetAgainstNghttpd/env' --benchmark_out="$DIR/run.json" \
-      --benchmark_out_format=json >/dev/null 2>&1
-  e=$($PY -c 'import json,sys; b=json.load(open(sys.argv[1]))["benchmarks"][0]; print("%.0f %d" % (b["items_per_second"], b["failed"]))' "$DIR/run.json")
-  echo "run $i: h2load $h req/s, engine ${e% *} req/s (failed ${e#* }), load average $(cut -d' ' -f1 /proc/loadavg)"
-  echo "$h" >> "$DIR/h2load"
-  echo "${e% *}" >> "$DIR/engine"
+  /usr/bin/time -f "%U %S" -o "$DIR/time" h2load -n "$REQS" -c "$CONNS" -m "$STREAMS" "http://127.0.0.1:$PORT/small" \
+    > "$DIR/h2load.out" 2>&1
+  h=$(sed -n 's/^finished in [^,]*, \([0-9.]*\) req\/s.*/\1/p' "$DIR/h2load.out")
+  hcpu=$(awk '{print $1 + $2}' "$DIR/time")
+  set -- $(engine "$REQS")
+  echo "run $i: h2load $h req/s, engine $1 req/s (failed $2), load average $(cut -d' ' -f1 /proc/loadavg)"
+  echo "$h $hcpu $1 $3" >> "$DIR/results"
 done
-$PY - "$DIR/h2load" "$DIR/engine" <<'PY'
+$PY - "$DIR/results" "$REQS" "$setup" <<'PY'
 import statistics, sys
-h = [float(x) for x in open(sys.argv[1])]
-e = [float(x) for x in open(sys.argv[2])]
-mh, me = statistics.median(h), statistics.median(e)
+rows = [[float(x) for x in l.split()] for l in open(sys.argv[1])]
+n, setup = float(sys.argv[2]), float(sys.argv[3])
+mh = statistics.median(r[0] for r in rows)
+me = statistics.median(r[2] for r in rows)
+ch = statistics.median(r[1] for r in rows) / n * 1e6
+ce = statistics.median(r[3] - setup for r in rows) / n * 1e6
 print("median: h2load %.0f req/s, engine %.0f req/s, ratio engine/h2load %.2f" % (mh, me, me / mh))
+print("client CPU per request: h2load %.2f us, engine %.2f us, ratio h2load/engine %.2f" % (ch, ce, ch / ce))
 PY

@@ -4,6 +4,7 @@
 // system calls and nobody ever waits for another's write. Data that the peer's windows
 // do not take yet waits on its stream and is moved into the buffer as windows open
 // (the pump). h2___socket_write is the single adapter to the socket engine.
+#include <arpa/inet.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -73,14 +74,20 @@ void h2___flush_now(MV_Http2Connection* c) {
 }
 
 void h2___queue_goaway(MV_Http2Connection* c, int code) {
-    uint8_t p[8];
+    uint8_t p[12];
     h2___put_u32(p, uint32_t(c->HighestPeerStreamId));
     h2___put_u32(p + 4, uint32_t(code));
+    // Opaque data: a mark of when it was sent, for matching the two ends' logs.
+    char tick[16];
+    snprintf(tick, sizeof tick, "%u", htonl(uint32_t(__mv_core_get_server_timer_tick())));
+    memcpy(c->sGoAwayOpagueData, tick, 4);
+    c->sGoAwayOpagueData[4] = 0;
+    memcpy(p + 8, c->sGoAwayOpagueData, 4);
     c->StartGracefulShutdown = 1;
     c->ProtocalError = code;
     if (code >= 0 && code < MORVA_HTTP2_ERROR_CODE_COUNT) ++__mv_http2Engine->ErrorsSent[code];
-    H2_LOG(MV_LOG_INFO, "sending MORVA_HTTP2_GOAWAY=%d len=%d <%d>", code, 8, __LINE__);
-    h2___queue_control(c, MORVA_HTTP2_GOAWAY, 0, 0, p, 8);
+    H2_LOG(MV_LOG_INFO, "sending MORVA_HTTP2_GOAWAY=%d len=%d <%d>", code, 12, __LINE__);
+    h2___queue_control(c, MORVA_HTTP2_GOAWAY, 0, 0, p, 12);
 }
 
 void h2___queue_rst(MV_Http2Connection* c, int32_t sid, int code) {

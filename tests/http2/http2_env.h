@@ -208,9 +208,10 @@ inline int request(MV_Http2Context* ctx, int method, const std::string& path, co
 
 // ---------------------------------------------------------------- tshark
 
-// A capture of one TCP direction (raw IPv4 link type) holding `bytes` as consecutive
-// segments to `dstPort`, for tshark to dissect as HTTP/2 from the preface on.
-inline std::string writeCapture(const std::string& bytes, int dstPort, const std::string& path) {
+// A capture (raw IPv4 link type) of TCP directions to `dstPort`, each the bytes of one
+// connection as consecutive segments from a port of its own, for tshark to dissect as
+// HTTP/2 from each connection's first byte on.
+inline std::string writeCapture(const std::vector<std::string>& streams, int dstPort, const std::string& path) {
     std::string out;
     auto u16 = [&](uint16_t v) { out.append(reinterpret_cast<char*>(&v), 2); };
     auto u32 = [&](uint32_t v) { out.append(reinterpret_cast<char*>(&v), 4); };
@@ -221,36 +222,31 @@ inline std::string writeCapture(const std::string& bytes, int dstPort, const std
     u32(0);
     u32(65535);
     u32(101);  // raw IP
-    uint32_t seq = 1;
     const size_t seg = 4096;
-    for (size_t at = 0; at < bytes.size(); at += seg) {
-        size_t n = std::min(seg, bytes.size() - at);
-        uint8_t ip[20] = {0x45, 0, 0, 0, 0, 0, 0x40, 0, 64, 6, 0, 0, 127, 0, 0, 1, 127, 0, 0, 2};
-        uint16_t total = uint16_t(20 + 20 + n);
-        ip[2] = uint8_t(total >> 8);
-        ip[3] = uint8_t(total);
-        uint8_t tcp[20] = {0};
-        tcp[0] = 0x9c;  // source port 40000
-        tcp[1] = 0x40;
-        tcp[2] = uint8_t(dstPort >> 8);
-        tcp[3] = uint8_t(dstPort);
-        tcp[4] = uint8_t(seq >> 24);
-        tcp[5] = uint8_t(seq >> 16);
-        tcp[6] = uint8_t(seq >> 8);
-        tcp[7] = uint8_t(seq);
-        tcp[12] = 0x50;
-        tcp[13] = 0x18;  // PSH ACK
-        tcp[14] = 0xff;
-        tcp[15] = 0xff;
-        uint32_t caplen = uint32_t(40 + n);
-        u32(uint32_t(at / seg));
-        u32(0);
-        u32(caplen);
-        u32(caplen);
-        out.append(reinterpret_cast<char*>(ip), 20);
-        out.append(reinterpret_cast<char*>(tcp), 20);
-        out.append(bytes, at, n);
-        seq += uint32_t(n);
+    uint32_t packet = 0;
+    for (size_t k = 0; k < streams.size(); ++k) {
+        const std::string& bytes = streams[k];
+        int srcPort = 40000 + int(k);
+        uint32_t seq = 1;
+        for (size_t at = 0; at < bytes.size(); at += seg) {
+            size_t n = std::min(seg, bytes.size() - at);
+            uint8_t ip[20] = {0x45, 0, 0, 0, 0, 0, 0x40, 0, 64, 6, 0, 0, 127, 0, 0, 1, 127, 0, 0, 2};
+            uint16_t total = uint16_t(20 + 20 + n);
+            ip[2] = uint8_t(total >> 8);
+            ip[3] = uint8_t(total);
+            uint8_t tcp[20] = {uint8_t(srcPort >> 8), uint8_t(srcPort), uint8_t(dstPort >> 8), uint8_t(dstPort),
+                               uint8_t(seq >> 24),    uint8_t(seq >> 16), uint8_t(seq >> 8),     uint8_t(seq),
+                               0, 0, 0, 0, 0x50, 0x18 /* PSH ACK */, 0xff, 0xff, 0, 0, 0, 0};
+            uint32_t caplen = uint32_t(40 + n);
+            u32(packet++);
+            u32(0);
+            u32(caplen);
+            u32(caplen);
+            out.append(reinterpret_cast<char*>(ip), 20);
+            out.append(reinterpret_cast<char*>(tcp), 20);
+            out.append(bytes, at, n);
+            seq += uint32_t(n);
+        }
     }
     kst::writeFile(path, out);
     return path;
@@ -262,35 +258,61 @@ struct Dissection {
     std::map<int, int> frameTypes;  // HTTP/2 frame type -> count
 };
 
-// tshark over one direction of a connection; the frames it found and what it disliked.
-inline Dissection dissect(const std::string& bytes, int port, const std::string& tag) {
+// tshark over the connections' bytes, in one run: the frames it found and what it disliked.
+inline Dissection dissect(const std::vector<std::string>& streams, int port, const std::string& tag) {
     Dissection d;
-    std::string cap = writeCapture(bytes, port, root() + "/" + tag + ".pcap");
-    std::string base = "tshark -o gui.max_tree_depth:10000 -o tcp.desegment_tcp_streams:TRUE -d tcp.port==" + std::to_string(port) + ",http2 -r " + cap;
-    auto run = [](const std::string& cmd) {
-        std::string out;
-        if (FILE* p = popen(cmd.c_str(), "r")) {
-            char buf[4096];
-            size_t n;
-            while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-            pclose(p);
-        }
-        return out;
-    };
-    d.problemText = run(base + " -Y '_ws.malformed || _ws.expert.severity >= error' -T fields -e frame.number "
-                               "-e _ws.expert.message 2>/dev/null");
+    std::string cap = writeCapture(streams, port, root() + "/" + tag + ".pcap");
+    std::string cmd = "tshark -o gui.max_tree_depth:10000 -o tcp.desegment_tcp_streams:TRUE -d tcp.port==" +
+                      std::to_string(port) + ",http2 -r " + cap +
+                      " -T fields -E separator=/t -e frame.number -e http2.type -e _ws.malformed"
+                      " -e _ws.expert.severity -e _ws.expert.message 2>/dev/null";
+    std::string out;
+    if (FILE* p = popen(cmd.c_str(), "r")) {
+        char buf[4096];
+        size_t n;
+        while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+        pclose(p);
+    }
+    if (out.empty()) return d;
     d.problems = 0;
-    for (char ch : d.problemText)
-        if (ch == '\n') ++d.problems;
-    std::string types = run(base + " -Y http2 -T fields -e http2.type 2>/dev/null");
+    constexpr long kError = 0x00800000;  // the expert severity of an error
     size_t at = 0;
-    while (at < types.size()) {
-        size_t end = types.find_first_of(",\n", at);
-        if (end == std::string::npos) end = types.size();
-        if (end > at) ++d.frameTypes[atoi(types.substr(at, end - at).c_str())];
+    while (at < out.size()) {
+        size_t end = out.find('\n', at);
+        if (end == std::string::npos) end = out.size();
+        std::string line = out.substr(at, end - at);
         at = end + 1;
+        std::vector<std::string> cols;
+        for (size_t c = 0;;) {
+            size_t t = line.find('\t', c);
+            cols.push_back(line.substr(c, t == std::string::npos ? std::string::npos : t - c));
+            if (t == std::string::npos) break;
+            c = t + 1;
+        }
+        cols.resize(5);
+        for (size_t c = 0; c < cols[1].size();) {
+            size_t e = cols[1].find(',', c);
+            if (e == std::string::npos) e = cols[1].size();
+            if (e > c) ++d.frameTypes[atoi(cols[1].substr(c, e - c).c_str())];
+            c = e + 1;
+        }
+        bool bad = !cols[2].empty();
+        for (size_t c = 0; c < cols[3].size();) {
+            size_t e = cols[3].find(',', c);
+            if (e == std::string::npos) e = cols[3].size();
+            if (strtol(cols[3].substr(c, e - c).c_str(), nullptr, 0) >= kError) bad = true;
+            c = e + 1;
+        }
+        if (bad) {
+            ++d.problems;
+            d.problemText += line + "\n";
+        }
     }
     return d;
+}
+
+inline Dissection dissect(const std::string& bytes, int port, const std::string& tag) {
+    return dissect(std::vector<std::string>{bytes}, port, tag);
 }
 
 // ---------------------------------------------------------------- a recording proxy

@@ -9,6 +9,9 @@
 
 // Receive buffers of a stream or a header block grow to this before the peer is stopped.
 constexpr long kH2MaxHeaderBlock = 1 << 20;
+// A message body larger than this ends its stream: a peer that never ends one must not
+// take all memory.
+constexpr long kH2MaxBody = 256L << 20;
 // The outbound buffer is fed from the streams' waiting data up to this.
 constexpr size_t kH2OutHighWater = 256 * 1024;
 

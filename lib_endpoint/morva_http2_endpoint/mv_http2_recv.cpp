@@ -247,6 +247,8 @@ void onData(MV_Http2Connection* c, const Frame& f) {
             h2___stream_error(c, s, sid, MORVA_HTTP2_PROTOCOL_ERROR, "DATA before HEADERS");
         } else if (flowLen > s->RecvWindow) {
             h2___stream_error(c, s, sid, MORVA_HTTP2_FLOW_CONTROL_ERROR, "DATA past the stream window");
+        } else if (s->DataLen + len > kH2MaxBody) {
+            h2___stream_error(c, s, sid, MORVA_HTTP2_ENHANCE_YOUR_CALM, "body past its limit");
         } else if (!h2___append(s->Data, s->DataLen, s->DataCap, data, len)) {
             h2___stream_error(c, s, sid, MORVA_HTTP2_INTERNAL_ERROR, "no memory for the body");
         } else {

@@ -38,7 +38,7 @@ const char kUsage[] =
     "  --imeisv-request           ask for the IMEISV in the security mode command\n"
     "  --accept-in auto|ics|dl    registration accept in InitialContextSetupRequest or DownlinkNASTransport;\n"
     "                             auto: ICS when the gNB asked for a UE context (auto)\n"
-    "  --t3512 OCTET              T3512 in the accept, GPRS timer 3 coding (0xB6: 54 min)\n"
+    "  --t3512 OCTET              T3512 in the accept, GPRS timer 3 coding (0x21: one hour)\n"
     "  --dnn TEXT                 DNN of sessions whose request names none (internet)\n"
     "  --ue-pool CIDR             IPv4 addresses of PDU sessions (10.45.0.0/16)\n"
     "  --upf IP                   N3 address of the UPF in the session transfers (the first bind address)\n"

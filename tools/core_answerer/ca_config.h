@@ -46,7 +46,7 @@ struct Options {
     std::string identityRequest;          // "", "suci", "imei", "imeisv"
     bool imeisvInSmc = false;
     enum class AcceptIn { Auto, Ics, Dl } acceptIn = AcceptIn::Auto;
-    uint8_t t3512 = 0xB6;  // 54 minutes
+    uint8_t t3512 = 0x21;  // one hour
     std::string dnn = "internet";
     std::string uePool = "10.45.0.0/16";
     std::string upfAddress;  // empty: the first bind address

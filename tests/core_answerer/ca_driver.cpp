@@ -303,8 +303,8 @@ void Driver::startRegistration(Ue& u) {
     u.rejectCause = -1;
     static thread_local NASPduFGMM_RegistrationRequest r;
     memset(static_cast<void*>(&r), 0, sizeof r);
-    bool guti = u.hasGuti && u.b.useGuti && u.sec;
-    r.b1 = uint8_t((guti ? u.ngksi : 7) << 4 | 0x01);  // initial registration
+    bool guti = u.hasGuti && u.b.useGuti;
+    r.b1 = uint8_t((guti && u.sec ? u.ngksi : 7) << 4 | 0x01);  // initial registration
     if (guti) {
         __mv_nas_util_encode_fg_guti(&r.mFGSMobileIdentity, u.guti, 10);
     } else {
@@ -324,7 +324,7 @@ void Driver::startRegistration(Ue& u) {
     note(u, "tx RegistrationRequest");
     u.rx["tx RegistrationRequest"]++;
     // A registration with a context goes protected; the first one, in clear.
-    if (guti) {
+    if (guti && u.sec) {
         Bytes out;
         protectInto(u, ctx.buffer, ctx.pos, 1, out);
         sendUplink(u, out.data(), out.size(), true, u.b.contextRequest);

@@ -1,0 +1,197 @@
+// The answerer's process in a network namespace of its own, the scripted gNB in
+// another, over real SCTP associations of the userspace stack: raw IP, or SCTP in UDP
+// when built with CA_SCTP_UDP. Control lines on the process's standard input, its
+// counters on SIGUSR1, a lost association in the middle of a test.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <atomic>
+#include <memory>
+
+#include "ca_driver.h"
+#include "ks_test_util.h"
+#include "mv_core.h"
+#include "mv_socket_engine.h"
+#include "mvalgo.h"
+#include "netns.h"
+
+#ifndef CA_ANSWERER
+#define CA_ANSWERER "core_answerer"
+#endif
+#ifndef CA_SCTP_UDP
+#define CA_SCTP_UDP 0
+#endif
+
+#define REQUIRE_NETNS() \
+    if (!kse::Netns::get().skipReason.empty()) GTEST_SKIP() << kse::Netns::get().skipReason
+
+namespace {
+
+using cad::Driver;
+using cad::Ue;
+using kse::Netns;
+
+std::string gDir;
+
+class Env : public ::testing::Environment {
+public:
+    void SetUp() override {
+        if (!Netns::get().skipReason.empty()) return;
+        gDir = kst::makeTempDir("casctp");
+        __init_morva_core();
+        __mv_init_logger((gDir + "/").c_str());
+        ASSERT_EQ(__mv_ogs_init_crypto_fun(), 0);
+        __mv_socket_engine_init();
+        __mv_socket_engine__set_sctp_backend("userspace", CA_SCTP_UDP);
+    }
+    void TearDown() override {
+        if (getenv("KS_KEEP_LOGS")) printf("logs kept in %s\n", gDir.c_str());
+        else if (!gDir.empty()) kst::removeTree(gDir);
+    }
+};
+
+// The answerer's process in namespace B.
+std::unique_ptr<kse::Peer> startAnswerer(int port, std::vector<std::string> extra = {}) {
+    std::vector<std::string> argv = {CA_ANSWERER, "--bind", Netns::B[0], "--port", std::to_string(port), "--log-dir",
+                                     gDir + "/answerer" + std::to_string(port) + "/"};
+    if (CA_SCTP_UDP) argv.insert(argv.end(), {"--sctp-udp", std::to_string(CA_SCTP_UDP)});
+    argv.insert(argv.end(), extra.begin(), extra.end());
+    auto p = std::make_unique<kse::Peer>(argv);
+    if (p->waitLine("READY", 30).empty()) return nullptr;
+    return p;
+}
+
+// The gNB's association: the driver's PDUs go out on it and come back in.
+struct Gnb {
+    static void onBuffer(MV_SocketSCTPBuffer* b) {
+        auto* g = b->siSocket ? static_cast<Gnb*>(b->siSocket->parentData1) : nullptr;
+        if (g && b->len > b->pos) g->drv.receive(b->streamId, {b->buff + b->pos, size_t(b->len - b->pos)});
+        __mv_socket_engine_release_sctp_socket_buffer(b);
+    }
+
+    Driver drv;
+    MV_Socket* sock = nullptr;
+    std::atomic<int> connects{0}, closes{0};
+
+    explicit Gnb(int port, Driver::Config c = {}) : drv(c) {
+        MV_SctpSocketInfo info{};
+        info.ipVersion = 4;
+        info.ipCount = 1;
+        snprintf(info.IP[0], sizeof info.IP[0], "%s", Netns::A[0]);
+        info.RemotePort = port;
+        info.RemoteIpCount = 1;
+        snprintf(info.RemoteIP[0], sizeof info.RemoteIP[0], "%s", Netns::B[0]);
+        info.PPID = 60;
+        info.UseEPoll = 1;
+        info.MaxOStreams = info.MaxIStreams = 16;
+        sock = __mv_socket_engine_create_sctp_client_socket(&info);
+        sock->parentData1 = this;
+        sock->OnConnected = [](MV_Socket* s) { ++static_cast<Gnb*>(s->parentData1)->connects; };
+        sock->OnClose = [](MV_Socket* s) { ++static_cast<Gnb*>(s->parentData1)->closes; };
+        sock->OnBufferReceive = onBuffer;
+        drv.send = [this](uint16_t stream, const uint8_t* p, size_t n) {
+            return __mv_socket_engine_sctp_send_ngap2(sock, p, int(n), stream);
+        };
+    }
+    bool up(int connectsBefore = 0) {
+        if (!connectsBefore) __mv_socket_engine_sctp_client_socket_start_read_thread(sock);
+        if (!kst::waitFor([&] { return connects.load() > connectsBefore; }, 30)) return false;
+        drv.ngSetup();
+        return kst::waitFor([&] { return drv.setupDone(); }, 30);
+    }
+    // Socket records live as long as the process: only stop this one reconnecting.
+    ~Gnb() {
+        sock->disableClientAutoReConnect = 1;
+        __mv_socket_engine_sctp__close_client_connection(sock);
+        sock->OnBufferReceive = nullptr;
+        sock->parentData1 = nullptr;
+        sock->OnClose = nullptr;
+        sock->OnConnected = nullptr;
+    }
+    bool registered(size_t i) {
+        drv.registerUe(i);
+        return drv.waitUe(i, [](const Ue& u) { return u.registered; }, 30);
+    }
+};
+
+// "COUNTER name value" of a counters block the answerer printed, after the lines read
+// so far; -1 when it has none.
+long counterIn(kse::Peer& p, const std::string& name) {
+    std::string line = p.waitLine("COUNTER " + name + " ", 10);
+    return line.empty() ? -1 : atol(line.c_str() + 9 + name.size());
+}
+
+TEST(Sctp, RegistersThroughTheAnswererProcess) {
+    REQUIRE_NETNS();
+    auto ans = startAnswerer(38412);
+    ASSERT_TRUE(ans) << "the answerer did not start";
+    Gnb g(38412);
+    ASSERT_TRUE(g.up());
+    for (size_t i = 0; i < 3; ++i) ASSERT_TRUE(g.registered(i)) << "UE " << i;
+    for (uint8_t t = 1; t <= 3; ++t) {
+        g.drv.establish(t - 1, 1, t);
+        ASSERT_TRUE(g.drv.waitUe(t - 1, [](const Ue& u) { return u.sessions.count(1) && u.sessions.at(1).resources; }, 30));
+    }
+    g.drv.releaseSession(0, 1);
+    ASSERT_TRUE(g.drv.waitUe(0, [](const Ue& u) { return u.sessions.at(1).released; }, 30));
+    g.drv.releaseContext(1);
+    ASSERT_TRUE(g.drv.waitUe(1, [](const Ue& u) { return u.contextReleases == 1; }, 30));
+    g.drv.serviceRequest(1);
+    ASSERT_TRUE(g.drv.waitUe(1, [](const Ue& u) { return u.serviceAccepts == 1 && u.sessions.at(1).resources; }, 30));
+    g.drv.deregister(0, false);
+    g.drv.deregister(2, true);
+    ASSERT_TRUE(g.drv.waitUe(0, [](const Ue& u) { return u.deregAccepts == 1 && u.contextReleases == 1; }, 30));
+    ASSERT_TRUE(g.drv.waitUe(2, [](const Ue& u) { return u.contextReleases == 1; }, 30));
+    g.drv.with(1, [](Ue& u) {
+        EXPECT_EQ(u.sessions.at(1).type, 2);
+        EXPECT_EQ(u.sessions.at(1).iid.size(), 8u);
+        EXPECT_EQ(u.macFailures, 0);
+        return 0;
+    });
+    // The counters, on demand and on SIGUSR1 (read in the order they are printed).
+    ans->send("counters");
+    EXPECT_EQ(counterIn(*ans, "ue.registered"), 3);
+    EXPECT_EQ(counterIn(*ans, "ue.deregistered"), 2);
+    EXPECT_EQ(counterIn(*ans, "pdu.established"), 3);
+    kill(ans->pid(), SIGUSR1);
+    EXPECT_EQ(counterIn(*ans, "ue.service_accepted"), 1);
+    ans->send("ues");
+    EXPECT_NE(ans->waitLine("UES associations=1 ng_setup=1 connections=1 known=3 registered=1 sessions=1", 10), "");
+    std::string log = kst::readLogDir(gDir + "/answerer38412/app");
+    EXPECT_NE(log.find("[imsi-001010000000002] PDU session 1: type 2"), std::string::npos);
+    EXPECT_NE(log.find("[imsi-001010000000003] deregistered (switch off)"), std::string::npos);
+}
+
+TEST(Sctp, LostAssociationInTheMiddleOfATest) {
+    REQUIRE_NETNS();
+    auto ans = startAnswerer(38413);
+    ASSERT_TRUE(ans);
+    Gnb g(38413);
+    ASSERT_TRUE(g.up());
+    ASSERT_TRUE(g.registered(0));
+    g.drv.establish(0, 1, 1);
+    ASSERT_TRUE(g.drv.waitUe(0, [](const Ue& u) { return u.sessions.count(1) && u.sessions.at(1).resources; }, 30));
+    int connects = g.connects.load();
+    ans->send("abort");
+    EXPECT_NE(ans->waitLine("OK closing 1 associations", 10), "");
+    ASSERT_TRUE(kst::waitFor([&] { return g.closes.load() == 1; }, 30));
+    // The gNB comes back on its own, sets up again, and UEs register afresh.
+    ASSERT_TRUE(g.up(connects));
+    ASSERT_TRUE(g.registered(1));
+    ASSERT_TRUE(g.registered(0));
+    ans->send("counters");
+    EXPECT_EQ(counterIn(*ans, "sctp.associations_lost"), 1);
+    EXPECT_EQ(counterIn(*ans, "ue.registered"), 3);
+    ans->send("ues");
+    EXPECT_NE(ans->waitLine("UES associations=1 ng_setup=1 connections=2 known=2 registered=2", 10), "");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    ::testing::InitGoogleTest(&argc, argv);
+    // Before any thread: every thread and stack socket of this process is then in A.
+    if (!::testing::GTEST_FLAG(list_tests)) Netns::get().enter();
+    ::testing::AddGlobalTestEnvironment(new Env);
+    return RUN_ALL_TESTS();
+}

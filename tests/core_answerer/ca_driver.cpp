@@ -157,8 +157,7 @@ void Driver::sendPdu(uint16_t stream, const void* p) {
 
 // ---------------------------------------------------------------- gNB
 
-void Driver::ngSetup() {
-    std::lock_guard g(mu_);
+Bytes Driver::setupRequest() {
     auto* m = make(__mv_amf_init_NGSetupRequest);
     m->globalRANNodeID = make(__mv_amf_init_GlobalRANNodeID);
     m->globalRANNodeID->SelectedChoice = 0;
@@ -191,8 +190,23 @@ void Driver::ngSetup() {
     m->defaultPagingDRX = 2;  // v128
     m->defaultPagingDRX_isset = 1;
     Ctx ctx;
-    if (ca::encodeAndFree(ca::ngapPdu("NGSetupRequest"), m, ctx)) sendPdu(0, &ctx);
+    if (!ca::encodeAndFree(ca::pdu("NGSetupRequest"), m, ctx)) return {};
+    return Bytes(ctx.buffer, ctx.buffer + ctx.pos);
 }
+
+void Driver::ngSetup() {
+    std::lock_guard g(mu_);
+    Bytes b = setupRequest();
+    if (send && !b.empty()) send(0, b.data(), b.size());
+}
+
+void Driver::ngSetupMany(size_t count, size_t window) {
+    std::lock_guard g(mu_);
+    if (setupPdu_.empty()) setupPdu_ = setupRequest();
+    setupsLeft_ = count;
+    for (size_t i = 0; i < window && setupsLeft_ > 0; ++i, --setupsLeft_) send(0, setupPdu_.data(), setupPdu_.size());
+}
+
 
 bool Driver::setupDone() {
     std::lock_guard g(mu_);
@@ -234,7 +248,7 @@ void Driver::sendUplink(Ue& u, const uint8_t* nas, size_t n, bool initial, bool 
             m->uEContextRequest = 0;  // requested
             m->uEContextRequest_isset = 1;
         }
-        if (ca::encodeAndFree(ca::ngapPdu("InitialUEMessage"), m, ctx)) sendPdu(u.stream, &ctx);
+        if (ca::encodeAndFree(ca::pdu("InitialUEMessage"), m, ctx)) sendPdu(u.stream, &ctx);
         return;
     }
     auto* m = make(__mv_amf_init_UplinkNASTransport);
@@ -246,7 +260,7 @@ void Driver::sendUplink(Ue& u, const uint8_t* nas, size_t n, bool initial, bool 
     m->nASPDU_isset = 1;
     m->userLocationInformation = location(plmn_, c_.tac, uint32_t(c_.gnbId << 4 | 1));
     m->userLocationInformation_isset = 1;
-    if (ca::encodeAndFree(ca::ngapPdu("UplinkNASTransport"), m, ctx)) sendPdu(u.stream, &ctx);
+    if (ca::encodeAndFree(ca::pdu("UplinkNASTransport"), m, ctx)) sendPdu(u.stream, &ctx);
 }
 
 // ---------------------------------------------------------------- UE security
@@ -432,7 +446,7 @@ void Driver::releaseContext(size_t i) {
     m->cause_isset = 1;
     Ctx ctx;
     note(u, "tx UEContextReleaseRequest");
-    if (ca::encodeAndFree(ca::ngapPdu("UEContextReleaseRequest"), m, ctx)) sendPdu(u.stream, &ctx);
+    if (ca::encodeAndFree(ca::pdu("UEContextReleaseRequest"), m, ctx)) sendPdu(u.stream, &ctx);
 }
 
 void Driver::serviceRequest(size_t i, uint8_t serviceType) {
@@ -470,7 +484,7 @@ void Driver::sendNas(size_t i, const Bytes& nas, uint64_t amfIdOverride, uint64_
     m->nASPDU = octets(__mv_amf_init_NAS_PDU2, nas.data(), nas.size());
     m->nASPDU_isset = 1;
     Ctx ctx;
-    if (ca::encodeAndFree(ca::ngapPdu("UplinkNASTransport"), m, ctx)) sendPdu(u.stream, &ctx);
+    if (ca::encodeAndFree(ca::pdu("UplinkNASTransport"), m, ctx)) sendPdu(u.stream, &ctx);
 }
 
 // ---------------------------------------------------------------- receiving
@@ -487,6 +501,11 @@ void Driver::receive(uint16_t, std::span<const uint8_t> pdu) {
     counts_[std::string(name)]++;
     if (name == "NGSetupResponse") {
         setup_ = true;
+        ++setups_;
+        if (setupsLeft_ > 0) {
+            --setupsLeft_;
+            send(0, setupPdu_.data(), setupPdu_.size());
+        }
         return;
     }
     if (name == "NGSetupFailure") {
@@ -807,7 +826,7 @@ void Driver::contextSetupRequest(Ue& u, void* rec) {
         r->pDUSessionResourceSetupListCxtRes_isset = 1;
     }
     Ctx ctx;
-    if (ca::encodeAndFree(ca::ngapPdu("InitialContextSetupResponse"), r, ctx)) sendPdu(u.stream, &ctx);
+    if (ca::encodeAndFree(ca::pdu("InitialContextSetupResponse"), r, ctx)) sendPdu(u.stream, &ctx);
     for (auto& [psi, n] : nas) downlinkNas(u, n);
     if (m->nASPDU_isset && m->nASPDU) {
         u.acceptInIcs = true;
@@ -850,7 +869,7 @@ void Driver::sessionSetupRequest(Ue& u, void* rec) {
         });
     r->pDUSessionResourceSetupListSURes_isset = 1;
     Ctx ctx;
-    if (ca::encodeAndFree(ca::ngapPdu("PDUSessionResourceSetupResponse"), r, ctx)) sendPdu(u.stream, &ctx);
+    if (ca::encodeAndFree(ca::pdu("PDUSessionResourceSetupResponse"), r, ctx)) sendPdu(u.stream, &ctx);
     for (const Bytes& n : nas) downlinkNas(u, n);
 }
 
@@ -876,7 +895,7 @@ void Driver::sessionReleaseCommand(Ue& u, void* rec) {
         });
     r->pDUSessionResourceReleasedListRelRes_isset = 1;
     Ctx ctx;
-    if (ca::encodeAndFree(ca::ngapPdu("PDUSessionResourceReleaseResponse"), r, ctx)) sendPdu(u.stream, &ctx);
+    if (ca::encodeAndFree(ca::pdu("PDUSessionResourceReleaseResponse"), r, ctx)) sendPdu(u.stream, &ctx);
     if (m->nASPDU_isset && m->nASPDU) downlinkNas(u, view(m->nASPDU));
 }
 
@@ -899,7 +918,7 @@ void Driver::releaseCommand(void* rec) {
         for (auto& [psi, s] : u->sessions) s.resources = false;
         byRan_.erase(ran);
     }
-    if (ca::encodeAndFree(ca::ngapPdu("UEContextReleaseComplete"), r, ctx)) sendPdu(stream, &ctx);
+    if (ca::encodeAndFree(ca::pdu("UEContextReleaseComplete"), r, ctx)) sendPdu(stream, &ctx);
 }
 
 // ---------------------------------------------------------------- observing

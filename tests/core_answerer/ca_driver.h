@@ -99,6 +99,10 @@ public:
     void receive(uint16_t stream, std::span<const uint8_t> pdu);
 
     void ngSetup();
+    // NG Setups one after the other, `window` at a time: a plain exchange of messages
+    // through the answerer, for the benchmark's raw rate.
+    void ngSetupMany(size_t count, size_t window);
+    size_t setupCount() const { return setups_.load(); }
     bool setupDone();
     bool setupFailed();
 
@@ -151,6 +155,7 @@ private:
     void sessionReleaseCommand(Ue& u, void* rec);
     void releaseCommand(void* rec);
     void sendPdu(uint16_t stream, const void* ctx);
+    Bytes setupRequest();
     void note(Ue& u, const std::string& e);
     void registeredNow(Ue& u);
 
@@ -167,6 +172,9 @@ private:
     // registerMany
     size_t manyNext_ = 0, manyEnd_ = 0;
     std::atomic<size_t> registered_{0};
+    Bytes setupPdu_;
+    size_t setupsLeft_ = 0;
+    std::atomic<size_t> setups_{0};
 };
 
 }  // namespace cad

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <condition_variable>
+#include <ctime>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -96,6 +97,8 @@ public:
     ca::Timers timers;
     std::unique_ptr<ca::Amf> amf;
     cad::Driver drv;
+    // CPU time of each side's handling of what it received (and what it sent in turn).
+    std::atomic<uint64_t> amfNs{0}, drvNs{0};
 
 private:
     struct Item {
@@ -110,6 +113,11 @@ private:
         }
         cv_.notify_one();
     }
+    static uint64_t threadCpuNs() {
+        timespec t{};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+        return uint64_t(t.tv_sec) * 1000000000ull + uint64_t(t.tv_nsec);
+    }
     void run() {
         std::unique_lock g(m_);
         for (;;) {
@@ -119,6 +127,7 @@ private:
             q_.pop_front();
             busy_ = true;
             g.unlock();
+            uint64_t t0 = threadCpuNs();
             if (it.stream == 0xFFFF && it.bytes.empty()) {  // the answerer ended the association
                 amf->onClose(key());
                 amf->onAccept(key(), "memory");
@@ -127,6 +136,7 @@ private:
             } else {
                 drv.receive(it.stream, it.bytes);
             }
+            (it.toAmf ? amfNs : drvNs) += threadCpuNs() - t0;
             g.lock();
             busy_ = false;
         }

@@ -1,15 +1,21 @@
 #include "ca_asn.h"
 
 #include <cstdio>
+#include <unordered_map>
 
 #include "mv_nas_util.h"
 
 namespace ca {
 
 const MvAsnPdu* ngapPdu(std::string_view name) {
-    for (unsigned i = 0; i < mv_asn_amf::kPduCount; ++i)
-        if (name == mv_asn_amf::kPdus[i].name) return &mv_asn_amf::kPdus[i];
-    return nullptr;
+    // Every send names its PDU: a table built once rather than a walk of the names.
+    static const auto* byName = [] {
+        auto* m = new std::unordered_map<std::string_view, const MvAsnPdu*>;
+        for (unsigned i = 0; i < mv_asn_amf::kPduCount; ++i) (*m)[mv_asn_amf::kPdus[i].name] = &mv_asn_amf::kPdus[i];
+        return m;
+    }();
+    auto it = byName->find(name);
+    return it == byName->end() ? nullptr : it->second;
 }
 
 int NgapRecord::decode(std::span<const uint8_t> bytes) {

@@ -69,6 +69,7 @@ void forEach(const __mv_asn_list* list, F&& f) {
 // The PDU table entry of a message by its name ("InitialUEMessage"); null when the
 // codec has none.
 const MvAsnPdu* ngapPdu(std::string_view name);
+inline const MvAsnPdu* pdu(std::string_view name) { return ngapPdu(name); }
 inline unsigned ngapIndex(const MvAsnPdu* p) { return unsigned(p - mv_asn_amf::kPdus); }
 
 // A decoded PDU of any kind, freed through the codec on every path.

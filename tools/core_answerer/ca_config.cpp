@@ -20,6 +20,8 @@ const char kUsage[] =
     "  --bind IP[,IP...]          local SCTP addresses, bound explicitly (127.0.0.1)\n"
     "  --port N                   SCTP port (38412)\n"
     "  --sctp-udp PORT[:REMOTE]   SCTP inside UDP on PORT (the peer's port if it differs); raw IP without\n"
+    "  --sctp-bundle              let SCTP bundle messages while earlier ones wait for their SACK (more\n"
+    "                             throughput under load, a delay when one message follows another)\n"
     "  --control-port N           also read control lines on this UDP port of the first bind address\n"
     "  --no-stdin                 do not read control lines on standard input\n"
     "the network\n"
@@ -144,6 +146,10 @@ bool parseOptions(int argc, char** argv, Options& o, std::string& err) {
         }
         if (k == "--no-stdin") {
             o.stdinControl = false;
+            continue;
+        }
+        if (k == "--sctp-bundle") {
+            o.sctpBundle = true;
             continue;
         }
         if (k == "--imeisv-request") {

@@ -24,6 +24,7 @@ struct Options {
     int sctpUdpRemotePort = 0;
     int controlPort = 0;  // UDP control channel on the first bind address; 0 none
     bool stdinControl = true;
+    bool sctpBundle = false;  // let the stack bundle small messages (no SCTP_NODELAY)
 
     // identity of the AMF
     std::string name = "core-answerer";

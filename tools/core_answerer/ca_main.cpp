@@ -18,6 +18,7 @@
 
 #include "ca_amf.h"
 #include "mv_bytes.h"
+#include "mv_sctp_backend.h"
 #include "mv_socket_engine.h"
 #include "mvalgo.h"
 
@@ -28,6 +29,7 @@
 namespace {
 
 ca::Amf* g_amf = nullptr;
+bool g_bundle = false;
 std::mutex g_out;
 std::atomic<bool> g_quit{false};
 
@@ -52,6 +54,8 @@ void onClose(MV_Socket* s) {
 void onAccept(MV_Socket* child, MV_Socket*) {
     child->OnBufferReceive = onBuffer;
     child->OnClose = onClose;
+    // Under load, messages waiting for an acknowledgement go out together in one packet.
+    if (g_bundle) __mv_sctp_backend()->SetNoDelay(child->fd, 0);
     char ip[64] = "";
     int port = 0;
     __mv_socket_engine__get_client_ip_port(child, ip, &port);
@@ -169,6 +173,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     g_amf = &amf;
+    g_bundle = o.sctpBundle;
     timers.start();
 
     MV_SctpSocketInfo info{};

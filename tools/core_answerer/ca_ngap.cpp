@@ -99,14 +99,14 @@ bool buildNgSetupResponse(const std::string& amfName, const Guami& g, uint8_t ca
     }
     m->pLMNSupportList->PLMNSupportItem = appended(m->pLMNSupportList->PLMNSupportItem, ps);
     m->pLMNSupportList_isset = 1;
-    return encodeAndFree(ngapPdu("NGSetupResponse"), m, ctx);
+    return encodeAndFree(pdu("NGSetupResponse"), m, ctx);
 }
 
 bool buildNgSetupFailure(NgCause c, Ctx& ctx) {
     auto* m = make(__mv_amf_init_NGSetupFailure);
     m->cause = makeCause(c);
     m->cause_isset = 1;
-    return encodeAndFree(ngapPdu("NGSetupFailure"), m, ctx);
+    return encodeAndFree(pdu("NGSetupFailure"), m, ctx);
 }
 
 bool buildNgResetAcknowledge(const std::vector<std::pair<uint64_t, uint64_t>>& ids, bool partial, Ctx& ctx) {
@@ -123,7 +123,7 @@ bool buildNgResetAcknowledge(const std::vector<std::pair<uint64_t, uint64_t>>& i
         }
         m->uEassociatedLogicalNGconnectionList_isset = 1;
     }
-    return encodeAndFree(ngapPdu("NGResetAcknowledge"), m, ctx);
+    return encodeAndFree(pdu("NGResetAcknowledge"), m, ctx);
 }
 
 bool buildErrorIndication(uint64_t amfId, bool hasAmf, uint64_t ranId, bool hasRan, NgCause c, Ctx& ctx) {
@@ -134,7 +134,7 @@ bool buildErrorIndication(uint64_t amfId, bool hasAmf, uint64_t ranId, bool hasR
     m->rANUENGAPID_isset = hasRan;
     m->cause = makeCause(c);
     m->cause_isset = 1;
-    return encodeAndFree(ngapPdu("ErrorIndication"), m, ctx);
+    return encodeAndFree(pdu("ErrorIndication"), m, ctx);
 }
 
 // ---------------------------------------------------------------- UE-associated
@@ -147,7 +147,7 @@ bool buildDownlinkNasTransport(uint64_t amfId, uint64_t ranId, std::span<const u
     m->rANUENGAPID_isset = 1;
     m->nASPDU = octets(__mv_amf_init_NAS_PDU2, nas.data(), nas.size());
     m->nASPDU_isset = 1;
-    return encodeAndFree(ngapPdu("DownlinkNASTransport"), m, ctx);
+    return encodeAndFree(pdu("DownlinkNASTransport"), m, ctx);
 }
 
 bool buildInitialContextSetupRequest(const ContextSetup& c, Ctx& ctx) {
@@ -196,7 +196,7 @@ bool buildInitialContextSetupRequest(const ContextSetup& c, Ctx& ctx) {
         m->nASPDU = octets(__mv_amf_init_NAS_PDU2, c.nas.data(), c.nas.size());
         m->nASPDU_isset = 1;
     }
-    return encodeAndFree(ngapPdu("InitialContextSetupRequest"), m, ctx);
+    return encodeAndFree(pdu("InitialContextSetupRequest"), m, ctx);
 }
 
 bool buildSessionSetupRequest(uint64_t amfId, uint64_t ranId, const std::vector<SessionItem>& sessions,
@@ -225,7 +225,7 @@ bool buildSessionSetupRequest(uint64_t amfId, uint64_t ranId, const std::vector<
         m->uEAggregateMaximumBitRate = ambrRec(ueAmbrBps);
         m->uEAggregateMaximumBitRate_isset = 1;
     }
-    return encodeAndFree(ngapPdu("PDUSessionResourceSetupRequest"), m, ctx);
+    return encodeAndFree(pdu("PDUSessionResourceSetupRequest"), m, ctx);
 }
 
 bool buildSessionReleaseCommand(uint64_t amfId, uint64_t ranId, std::span<const uint8_t> nas,
@@ -249,7 +249,7 @@ bool buildSessionReleaseCommand(uint64_t amfId, uint64_t ranId, std::span<const 
         m->pDUSessionResourceToReleaseListRelCmd->PDUSessionResourceToReleaseItemRelCmd = appended(m->pDUSessionResourceToReleaseListRelCmd->PDUSessionResourceToReleaseItemRelCmd, it);
     }
     m->pDUSessionResourceToReleaseListRelCmd_isset = 1;
-    return encodeAndFree(ngapPdu("PDUSessionResourceReleaseCommand"), m, ctx);
+    return encodeAndFree(pdu("PDUSessionResourceReleaseCommand"), m, ctx);
 }
 
 bool buildUeContextReleaseCommand(uint64_t amfId, uint64_t ranId, NgCause c, Ctx& ctx) {
@@ -262,7 +262,7 @@ bool buildUeContextReleaseCommand(uint64_t amfId, uint64_t ranId, NgCause c, Ctx
     m->uENGAPIDs_isset = 1;
     m->cause = makeCause(c);
     m->cause_isset = 1;
-    return encodeAndFree(ngapPdu("UEContextReleaseCommand"), m, ctx);
+    return encodeAndFree(pdu("UEContextReleaseCommand"), m, ctx);
 }
 
 // ---------------------------------------------------------------- session transfers

@@ -24,11 +24,16 @@ void Timers::stop() {
 }
 
 void Timers::after(uint32_t ms, std::function<void()> f) {
+    bool earliest;
     {
         std::lock_guard g(lock_);
-        q_.push(Entry{Clock::now() + std::chrono::milliseconds(ms), seq_++, std::move(f)});
+        auto due = Clock::now() + std::chrono::milliseconds(ms);
+        earliest = q_.empty() || due < q_.top().due;
+        q_.push(Entry{due, seq_++, std::move(f)});
     }
-    cv_.notify_one();
+    // The thread sleeps until the earliest entry: only a new earliest one must wake it
+    // (most timers are the same length and come in order, so most wake nothing).
+    if (earliest) cv_.notify_one();
 }
 
 size_t Timers::pending() const {

@@ -18,7 +18,7 @@
 #include <memory>
 #include <sstream>
 
-#include "ca_driver.h"
+#include "ca_gnb.h"
 #include "ca_loop.h"
 #include "ks_test_util.h"
 #include "mv_core.h"
@@ -46,17 +46,20 @@ std::string subscribers(size_t n) {
     return path;
 }
 
+// The scripted UEs keep no record of what they received: a benchmark runs long.
+cad::Driver::Config quiet() {
+    cad::Driver::Config c;
+    c.keepPdus = false;
+    return c;
+}
+
 // ---------------------------------------------------------------- in memory
 
 void InMemory(benchmark::State& state) {
     size_t n = size_t(state.range(0)), window = size_t(state.range(1));
     double amfUs = 0, drvUs = 0;
     for (auto _ : state) {
-        cat::Loop l({"--subscribers", subscribers(n), "--log-level", "2"}, [] {
-            cad::Driver::Config c;
-            c.keepPdus = false;
-            return c;
-        }());
+        cat::Loop l({"--subscribers", subscribers(n), "--log-level", "2"}, quiet());
         if (!l.setup()) state.SkipWithError("no NG Setup");
         l.amfNs = l.drvNs = 0;
         auto t0 = Clock::now();
@@ -119,53 +122,6 @@ Answerer& answerer(size_t ues) {
     return *gAnswerer;
 }
 
-// One association of the scripted gNB to the answerer.
-struct Gnb {
-    cad::Driver drv;
-    MV_Socket* sock;
-    std::atomic<int> connects{0};
-    static void onBuffer(MV_SocketSCTPBuffer* b) {
-        auto* g = b->siSocket ? static_cast<Gnb*>(b->siSocket->parentData1) : nullptr;
-        if (g && b->len > b->pos) g->drv.receive(b->streamId, {b->buff + b->pos, size_t(b->len - b->pos)});
-        __mv_socket_engine_release_sctp_socket_buffer(b);
-    }
-    static cad::Driver::Config config() {
-        cad::Driver::Config c;
-        c.keepPdus = false;
-        return c;
-    }
-    Gnb() : drv(config()) {
-        MV_SctpSocketInfo info{};
-        info.ipVersion = 4;
-        info.ipCount = 1;
-        snprintf(info.IP[0], sizeof info.IP[0], "%s", Netns::A[0]);
-        info.RemotePort = 38412;
-        info.RemoteIpCount = 1;
-        snprintf(info.RemoteIP[0], sizeof info.RemoteIP[0], "%s", Netns::B[0]);
-        info.PPID = 60;
-        info.UseEPoll = 1;
-        info.MaxOStreams = info.MaxIStreams = 16;
-        sock = __mv_socket_engine_create_sctp_client_socket(&info);
-        sock->parentData1 = this;
-        sock->OnConnected = [](MV_Socket* s) { ++static_cast<Gnb*>(s->parentData1)->connects; };
-        sock->OnBufferReceive = onBuffer;
-        drv.send = [this](uint16_t stream, const uint8_t* p, size_t n) {
-            return __mv_socket_engine_sctp_send_ngap2(sock, p, int(n), stream);
-        };
-        __mv_socket_engine_sctp_client_socket_start_read_thread(sock);
-        kst::waitFor([&] { return connects.load() > 0; }, 30);
-        drv.ngSetup();
-        kst::waitFor([&] { return drv.setupDone(); }, 30);
-    }
-    ~Gnb() {
-        sock->disableClientAutoReConnect = 1;
-        __mv_socket_engine_sctp__close_client_connection(sock);
-        sock->OnBufferReceive = nullptr;
-        sock->parentData1 = nullptr;
-        sock->OnConnected = nullptr;
-    }
-};
-
 double cpuOfThisProcess() {
     timespec t{};
     clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
@@ -179,8 +135,8 @@ void OverSctp(benchmark::State& state) {
     std::map<std::string, double> cpu;
     double wall = 0, ueCpu = 0;
     for (auto _ : state) {
-        Gnb g;
-        if (!g.drv.setupDone()) return state.SkipWithError("no NG Setup");
+        cat::Gnb g(38412, quiet());
+        if (!g.up()) return state.SkipWithError("no NG Setup");
         auto before = a.threads();
         double c0 = cpuOfThisProcess();
         auto t0 = Clock::now();
@@ -217,7 +173,8 @@ void NgSetupOverSctp(benchmark::State& state) {
     size_t n = size_t(state.range(0)), window = size_t(state.range(1));
     answerer(10000);
     for (auto _ : state) {
-        Gnb g;
+        cat::Gnb g(38412, quiet());
+        if (!g.up()) return state.SkipWithError("no NG Setup");
         size_t start = g.drv.setupCount();
         auto t0 = Clock::now();
         g.drv.ngSetupMany(n, window);

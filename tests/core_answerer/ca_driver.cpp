@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "ca_asn.h"
+#include "ca_nas.h"
 #include "mv_naspdu.h"
 #include "mv_nas_util.h"
 #include "mvalgo.h"
@@ -26,20 +27,6 @@ bool hex(const std::string& s, uint8_t* out, size_t n) {
     if (s.size() != 2 * n) return false;
     for (size_t i = 0; i < n; ++i) out[i] = uint8_t(std::stoul(s.substr(2 * i, 2), nullptr, 16));
     return true;
-}
-
-template <class R>
-bool encMm(int (*enc)(R*, Ctx*), R& rec, Ctx& ctx) {
-    __mv_asn_init_CodingContext(&ctx);
-    return enc(&rec, &ctx) == 0 && ctx.pos > 0 && !ctx.iError;
-}
-
-template <class R>
-bool encSm(int (*enc)(R*, Ctx*), R& rec, uint8_t psi, uint8_t pti, Ctx& ctx) {
-    rec.pHeader.PDUSessionId = psi;
-    rec.pHeader.ProcedureTransactionIdentity = pti;
-    rec.pHeader.ProcedureTransactionIdentity_isset = 1;
-    return encMm(enc, rec, ctx);
 }
 
 void byteIe(__naspdu_ie_byte& ie, uint8_t v) {
@@ -333,7 +320,7 @@ void Driver::startRegistration(Ue& u) {
     const uint8_t sd[3] = {1, 2, 3};
     __mv_naspdu_addSNSSAI(&r.mRequestedNSSAI, 1, sd, nullptr, nullptr);
     Ctx ctx;
-    if (!encMm(__mv_naspdu_fgmm_encodeRegistrationRequest, r, ctx)) return;
+    if (!ca::encodeNas(__mv_naspdu_fgmm_encodeRegistrationRequest, r, ctx)) return;
     u.regPlain.assign(ctx.buffer, ctx.buffer + ctx.pos);
     note(u, "tx RegistrationRequest");
     u.rx["tx RegistrationRequest"]++;
@@ -379,7 +366,7 @@ void Driver::smRequest(Ue& u, uint8_t psi, const uint8_t* sm, size_t n, uint8_t 
         t.mDNN.isset = 1;
     }
     Ctx ctx;
-    if (encMm(__mv_naspdu_fgmm_encodeULNASTransport, t, ctx)) sendMm(u, ctx.buffer, ctx.pos);
+    if (ca::encodeNas(__mv_naspdu_fgmm_encodeULNASTransport, t, ctx)) sendMm(u, ctx.buffer, ctx.pos);
 }
 
 void Driver::establish(size_t i, uint8_t psi, uint8_t type, const std::string& dnn) {
@@ -396,7 +383,7 @@ void Driver::establish(size_t i, uint8_t psi, uint8_t type, const std::string& d
     }
     Ctx ctx;
     note(u, "tx PDUSessionEstablishmentRequest");
-    if (encSm(__mv_naspdu_fgsm_encodePDUSessionEstablishmentRequest, r, psi, ++u.pti, ctx))
+    if (ca::encodeNasSm(__mv_naspdu_fgsm_encodePDUSessionEstablishmentRequest, r, psi, ++u.pti, ctx))
         smRequest(u, psi, ctx.buffer, ctx.pos, 1, dnn);
 }
 
@@ -405,7 +392,7 @@ void Driver::modify(size_t i, uint8_t psi) {
     Ue& u = ue(i);
     NASPduFGSM_PDUSessionModificationRequest r{};
     Ctx ctx;
-    if (encSm(__mv_naspdu_fgsm_encodePDUSessionModificationRequest, r, psi, ++u.pti, ctx))
+    if (ca::encodeNasSm(__mv_naspdu_fgsm_encodePDUSessionModificationRequest, r, psi, ++u.pti, ctx))
         smRequest(u, psi, ctx.buffer, ctx.pos, 0, "");
 }
 
@@ -416,7 +403,7 @@ void Driver::releaseSession(size_t i, uint8_t psi) {
     byteIe(r.mFGSMCause, 36);  // regular deactivation
     Ctx ctx;
     note(u, "tx PDUSessionReleaseRequest");
-    if (encSm(__mv_naspdu_fgsm_encodePDUSessionReleaseRequest, r, psi, ++u.pti, ctx))
+    if (ca::encodeNasSm(__mv_naspdu_fgsm_encodePDUSessionReleaseRequest, r, psi, ++u.pti, ctx))
         smRequest(u, psi, ctx.buffer, ctx.pos, 0, "");
 }
 
@@ -429,7 +416,7 @@ void Driver::deregister(size_t i, bool switchOff) {
     Ctx ctx;
     note(u, switchOff ? "tx DeregistrationRequest switch-off" : "tx DeregistrationRequest");
     if (switchOff) u.registered = false;
-    if (encMm(__mv_naspdu_fgmm_encodeDeregistrationRequestUEI, r, ctx)) sendMm(u, ctx.buffer, ctx.pos, !u.connected);
+    if (ca::encodeNas(__mv_naspdu_fgmm_encodeDeregistrationRequestUEI, r, ctx)) sendMm(u, ctx.buffer, ctx.pos, !u.connected);
 }
 
 void Driver::releaseContext(size_t i) {
@@ -456,7 +443,7 @@ void Driver::serviceRequest(size_t i, uint8_t serviceType) {
     r.b1 = uint8_t(serviceType << 4 | (u.ngksi & 0x0F));
     __mv_nas_util_encode_fg_s_tmsi(&r.mFGSTMSI, u.guti + 4, 6);
     Ctx ctx;
-    if (!encMm(__mv_naspdu_fgmm_encodeServiceRequest, r, ctx)) return;
+    if (!ca::encodeNas(__mv_naspdu_fgmm_encodeServiceRequest, r, ctx)) return;
     // PDU session status: every session the UE holds
     uint16_t status = 0;
     for (auto& [psi, s] : u.sessions)
@@ -621,7 +608,7 @@ void Driver::handleMm(Ue& u, uint8_t type, void* rec, std::span<const uint8_t> p
             } else {
                 __mv_nas_util_encode_fg_imei(&r.mFGSMobileIdentity, c_.imei.c_str(), int(c_.imei.size()));
             }
-            if (encMm(__mv_naspdu_fgmm_encodeIdentityResponse, r, ctx)) sendMm(u, ctx.buffer, ctx.pos);
+            if (ca::encodeNas(__mv_naspdu_fgmm_encodeIdentityResponse, r, ctx)) sendMm(u, ctx.buffer, ctx.pos);
             return;
         }
         case 86: return authenticationRequest(u, rec);
@@ -634,7 +621,7 @@ void Driver::handleMm(Ue& u, uint8_t type, void* rec, std::span<const uint8_t> p
                 u.hasGuti = true;
             }
             NASPduFGMM_RegistrationComplete c{};
-            if (encMm(__mv_naspdu_fgmm_encodeRegistrationComplete, c, ctx)) sendMm(u, ctx.buffer, ctx.pos);
+            if (ca::encodeNas(__mv_naspdu_fgmm_encodeRegistrationComplete, c, ctx)) sendMm(u, ctx.buffer, ctx.pos);
             if (!u.registered) registeredNow(u);
             return;
         }
@@ -647,7 +634,7 @@ void Driver::handleMm(Ue& u, uint8_t type, void* rec, std::span<const uint8_t> p
             u.deregisteredByNetwork = true;
             u.registered = false;
             NASPduFGMM_DeregistrationAcceptUET a{};
-            if (encMm(__mv_naspdu_fgmm_encodeDeregistrationAcceptUET, a, ctx)) sendMm(u, ctx.buffer, ctx.pos);
+            if (ca::encodeNas(__mv_naspdu_fgmm_encodeDeregistrationAcceptUET, a, ctx)) sendMm(u, ctx.buffer, ctx.pos);
             return;
         }
         case 77: u.serviceRejectCause = static_cast<NASPduFGMM_ServiceReject*>(rec)->mFGMMCause.Value; return;
@@ -679,7 +666,7 @@ void Driver::authenticationRequest(Ue& u, void* rec) {
             f.mAuthenticationFailureParameter.Length = 14;
             f.mAuthenticationFailureParameter.isset = 1;
         }
-        if (encMm(__mv_naspdu_fgmm_encodeAuthenticationFailure, f, ctx)) sendMm(u, ctx.buffer, ctx.pos);
+        if (ca::encodeNas(__mv_naspdu_fgmm_encodeAuthenticationFailure, f, ctx)) sendMm(u, ctx.buffer, ctx.pos);
     };
     if (u.b.macFailure) return failure(20, nullptr);
     uint8_t auts[16] = {};
@@ -704,7 +691,7 @@ void Driver::authenticationRequest(Ue& u, void* rec) {
     if (u.b.wrongRes) r.mAuthenticationResponseParameter.data[0] ^= 0xFF;
     r.mAuthenticationResponseParameter.Length = 16;
     r.mAuthenticationResponseParameter.isset = 1;
-    if (encMm(__mv_naspdu_fgmm_encodeAuthenticationResponse, r, ctx)) sendMm(u, ctx.buffer, ctx.pos);
+    if (ca::encodeNas(__mv_naspdu_fgmm_encodeAuthenticationResponse, r, ctx)) sendMm(u, ctx.buffer, ctx.pos);
 }
 
 void Driver::securityModeCommand(Ue& u, void* rec) {
@@ -721,7 +708,7 @@ void Driver::securityModeCommand(Ue& u, void* rec) {
         NASPduFGMM_SecurityModeReject r{};
         byteIe(r.mFGMMCause, replayed ? 24 : 23);
         u.sec = false;  // the new context is not taken: the reject goes in clear
-        if (encMm(__mv_naspdu_fgmm_encodeSecurityModeReject, r, ctx)) sendMm(u, ctx.buffer, ctx.pos);
+        if (ca::encodeNas(__mv_naspdu_fgmm_encodeSecurityModeReject, r, ctx)) sendMm(u, ctx.buffer, ctx.pos);
         return;
     }
     NASPduFGMM_SecurityModeComplete c{};
@@ -732,7 +719,7 @@ void Driver::securityModeCommand(Ue& u, void* rec) {
         c.mNASMessageContainer.Length = uint16_t(u.regPlain.size());
         c.mNASMessageContainer.isset = 1;
     }
-    if (encMm(__mv_naspdu_fgmm_encodeSecurityModeComplete, c, ctx)) sendMm(u, ctx.buffer, ctx.pos);
+    if (ca::encodeNas(__mv_naspdu_fgmm_encodeSecurityModeComplete, c, ctx)) sendMm(u, ctx.buffer, ctx.pos);
 }
 
 void Driver::handleSm(Ue& u, std::span<const uint8_t> sm) {
@@ -773,14 +760,14 @@ void Driver::handleSm(Ue& u, std::span<const uint8_t> sm) {
         case 203: {
             s.modified = true;
             NASPduFGSM_PDUSessionModificationComplete c{};
-            if (encSm(__mv_naspdu_fgsm_encodePDUSessionModificationComplete, c, psi, pti, ctx))
+            if (ca::encodeNasSm(__mv_naspdu_fgsm_encodePDUSessionModificationComplete, c, psi, pti, ctx))
                 smRequest(u, psi, ctx.buffer, ctx.pos, 0, "");
             break;
         }
         case 211: {
             s.released = true;
             NASPduFGSM_PDUSessionReleaseComplete c{};
-            if (encSm(__mv_naspdu_fgsm_encodePDUSessionReleaseComplete, c, psi, pti, ctx))
+            if (ca::encodeNasSm(__mv_naspdu_fgsm_encodePDUSessionReleaseComplete, c, psi, pti, ctx))
                 smRequest(u, psi, ctx.buffer, ctx.pos, 0, "");
             break;
         }
@@ -790,6 +777,19 @@ void Driver::handleSm(Ue& u, std::span<const uint8_t> sm) {
 }
 
 // ---------------------------------------------------------------- the gNB's side of UE procedures
+
+Bytes Driver::takeSession(Ue& u, uint8_t psi, std::span<const uint8_t> requestTransfer) {
+    if (auto* t = ca::decodeValue(__mv_amf_Decode_PDUSessionResourceSetupRequestTransfer,
+                                  __mv_amf_memfree_PDUSessionResourceSetupRequestTransfer, requestTransfer)) {
+        auto teid = t->uLNGUUPTNLInformation && t->uLNGUUPTNLInformation->SelectedChoice == 0
+                        ? view(t->uLNGUUPTNLInformation->u.gTPTunnel->gTP_TEID)
+                        : std::span<const uint8_t>{};
+        if (teid.size() == 4) u.sessions[psi].upfTeid = uint32_t(teid[0]) << 24 | teid[1] << 16 | teid[2] << 8 | teid[3];
+        u.sessions[psi].resources = true;
+        __mv_amf_memfree_PDUSessionResourceSetupRequestTransfer(t);
+    }
+    return responseTransfer(c_.gnbAddress, uint32_t(u.ranId << 4 | psi));
+}
 
 void Driver::contextSetupRequest(Ue& u, void* rec) {
     auto* m = static_cast<__mv_amf_dt_InitialContextSetupRequest*>(rec);
@@ -804,17 +804,8 @@ void Driver::contextSetupRequest(Ue& u, void* rec) {
         ca::forEach(m->pDUSessionResourceSetupListCxtReq->PDUSessionResourceSetupItemCxtReq, [&](void* p) {
             auto* it = static_cast<__mv_amf_dt_PDUSessionResourceSetupItemCxtReq*>(p);
             uint8_t psi = uint8_t(it->pDUSessionID);
-            if (auto* t = ca::decodeValue(__mv_amf_Decode_PDUSessionResourceSetupRequestTransfer,
-                                          __mv_amf_memfree_PDUSessionResourceSetupRequestTransfer,
-                                          view(it->pDUSessionResourceSetupRequestTransfer))) {
-                auto teid = t->uLNGUUPTNLInformation ? view(t->uLNGUUPTNLInformation->u.gTPTunnel->gTP_TEID)
-                                                     : std::span<const uint8_t>{};
-                if (teid.size() == 4) u.sessions[psi].upfTeid = uint32_t(teid[0]) << 24 | teid[1] << 16 | teid[2] << 8 | teid[3];
-                u.sessions[psi].resources = true;
-                __mv_amf_memfree_PDUSessionResourceSetupRequestTransfer(t);
-            }
             if (it->isPresent_nAS_PDU) nas.emplace_back(psi, Bytes(view(it->nAS_PDU).begin(), view(it->nAS_PDU).end()));
-            Bytes tr = responseTransfer(c_.gnbAddress, uint32_t(u.ranId << 4 | psi));
+            Bytes tr = takeSession(u, psi, view(it->pDUSessionResourceSetupRequestTransfer));
             auto* res = make(__mv_amf_init_PDUSessionResourceSetupItemCxtRes);
             res->pDUSessionID = psi;
             res->pDUSessionResourceSetupResponseTransfer = octets(
@@ -847,18 +838,9 @@ void Driver::sessionSetupRequest(Ue& u, void* rec) {
         ca::forEach(m->pDUSessionResourceSetupListSUReq->PDUSessionResourceSetupItemSUReq, [&](void* p) {
             auto* it = static_cast<__mv_amf_dt_PDUSessionResourceSetupItemSUReq*>(p);
             uint8_t psi = uint8_t(it->pDUSessionID);
-            if (auto* t = ca::decodeValue(__mv_amf_Decode_PDUSessionResourceSetupRequestTransfer,
-                                          __mv_amf_memfree_PDUSessionResourceSetupRequestTransfer,
-                                          view(it->pDUSessionResourceSetupRequestTransfer))) {
-                auto teid = t->uLNGUUPTNLInformation ? view(t->uLNGUUPTNLInformation->u.gTPTunnel->gTP_TEID)
-                                                     : std::span<const uint8_t>{};
-                if (teid.size() == 4) u.sessions[psi].upfTeid = uint32_t(teid[0]) << 24 | teid[1] << 16 | teid[2] << 8 | teid[3];
-                u.sessions[psi].resources = true;
-                __mv_amf_memfree_PDUSessionResourceSetupRequestTransfer(t);
-            }
             if (it->isPresent_pDUSessionNAS_PDU)
                 nas.emplace_back(view(it->pDUSessionNAS_PDU).begin(), view(it->pDUSessionNAS_PDU).end());
-            Bytes tr = responseTransfer(c_.gnbAddress, uint32_t(u.ranId << 4 | psi));
+            Bytes tr = takeSession(u, psi, view(it->pDUSessionResourceSetupRequestTransfer));
             auto* res = make(__mv_amf_init_PDUSessionResourceSetupItemSURes);
             res->pDUSessionID = psi;
             res->pDUSessionResourceSetupResponseTransfer = octets(

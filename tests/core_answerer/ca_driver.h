@@ -150,6 +150,9 @@ private:
     void authenticationRequest(Ue& u, void* rec);
     void securityModeCommand(Ue& u, void* rec);
     void smRequest(Ue& u, uint8_t psi, const uint8_t* sm, size_t n, uint8_t requestType, const std::string& dnn);
+    // The gNB's part of one session: the UPF's tunnel taken, its own tunnel as the
+    // response transfer.
+    Bytes takeSession(Ue& u, uint8_t psi, std::span<const uint8_t> requestTransfer);
     void contextSetupRequest(Ue& u, void* rec);
     void sessionSetupRequest(Ue& u, void* rec);
     void sessionReleaseCommand(Ue& u, void* rec);

@@ -8,7 +8,7 @@
 #include <atomic>
 #include <memory>
 
-#include "ca_driver.h"
+#include "ca_gnb.h"
 #include "ks_test_util.h"
 #include "mv_core.h"
 #include "mv_socket_engine.h"
@@ -28,6 +28,7 @@
 namespace {
 
 using cad::Driver;
+using cat::Gnb;
 using cad::Ue;
 using kse::Netns;
 
@@ -60,59 +61,6 @@ std::unique_ptr<kse::Peer> startAnswerer(int port, std::vector<std::string> extr
     if (p->waitLine("READY", 30).empty()) return nullptr;
     return p;
 }
-
-// The gNB's association: the driver's PDUs go out on it and come back in.
-struct Gnb {
-    static void onBuffer(MV_SocketSCTPBuffer* b) {
-        auto* g = b->siSocket ? static_cast<Gnb*>(b->siSocket->parentData1) : nullptr;
-        if (g && b->len > b->pos) g->drv.receive(b->streamId, {b->buff + b->pos, size_t(b->len - b->pos)});
-        __mv_socket_engine_release_sctp_socket_buffer(b);
-    }
-
-    Driver drv;
-    MV_Socket* sock = nullptr;
-    std::atomic<int> connects{0}, closes{0};
-
-    explicit Gnb(int port, Driver::Config c = {}) : drv(c) {
-        MV_SctpSocketInfo info{};
-        info.ipVersion = 4;
-        info.ipCount = 1;
-        snprintf(info.IP[0], sizeof info.IP[0], "%s", Netns::A[0]);
-        info.RemotePort = port;
-        info.RemoteIpCount = 1;
-        snprintf(info.RemoteIP[0], sizeof info.RemoteIP[0], "%s", Netns::B[0]);
-        info.PPID = 60;
-        info.UseEPoll = 1;
-        info.MaxOStreams = info.MaxIStreams = 16;
-        sock = __mv_socket_engine_create_sctp_client_socket(&info);
-        sock->parentData1 = this;
-        sock->OnConnected = [](MV_Socket* s) { ++static_cast<Gnb*>(s->parentData1)->connects; };
-        sock->OnClose = [](MV_Socket* s) { ++static_cast<Gnb*>(s->parentData1)->closes; };
-        sock->OnBufferReceive = onBuffer;
-        drv.send = [this](uint16_t stream, const uint8_t* p, size_t n) {
-            return __mv_socket_engine_sctp_send_ngap2(sock, p, int(n), stream);
-        };
-    }
-    bool up(int connectsBefore = 0) {
-        if (!connectsBefore) __mv_socket_engine_sctp_client_socket_start_read_thread(sock);
-        if (!kst::waitFor([&] { return connects.load() > connectsBefore; }, 30)) return false;
-        drv.ngSetup();
-        return kst::waitFor([&] { return drv.setupDone(); }, 30);
-    }
-    // Socket records live as long as the process: only stop this one reconnecting.
-    ~Gnb() {
-        sock->disableClientAutoReConnect = 1;
-        __mv_socket_engine_sctp__close_client_connection(sock);
-        sock->OnBufferReceive = nullptr;
-        sock->parentData1 = nullptr;
-        sock->OnClose = nullptr;
-        sock->OnConnected = nullptr;
-    }
-    bool registered(size_t i) {
-        drv.registerUe(i);
-        return drv.waitUe(i, [](const Ue& u) { return u.registered; }, 30);
-    }
-};
 
 // "COUNTER name value" of a counters block the answerer printed, after the lines read
 // so far; -1 when it has none.

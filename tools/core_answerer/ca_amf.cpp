@@ -140,7 +140,10 @@ void Amf::drainEvents() {
     // A record reused for a new association is closed before it is accepted again.
     for (AssocKey a : cl) dropAssoc(a);
     for (auto& [a, peer] : acc) {
-        dropAssoc(a);
+        if (auto it = assocs_.find(a); it != assocs_.end()) {  // its first message came first
+            it->second->peer = peer;
+            continue;
+        }
         auto as = std::make_unique<Assoc>();
         as->key = a;
         as->peer = peer;
@@ -305,11 +308,7 @@ void Amf::handleNgap(Assoc& as, uint16_t stream, std::span<const uint8_t> pdu) {
     }
     const char* name = r.pdu()->name;
     n_.ngapRx(ngapIndex(r.pdu()));
-    if (knobs_.take(KnobAction::Ignore, name)) {
-        n_.add(Ev::KnobIgnored);
-        CA_LOG(MV_LOG_INFO, nullptr, "knob: %s from %s ignored", name, as.peer.c_str());
-        return;
-    }
+    if (ignored(nullptr, name)) return;
     std::string_view n = name;
     if (n == "NGSetupRequest") return ngSetup(as, r.as<__mv_amf_dt_NGSetupRequest>());
     if (!as.setup) {

@@ -175,6 +175,8 @@ private:
     void drainEvents();
 
     // NAS and 5GMM (ca_amf_mm.cpp)
+    // True when an ignore knob takes the received message of this kind.
+    bool ignored(const Conn* c, const char* kind);
     void uplinkNas(Conn& c, std::span<const uint8_t> pdu, bool initial, const uint32_t* ngapTmsi);
     bool wrap(Conn& c, const Ctx& plain, uint8_t sht, Wrapped& out);
     // A NAS message in a DownlinkNASTransport, protected as the connection's security

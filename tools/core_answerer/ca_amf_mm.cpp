@@ -206,6 +206,13 @@ void Amf::onRetx(uint64_t amfId, uint32_t gen) {
 
 // ---------------------------------------------------------------- receiving
 
+bool Amf::ignored(const Conn* c, const char* kind) {
+    if (!knobs_.take(KnobAction::Ignore, kind)) return false;
+    n_.add(Ev::KnobIgnored);
+    CA_LOG(MV_LOG_INFO, c, "knob: %s ignored", kind);
+    return true;
+}
+
 void Amf::uplinkNas(Conn& c, std::span<const uint8_t> pdu, bool initial, const uint32_t* ngapTmsi) {
     if (pdu.size() < 3 || pdu[0] != MV_5GS_MM_EPD) {
         n_.add(Ev::NasMalformed);
@@ -266,11 +273,7 @@ void Amf::uplinkNas(Conn& c, std::span<const uint8_t> pdu, bool initial, const u
     }
     n_.nasRx(MV_5GS_MM_EPD, m.type);
     const char* kind = nasName(MV_5GS_MM_EPD, m.type);
-    if (knobs_.take(KnobAction::Ignore, kind)) {
-        n_.add(Ev::KnobIgnored);
-        CA_LOG(MV_LOG_INFO, &c, "knob: %s ignored", kind);
-        return;
-    }
+    if (ignored(&c, kind)) return;
     if (!verified && c.secActive && !plainAllowed(m.type)) {
         n_.add(Ev::NasPlainRefused);
         CA_LOG(MV_LOG_WARNING, &c, "%s in clear on a protected connection, dropped", kind);

@@ -96,11 +96,7 @@ void Amf::ulNasTransport(Conn& c, const NasMessage& m) {
                sm.psi);
     n_.nasRx(MV_5GS_SM_EPD, sm.type);
     const char* kind = nasName(MV_5GS_SM_EPD, sm.type);
-    if (knobs_.take(KnobAction::Ignore, kind)) {
-        n_.add(Ev::KnobIgnored);
-        CA_LOG(MV_LOG_INFO, &c, "knob: %s ignored", kind);
-        return;
-    }
+    if (ignored(&c, kind)) return;
     switch (sm.type) {
         case 193: return sessionEstablishment(c, sm, m);
         case 201: return sessionModification(c, sm);

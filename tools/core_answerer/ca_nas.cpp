@@ -270,26 +270,18 @@ std::vector<SNssai> readNssai(std::span<const uint8_t> value) {
 
 namespace {
 
-bool done(int rc, const Ctx& ctx) { return rc == 0 && ctx.iError == 0 && ctx.pos > 0; }
-
-template <class R>
-bool encodeMm(int (*enc)(R*, Ctx*), R& rec, Ctx& ctx) {
-    __mv_asn_init_CodingContext(&ctx);
-    return done(enc(&rec, &ctx), ctx);
-}
-
-template <class R>
-bool encodeSm(int (*enc)(R*, Ctx*), R& rec, uint8_t psi, uint8_t pti, Ctx& ctx) {
-    rec.pHeader.PDUSessionId = psi;
-    rec.pHeader.ProcedureTransactionIdentity = pti;
-    rec.pHeader.ProcedureTransactionIdentity_isset = 1;
-    return encodeMm(enc, rec, ctx);
-}
-
 void setByte(__naspdu_ie_byte& ie, uint8_t v) {
     ie.Length = 1;
     ie.Value = v;
     ie.isset = 1;
+}
+
+// The 5GSM messages that carry nothing but their cause.
+template <class R>
+bool smWithCause(int (*enc)(R*, Ctx*), uint8_t psi, uint8_t pti, uint8_t cause, Ctx& ctx) {
+    R m{};
+    setByte(m.mFGSMCause, cause);
+    return encodeNasSm(enc, m, psi, pti, ctx);
 }
 
 void setPduStatus(NASPdu_PDUSessionStatus& ie, uint16_t bitsByPsi) {
@@ -314,7 +306,7 @@ void setSnssai(NASPdu_SNSSAI& ie, const SNssai& s) {
 bool buildIdentityRequest(uint8_t identityType, Ctx& ctx) {
     NASPduFGMM_IdentityRequest m{};
     m.b1 = identityType & 0x07;
-    return encodeMm(__mv_naspdu_fgmm_encodeIdentityRequest, m, ctx);
+    return encodeNas(__mv_naspdu_fgmm_encodeIdentityRequest, m, ctx);
 }
 
 bool buildAuthenticationRequest(uint8_t ngksi, const uint8_t rand[16], const uint8_t autn[16], Ctx& ctx) {
@@ -328,12 +320,12 @@ bool buildAuthenticationRequest(uint8_t ngksi, const uint8_t rand[16], const uin
     memcpy(m.mAUTN.data, autn, 16);
     m.mAUTN.Length = 16;
     m.mAUTN.isset = 1;
-    return encodeMm(__mv_naspdu_fgmm_encodeAuthenticationRequest, m, ctx);
+    return encodeNas(__mv_naspdu_fgmm_encodeAuthenticationRequest, m, ctx);
 }
 
 bool buildAuthenticationReject(Ctx& ctx) {
     NASPduFGMM_AuthenticationReject m{};
-    return encodeMm(__mv_naspdu_fgmm_encodeAuthenticationReject, m, ctx);
+    return encodeNas(__mv_naspdu_fgmm_encodeAuthenticationReject, m, ctx);
 }
 
 bool buildSecurityModeCommand(uint8_t nia, uint8_t nea, uint8_t ngksi, std::span<const uint8_t> ueSecCap,
@@ -353,14 +345,14 @@ bool buildSecurityModeCommand(uint8_t nia, uint8_t nea, uint8_t ngksi, std::span
     }
     // RINMR asks the UE for its whole initial message, which it sent in clear
     setByte(m.mAdditional5GSecurityInformation, rinmr ? 0x02 : 0x00);
-    return encodeMm(__mv_naspdu_fgmm_encodeSecurityModeCommand, m, ctx);
+    return encodeNas(__mv_naspdu_fgmm_encodeSecurityModeCommand, m, ctx);
 }
 
 bool buildRegistrationAccept(const AcceptContents& a, Ctx& ctx) {
     NASPduFGMM_RegistrationAccept m{};
     setByte(m.mFGSRegistrationResult, 0x01);  // 3GPP access
     __mv_nas_util_encode_fg_guti(&m.mFGGUTI, a.guti, 10);
-    if (!encodeMm(__mv_naspdu_fgmm_encodeRegistrationAccept, m, ctx)) return false;
+    if (!encodeNas(__mv_naspdu_fgmm_encodeRegistrationAccept, m, ctx)) return false;
     // The codec's accept ends with the GUTI here; the IEs behind it follow in the
     // standard's order.
     NASPdu_TrackingAreaIdentityList tai{};
@@ -386,18 +378,18 @@ bool buildRegistrationAccept(const AcceptContents& a, Ctx& ctx) {
 bool buildRegistrationReject(uint8_t cause, Ctx& ctx) {
     NASPduFGMM_RegistrationReject m{};
     setByte(m.mFGMMCause, cause);
-    return encodeMm(__mv_naspdu_fgmm_encodeRegistrationReject, m, ctx);
+    return encodeNas(__mv_naspdu_fgmm_encodeRegistrationReject, m, ctx);
 }
 
 bool buildDeregistrationAccept(Ctx& ctx) {
     NASPduFGMM_DeregistrationAcceptUEI m{};
-    return encodeMm(__mv_naspdu_fgmm_encodeDeregistrationAcceptUEI, m, ctx);
+    return encodeNas(__mv_naspdu_fgmm_encodeDeregistrationAcceptUEI, m, ctx);
 }
 
 bool buildDeregistrationRequest(bool reregister, uint8_t cause, Ctx& ctx) {
     NASPduFGMM_DeregistrationRequestUET m{};
     m.b1 = uint8_t((reregister ? 0x04 : 0x00) | 0x01);  // 3GPP access
-    if (!encodeMm(__mv_naspdu_fgmm_encodeDeregistrationRequestUET, m, ctx)) return false;
+    if (!encodeNas(__mv_naspdu_fgmm_encodeDeregistrationRequestUET, m, ctx)) return false;
     if (cause) {
         NASPdu_FGMMCause c{};
         setByte(c, cause);
@@ -409,7 +401,7 @@ bool buildDeregistrationRequest(bool reregister, uint8_t cause, Ctx& ctx) {
 bool buildServiceAccept(bool hasPduStatus, uint16_t pduStatus, bool hasReactivation, uint16_t reactivation,
                         Ctx& ctx) {
     NASPduFGMM_ServiceAccept m{};
-    if (!encodeMm(__mv_naspdu_fgmm_encodeServiceAccept, m, ctx)) return false;
+    if (!encodeNas(__mv_naspdu_fgmm_encodeServiceAccept, m, ctx)) return false;
     if (hasPduStatus) {
         NASPdu_PDUSessionStatus st{};
         setPduStatus(st, pduStatus);
@@ -426,13 +418,13 @@ bool buildServiceAccept(bool hasPduStatus, uint16_t pduStatus, bool hasReactivat
 bool buildServiceReject(uint8_t cause, Ctx& ctx) {
     NASPduFGMM_ServiceReject m{};
     setByte(m.mFGMMCause, cause);
-    return encodeMm(__mv_naspdu_fgmm_encodeServiceReject, m, ctx);
+    return encodeNas(__mv_naspdu_fgmm_encodeServiceReject, m, ctx);
 }
 
 bool buildGmmStatus(uint8_t cause, Ctx& ctx) {
     NASPduFGMM_5GMMStatus m{};
     setByte(m.mFGMMCause, cause);
-    return encodeMm(__mv_naspdu_fgmm_encode5GMMStatus, m, ctx);
+    return encodeNas(__mv_naspdu_fgmm_encode5GMMStatus, m, ctx);
 }
 
 bool buildDlNasTransport(uint8_t psi, std::span<const uint8_t> sm, Ctx& ctx) {
@@ -444,7 +436,7 @@ bool buildDlNasTransport(uint8_t psi, std::span<const uint8_t> sm, Ctx& ctx) {
     memcpy(m.mPayloadContainer.data, sm.data(), sm.size());
     m.mPayloadContainer.Length = uint16_t(sm.size());
     m.mPayloadContainer.isset = 1;
-    if (!encodeMm(__mv_naspdu_fgmm_encodeDLNASTransport, m, ctx)) return false;
+    if (!encodeNas(__mv_naspdu_fgmm_encodeDLNASTransport, m, ctx)) return false;
     NASPdu_PDUSessionIdentity2 id{};
     setByte(id, psi);
     __mv_naspdu_encodePDUSessionIdentity2(0x12, &id, &ctx);
@@ -485,25 +477,19 @@ bool buildSessionAccept(const SessionAccept& a, Ctx& ctx) {
         m.mDNN.Length = uint8_t(a.dnn.size());
         m.mDNN.isset = 1;
     }
-    return encodeSm(__mv_naspdu_fgsm_encodePDUSessionEstablishmentAccept, m, a.psi, a.pti, ctx);
+    return encodeNasSm(__mv_naspdu_fgsm_encodePDUSessionEstablishmentAccept, m, a.psi, a.pti, ctx);
 }
 
 bool buildSessionReject(uint8_t psi, uint8_t pti, uint8_t cause, Ctx& ctx) {
-    NASPduFGSM_PDUSessionEstablishmentReject m{};
-    setByte(m.mFGSMCause, cause);
-    return encodeSm(__mv_naspdu_fgsm_encodePDUSessionEstablishmentReject, m, psi, pti, ctx);
+    return smWithCause(__mv_naspdu_fgsm_encodePDUSessionEstablishmentReject, psi, pti, cause, ctx);
 }
 
 bool buildSessionReleaseCommand(uint8_t psi, uint8_t pti, uint8_t cause, Ctx& ctx) {
-    NASPduFGSM_PDUSessionReleaseCommand m{};
-    setByte(m.mFGSMCause, cause);
-    return encodeSm(__mv_naspdu_fgsm_encodePDUSessionReleaseCommand, m, psi, pti, ctx);
+    return smWithCause(__mv_naspdu_fgsm_encodePDUSessionReleaseCommand, psi, pti, cause, ctx);
 }
 
 bool buildSessionReleaseReject(uint8_t psi, uint8_t pti, uint8_t cause, Ctx& ctx) {
-    NASPduFGSM_PDUSessionReleaseReject m{};
-    setByte(m.mFGSMCause, cause);
-    return encodeSm(__mv_naspdu_fgsm_encodePDUSessionReleaseReject, m, psi, pti, ctx);
+    return smWithCause(__mv_naspdu_fgsm_encodePDUSessionReleaseReject, psi, pti, cause, ctx);
 }
 
 bool buildSessionModificationCommand(uint8_t psi, uint8_t pti, uint16_t ambrMbps, Ctx& ctx) {
@@ -513,19 +499,15 @@ bool buildSessionModificationCommand(uint8_t psi, uint8_t pti, uint16_t ambrMbps
     m.mSessionAMBR.Downlink = m.mSessionAMBR.Uplink = ambrMbps;
     m.mSessionAMBR.Length = 6;
     m.mSessionAMBR.isset = 1;
-    return encodeSm(__mv_naspdu_fgsm_encodePDUSessionModificationCommand, m, psi, pti, ctx);
+    return encodeNasSm(__mv_naspdu_fgsm_encodePDUSessionModificationCommand, m, psi, pti, ctx);
 }
 
 bool buildSessionModificationReject(uint8_t psi, uint8_t pti, uint8_t cause, Ctx& ctx) {
-    NASPduFGSM_PDUSessionModificationReject m{};
-    setByte(m.mFGSMCause, cause);
-    return encodeSm(__mv_naspdu_fgsm_encodePDUSessionModificationReject, m, psi, pti, ctx);
+    return smWithCause(__mv_naspdu_fgsm_encodePDUSessionModificationReject, psi, pti, cause, ctx);
 }
 
 bool buildGsmStatus(uint8_t psi, uint8_t pti, uint8_t cause, Ctx& ctx) {
-    NASPduFGSM_Status m{};
-    setByte(m.mFGSMCause, cause);
-    return encodeSm(__mv_naspdu_fgsm_encodeStatus, m, psi, pti, ctx);
+    return smWithCause(__mv_naspdu_fgsm_encodeStatus, psi, pti, cause, ctx);
 }
 
 const char* nasName(uint8_t epd, uint8_t type) { return __mv_naspdu_message_name(epd, type); }

@@ -94,6 +94,21 @@ std::string imsiDigits(const uint8_t plmn[3], std::span<const uint8_t> msinBcd);
 // not fit (nothing then to send).
 using Ctx = __mv_asn_coding_context;
 
+// A NAS message record through the codec's encoder; true when ctx holds the message.
+template <class R>
+bool encodeNas(int (*enc)(R*, Ctx*), R& rec, Ctx& ctx) {
+    __mv_asn_init_CodingContext(&ctx);
+    return enc(&rec, &ctx) == 0 && ctx.iError == 0 && ctx.pos > 0;
+}
+// The same for a 5GSM message of a PDU session and a procedure transaction.
+template <class R>
+bool encodeNasSm(int (*enc)(R*, Ctx*), R& rec, uint8_t psi, uint8_t pti, Ctx& ctx) {
+    rec.pHeader.PDUSessionId = psi;
+    rec.pHeader.ProcedureTransactionIdentity = pti;
+    rec.pHeader.ProcedureTransactionIdentity_isset = 1;
+    return encodeNas(enc, rec, ctx);
+}
+
 struct SNssai {
     uint8_t sst = 1;
     bool hasSd = false;

@@ -209,7 +209,7 @@ std::string Amf::summary() {
         if (!u) continue;
         ++known;
         reg += u->registered;
-        for (const Session& s : u->sessions) sessions += s.state == 2;
+        sessions += u->sessions.size();
     }
     size_t setup = 0;
     for (auto& [k, a] : assocs_) setup += a->setup;

@@ -4,6 +4,7 @@
 
 #include "ca_config.h"
 #include "ca_knobs.h"
+#include "ca_timer.h"
 #include "ca_nas.h"
 #include "ks_test_util.h"
 #include "mv_nas_util.h"
@@ -215,6 +216,30 @@ TEST(KnobRules, CountsAndNames) {
         EXPECT_FALSE(k.add(bad, err)) << bad;
     k.clear();
     EXPECT_TRUE(k.empty());
+}
+
+TEST(TimerThread, RunsInOrderAndNeverACancelledOne) {
+    ca::Timers t;
+    t.start();
+    std::mutex m;
+    std::vector<int> ran;
+    auto note = [&](int i) {
+        std::lock_guard g(m);
+        ran.push_back(i);
+    };
+    t.after(30, [&] { note(3); });
+    uint64_t second = t.after(20, [&] { note(2); });
+    t.after(10, [&] { note(1); });
+    t.cancel(second);
+    t.cancel(second);  // twice is harmless
+    t.cancel(12345);   // so is an id that never was
+    ASSERT_TRUE(kst::waitFor([&] {
+        std::lock_guard g(m);
+        return ran.size() == 2;
+    }, 10));
+    EXPECT_EQ(ran, (std::vector<int>{1, 3}));
+    EXPECT_EQ(t.pending(), 0u);
+    t.stop();
 }
 
 }  // namespace

@@ -174,6 +174,7 @@ void Amf::dropConn(uint64_t amfId, const char* why) {
         auto r = as->second->byRan.find(c.ranId);
         if (r != as->second->byRan.end() && r->second == amfId) as->second->byRan.erase(r);
     }
+    if (c.retxTimerId) timers_.cancel(c.retxTimerId);
     if (c.ue && c.ue->conn == amfId) {
         c.ue->conn = 0;
         // the user plane ends with the gNB's UE context; the sessions stay

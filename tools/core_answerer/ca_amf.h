@@ -116,6 +116,7 @@ struct Conn {
     uint8_t retxSht = 0;
     int retxLeft = 0;
     uint32_t retxGen = 0;
+    uint64_t retxTimerId = 0;
 };
 
 struct Assoc {

@@ -152,10 +152,12 @@ void Amf::armRetx(Conn& c, uint8_t timer, const Ctx& plain, uint8_t s, bool fres
     if (!ms) return;
     uint64_t id = c.amfId;
     uint32_t gen = c.retxGen;
-    timers_.after(ms, [this, id, gen] { onRetx(id, gen); });
+    c.retxTimerId = timers_.after(ms, [this, id, gen] { onRetx(id, gen); });
 }
 
 void Amf::stopRetx(Conn& c) {
+    if (c.retxTimerId) timers_.cancel(c.retxTimerId);
+    c.retxTimerId = 0;
     c.retxTimer = 0;
     ++c.retxGen;
 }
@@ -167,6 +169,7 @@ void Amf::onRetx(uint64_t amfId, uint32_t gen) {
     if (it == conns_.end()) return;
     Conn& c = *it->second;
     if (c.retxGen != gen || !c.retxTimer) return;
+    c.retxTimerId = 0;
     uint8_t timer = c.retxTimer;
     if (c.retxLeft > 0) {
         --c.retxLeft;

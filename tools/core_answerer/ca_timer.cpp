@@ -23,17 +23,29 @@ void Timers::stop() {
     if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id()) thread_.join();
 }
 
-void Timers::after(uint32_t ms, std::function<void()> f) {
+uint64_t Timers::after(uint32_t ms, std::function<void()> f) {
     bool earliest;
+    uint64_t id;
     {
         std::lock_guard g(lock_);
         auto due = Clock::now() + std::chrono::milliseconds(ms);
-        earliest = q_.empty() || due < q_.top().due;
-        q_.push(Entry{due, seq_++, std::move(f)});
+        id = next_++;
+        earliest = q_.empty() || due < q_.begin()->first.first;
+        q_.emplace(std::make_pair(due, id), std::move(f));
+        due_.emplace(id, due);
     }
-    // The thread sleeps until the earliest entry: only a new earliest one must wake it
+    // The thread sleeps until the earliest timer: only a new earliest one must wake it
     // (most timers are the same length and come in order, so most wake nothing).
     if (earliest) cv_.notify_one();
+    return id;
+}
+
+void Timers::cancel(uint64_t id) {
+    std::lock_guard g(lock_);
+    auto it = due_.find(id);
+    if (it == due_.end()) return;
+    q_.erase(std::make_pair(it->second, id));
+    due_.erase(it);
 }
 
 size_t Timers::pending() const {
@@ -48,13 +60,14 @@ void Timers::run() {
             cv_.wait(g);
             continue;
         }
-        auto due = q_.top().due;
-        if (Clock::now() < due) {
-            cv_.wait_until(g, due);
+        auto first = q_.begin();
+        if (Clock::now() < first->first.first) {
+            cv_.wait_until(g, first->first.first);
             continue;
         }
-        std::function<void()> f = std::move(q_.top().f);
-        q_.pop();
+        std::function<void()> f = std::move(first->second);
+        due_.erase(first->first.second);
+        q_.erase(first);
         g.unlock();
         f();
         g.lock();

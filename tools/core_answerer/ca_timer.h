@@ -1,16 +1,18 @@
 // One thread that runs callbacks at their time, to the millisecond: NAS
-// retransmission timers and delayed sends. A callback that no longer applies finds
-// so itself (timers are never cancelled, they check what they were for).
+// retransmission timers and delayed sends. A timer cancelled before its time never
+// runs, so the many that procedures stop on time cost no wake-up and no lock of the
+// answerer.
 #pragma once
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <mutex>
-#include <queue>
 #include <thread>
-#include <vector>
+#include <unordered_map>
+#include <utility>
 
 namespace ca {
 
@@ -24,22 +26,20 @@ public:
 
     void start();
     void stop();
-    void after(uint32_t ms, std::function<void()> f);
+    // Runs f on the timer thread after ms; the timer's id, never 0.
+    uint64_t after(uint32_t ms, std::function<void()> f);
+    // A timer that has not run yet will not; an id that ran or is unknown is ignored.
+    void cancel(uint64_t id);
     size_t pending() const;
 
 private:
-    struct Entry {
-        Clock::time_point due;
-        uint64_t seq;
-        mutable std::function<void()> f;  // moved out when it runs
-        bool operator>(const Entry& o) const { return due != o.due ? due > o.due : seq > o.seq; }
-    };
     void run();
 
     mutable std::mutex lock_;
     std::condition_variable cv_;
-    std::priority_queue<Entry, std::vector<Entry>, std::greater<Entry>> q_;
-    uint64_t seq_ = 0;
+    std::map<std::pair<Clock::time_point, uint64_t>, std::function<void()>> q_;
+    std::unordered_map<uint64_t, Clock::time_point> due_;
+    uint64_t next_ = 1;
     bool stop_ = false;
     std::thread thread_;
 };

@@ -239,6 +239,16 @@ TEST(TimerThread, RunsInOrderAndNeverACancelledOne) {
     }, 10));
     EXPECT_EQ(ran, (std::vector<int>{1, 3}));
     EXPECT_EQ(t.pending(), 0u);
+    // Cancelling the timer the thread is waiting for, while it waits.
+    uint64_t waitedFor = t.after(300, [&] { note(4); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    t.cancel(waitedFor);
+    t.after(10, [&] { note(5); });
+    ASSERT_TRUE(kst::waitFor([&] {
+        std::lock_guard g(m);
+        return ran.size() == 3;
+    }, 10));
+    EXPECT_EQ(ran.back(), 5);
     t.stop();
 }
 

@@ -61,8 +61,10 @@ void Timers::run() {
             continue;
         }
         auto first = q_.begin();
-        if (Clock::now() < first->first.first) {
-            cv_.wait_until(g, first->first.first);
+        // a copy: the entry may be cancelled while the lock is given up
+        Clock::time_point due = first->first.first;
+        if (Clock::now() < due) {
+            cv_.wait_until(g, due);
             continue;
         }
         std::function<void()> f = std::move(first->second);

@@ -271,7 +271,7 @@ void Driver::sendMm(Ue& u, const uint8_t* plain, size_t n, bool initial) {
     if (!u.sec) return sendUplink(u, plain, n, initial);
     Bytes out;
     // The first message under a new context says so; an initial message is integrity protected only.
-    uint8_t sht = u.newCtx ? 4 : initial ? 1 : 2;
+    uint8_t sht = u.newCtx ? 4 : initial && !u.b.cipherInitial ? 1 : 2;
     u.newCtx = false;
     protectInto(u, plain, n, sht, out);
     sendUplink(u, out.data(), out.size(), initial);

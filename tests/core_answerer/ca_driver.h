@@ -33,6 +33,7 @@ struct UeBehaviour {
     uint8_t ea = 0xF0, ia = 0xF0;  // offered 5G-EA and 5G-IA octets (EA0 in the top bit)
     bool contextRequest = false;   // UEContextRequest in the InitialUEMessage
     bool useGuti = true;           // register with the 5G-GUTI the network gave, once it did
+    bool cipherInitial = false;    // cipher initial messages too (header type 2), as the engine's UE does
     uint8_t suciScheme = 0;        // 0 null scheme, 1 profile A
     uint8_t hnKeyId = 0;
     Bytes hnPublicKey;

@@ -224,6 +224,24 @@ TEST(Service, RequestAfterContextReleaseReactivatesTheSessions) {
     ASSERT_TRUE(n.wait(0, [](const Ue& u) { return u.serviceRejectCause == 10; }));
 }
 
+TEST(Service, CipheredInitialMessageFoundByTheGnbsTmsi) {
+    // Initial messages are integrity protected only, so that the network can read who
+    // sent them; one ciphered as well is found by the 5G-S-TMSI the gNB passes on.
+    Net n;
+    ASSERT_TRUE(n.registered(0, ub([](UeBehaviour& b) { b.cipherInitial = true; })));
+    n.l.drv.releaseContext(0);
+    ASSERT_TRUE(n.wait(0, [](const Ue& u) { return u.contextReleases == 1; }));
+    n.l.drv.serviceRequest(0);
+    ASSERT_TRUE(n.wait(0, [](const Ue& u) { return u.serviceAccepts == 1; }));
+    n.l.drv.releaseContext(0);
+    ASSERT_TRUE(n.wait(0, [](const Ue& u) { return u.contextReleases == 2; }));
+    n.l.drv.deregister(0, false);  // from idle, in an initial message
+    ASSERT_TRUE(n.wait(0, [](const Ue& u) { return u.deregAccepts == 1; }));
+    n.l.settle();
+    EXPECT_EQ(n.n("nas.mac_failed"), 0u);
+    EXPECT_EQ(n.n("ue.deregistered"), 1u);
+}
+
 TEST(Deregistration, SwitchOffAndByTheNetwork) {
     Net n;
     ASSERT_TRUE(n.registered(0));

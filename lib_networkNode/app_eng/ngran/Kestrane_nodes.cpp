@@ -10,6 +10,7 @@
 #include "Kestrane.h"
 #include "Kestrane_util.h"
 #include "mv_bytes.h"
+#include "mv_fifo.h"
 #include "KsNGAP.h"
 
 const char* const applicationType_kv_pair[32] = {
@@ -553,24 +554,30 @@ void KsEngine__CreateNGRanUEContext(int) {
     __ksEngine->ngRanUeContextHead = __ksEngine->ngRanUeContextCurrent = nullptr;
 }
 
+namespace {
+
+mv_fifo::CoreFifo<MV_KsNGRanUeContext, uint32_t> contextPool() {
+    return {__ksEngine->ngRanUeContextHead, __ksEngine->ngRanUeContextCurrent, __ksEngine->ngRanUeContextLock,
+            __ksEngine->ngRanUeContextTotal, __ksEngine->ngRanUeContextAvailable};
+}
+
+}  // namespace
+
 MV_KsNGRanUeContext* KsEngine__AllocateKsNGRanUeContext(MV_KsNGRan* ran) {
     MV_KsNGRanUeContext* ctx = nullptr;
     {
-        std::lock_guard g(__ksEngine->ngRanUeContextLock);
+        auto pool = contextPool();
+        std::lock_guard g(pool.Lock);
         // Ids never used come first, in order: the same order as a list built whole at
         // start, with released contexts behind them.
         if (__ksEngine->ngRanUeContextFresh < __ksEngine->ngRanUeContextTotal) {
             ctx = &__ksEngine->ngRanUeContextDB[__ksEngine->ngRanUeContextFresh++];
             ctx->id = __ksEngine->ngRanUeContextFresh;
-        } else if ((ctx = __ksEngine->ngRanUeContextHead)) {
-            __ksEngine->ngRanUeContextHead = ctx->Next;
-            if (!ctx->Next) __ksEngine->ngRanUeContextCurrent = nullptr;
-        } else {
+            ctx->isReleased = 0;
+            --__ksEngine->ngRanUeContextAvailable;
+        } else if (!(ctx = pool.takeLocked())) {
             return nullptr;
         }
-        ctx->Next = nullptr;
-        ctx->isReleased = 0;
-        --__ksEngine->ngRanUeContextAvailable;
         ++__ksEngine->ngRanUeContextUsed;
     }
     ctx->ran = ran;
@@ -581,20 +588,16 @@ MV_KsNGRanUeContext* KsEngine__AllocateKsNGRanUeContext(MV_KsNGRan* ran) {
 
 void KsEngine__ReleaseKsNGRanUeContext(MV_KsNGRan*, MV_KsNGRanUeContext* ctx) {
     if (!ctx) return;
-    std::lock_guard g(__ksEngine->ngRanUeContextLock);
+    auto pool = contextPool();
+    std::lock_guard g(pool.Lock);
     if (ctx->isReleased || ctx->id == 0) return;
-    ctx->isReleased = 1;
     ctx->ksUe = nullptr;
     ctx->ranAmfConn = nullptr;
     ctx->ranMMEConn = nullptr;
     ctx->ran = nullptr;
     uint32_t gen = ctx->GenId + 1;
     ctx->GenId = gen > 1999 ? 0 : gen;
-    ctx->Next = nullptr;
-    if (__ksEngine->ngRanUeContextCurrent) __ksEngine->ngRanUeContextCurrent->Next = ctx;
-    else __ksEngine->ngRanUeContextHead = ctx;
-    __ksEngine->ngRanUeContextCurrent = ctx;
-    ++__ksEngine->ngRanUeContextAvailable;
+    pool.giveLocked(ctx);
 }
 
 MV_KsNGRanUeContext* KsEngine__GetNGRanUeContextById(uint64_t id) {

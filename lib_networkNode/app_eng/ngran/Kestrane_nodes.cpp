@@ -11,7 +11,6 @@
 #include "Kestrane_util.h"
 #include "mv_bytes.h"
 #include "mv_fifo.h"
-#include "KsNGAP.h"
 
 const char* const applicationType_kv_pair[32] = {
     "INVALID-0", "AMF",  "UPF",  "SMF",  "MME",  "PGW",      "SGW", "HSS",  "FourGEIR", "FiveGEIR", "PCRF",
@@ -22,6 +21,8 @@ const char* const rm_satus_names[4] = {"RM_STATUS__DEREGISTERED", "RM_STATUS__RE
 const char* const cm_satus_names[2] = {"CM_STATUS__IDLE", "CM_STATUS__CONNECTED"};
 
 namespace {
+
+std::atomic<KsRanAmfConnector> ranAmfConnector{nullptr};
 
 // Appends to a grow-only list: the link is published last, so a reader that walks
 // without the lock sees either the old end or the whole new record.
@@ -336,9 +337,14 @@ void __KsEngine_InitRANAMFConnection(MV_KsNGRan* ran) {
             appendPublished(__ksEngine->ranAMFConnHead, __ksEngine->ranAMFConnCurrent, &MV_KsRanAmfConnection::ConnNext,
                             conn);
         }
-        KsNGAP__StartAMFConnection(conn);
+        if (KsRanAmfConnector start = ranAmfConnector.load()) start(conn);
+        else
+            __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_INFO,
+                     "NGAP is not part of this build, ranAmfConn-ID=%u not started %s|%d", conn->ID, __func__, __LINE__);
     }
 }
+
+void KsEngine__SetRanAmfConnector(KsRanAmfConnector connector) { ranAmfConnector = connector; }
 
 void __KsEngine_InitRANMMEConnection(MV_KsNGRan* ran) {
     if (!ran) return;

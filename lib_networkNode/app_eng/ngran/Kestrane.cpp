@@ -67,19 +67,6 @@ void loadList(const ListFile& lf) {
     json_decref(old);
 }
 
-const char* settingValue(const char* member, uint32_t id) {
-    json_t* m = json_object_get(__ksEngine->prot_settings, member);
-    if (!json_is_object(m)) return nullptr;
-    char key[16];
-    snprintf(key, sizeof key, "%u", id);
-    const char* k;
-    json_t* v;
-    json_object_foreach(m, k, v) {
-        if (strcmp(k, key) == 0) return json_is_string(v) ? json_string_value(v) : nullptr;
-    }
-    return nullptr;
-}
-
 void readScalarKeys(json_t* cfg) {
     uint32_t t = uint32_t(KsJson::number(cfg, "DefaultTimeoutSeconds", 7));
     __ksEngine->DefaultTimeoutSeconds = t < 2 ? 2 : t;
@@ -427,12 +414,6 @@ void finishStartup(json_t* cfg) {
 }
 
 }  // namespace
-
-const char* KsNAS_GetSettingValue(uint32_t id) { return settingValue("AMF", id); }
-const char* KsPFCP_GetPFCPSettingValue(uint32_t id) { return settingValue("UPF", id); }
-const char* KsPFCP_GetSGWSettingValue(uint32_t id) { return settingValue("SGW", id); }
-const char* KsPFCP_GetPGWSettingValue(uint32_t id) { return settingValue("PGW", id); }
-const char* KsGGSN_GetPGWSettingValue(uint32_t id) { return settingValue("GGSN", id); }
 
 void KsEngine__LoadAMFList() { loadList(kListFiles[0]); }
 void KsEngine__LoadNOC() { loadList(kListFiles[1]); }

@@ -108,7 +108,30 @@ AppendOnly<const KsStepCatalogueEntry*, 256> stepBuilders;
 AppendOnly<KsCommandStepRow, 256> commandSteps;
 AppendOnly<const KsTemplatedCommand*, 64> templatedCommands;
 
+// A setting of data/set.json: the member of the application type name, the value of the
+// setting id as text.
+const char* settingValue(const char* member, uint32_t id) {
+    json_t* m = json_object_get(__ksEngine->prot_settings, member);
+    if (!json_is_object(m)) return nullptr;
+    char key[16];
+    snprintf(key, sizeof key, "%u", id);
+    const char* k;
+    json_t* v;
+    json_object_foreach(m, k, v) {
+        if (strcmp(k, key) == 0) return json_is_string(v) ? json_string_value(v) : nullptr;
+    }
+    return nullptr;
+}
+
 }  // namespace
+
+// ---------------------------------------------------------------- settings
+
+const char* KsNAS_GetSettingValue(uint32_t id) { return settingValue("AMF", id); }
+const char* KsPFCP_GetPFCPSettingValue(uint32_t id) { return settingValue("UPF", id); }
+const char* KsPFCP_GetSGWSettingValue(uint32_t id) { return settingValue("SGW", id); }
+const char* KsPFCP_GetPGWSettingValue(uint32_t id) { return settingValue("PGW", id); }
+const char* KsGGSN_GetPGWSettingValue(uint32_t id) { return settingValue("GGSN", id); }
 
 // ---------------------------------------------------------------- the UE's line
 

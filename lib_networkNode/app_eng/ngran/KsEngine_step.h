@@ -7,6 +7,15 @@
 
 #include "Kestrane_engine.h"
 
+// ---------------------------------------------------------------- settings
+
+// A protocol's setting of data/set.json by id ("AMF", "UPF", "SGW", "PGW", "GGSN"), or null.
+const char* KsNAS_GetSettingValue(uint32_t id);
+const char* KsPFCP_GetPFCPSettingValue(uint32_t id);
+const char* KsPFCP_GetSGWSettingValue(uint32_t id);
+const char* KsPFCP_GetPGWSettingValue(uint32_t id);
+const char* KsGGSN_GetPGWSettingValue(uint32_t id);
+
 // ---------------------------------------------------------------- the UE's line
 
 // Runs work(ksUe) on the UE's FSM line, in order with everything else for that UE: the

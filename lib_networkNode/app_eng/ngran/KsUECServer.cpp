@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "KsEngine_step.h"
 #include "mv_alloc.h"
 #include "mv_core.h"
 
@@ -147,10 +146,4 @@ int KsUECServer___respond(const void* request, const void* response, uint32_t le
         __mv_log(MV_CMN_LOG, LOG_CAT_APP, MV_LOG_DEBUG, "sending response with size=%u Type=%u RequestNo=%u <%s|%s|%d>",
                  h->MessageSize, h->MessageType, h->RequestNo, __FILE_NAME__, __func__, __LINE__);
     return sent;
-}
-
-// ---------------------------------------------------------------- start
-
-void KsUECServer__Init() {
-    KsEngine__RegisterStartStep(KsStartSlot::Console, [](json_t*) { return KsUECServer___Start(); });
 }

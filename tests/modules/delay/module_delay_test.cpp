@@ -4,6 +4,7 @@
 // family is not in the build.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <string>
 
 #include "KsDelay.h"
@@ -107,6 +108,40 @@ TEST(ModuleFromOutside, ItsConsoleCommandRunsOneDelayedStep) {
     Kestrane___runStep(u, 0);
     EXPECT_TRUE(kst::waitFor([&] { return ksDelayTally.Answered == answeredBefore + 1; }, 10));
     EXPECT_TRUE(kst::waitFor([&] { return u->CommandId == 0; }, 10)) << "the command completed";
+}
+
+// What a module cannot register is refused, and a templated command a module brings
+// takes its application type from the engine's table.
+TEST(ModuleFromOutside, RegistrationsRefuseWhatCannotBeAndTemplatedCommandsTakeTheirType) {
+    auto runner = [](MV_KsUE*) {};
+    EXPECT_EQ(KsEngine__RegisterRunner(5, 4, "KsBad__runStep_FQ", runner), -1);
+    EXPECT_EQ(KsEngine__RegisterRunner(1, 2, nullptr, runner), -1);
+    EXPECT_EQ(KsEngine__RegisterRunner(1, 2, "KsBad__runStep_FQ", nullptr), -1);
+    static constexpr KsStepCatalogueEntry kZero = {0, "none", 1, 1, KsStepKind::Plain, nullptr, 0, 0};
+    static constexpr KsStepCatalogueEntry kTooHigh = {200000, "none", 1, 1, KsStepKind::Plain, nullptr, 0, 0};
+    EXPECT_EQ(KsEngine__RegisterStepBuilder(&kZero), -1);
+    EXPECT_EQ(KsEngine__RegisterStepBuilder(&kTooHigh), -1);
+    EXPECT_EQ(KsEngine__RegisterCommandStep(0, 900, 15001), -1);
+    EXPECT_EQ(KsEngine__RunStartStep(KsStartSlot::PFCP, nullptr), -ENOENT) << "no module fills the PFCP place";
+    static constexpr KsTemplatedCommand kNoPick = {25, nullptr, nullptr};
+    EXPECT_EQ(KsEngine__RegisterTemplatedCommand(&kNoPick), -1);
+
+    // Application type 25 has no templated command of the engine's own.
+    static constexpr KsTemplatedCommand kN26 = {
+        25, [](const MV_KsTestCommand*, MV_KsUE* ue) { return ue->ksStepExecutionHead ? nullptr : __ksEngine->step_lteEIR; },
+        nullptr};
+    ASSERT_EQ(KsEngine__RegisterTemplatedCommand(&kN26), 1);
+    MV_KsUE* u = kst::ueOf001(91);
+    ASSERT_NE(u, nullptr);
+    MV_KsTestCommand* c = KsScanario__NewTestCommand();
+    ASSERT_NE(c, nullptr);
+    c->Command = 9999;
+    c->EA0 = 25;
+    KsScanario__AddTemplatedTestCommand2(c, u);
+    KsScanario__ReleaseTestCommand(c);
+    ASSERT_NE(u->ksStepExecutionHead, nullptr);
+    EXPECT_EQ(u->ksStepExecutionHead->ksStep, __ksEngine->step_lteEIR);
+    KsScanario__ReleaseUEExecutionSteps(u);
 }
 
 }  // namespace

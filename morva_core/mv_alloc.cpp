@@ -1,6 +1,7 @@
 // Size-class pools: every message of the process takes its memory here, so the hot
 // path is a class lookup and one list pop under the class's own lock.
 #include "mv_alloc.h"
+#include "mv_fifo.h"
 
 #include <algorithm>
 #include <array>
@@ -28,6 +29,10 @@ constexpr std::array<uint32_t, MV_MEMORY_POOL_CLASSES - 1> kAscending = [] {
     return a;
 }();
 
+mv_fifo::FreeList<MV_MemoryHead, &MV_MemoryHead::PoolNext> freeList(MV_MemoryPool* pool) {
+    return {pool->Head, pool->Current};
+}
+
 MV_MemoryHead* headOf(void* ptr) { return reinterpret_cast<MV_MemoryHead*>(static_cast<char*>(ptr) - kHead); }
 
 bool isOurPool(const MV_MemoryPool* p) {
@@ -43,24 +48,15 @@ void carve(MV_MemoryPool* pool, uint32_t count) {
         printf("memory allocation failed %s|%s|%d\n", __FILE_NAME__, __func__, __LINE__);
         return;
     }
-    MV_MemoryHead* first = nullptr;
-    MV_MemoryHead* prev = nullptr;
     for (uint32_t i = 0; i < count; ++i) {
         auto* h = reinterpret_cast<MV_MemoryHead*>(slab + stride * i);
-        h->isReleased = 1;
         h->index = pool->TotalPoolSize++;
         h->block_size = pool->size;
         h->alloc_size = 0;
         h->parentPtr = pool;
         h->memory = h + 1;
-        h->PoolNext = nullptr;
-        if (prev) prev->PoolNext = h;
-        else first = h;
-        prev = h;
+        freeList(pool).pushTail(h);
     }
-    if (pool->Current) pool->Current->PoolNext = first;
-    else pool->Head = first;
-    pool->Current = prev;
     pool->Available += count;
     ++pool->MemoryReservedCount;
 }
@@ -100,13 +96,9 @@ void* __mv_allocMemory(MV_MemoryPool* memoryPool, uint32_t alloc_size) {
     {
         std::lock_guard g(memoryPool->Lock);
         if (!memoryPool->Head) __mv_allocate_Memory(memoryPool, memoryPool->IncrementPoolSize, 0);
-        h = memoryPool->Head;
+        h = freeList(memoryPool).popHead();
         if (!h) return nullptr;
-        memoryPool->Head = h->PoolNext;
-        if (!memoryPool->Head) memoryPool->Current = nullptr;
-        h->PoolNext = nullptr;
         h->alloc_size = alloc_size;
-        h->isReleased = 0;
         --memoryPool->Available;
         ++memoryPool->Used;
     }
@@ -145,14 +137,7 @@ void __mv_freeM(void* ptr) {
     }
     trace("freeM", h);
     std::lock_guard g(pool->Lock);
-    if (!h->isReleased) {
-        h->isReleased = 1;
-        h->PoolNext = nullptr;
-        if (pool->Current) pool->Current->PoolNext = h;
-        else pool->Head = h;
-        pool->Current = h;
-        ++pool->Available;
-    }
+    if (freeList(pool).give(h)) ++pool->Available;
     ++pool->Returned;
 }
 

@@ -15,6 +15,8 @@ namespace {
 
 size_t itemStride(uint32_t sz) { return sizeof(mv_morva_pool_item_t) + ((size_t(sz) + 15) & ~size_t(15)); }
 
+mv_fifo::FreeList<mv_morva_pool_item_t> freeList(mv_morva_pool_t* pool) { return {pool->Head, pool->Current}; }
+
 mv_morva_pool_item_t* itemHead(void* item) {
     return reinterpret_cast<mv_morva_pool_item_t*>(static_cast<char*>(item) - sizeof(mv_morva_pool_item_t));
 }
@@ -27,13 +29,9 @@ bool growPool(mv_morva_pool_t* pool, uint32_t count) {
     if (!pool->Slab) pool->Slab = slab;
     for (uint32_t i = 0; i < count; ++i) {
         auto* h = reinterpret_cast<mv_morva_pool_item_t*>(slab + stride * i);
-        h->Next = nullptr;
         h->parent = pool;
         h->index = pool->Total++;
-        h->isReleased = 1;
-        if (pool->Current) pool->Current->Next = h;
-        else pool->Head = h;
-        pool->Current = h;
+        freeList(pool).pushTail(h);
     }
     pool->Available += count;
     return true;
@@ -57,11 +55,7 @@ void* __mv_pool_allocate(mv_morva_pool_t* pool) {
     if (!pool->Head) {
         if (!pool->Extend || !growPool(pool, MV_POOL_EXTEND_COUNT)) return nullptr;
     }
-    mv_morva_pool_item_t* h = pool->Head;
-    pool->Head = h->Next;
-    if (!pool->Head) pool->Current = nullptr;
-    h->Next = nullptr;
-    h->isReleased = 0;
+    mv_morva_pool_item_t* h = freeList(pool).popHead();
     --pool->Available;
     return h + 1;
 }
@@ -72,12 +66,7 @@ void __mv_pool_release(void* item) {
     mv_morva_pool_t* pool = h->parent;
     if (!pool) return;
     std::lock_guard g(pool->mLock);
-    if (h->isReleased) return;
-    h->isReleased = 1;
-    h->Next = nullptr;
-    if (pool->Current) pool->Current->Next = h;
-    else pool->Head = h;
-    pool->Current = h;
+    if (!freeList(pool).give(h)) return;
     ++pool->Available;
     ++pool->Used;
 }

@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "mv_core.h"
+#include "mv_fifo.h"
 
 namespace {
 
@@ -15,43 +16,18 @@ std::atomic<int> initialQueueLineThreads{__initial_queue_processing_thread_count
 constexpr int kQueueRecordGrowth = 500;
 constexpr int kQueueLineGrowth = 1000;
 
-// Called with QueueRecordLock held.
-void growQueueRecords() {
-    auto* recs = __mv_arena_new_array<MV_CoreQueueRecord>(kQueueRecordGrowth);
-    for (int i = 0; i < kQueueRecordGrowth; ++i) {
-        recs[i].isReleased = 1;
-        recs[i].Next = (i + 1 < kQueueRecordGrowth) ? &recs[i + 1] : nullptr;
-    }
-    if (__mvCore->QueueRecordCurrent) __mvCore->QueueRecordCurrent->Next = recs;
-    else __mvCore->QueueRecordHead = recs;
-    __mvCore->QueueRecordCurrent = &recs[kQueueRecordGrowth - 1];
-    __mvCore->QueueRecordAvailableCount += kQueueRecordGrowth;
-    __mvCore->QueueRecordCount += kQueueRecordGrowth;
+mv_fifo::CoreFifo<MV_CoreQueueRecord> queueRecords() {
+    return {__mvCore->QueueRecordHead, __mvCore->QueueRecordCurrent, __mvCore->QueueRecordLock,
+            __mvCore->QueueRecordCount, __mvCore->QueueRecordAvailableCount};
 }
 
-MV_CoreQueueRecord* takeQueueRecord() {
-    std::lock_guard g(__mvCore->QueueRecordLock);
-    if (!__mvCore->QueueRecordHead) growQueueRecords();
-    MV_CoreQueueRecord* r = __mvCore->QueueRecordHead;
-    __mvCore->QueueRecordHead = r->Next;
-    if (!__mvCore->QueueRecordHead) __mvCore->QueueRecordCurrent = nullptr;
-    --__mvCore->QueueRecordAvailableCount;
-    r->Next = nullptr;
-    r->isReleased = 0;
-    return r;
-}
+MV_CoreQueueRecord* takeQueueRecord() { return queueRecords().allocate(kQueueRecordGrowth); }
 
 void giveQueueRecord(MV_CoreQueueRecord* r) {
-    std::lock_guard g(__mvCore->QueueRecordLock);
-    if (r->isReleased) return;
-    r->isReleased = 1;
-    r->Data = nullptr;
-    r->executor = nullptr;
-    r->Next = nullptr;
-    if (__mvCore->QueueRecordCurrent) __mvCore->QueueRecordCurrent->Next = r;
-    else __mvCore->QueueRecordHead = r;
-    __mvCore->QueueRecordCurrent = r;
-    ++__mvCore->QueueRecordAvailableCount;
+    queueRecords().release(r, [](MV_CoreQueueRecord* q) {
+        q->Data = nullptr;
+        q->executor = nullptr;
+    });
 }
 
 // Pops the head; returns false when the queue is empty.
@@ -276,53 +252,31 @@ int __mv__queuecount(void* queue) {
 
 // ---------------------------------------------------------------- queue lines
 
+namespace {
+
+mv_fifo::CoreFifo<MV_Queue> lineRecords() {
+    return {__mvCore->QueueHead, __mvCore->QueueCurrent, __mvCore->QueueLock, __mvCore->TotalQueuePoolCount,
+            __mvCore->AvailableQueuePoolCount};
+}
+
+}  // namespace
+
 void __mv_queue_create(int count, int inLockMode) {
     (void)inLockMode;
-    if (count < 1) return;
-    auto* recs = __mv_arena_new_array<MV_Queue>(size_t(count));
-    std::lock_guard g(__mvCore->QueueLock);
-    for (int i = 0; i < count; ++i) {
-        recs[i].isReleased = 1;
-        recs[i].Next = (i + 1 < count) ? &recs[i + 1] : nullptr;
-    }
-    if (__mvCore->QueueCurrent) __mvCore->QueueCurrent->Next = recs;
-    else __mvCore->QueueHead = recs;
-    __mvCore->QueueCurrent = &recs[count - 1];
-    __mvCore->TotalQueuePoolCount += count;
-    __mvCore->AvailableQueuePoolCount += count;
+    lineRecords().add(count, 1);
 }
 
 namespace {
 
 MV_Queue* takeLineRecord() {
-    for (;;) {
-        {
-            std::lock_guard g(__mvCore->QueueLock);
-            if (MV_Queue* r = __mvCore->QueueHead) {
-                __mvCore->QueueHead = r->Next;
-                if (!__mvCore->QueueHead) __mvCore->QueueCurrent = nullptr;
-                --__mvCore->AvailableQueuePoolCount;
-                ++__mvCore->QueueUsedTimes;
-                r->Next = nullptr;
-                r->isReleased = 0;
-                return r;
-            }
-        }
-        __mv_queue_create(kQueueLineGrowth, 1);
-    }
+    return lineRecords().allocate(kQueueLineGrowth, [](MV_Queue*) { ++__mvCore->QueueUsedTimes; });
 }
 
 void giveLineRecord(MV_Queue* r) {
-    std::lock_guard g(__mvCore->QueueLock);
-    if (r->isReleased) return;
-    r->isReleased = 1;
-    r->data = nullptr;
-    r->handler = nullptr;
-    r->Next = nullptr;
-    if (__mvCore->QueueCurrent) __mvCore->QueueCurrent->Next = r;
-    else __mvCore->QueueHead = r;
-    __mvCore->QueueCurrent = r;
-    ++__mvCore->AvailableQueuePoolCount;
+    lineRecords().release(r, [](MV_Queue* q) {
+        q->data = nullptr;
+        q->handler = nullptr;
+    });
 }
 
 void* queueLineThread(void*) {

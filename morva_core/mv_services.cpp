@@ -15,55 +15,21 @@ namespace {
 
 constexpr int kStreamGrowth = 1000;
 
-// Called with StreamLock held.
-void addStreams(int count) {
-    MV_Stream* recs = __mv_arena_new_array<MV_Stream>(size_t(count));
-    for (int i = 0; i < count; ++i) {
-        recs[i].isReleased = 1;
-        recs[i].PoolNext = (i + 1 < count) ? &recs[i + 1] : nullptr;
-    }
-    if (__mvCore->StreamCurrent) __mvCore->StreamCurrent->PoolNext = recs;
-    else __mvCore->StreamHead = recs;
-    __mvCore->StreamCurrent = &recs[count - 1];
-    __mvCore->StreamPoolCount += count;
-    __mvCore->StreamPoolAvailableCount += count;
-}
-
-// Called with StreamLock held.
-void giveStream(MV_Stream* s) {
-    if (s->isReleased) return;
-    s->isReleased = 1;
-    s->PoolNext = nullptr;
-    if (__mvCore->StreamCurrent) __mvCore->StreamCurrent->PoolNext = s;
-    else __mvCore->StreamHead = s;
-    __mvCore->StreamCurrent = s;
-    ++__mvCore->StreamPoolAvailableCount;
+mv_fifo::CoreFifo<MV_Stream, int, &MV_Stream::PoolNext> streamPool() {
+    return {__mvCore->StreamHead, __mvCore->StreamCurrent, __mvCore->StreamLock, __mvCore->StreamPoolCount,
+            __mvCore->StreamPoolAvailableCount};
 }
 
 }  // namespace
 
-void __mv_createStreamPool(int count, int inLockMode) {
-    if (count < 1) return;
-    if (inLockMode == 1) {
-        std::lock_guard g(__mvCore->StreamLock);
-        addStreams(count);
-    } else {
-        addStreams(count);
-    }
-}
+void __mv_createStreamPool(int count, int inLockMode) { streamPool().add(count, inLockMode); }
 
 MV_Stream* __mv_allocateStream() {
-    std::lock_guard g(__mvCore->StreamLock);
-    if (!__mvCore->StreamHead) addStreams(kStreamGrowth);
-    MV_Stream* s = __mvCore->StreamHead;
-    __mvCore->StreamHead = s->PoolNext;
-    if (!__mvCore->StreamHead) __mvCore->StreamCurrent = nullptr;
-    --__mvCore->StreamPoolAvailableCount;
-    s->PoolNext = s->StreamHead = s->StreamCurrent = s->Head = s->Current = nullptr;
+    MV_Stream* s = streamPool().allocate(kStreamGrowth);
+    s->StreamHead = s->StreamCurrent = s->Head = s->Current = nullptr;
     s->len = s->Type = s->Flags = s->EndStream = s->iWeight = 0;
     s->StreamId = 0;
     s->_conn = nullptr;
-    s->isReleased = 0;
     return s;
 }
 
@@ -111,16 +77,17 @@ int __mv_copyStreamBuffer(MV_Stream* stream, void* out) {
 
 void __mv_releaseStream(MV_Stream* stream) {
     if (!stream) return;
-    std::lock_guard g(__mvCore->StreamLock);
+    auto pool = streamPool();
+    std::lock_guard g(pool.Lock);
     if (stream->isReleased) return;
     MV_Stream* s = stream->Head;
     while (s) {
         MV_Stream* next = s->PoolNext;
-        giveStream(s);
+        pool.giveLocked(s);
         s = next;
     }
     stream->Head = stream->Current = nullptr;
-    giveStream(stream);
+    pool.giveLocked(stream);
 }
 
 // ---------------------------------------------------------------- bulk queues
@@ -170,18 +137,15 @@ int __mv_core_queue_bulk_items_force(void* queuePoolObject, void** dataItem, int
 
 void __mv_core_release_queue_record_bulk(MV_CoreQueueRecord* head, MV_CoreQueueRecord* tail, int count) {
     if (!head || !tail || count < 1) return;
-    std::lock_guard g(__mvCore->QueueRecordLock);
-    for (MV_CoreQueueRecord* r = head; r; r = r->Next) {
-        r->isReleased = 1;
+    auto pool = queueRecords();
+    std::lock_guard g(pool.Lock);
+    for (MV_CoreQueueRecord* r = head; r;) {
+        MV_CoreQueueRecord* next = r == tail ? nullptr : r->Next;
         r->Data = nullptr;
         r->executor = nullptr;
-        if (r == tail) break;
+        pool.giveLocked(r);
+        r = next;
     }
-    tail->Next = nullptr;
-    if (__mvCore->QueueRecordCurrent) __mvCore->QueueRecordCurrent->Next = head;
-    else __mvCore->QueueRecordHead = head;
-    __mvCore->QueueRecordCurrent = tail;
-    __mvCore->QueueRecordAvailableCount += count;
 }
 
 int __mv_core_queue_bulk_items_recv(void* queuePoolObject, void** dataItem, int size) {

@@ -10,8 +10,13 @@
 #include <vector>
 
 #include "mv_alloc.h"
+#include "mv_fifo.h"
 
 // ---------------------------------------------------------------- index table
+
+namespace {
+mv_fifo::FreeList<MV_IndexRow> rowList(MV_IndexTable* t) { return {t->rowHead, t->rowCurrent}; }
+}  // namespace
 
 MV_IndexTable* __mv_IndexTable_create2(uint32_t baseId, uint32_t count, uint32_t max) {
     if (count == 0) return nullptr;
@@ -25,12 +30,9 @@ MV_IndexTable* __mv_IndexTable_create2(uint32_t baseId, uint32_t count, uint32_t
         row.id = baseId + r;
         row.next_id.store(baseId + r, std::memory_order_relaxed);
         row.Parent = t;
-        row.isReleased = 1;
-        row.Next = (r + 1 < count) ? &rows[r + 1] : nullptr;
         t->table[r] = &row;
     }
-    t->rowHead = &rows[0];
-    t->rowCurrent = &rows[count - 1];
+    rowList(t).pushArray(rows, count);
     t->Total = count;
     t->Available = count;
     t->Used = 0;
@@ -44,13 +46,8 @@ MV_IndexTable* __mv_IndexTable_create(uint32_t baseId, uint32_t count) {
 MV_IndexRow* __mv_IndexTable_getRow(MV_IndexTable* t) {
     if (!t) return nullptr;
     std::lock_guard g(t->Lock);
-    MV_IndexRow* row = t->rowHead;
-    if (!row) return nullptr;
-    t->rowHead = row->Next;
-    if (!t->rowHead) t->rowCurrent = nullptr;
-    row->Next = nullptr;
-    row->isReleased = 0;
-    --t->Available;
+    MV_IndexRow* row = rowList(t).popHead();
+    if (row) --t->Available;
     return row;
 }
 
@@ -75,11 +72,7 @@ bool putRowIf(MV_IndexRow* row, uint32_t expectedId) {
     row->Object.store(nullptr, std::memory_order_relaxed);
     row->Object2 = nullptr;
     row->next_id.store(moved, std::memory_order_release);
-    row->isReleased = 1;
-    row->Next = nullptr;
-    if (t->rowCurrent) t->rowCurrent->Next = row;
-    else t->rowHead = row;
-    t->rowCurrent = row;
+    rowList(t).pushTail(row);
     ++t->Available;
     return true;
 }

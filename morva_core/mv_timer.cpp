@@ -4,64 +4,38 @@
 #include <mutex>
 
 #include "mv_core.h"
+#include "mv_fifo.h"
 
 namespace {
 
-void appendTimers(MV_Timer* recs, int count) {
-    for (int i = 0; i < count; ++i) {
-        recs[i].isReleased = 1;
-        recs[i].Next = (i + 1 < count) ? &recs[i + 1] : nullptr;
-    }
-    if (__mvCore->TimerCurrent) __mvCore->TimerCurrent->Next = recs;
-    else __mvCore->TimerHead = recs;
-    __mvCore->TimerCurrent = &recs[count - 1];
-    __mvCore->TotalTimerPoolCount += count;
-    __mvCore->AvailableTimerPoolCount += count;
+mv_fifo::CoreFifo<MV_Timer> timerPool() {
+    return {__mvCore->TimerHead, __mvCore->TimerCurrent, __mvCore->TimerLock, __mvCore->TotalTimerPoolCount,
+            __mvCore->AvailableTimerPoolCount};
 }
 
 }  // namespace
 
 void __mv_timer_create(int count, int inLockMode) {
     (void)inLockMode;
-    if (count < 1) return;
-    auto* recs = __mv_arena_new_array<MV_Timer>(size_t(count));
-    std::lock_guard g(__mvCore->TimerLock);
-    appendTimers(recs, count);
+    timerPool().add(count, 1);
 }
 
 MV_Timer* __mv_allocate_timer() {
-    for (;;) {
-        {
-            std::lock_guard g(__mvCore->TimerLock);
-            if (MV_Timer* t = __mvCore->TimerHead) {
-                __mvCore->TimerHead = t->Next;
-                if (!__mvCore->TimerHead) __mvCore->TimerCurrent = nullptr;
-                --__mvCore->AvailableTimerPoolCount;
-                ++__mvCore->UsedTimerPoolCount;
-                t->Next = nullptr;
-                t->isReleased = 0;
-                t->isCleared = 0;
-                t->Generation.fetch_add(1);
-                return t;
-            }
-        }
-        __mv_timer_create(1000, 1);
-    }
+    // The generation changes under the pool's lock, where a stale owner's clear looks at it.
+    return timerPool().allocate(1000, [](MV_Timer* t) {
+        ++__mvCore->UsedTimerPoolCount;
+        t->isCleared = 0;
+        t->Generation.fetch_add(1);
+    });
 }
 
 void __mv_release_timer(MV_Timer* timer) {
     if (!timer) return;
-    std::lock_guard g(__mvCore->TimerLock);
-    if (timer->isReleased) return;
-    timer->isReleased = 1;
-    timer->data = nullptr;
-    timer->handler = nullptr;
-    timer->Next = nullptr;
-    if (__mvCore->TimerCurrent) __mvCore->TimerCurrent->Next = timer;
-    else __mvCore->TimerHead = timer;
-    __mvCore->TimerCurrent = timer;
-    ++__mvCore->AvailableTimerPoolCount;
-    --__mvCore->UsedTimerPoolCount;
+    timerPool().release(timer, [](MV_Timer* t) {
+        t->data = nullptr;
+        t->handler = nullptr;
+        --__mvCore->UsedTimerPoolCount;
+    });
 }
 
 int __mv_core_sch_timer(MV_Timer* timer, int seconds) {

@@ -271,6 +271,7 @@ namespace {
 
 MV_Http2Context* allocateContext(MV_Http2Connection* conn) {
     MV_Http2Context* c = contextPool().allocate(100);
+    if (!c) return nullptr;  // the pool could not grow: the caller sees all busy
     uint64_t gen = c->Generation.load() + 1;
     c->Generation = gen;
     c->userData = c->userData2 = c->userData3 = nullptr;

@@ -448,6 +448,7 @@ TEST_F(GnbAmf, BadInputFromTheAmfIsLoggedAndDroppedAndTheAssociationGoesOn) {
         {0x00},                                     // no procedure code
         std::vector<uint8_t>(40, 0xFF),             // noise
     };
+    uint64_t errorsBefore = __ksEngine->NGAPErrors;
     for (const auto& b : bad) ASSERT_GT(gAmf1->sendBytes(a, b), 0);
     ASSERT_GT(gAmf1->sendJson(a, ScriptedAmf::errorIndication(424242, R"({"misc": "unspecified"})")), 0);
     ASSERT_TRUE(kst::waitFor([] { return has(appLog(), "UEContext Not Found with rANUENGAPID=424242"); }, 15))
@@ -460,6 +461,10 @@ TEST_F(GnbAmf, BadInputFromTheAmfIsLoggedAndDroppedAndTheAssociationGoesOn) {
                              "NGAP PDU of len=1 has no procedure code", "Unknown ProcedureCode=255, dropping request"})
         EXPECT_TRUE(has(stk, line)) << line;
     EXPECT_TRUE(has(app, "UE-associated NGAP handling is not part of this build, procedureCode=4 form=0"));
+    // Two truncated, the unknown code, form 3, the form DownlinkNASTransport lacks, one
+    // octet, and the noise (an unknown code).
+    EXPECT_EQ(__ksEngine->NGAPErrors - errorsBefore, 7u);
+    EXPECT_TRUE(has(app, "on ranAmfConn-ID=" + std::to_string(c->ID) + ": unknown procedure code, procedureCode=60"));
 
     EXPECT_TRUE(KsNGAP__OkToSend(c));
     EXPECT_EQ(c->siSocket.load()->isConnected, 1);

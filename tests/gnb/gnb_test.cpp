@@ -13,6 +13,7 @@
 #include "KsNGAP.h"
 #include "asn_testlib.h"
 #include "ks_engine_env.h"
+#include "mv_ngap.h"
 #include "mv_socket_engine.h"
 
 namespace {
@@ -132,7 +133,22 @@ TEST(NGSetup, TaListEdgesAndTheOtherConnectionMessagesDissectClean) {
                                                                   {"HexPLMN": "00F120"}]},
                           {"TAC": 7, "BroadcastPLMNList": [{"MCC": "001", "MNC": "01", "TAISliceSupportList": []}, {"SST": 1}]}])";
     MV_KsNGRan* ran = makeRan(7, KS_ACCESS_TYPE__GNB, "001", "01", "odd", odd);
-    MV_AMF_DT_NGSetupRequest* rec = KsNGAP___build_NGSetupRequest(ran);
+    KsNgapBuildNotes notes;
+    testing::internal::CaptureStdout();
+    MV_AMF_DT_NGSetupRequest* rec = KsNGAP___build_NGSetupRequest(ran, &notes);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "") << "a builder prints nothing; it notes";
+    ASSERT_EQ(notes.count, 4u);
+    EXPECT_EQ(notes.notes[0].kind, KsNgapBuildNote::BadHexTAC);
+    EXPECT_STREQ(notes.notes[0].text, "0102");
+    EXPECT_EQ(notes.notes[1].kind, KsNgapBuildNote::PlmnWithoutSlice);
+    EXPECT_EQ(notes.notes[1].plmn[2], 0x20);
+    EXPECT_EQ(notes.notes[2].kind, KsNgapBuildNote::PlmnWithoutSlice);
+    EXPECT_EQ(notes.notes[3].kind, KsNgapBuildNote::TaWithoutPlmn);
+    EXPECT_EQ(notes.notes[3].tac[2], 7);
+    testing::internal::CaptureStdout();
+    KsNGAP___reportBuildNotes(notes);
+    EXPECT_NE(testing::internal::GetCapturedStdout().find("HexTAC for SupportedTAItem is not length-6 [0102]"),
+              std::string::npos);
     ASSERT_EQ(rec->supportedTAList_isset, 1);
     EXPECT_EQ(rec->supportedTAList->SupportedTAItem->Count, 1u);
     auto* item = static_cast<MV_AMF_DT_SupportedTAItem*>(rec->supportedTAList->SupportedTAItem->Head->data);
@@ -441,6 +457,28 @@ TEST(ErrorIndication, FindsTheUEByItsIdAndEndsItsStep) {
     EXPECT_EQ(conn->ksUE_Count, 0);
     EXPECT_NE(gEnv->appLog().find("ErrorIndication with protocol=2 rANUENGAPID=" + std::to_string(id)),
               std::string::npos);
+}
+
+// Input the node layer could not take is counted once and names the AMF of its association.
+TEST(BadInput, IsCountedAndNamesTheAmf) {
+    MV_Socket sock{};
+    MV_KsRanAmfConnection* conn = makeConn(makeRan(30, KS_ACCESS_TYPE__GNB, "001", "01", "bad", kTas), &sock);
+    sock.parentData1 = conn;
+    conn->ID = 4242;
+    conn->amf->ID = 17;
+    snprintf(conn->amf->IP[0], sizeof conn->amf->IP[0], "%s", "127.0.0.9");
+    conn->amf->Port = 38412;
+    MV_NGAPNode node{};
+    node.siSocket = &sock;
+    uint64_t before = __ksEngine->NGAPErrors;
+    KsNGAP__handle_bad_input(&node, 60, -1, "unknown procedure code");
+    KsNGAP__handle_bad_input(nullptr, -1, -1, "no procedure code");
+    EXPECT_EQ(__ksEngine->NGAPErrors, before + 2);
+    std::string log = gEnv->appLog();
+    EXPECT_NE(log.find("NGAP from AMF-ID[17]-IP[127.0.0.9]-PORT[38412] on ranAmfConn-ID=4242: unknown procedure code, "
+                       "procedureCode=60 form=-1"),
+              std::string::npos);
+    EXPECT_NE(log.find("NGAP from AMF-ID[0]-IP[-]-PORT[0] on ranAmfConn-ID=0: no procedure code"), std::string::npos);
 }
 
 // Every message an AMF may send reaches the dispatch: each is freed (the leak checker

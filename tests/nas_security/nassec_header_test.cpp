@@ -2,6 +2,7 @@
 // against a network that rebuilds the COUNT from the sequence number as an AMF does;
 // every security header type, the drops and their log lines, and the security mode
 // command that starts a context.
+#include "KsEngine_step.h"
 #include "nassec_log.h"
 #include "nassec_testlib.h"
 
@@ -216,6 +217,43 @@ TEST(DownlinkUnwrapping, EachSecurityHeaderTypeAndShortMessages) {
         }
         EXPECT_EQ(ue->TGPP.dl_count, 0u);
     }
+}
+
+// ---------------------------------------------------------------- the inbound door
+
+// What the UE drops is counted once in NASErrors and logged with the UE; what it takes is
+// not counted.
+TEST(InboundDoor, WhatTheUEDropsIsCountedOnceAndNamed) {
+    static __mv_ks__engine engine{};
+    __mv_ks__engine* saved = __ksEngine;
+    __ksEngine = &engine;
+    std::mt19937 rng(25);
+    UePtr ue = makeUe();
+    shareContext(ue.get(), 1, randomNetwork(rng, 2, 2));
+    struct Case {
+        const char* msg;
+        uint64_t errors;  // NASErrors after it
+        const char* line;
+    };
+    const Case cases[] = {
+        {"7e006420", 0, nullptr},
+        {"7e0200000000ff", 1,
+         "[imsi-001010000000001][0] NAS message from AMF-ID[0] ranAmfConn-ID=0 dropped: security header, "
+         "ngapProcCode=4 octets=7 EPD=7E SHT=2"},
+        {"7e00", 2, "dropped: mandatory IEs not decoded, ngapProcCode=4 octets=2 EPD=7E SHT=0"},
+        {"7e05000000000f7e006420", 3, "dropped: security header, ngapProcCode=4 octets=11 EPD=7E SHT=5"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.msg);
+        size_t mark = logMark();
+        Bytes m = unhex(c.msg);
+        KsNAS__processNasMessage2(ue.get(), m.data(), uint32_t(m.size()), 1, 4, nullptr);
+        EXPECT_EQ(engine.NASErrors.load(), c.errors);
+        if (c.line) {
+            EXPECT_NE(logSince(mark).find(c.line), std::string::npos) << logSince(mark);
+        }
+    }
+    __ksEngine = saved;
 }
 
 // ---------------------------------------------------------------- security mode command

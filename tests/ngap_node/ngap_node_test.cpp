@@ -35,6 +35,17 @@ protected:
 
 std::vector<uint8_t> encoded(const MvAsnPdu* p, const void* rec) { return encodePdu(p, rec); }
 
+// What the application's error handler heard.
+struct BadInput {
+    MV_NGAPNode* node;
+    int code, form;
+    std::string reason;
+};
+std::vector<BadInput> gBadInput;
+void recordBadInput(MV_NGAPNode* node, int code, int form, const char* reason) {
+    gBadInput.push_back({node, code, form, reason});
+}
+
 // ---------------------------------------------------------------- tables
 
 TEST(NgapTables, SendFamilyFollowsTheCodecsPduTableAndProceduresHaveTheStandardsForms) {
@@ -118,10 +129,18 @@ TEST_F(Ngap, TruncatedPdusReachTheHandlerWithWhatDecoded) {
     EXPECT_NE(recorder().last().json.find("\"ies\":{}"), std::string::npos) << recorder().last().json;
     EXPECT_EQ(kng::stackLines("UplinkNASTransportinvalid length."), before + 1);
 
-    // Cut short with the length adjusted: the last IE runs past the end.
+    // Cut short with the length adjusted: the last IE runs past the end. The application
+    // hears of it, and the record still goes up.
     cut = std::vector<uint8_t>(whole.begin(), whole.end() - 2);
     cut[3] = uint8_t(cut[3] - 2);
+    gBadInput.clear();
+    __mv_ngap_set_app_error_handler(recordBadInput);
     __mv_ngap_on_buffer_recv(kng::bufferWith(cut, fake.socket));
+    __mv_ngap_set_app_error_handler(nullptr);
+    ASSERT_EQ(gBadInput.size(), 1u);
+    EXPECT_EQ(gBadInput[0].code, 46);
+    EXPECT_EQ(gBadInput[0].form, 0);
+    EXPECT_EQ(gBadInput[0].reason, "decoded in part");
     ASSERT_EQ(recorder().size(), 2u);
     kng::Delivery d = recorder().last();
     EXPECT_EQ(d.decodingError, 1);
@@ -135,7 +154,12 @@ struct DropCase {
     std::vector<uint8_t> bytes;
     const char* line;
     bool noHandler = false, noNode = false, badMarks = false;
+    // What the application's error handler hears: nothing for a drop that is not the
+    // peer's doing (no handler, no node).
+    int code = -2, form = -2;
+    const char* reason = nullptr;
 };
+
 
 TEST_F(Ngap, DroppedMessagesAreLoggedAndTheirBufferGoesBackOnce) {
     const MvAsnPdu* setup = kng::pduNamed("NGSetupRequest");
@@ -149,17 +173,27 @@ TEST_F(Ngap, DroppedMessagesAreLoggedAndTheirBufferGoesBackOnce) {
     std::vector<DropCase> cases = {
         {"no handler", ngSetup, "ngap app handle message unset, dropping message", true},
         {"no node on the socket", ngSetup, "no NGAP node on socket", false, true},
-        {"procedure code 53", {0x00, 53, 0x00, 0x03, 0x00, 0x00, 0x00}, "Unknown ProcedureCode=53, dropping request"},
-        {"procedure code 255", {0x00, 255, 0x00}, "Unknown ProcedureCode=255, dropping request"},
-        {"form bits 3", form3, "Unknown pduMessageChoice=3 for NGSetup, dropping request"},
-        {"extension of the PDU choice", ext, "Unknown pduMessageChoice=4 for NGSetup, dropping request"},
-        {"AMFStatusIndication as a successful outcome", status, "invalid message received (no message defination)"},
-        {"one octet", {0x00}, "NGAP PDU of len=1 has no procedure code, dropping"},
-        {"no octet", {}, "NGAP PDU of len=0 has no procedure code, dropping"},
-        {"marks past the buffer", ngSetup, "outside its 5000 bytes, dropping", false, false, true},
+        {"procedure code 53", {0x00, 53, 0x00, 0x03, 0x00, 0x00, 0x00}, "Unknown ProcedureCode=53, dropping request",
+         false, false, false, 53, -1, "unknown procedure code"},
+        {"procedure code 255", {0x00, 255, 0x00}, "Unknown ProcedureCode=255, dropping request", false, false, false,
+         255, -1, "unknown procedure code"},
+        {"form bits 3", form3, "Unknown pduMessageChoice=3 for NGSetup, dropping request", false, false, false, 21, 3,
+         "unknown message form"},
+        {"extension of the PDU choice", ext, "Unknown pduMessageChoice=4 for NGSetup, dropping request", false, false,
+         false, 21, 4, "unknown message form"},
+        {"AMFStatusIndication as a successful outcome", status, "invalid message received (no message defination)",
+         false, false, false, 1, 1, "no such message form of the procedure"},
+        {"one octet", {0x00}, "NGAP PDU of len=1 has no procedure code, dropping", false, false, false, -1, -1,
+         "no procedure code"},
+        {"no octet", {}, "NGAP PDU of len=0 has no procedure code, dropping", false, false, false, -1, -1,
+         "no procedure code"},
+        {"marks past the buffer", ngSetup, "outside its 5000 bytes, dropping", false, false, true, -1, -1,
+         "buffer marks outside the buffer"},
     };
+    __mv_ngap_set_app_error_handler(recordBadInput);
     for (const DropCase& c : cases) {
         SCOPED_TRACE(c.what);
+        gBadInput.clear();
         __mv_ngap_set_app_messahe_handler(c.noHandler ? nullptr : kng::recordingHandler);
         MV_Socket* s = c.noNode ? __mv_arena_new<MV_Socket>() : fake.socket;
         int inUse = kng::buffersInUse();
@@ -172,7 +206,17 @@ TEST_F(Ngap, DroppedMessagesAreLoggedAndTheirBufferGoesBackOnce) {
         EXPECT_EQ(recorder().size(), 0u);
         EXPECT_EQ(kng::buffersInUse(), inUse);
         EXPECT_EQ(b->isReleased, 1);
+        if (c.code == -2) {
+            EXPECT_TRUE(gBadInput.empty());
+        } else {
+            ASSERT_EQ(gBadInput.size(), 1u) << "one report per message";
+            EXPECT_EQ(gBadInput[0].node, &fake.node);
+            EXPECT_EQ(gBadInput[0].code, c.code);
+            EXPECT_EQ(gBadInput[0].form, c.form);
+            EXPECT_EQ(gBadInput[0].reason, c.reason);
+        }
     }
+    __mv_ngap_set_app_error_handler(nullptr);
 }
 
 TEST_F(Ngap, HandlersByNameDecodeTheirFormAndTheDispatchGoesByCode) {

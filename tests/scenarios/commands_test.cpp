@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "KsNAS.h"
 #include "Kestrane.h"
 #include "Kestrane_seams.h"
 #include "ks_engine_env.h"

@@ -45,6 +45,14 @@ typedef void (*fp_ngap_app_messahe_handler)(uint8_t procedureCode, uint8_t messa
 // message a logged drop.
 void __mv_ngap_set_app_messahe_handler(fp_ngap_app_messahe_handler handler);
 
+// Input from the peer that the layer could not take as it came: called once per such
+// message on the receiving thread, after the layer's own line in the stack log, so that
+// the application counts it and names the peer. procedureCode and form are -1 where the
+// message did not get that far. A message that decoded only in part still goes to the
+// message handler afterwards ("decoded in part"); every other one was dropped.
+typedef void (*fp_ngap_app_error_handler)(MV_NGAPNode* node, int procedureCode, int form, const char* reason);
+void __mv_ngap_set_app_error_handler(fp_ngap_app_error_handler handler);
+
 // The socket's OnBufferReceive: takes the buffer, hands it to __mv_ngap_handle_message
 // with the socket's node. The buffer goes back to its pool exactly once on every path.
 void __mv_ngap_on_buffer_recv(MV_SocketSCTPBuffer* buffer);

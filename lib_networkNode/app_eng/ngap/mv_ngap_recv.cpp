@@ -2,12 +2,28 @@
 // the application's handler, on the thread that delivers the association's messages.
 #include <array>
 #include <atomic>
+#include <cstdarg>
+#include <cstdio>
 
 #include "mv_ngap_internal.h"
 
 namespace {
 
 std::atomic<fp_ngap_app_messahe_handler> app_msg_handler{nullptr};
+std::atomic<fp_ngap_app_error_handler> app_error_handler{nullptr};
+
+// The one place where input from the peer is refused or doubted: the layer's line in the
+// stack log, then the application's error handler.
+__attribute__((format(printf, 6, 7))) void badInput(MV_NGAPNode* node, int code, int form, const char* reason,
+                                                     int level, const char* fmt, ...) {
+    char line[512];
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(line, sizeof line, fmt, ap);
+    va_end(ap);
+    MV_NGAP_LOG(level, "%s", line);
+    if (fp_ngap_app_error_handler h = app_error_handler.load(std::memory_order_acquire)) h(node, code, form, reason);
+}
 
 struct FormTable {
     const MvAsnPdu* pdu[MV_NGAP_PROCEDURE_COUNT][3];
@@ -26,10 +42,11 @@ const FormTable& formTable() {
 }
 
 // The PDU's bytes in a buffer, or false (logged) when the buffer's marks are not inside it.
-bool pduBytes(const MV_SocketSCTPBuffer* b, const uint8_t** bytes, int* n) {
+bool pduBytes(MV_NGAPNode* node, const MV_SocketSCTPBuffer* b, const uint8_t** bytes, int* n) {
     if (b->pos < 0 || b->len < b->pos || b->len > MV_SOCKET_SCTP_BUFFER_SIZE) {
-        MV_NGAP_LOG(MV_LOG_ERROR, "NGAP buffer with pos=%d len=%d outside its %d bytes, dropping <%s|%s|%d>", b->pos,
-                    b->len, MV_SOCKET_SCTP_BUFFER_SIZE, __FILE_NAME__, __func__, __LINE__);
+        badInput(node, -1, -1, "buffer marks outside the buffer", MV_LOG_ERROR,
+                 "NGAP buffer with pos=%d len=%d outside its %d bytes, dropping <%s|%s|%d>", b->pos, b->len,
+                 MV_SOCKET_SCTP_BUFFER_SIZE, __FILE_NAME__, __func__, __LINE__);
         return false;
     }
     *bytes = b->buff + b->pos;
@@ -41,19 +58,21 @@ typedef int (*FormHandler)(MV_NGAPNode*, __mv_asn_coding_context*);
 
 // Copies the PDU in, gives the buffer back (the bytes live in the context from here on),
 // and calls the handler of the PDU's message form.
-int runProcedure(const char* name, const std::array<FormHandler, 3>& forms, MV_NGAPNode* node,
+int runProcedure(int code, const char* name, const std::array<FormHandler, 3>& forms, MV_NGAPNode* node,
                  MV_SocketSCTPBuffer* buffer) {
     __mv_asn_coding_context ctx;
     const uint8_t* bytes = nullptr;
     int n = 0;
-    bool ok = pduBytes(buffer, &bytes, &n);
+    bool ok = pduBytes(node, buffer, &bytes, &n);
     if (ok && n > MV_ASN_BUFFER_SIZE) {
-        MV_NGAP_LOG(MV_LOG_ERROR, "%s PDU of len=%d is larger than the coding buffer of %d bytes, dropping <%s|%s|%d>",
-                    name, n, MV_ASN_BUFFER_SIZE, __FILE_NAME__, __func__, __LINE__);
+        badInput(node, code, -1, "larger than the coding buffer", MV_LOG_ERROR,
+                 "%s PDU of len=%d is larger than the coding buffer of %d bytes, dropping <%s|%s|%d>", name, n,
+                 MV_ASN_BUFFER_SIZE, __FILE_NAME__, __func__, __LINE__);
         ok = false;
     }
     if (ok && n < 1) {
-        MV_NGAP_LOG(MV_LOG_ERROR, "empty %s PDU, dropping <%s|%s|%d>", name, __FILE_NAME__, __func__, __LINE__);
+        badInput(node, code, -1, "empty", MV_LOG_ERROR, "empty %s PDU, dropping <%s|%s|%d>", name, __FILE_NAME__,
+                 __func__, __LINE__);
         ok = false;
     }
     ok = ok && __mv_asn_init_decode(&ctx, bytes, size_t(n)) == 1;
@@ -68,8 +87,9 @@ int runProcedure(const char* name, const std::array<FormHandler, 3>& forms, MV_N
     ctx.usedBits = 7;
     unsigned choice = unsigned(ext << 2 | form);
     if (choice > 2) {
-        MV_NGAP_LOG(MV_LOG_ERROR, "Unknown pduMessageChoice=%u for %s, dropping request <%s|%s|%d>", choice, name,
-                    __FILE_NAME__, __func__, __LINE__);
+        badInput(node, code, int(choice), "unknown message form", MV_LOG_ERROR,
+                 "Unknown pduMessageChoice=%u for %s, dropping request <%s|%s|%d>", choice, name, __FILE_NAME__, __func__,
+                 __LINE__);
         return 0;
     }
     return forms[choice](node, &ctx);
@@ -78,8 +98,8 @@ int runProcedure(const char* name, const std::array<FormHandler, 3>& forms, MV_N
 int runForm(unsigned code, unsigned form, MV_NGAPNode* node, __mv_asn_coding_context* ctx) {
     const MvAsnPdu* p = __mv_ngap___form_pdu(code, form);
     if (!p) {
-        MV_NGAP_LOG(MV_LOG_ERROR, "invalid message received (no message defination) <%s|%s|%d>", __FILE_NAME__,
-                    __func__, __LINE__);
+        badInput(node, int(code), int(form), "no such message form of the procedure", MV_LOG_ERROR,
+                 "invalid message received (no message defination) <%s|%s|%d>", __FILE_NAME__, __func__, __LINE__);
         return 0;
     }
     fp_ngap_app_messahe_handler handler = app_msg_handler.load(std::memory_order_acquire);
@@ -93,8 +113,9 @@ int runForm(unsigned code, unsigned form, MV_NGAPNode* node, __mv_asn_coding_con
     // application checks the IEs it needs.
     int sts = __mv_asn_decode_pdu(p, rec, ctx);
     if (sts < 1)
-        MV_NGAP_LOG(MV_LOG_WARNING, "%s decoded with sts=%d decodingError=%u, passed on as it stands <%s|%s|%d>",
-                    p->name, sts, unsigned(rec->decodingError), __FILE_NAME__, __func__, __LINE__);
+        badInput(node, int(code), int(form), "decoded in part", MV_LOG_WARNING,
+                 "%s decoded with sts=%d decodingError=%u, passed on as it stands <%s|%s|%d>", p->name, sts,
+                 unsigned(rec->decodingError), __FILE_NAME__, __func__, __LINE__);
     rec->messageId = uint8_t(code);
     rec->transportObject = node;
     handler(uint8_t(code), uint8_t(form), rec, node);
@@ -122,7 +143,7 @@ const MvAsnPdu* __mv_ngap___form_pdu(unsigned procedureCode, unsigned form) {
         static constexpr std::array<FormHandler, 3> forms = {__mv_amf_handle_##P##_InitiatingMessage,      \
                                                              __mv_amf_handle_##P##_SuccessfulMessage,      \
                                                              __mv_amf_handle_##P##_UnSuccessfulMessage};   \
-        return runProcedure(#P, forms, node, buffer);                                                      \
+        return runProcedure(code, #P, forms, node, buffer);                                                \
     }
 MV_NGAP_PROCEDURE_LIST(MV_NGAP_DEFINE_HANDLERS)
 
@@ -152,6 +173,10 @@ void __mv_ngap_set_app_messahe_handler(fp_ngap_app_messahe_handler handler) {
     app_msg_handler.store(handler, std::memory_order_release);
 }
 
+void __mv_ngap_set_app_error_handler(fp_ngap_app_error_handler handler) {
+    app_error_handler.store(handler, std::memory_order_release);
+}
+
 void __mv_ngap_on_buffer_recv(MV_SocketSCTPBuffer* buffer) {
     if (!buffer) return;
     MV_Socket* s = buffer->siSocket;
@@ -173,13 +198,14 @@ int __mv_ngap_handle_message(MV_NGAPNode* node, MV_SocketSCTPBuffer* buffer) {
     } else if (!node) {
         MV_NGAP_LOG(MV_LOG_ERROR, "no NGAP node on socket %p, dropping message of len=%d <%s|%s|%d>",
                     static_cast<void*>(buffer->siSocket), buffer->len, __FILE_NAME__, __func__, __LINE__);
-    } else if (!pduBytes(buffer, &bytes, &n)) {
+    } else if (!pduBytes(node, buffer, &bytes, &n)) {
     } else if (n < 2) {
-        MV_NGAP_LOG(MV_LOG_ERROR, "NGAP PDU of len=%d has no procedure code, dropping <%s|%s|%d>", n, __FILE_NAME__,
-                    __func__, __LINE__);
+        badInput(node, -1, -1, "no procedure code", MV_LOG_ERROR,
+                 "NGAP PDU of len=%d has no procedure code, dropping <%s|%s|%d>", n, __FILE_NAME__, __func__, __LINE__);
     } else if (bytes[1] >= MV_NGAP_PROCEDURE_COUNT) {
-        MV_NGAP_LOG(MV_LOG_ERROR, "Unknown ProcedureCode=%d, dropping request <%s|%s|%d>", int(bytes[1]),
-                    __FILE_NAME__, __func__, __LINE__);
+        badInput(node, int(bytes[1]), -1, "unknown procedure code", MV_LOG_ERROR,
+                 "Unknown ProcedureCode=%d, dropping request <%s|%s|%d>", int(bytes[1]), __FILE_NAME__, __func__,
+                 __LINE__);
     } else {
         return kProcedures[bytes[1]].handler(node, buffer);  // consumes the buffer
     }

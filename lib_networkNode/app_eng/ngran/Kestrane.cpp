@@ -19,15 +19,10 @@
 #include <string>
 
 #include "KsPool.h"
-#include "KsNGAP.h"
-#include "KsUECServer.h"
 #include "Kestrane_seams.h"
-#include "mv_ngap.h"
 #include "mv_socket_engine.h"
 #include "Kestrane_util.h"
 #include "mvalgo.h"
-
-__mv_ks__engine* __ksEngine = nullptr;
 
 namespace {
 
@@ -71,19 +66,6 @@ void loadList(const ListFile& lf) {
     json_t* old = __ksEngine->*lf.field;
     __ksEngine->*lf.field = doc;
     json_decref(old);
-}
-
-const char* settingValue(const char* member, uint32_t id) {
-    json_t* m = json_object_get(__ksEngine->prot_settings, member);
-    if (!json_is_object(m)) return nullptr;
-    char key[16];
-    snprintf(key, sizeof key, "%u", id);
-    const char* k;
-    json_t* v;
-    json_object_foreach(m, k, v) {
-        if (strcmp(k, key) == 0) return json_is_string(v) ? json_string_value(v) : nullptr;
-    }
-    return nullptr;
 }
 
 void readScalarKeys(json_t* cfg) {
@@ -248,13 +230,229 @@ void readPcapNames() {
     __ksEngine->pcap_protocol_files = names;
 }
 
-}  // namespace
+// ---------------------------------------------------------------- start-up phases, in order
 
-const char* KsNAS_GetSettingValue(uint32_t id) { return settingValue("AMF", id); }
-const char* KsPFCP_GetPFCPSettingValue(uint32_t id) { return settingValue("UPF", id); }
-const char* KsPFCP_GetSGWSettingValue(uint32_t id) { return settingValue("SGW", id); }
-const char* KsPFCP_GetPGWSettingValue(uint32_t id) { return settingValue("PGW", id); }
-const char* KsGGSN_GetPGWSettingValue(uint32_t id) { return settingValue("GGSN", id); }
+// The working directory, the runtime, the logger, the socket engine and crypto. 0 when
+// start-up must stop.
+int startRuntime(char* cwd, size_t cap) {
+    if (!getcwd(cwd, cap)) {
+        printf("cannot get current directory informtion");
+        return 0;
+    }
+    printf("current working directory:%s\n", cwd);
+
+    char logRoot[300];
+    snprintf(logRoot, sizeof logRoot, "%s/logs/", cwd);
+    __init_morva_core();
+    __mv_init_logger(logRoot);
+    __mv_socket_engine_init();
+    __mv_ogs_init_crypto_fun();
+    printf("logs path:%s\n", logRoot);
+    startSignalThread();
+
+    if (started_app == 1) {
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_CRITICAL, "Application is already in start state  %s|%d", __func__,
+                 __LINE__);
+        return 0;
+    }
+    return 1;
+}
+
+// The configuration file as a JSON object, or null when start-up must stop.
+json_t* loadConfiguration(const char* path) {
+    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_CRITICAL, "---------------- Kestrane %s ----------------",
+             KestraneVersion);
+    json_error_t err{};
+    json_t* cfg = json_load_file(path, 0, &err);
+    if (cfg && !json_is_object(cfg)) {
+        snprintf(err.text, sizeof err.text, "%s", "configuration is not a JSON object");
+        json_decref(cfg);
+        cfg = nullptr;
+    }
+    if (!cfg) {
+        printf("error loading config file:%s  error:[%s] line=%d column=%d position=%d source=[%s]\n", path, err.text,
+               err.line, err.column, err.position, err.source);
+        return nullptr;
+    }
+    started_app = 1;
+    return cfg;
+}
+
+// The engine record, data/ and the capture names.
+int createEngineRecord(const char* cwd, json_t* cfg) {
+    __ksEngine = __mv_arena_new<__mv_ks__engine>();
+    snprintf(__ksEngine->cwd, sizeof __ksEngine->cwd, "%s", cwd);
+    __ksEngine->DefaultTimeoutSeconds = 7;
+    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_CRITICAL, "Starting Kestrane %s %s|%d", KestraneVersion, __func__,
+             __LINE__);
+
+    char dataDir[300];
+    snprintf(dataDir, sizeof dataDir, "%s/data", cwd);
+    if (__mv_do_mkdir(dataDir, 0700) != 0) {
+        printf("creating 'data' folder failed, please provide file and folder create permissions");
+        return 0;
+    }
+
+    readPcapNames();
+    __ksEngine->config = cfg;
+    __ksEngine->UPTime = 0;
+    __ksEngine->WriteReport = 0;
+    return 1;
+}
+
+void loadLists(json_t* cfg) {
+    KsEngine__LoadAMFList();
+    KsEngine__LoadNOC();
+    KsEngine__LoadSettings();
+    KsEngine__LoadRANs();
+    KsEngine__LoadScanarios();
+    KsEngine__LoadTests();
+    KsEngine__LoadUEL();
+    KsEngine__LoadMonitorList();
+    KsSeam__TemplateMgr_Init(cfg);
+}
+
+void createStepQueues() {
+    for (int i = 0; i < KS_STEP_QUEUE_COUNT; ++i) {
+        __ksEngine->M_MPS[i] = 0;
+        __mv_core_create_queue(&__ksEngine->M_MPS_Q[i], Kestrane___runStep, 1, 10000);
+    }
+    __ksEngine->M_MPSCount = KS_STEP_QUEUE_COUNT;
+}
+
+// Local addresses, static AMFs, UE files and the console port. 0 when start-up must stop.
+int readAppConfig(json_t* cfg) {
+    __ksEngine->ranAMFConnID = 1;
+    __ksEngine->ranMMEConnID = 1;
+    __ksEngine->mmeHead = __ksEngine->mmeCurrent = nullptr;
+    __ksEngine->mmeCount = 0;
+    if (!KsEngine__InitializeApp_Config(cfg)) return 0;
+
+    if (__ksEngine->UECPort != 0 && (__ksEngine->UECPort < 9118 || __ksEngine->UECPort > 9130)) {
+        printf("\nKestrane: CLI Port is out of Range=%u, should be between 9118 and 9130.\n", __ksEngine->UECPort);
+        return 0;
+    }
+    return 1;
+}
+
+// The console port opens before UEs exist; the scenario files follow.
+int openConsoleAndScenarios(json_t* cfg) {
+    __ksEngine->fsmNGAPProcessingThreadCount = KS_FSM_LINE_COUNT;
+    KsSeam__create_cpTeidTable(cfg);
+
+    if (!KsSeam__Console_Start(cfg)) return 0;
+    // The scenario and step pools exist before anything builds a scenario: the files
+    // here, the default scenario with the first UE, the prebuilt command steps.
+    __ksEngine->ksScanarioPool = new (__mv_malloc(sizeof(KsFifoPool<KsScanario>))) KsFifoPool<KsScanario>(200, 200);
+    __ksEngine->ksStepPool = new (__mv_malloc(sizeof(KsFifoPool<KsStep>))) KsFifoPool<KsStep>(500, 500);
+    return KsScanario__LoadScanarios() ? 1 : 0;
+}
+
+// The UE pool, the event and execution pools, and the id spaces of RAN UEs.
+int createUEPoolsAndIds(json_t* cfg) {
+    uint32_t capacity = KS_BUILTIN_UE_CAPACITY;
+    uint32_t maxUE = uint32_t(KsJson::number(cfg, "MaximumUE", 1000000));
+    uint32_t poolSize = maxUE < capacity ? maxUE : capacity;
+    printf("creating ue-pool with count=%u\n", poolSize);
+    if (!KsEngine__InitializeksUE_Pool(capacity)) return 0;
+    printf("creatd ue-pool with count=%u\n", poolSize);
+
+    __ksEngine->ksEventPool = new (__mv_malloc(sizeof(KsFifoPool<KsStepChild>))) KsFifoPool<KsStepChild>(1000, 1000);
+    __ksEngine->ksStepExecutionPool =
+        new (__mv_malloc(sizeof(KsFifoPool<KsStepExecution>))) KsFifoPool<KsStepExecution>(10000, 1000);
+
+    __ksEngine->maxRanUEIDs = capacity;
+    if (json_t* m = json_object_get(cfg, "MaxRANUEID"); json_is_integer(m)) {
+        json_int_t v = json_integer_value(m);
+        if (v > 0 && uint64_t(v) < capacity) {
+            __ksEngine->maxRanUEIDs = uint32_t(v);
+            printf("Configured to Initalize %ld UE\n", long(v));
+        }
+    }
+    __mv_core_set_max_fd(51200);
+
+    __ksEngine->gIdp = __mv_IndexTable_create(1502, __ksEngine->maxRanUEIDs);
+    KsSeam__create_diam_id_table(cfg);
+    __ksEngine->UEIDStartNo = uint32_t(KsJson::number(cfg, "RANUEIDStartNo", 1));
+    KsEngine__CreateNGRanUEContext(0);
+    return 1;
+}
+
+// Subscriber files, the command pool, the N1 counters and the prebuilt command steps.
+int loadSubscribersAndCommands(json_t* cfg) {
+    if (!KsEngine__LoadUEConfigs()) return 0;
+
+    __mv_set_mpscounter(KsEngine__sentmpscounter);
+
+    __ksEngine->RanSelectionMode = 0;
+    __ksEngine->RanLastSelected = 0;
+    __ksEngine->commandPool = __mv_pool_create("commandPool", KS_COMMAND_POOL_ITEM_SIZE, 1000, 1);
+    KsEngine__CreateN1Counters();
+
+    KsScanario__CreateCommandSteps();
+    return KsSeam__DiamDict_Init(cfg);
+}
+
+// The protocol subsystems in their fixed order, the UEs' lines, and the RAN nodes.
+int startProtocols(json_t* cfg) {
+    if (!KsSeam__TemplateEng_Init(cfg)) return 0;
+    if (!KsSeam__GTP_Init(cfg)) return 0;
+    if (!KsSeam__DataPath_Init(cfg) || !KsSeam__PFCP_Init(cfg) || !KsSeam__AGF_Init(cfg)) return 0;
+
+    __mv_core_create_fsmqueue(&__ksEngine->fsmNGAPProcessingQueue, KsUtil::dummy_1, KS_FSM_LINE_COUNT, 10000);
+    if (!KsSeam__register_ngap_handlers(cfg) || !KsSeam__register_s1ap_handlers(cfg)) return 0;
+    KsEngine__InitializeRanNode_Configs();
+    KsEngine__ConfigureDynamicMMENodes();
+    return 1;
+}
+
+void configureUEs() {
+    int files = int(json_array_size(__ksEngine->ueList));
+    printf("Configuring UEs , please wait... %d file(s) |%d\n", files, __LINE__);
+    int created = KsEngine__ConfigureUEList(__ksEngine->ueList);
+    (void)created;
+    printf("Configured Total UEs count=%d|%d\n", __ksEngine->ksUETotal, __LINE__);
+}
+
+void startNodes(json_t* cfg) {
+    KsSeam__register_diam_handlers(cfg);
+    if (__ksEngine->StartNGRAN == 1) {
+        KsEngine__ConfigureDynamicAMfNodes();
+        KsEngine__ConfigureDynamicRanNodes();
+        KsEngine__StartNGRANs();
+    }
+    KsSeam__TE_Init(cfg);
+    __mv_enable_coredump();
+}
+
+void startThreads() {
+    for (int i = 0; i < KS_STEP_QUEUE_COUNT; ++i) {
+        int* idx = new int(i);
+        __mv_create_pthread2(testExecutionThreadEntry, idx, "t-e-t");
+    }
+    __mv_create_pthread2(KsEngine__TestPerformanceThread, nullptr, "t-e-t");
+    __mv_create_pthread2(KsEngine__RANStatsThread, nullptr, "rst");
+}
+
+void finishStartup(json_t* cfg) {
+    KsEngine__LoadUEAddlData(cfg);
+    __ksEngine->EnableMonitoringEngine = uint32_t(KsJson::number(cfg, "EnableMonitoringEngine", 0));
+    KsSeam__MonitoringEngine_Init(cfg);
+    // Tests named here are queued as soon as the engine is up, for runs without a console.
+    if (json_t* auto_ = json_object_get(cfg, "AutoStartTests"); json_is_array(auto_)) {
+        size_t i;
+        json_t* id;
+        json_array_foreach(auto_, i, id) {
+            if (json_is_integer(id) && json_integer_value(id) > 0)
+                (void)KsEngine__AddTestToQueue(uint32_t(json_integer_value(id)), KS_TEST__QUEUED);
+        }
+    }
+    printf("Initalization of KsTest is completed|%d\n", __LINE__);
+    printf("----------------------------------------------------------------\n");
+    fflush(stdout);
+}
+
+}  // namespace
 
 void KsEngine__LoadAMFList() { loadList(kListFiles[0]); }
 void KsEngine__LoadNOC() { loadList(kListFiles[1]); }
@@ -307,187 +505,24 @@ int KsEngine__Startup(int argc, char** argv) {
     }
 
     char cwd[250];
-    if (!getcwd(cwd, sizeof cwd)) {
-        printf("cannot get current directory informtion");
-        return 0;
-    }
-    printf("current working directory:%s\n", cwd);
-
-    char logRoot[300];
-    snprintf(logRoot, sizeof logRoot, "%s/logs/", cwd);
-    __init_morva_core();
-    __mv_init_logger(logRoot);
-    __mv_socket_engine_init();
-    __mv_ogs_init_crypto_fun();
-    printf("logs path:%s\n", logRoot);
-    startSignalThread();
-
-    if (started_app == 1) {
-        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_CRITICAL, "Application is already in start state  %s|%d", __func__,
-                 __LINE__);
-        return 0;
-    }
-
-    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_CRITICAL, "---------------- Kestrane %s ----------------",
-             KestraneVersion);
-    json_error_t err{};
-    json_t* cfg = json_load_file(argv[1], 0, &err);
-    if (cfg && !json_is_object(cfg)) {
-        snprintf(err.text, sizeof err.text, "%s", "configuration is not a JSON object");
-        json_decref(cfg);
-        cfg = nullptr;
-    }
-    if (!cfg) {
-        printf("error loading config file:%s  error:[%s] line=%d column=%d position=%d source=[%s]\n", argv[1],
-               err.text, err.line, err.column, err.position, err.source);
-        return 0;
-    }
-    started_app = 1;
-
-    __ksEngine = __mv_arena_new<__mv_ks__engine>();
-    snprintf(__ksEngine->cwd, sizeof __ksEngine->cwd, "%s", cwd);
-    __ksEngine->DefaultTimeoutSeconds = 7;
-    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_CRITICAL, "Starting Kestrane %s %s|%d", KestraneVersion, __func__,
-             __LINE__);
-
-    char dataDir[300];
-    snprintf(dataDir, sizeof dataDir, "%s/data", cwd);
-    if (__mv_do_mkdir(dataDir, 0700) != 0) {
-        printf("creating 'data' folder failed, please provide file and folder create permissions");
-        return 0;
-    }
-
-    readPcapNames();
-    __ksEngine->config = cfg;
-    __ksEngine->UPTime = 0;
-    __ksEngine->WriteReport = 0;
-
-    KsEngine__LoadAMFList();
-    KsEngine__LoadNOC();
-    KsEngine__LoadSettings();
-    KsEngine__LoadRANs();
-    KsEngine__LoadScanarios();
-    KsEngine__LoadTests();
-    KsEngine__LoadUEL();
-    KsEngine__LoadMonitorList();
-    KsSeam__TemplateMgr_Init();
-
+    if (!startRuntime(cwd, sizeof cwd)) return 0;
+    json_t* cfg = loadConfiguration(argv[1]);
+    if (!cfg) return 0;
+    KsEngine__InitModules();
+    if (!createEngineRecord(cwd, cfg)) return 0;
+    loadLists(cfg);
     applyLogLevels(cfg);
     readScalarKeys(cfg);
-
-    for (int i = 0; i < KS_STEP_QUEUE_COUNT; ++i) {
-        __ksEngine->M_MPS[i] = 0;
-        __mv_core_create_queue(&__ksEngine->M_MPS_Q[i], Kestrane___runStep, 1, 10000);
-    }
-    __ksEngine->M_MPSCount = KS_STEP_QUEUE_COUNT;
-
-    __ksEngine->ranAMFConnID = 1;
-    __ksEngine->ranMMEConnID = 1;
-    __ksEngine->mmeHead = __ksEngine->mmeCurrent = nullptr;
-    __ksEngine->mmeCount = 0;
-    if (!KsEngine__InitializeApp_Config(cfg)) return 0;
-
-    if (__ksEngine->UECPort != 0 && (__ksEngine->UECPort < 9118 || __ksEngine->UECPort > 9130)) {
-        printf("\nKestrane: CLI Port is out of Range=%u, should be between 9118 and 9130.\n", __ksEngine->UECPort);
-        return 0;
-    }
-
-    __ksEngine->fsmNGAPProcessingThreadCount = KS_FSM_LINE_COUNT;
-    KsSeam__create_cpTeidTable();
-
-    if (!KsUECServer___Start()) return 0;
-    // The scenario and step pools exist before anything builds a scenario: the files
-    // here, the default scenario with the first UE, the prebuilt command steps.
-    __ksEngine->ksScanarioPool = new (__mv_malloc(sizeof(KsFifoPool<KsScanario>))) KsFifoPool<KsScanario>(200, 200);
-    __ksEngine->ksStepPool = new (__mv_malloc(sizeof(KsFifoPool<KsStep>))) KsFifoPool<KsStep>(500, 500);
-    if (!KsScanario__LoadScanarios()) return 0;
-
-    uint32_t capacity = KS_BUILTIN_UE_CAPACITY;
-    uint32_t maxUE = uint32_t(KsJson::number(cfg, "MaximumUE", 1000000));
-    uint32_t poolSize = maxUE < capacity ? maxUE : capacity;
-    printf("creating ue-pool with count=%u\n", poolSize);
-    if (!KsEngine__InitializeksUE_Pool(capacity)) return 0;
-    printf("creatd ue-pool with count=%u\n", poolSize);
-
-    __ksEngine->ksEventPool = new (__mv_malloc(sizeof(KsFifoPool<KsStepChild>))) KsFifoPool<KsStepChild>(1000, 1000);
-    __ksEngine->ksStepExecutionPool =
-        new (__mv_malloc(sizeof(KsFifoPool<KsStepExecution>))) KsFifoPool<KsStepExecution>(10000, 1000);
-
-    __ksEngine->maxRanUEIDs = capacity;
-    if (json_t* m = json_object_get(cfg, "MaxRANUEID"); json_is_integer(m)) {
-        json_int_t v = json_integer_value(m);
-        if (v > 0 && uint64_t(v) < capacity) {
-            __ksEngine->maxRanUEIDs = uint32_t(v);
-            printf("Configured to Initalize %ld UE\n", long(v));
-        }
-    }
-    __mv_core_set_max_fd(51200);
-
-    __ksEngine->gIdp = __mv_IndexTable_create(1502, __ksEngine->maxRanUEIDs);
-    KsSeam__create_diam_id_table(__ksEngine->maxRanUEIDs);
-    __ksEngine->UEIDStartNo = uint32_t(KsJson::number(cfg, "RANUEIDStartNo", 1));
-    KsEngine__CreateNGRanUEContext(0);
-
-    if (!KsEngine__LoadUEConfigs()) return 0;
-
-    __mv_set_mpscounter(KsEngine__sentmpscounter);
-
-    __ksEngine->RanSelectionMode = 0;
-    __ksEngine->RanLastSelected = 0;
-    __ksEngine->commandPool = __mv_pool_create("commandPool", KS_COMMAND_POOL_ITEM_SIZE, 1000, 1);
-    KsEngine__CreateN1Counters();
-
-    KsScanario__CreateCommandSteps();
-    KsSeam__DiamDict_Init();
-    KsSeam__TemplateEng_Init();
-    if (!KsSeam__GTP_Init(cfg)) return 0;
-    KsSeam__DataPath_Init();
-    KsSeam__PFCP_Init();
-    KsSeam__AGF_Init();
-
-    __mv_core_create_fsmqueue(&__ksEngine->fsmNGAPProcessingQueue, KsUtil::dummy_1, KS_FSM_LINE_COUNT, 10000);
-    __mv_ngap_set_app_messahe_handler(KsNGAP__handle_ngap_message);
-    KsSeam__register_s1ap_handlers();
-    KsEngine__InitializeRanNode_Configs();
-    KsEngine__ConfigureDynamicMMENodes();
-
-    int files = int(json_array_size(__ksEngine->ueList));
-    printf("Configuring UEs , please wait... %d file(s) |%d\n", files, __LINE__);
-    int created = KsEngine__ConfigureUEList(__ksEngine->ueList);
-    (void)created;
-    printf("Configured Total UEs count=%d|%d\n", __ksEngine->ksUETotal, __LINE__);
-
-    KsSeam__register_diam_handlers();
-    if (__ksEngine->StartNGRAN == 1) {
-        KsEngine__ConfigureDynamicAMfNodes();
-        KsEngine__ConfigureDynamicRanNodes();
-        KsEngine__StartNGRANs();
-    }
-    KsSeam__TE_Init();
-    __mv_enable_coredump();
-
-    for (int i = 0; i < KS_STEP_QUEUE_COUNT; ++i) {
-        int* idx = new int(i);
-        __mv_create_pthread2(testExecutionThreadEntry, idx, "t-e-t");
-    }
-    __mv_create_pthread2(KsEngine__TestPerformanceThread, nullptr, "t-e-t");
-    __mv_create_pthread2(KsEngine__RANStatsThread, nullptr, "rst");
-
-    KsEngine__LoadUEAddlData(cfg);
-    __ksEngine->EnableMonitoringEngine = uint32_t(KsJson::number(cfg, "EnableMonitoringEngine", 0));
-    KsSeam__MonitoringEngine_Init();
-    // Tests named here are queued as soon as the engine is up, for runs without a console.
-    if (json_t* auto_ = json_object_get(cfg, "AutoStartTests"); json_is_array(auto_)) {
-        size_t i;
-        json_t* id;
-        json_array_foreach(auto_, i, id) {
-            if (json_is_integer(id) && json_integer_value(id) > 0)
-                (void)KsEngine__AddTestToQueue(uint32_t(json_integer_value(id)), KS_TEST__QUEUED);
-        }
-    }
-    printf("Initalization of KsTest is completed|%d\n", __LINE__);
-    printf("----------------------------------------------------------------\n");
-    fflush(stdout);
+    createStepQueues();
+    if (!readAppConfig(cfg)) return 0;
+    if (!openConsoleAndScenarios(cfg)) return 0;
+    if (!createUEPoolsAndIds(cfg)) return 0;
+    if (!loadSubscribersAndCommands(cfg)) return 0;
+    if (!startProtocols(cfg)) return 0;
+    configureUEs();
+    startNodes(cfg);
+    startThreads();
+    finishStartup(cfg);
     return 1;
 }
 

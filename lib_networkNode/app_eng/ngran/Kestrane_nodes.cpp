@@ -10,7 +10,7 @@
 #include "Kestrane.h"
 #include "Kestrane_util.h"
 #include "mv_bytes.h"
-#include "KsNGAP.h"
+#include "mv_fifo.h"
 
 const char* const applicationType_kv_pair[32] = {
     "INVALID-0", "AMF",  "UPF",  "SMF",  "MME",  "PGW",      "SGW", "HSS",  "FourGEIR", "FiveGEIR", "PCRF",
@@ -21,6 +21,8 @@ const char* const rm_satus_names[4] = {"RM_STATUS__DEREGISTERED", "RM_STATUS__RE
 const char* const cm_satus_names[2] = {"CM_STATUS__IDLE", "CM_STATUS__CONNECTED"};
 
 namespace {
+
+std::atomic<KsRanAmfConnector> ranAmfConnector{nullptr};
 
 // Appends to a grow-only list: the link is published last, so a reader that walks
 // without the lock sees either the old end or the whole new record.
@@ -335,9 +337,14 @@ void __KsEngine_InitRANAMFConnection(MV_KsNGRan* ran) {
             appendPublished(__ksEngine->ranAMFConnHead, __ksEngine->ranAMFConnCurrent, &MV_KsRanAmfConnection::ConnNext,
                             conn);
         }
-        KsNGAP__StartAMFConnection(conn);
+        if (KsRanAmfConnector start = ranAmfConnector.load()) start(conn);
+        else
+            __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_INFO,
+                     "NGAP is not part of this build, ranAmfConn-ID=%u not started %s|%d", conn->ID, __func__, __LINE__);
     }
 }
+
+void KsEngine__SetRanAmfConnector(KsRanAmfConnector connector) { ranAmfConnector = connector; }
 
 void __KsEngine_InitRANMMEConnection(MV_KsNGRan* ran) {
     if (!ran) return;
@@ -553,24 +560,30 @@ void KsEngine__CreateNGRanUEContext(int) {
     __ksEngine->ngRanUeContextHead = __ksEngine->ngRanUeContextCurrent = nullptr;
 }
 
+namespace {
+
+mv_fifo::CoreFifo<MV_KsNGRanUeContext, uint32_t> contextPool() {
+    return {__ksEngine->ngRanUeContextHead, __ksEngine->ngRanUeContextCurrent, __ksEngine->ngRanUeContextLock,
+            __ksEngine->ngRanUeContextTotal, __ksEngine->ngRanUeContextAvailable};
+}
+
+}  // namespace
+
 MV_KsNGRanUeContext* KsEngine__AllocateKsNGRanUeContext(MV_KsNGRan* ran) {
     MV_KsNGRanUeContext* ctx = nullptr;
     {
-        std::lock_guard g(__ksEngine->ngRanUeContextLock);
+        auto pool = contextPool();
+        std::lock_guard g(pool.Lock);
         // Ids never used come first, in order: the same order as a list built whole at
         // start, with released contexts behind them.
         if (__ksEngine->ngRanUeContextFresh < __ksEngine->ngRanUeContextTotal) {
             ctx = &__ksEngine->ngRanUeContextDB[__ksEngine->ngRanUeContextFresh++];
             ctx->id = __ksEngine->ngRanUeContextFresh;
-        } else if ((ctx = __ksEngine->ngRanUeContextHead)) {
-            __ksEngine->ngRanUeContextHead = ctx->Next;
-            if (!ctx->Next) __ksEngine->ngRanUeContextCurrent = nullptr;
-        } else {
+            ctx->isReleased = 0;
+            --__ksEngine->ngRanUeContextAvailable;
+        } else if (!(ctx = pool.takeLocked())) {
             return nullptr;
         }
-        ctx->Next = nullptr;
-        ctx->isReleased = 0;
-        --__ksEngine->ngRanUeContextAvailable;
         ++__ksEngine->ngRanUeContextUsed;
     }
     ctx->ran = ran;
@@ -581,20 +594,16 @@ MV_KsNGRanUeContext* KsEngine__AllocateKsNGRanUeContext(MV_KsNGRan* ran) {
 
 void KsEngine__ReleaseKsNGRanUeContext(MV_KsNGRan*, MV_KsNGRanUeContext* ctx) {
     if (!ctx) return;
-    std::lock_guard g(__ksEngine->ngRanUeContextLock);
+    auto pool = contextPool();
+    std::lock_guard g(pool.Lock);
     if (ctx->isReleased || ctx->id == 0) return;
-    ctx->isReleased = 1;
     ctx->ksUe = nullptr;
     ctx->ranAmfConn = nullptr;
     ctx->ranMMEConn = nullptr;
     ctx->ran = nullptr;
     uint32_t gen = ctx->GenId + 1;
     ctx->GenId = gen > 1999 ? 0 : gen;
-    ctx->Next = nullptr;
-    if (__ksEngine->ngRanUeContextCurrent) __ksEngine->ngRanUeContextCurrent->Next = ctx;
-    else __ksEngine->ngRanUeContextHead = ctx;
-    __ksEngine->ngRanUeContextCurrent = ctx;
-    ++__ksEngine->ngRanUeContextAvailable;
+    pool.giveLocked(ctx);
 }
 
 MV_KsNGRanUeContext* KsEngine__GetNGRanUeContextById(uint64_t id) {

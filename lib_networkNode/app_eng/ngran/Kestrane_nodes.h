@@ -203,6 +203,10 @@ void KsEngine__ConfigureDynamicAMfNodes(void);
 void KsEngine__ConfigureDynamicMMENodes(void);
 void KsEngine__ConfigureDynamicRanNodes(void);
 void KsEngine__StartNGRANs(void);
+// How a RAN-AMF connection opens its association: the gNB registers this when it starts.
+// Without one, connections are made and stay closed ("NGAP is not part of this build").
+typedef int (*KsRanAmfConnector)(MV_KsRanAmfConnection* conn);
+void KsEngine__SetRanAmfConnector(KsRanAmfConnector connector);
 void __KsEngine_InitRANAMFConnection(MV_KsNGRan* ran);
 void __KsEngine_InitRANMMEConnection(MV_KsNGRan* ran);
 

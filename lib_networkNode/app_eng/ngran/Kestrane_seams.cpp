@@ -2,12 +2,12 @@
 
 #include <arpa/inet.h>
 
-#include <cstdio>
 #include <atomic>
+#include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "Kestrane.h"
-#include "KsDiamDict.h"
 
 namespace {
 void absent(const char* what, const char* func) {
@@ -15,12 +15,28 @@ void absent(const char* what, const char* func) {
 }
 }  // namespace
 
-void KsSeam__TemplateMgr_Init() { absent("template manager", __func__); }
-void KsSeam__create_cpTeidTable() { absent("control-plane TEID table", __func__); }
+namespace {
 
-void KsSeam__create_diam_id_table(uint32_t maxRanUEIDs) { __mv_diam_create_IndexTable(1552, maxRanUEIDs); }
-void KsSeam__DiamDict_Init() { KsDiamDict__Init(); }
-void KsSeam__TemplateEng_Init() { absent("template engine", __func__); }
+// The module's step in that slot, or the absent line; 0 only when the module stops start-up.
+int slot(KsStartSlot which, json_t* cfg, const char* what, const char* func) {
+    int r = KsEngine__RunStartStep(which, cfg);
+    if (r != -ENOENT) return r == 0 ? 0 : 1;
+    absent(what, func);
+    return 1;
+}
+
+}  // namespace
+
+int KsSeam__TemplateMgr_Init(json_t* cfg) { return slot(KsStartSlot::TemplateMgr, cfg, "template manager", __func__); }
+int KsSeam__create_cpTeidTable(json_t* cfg) {
+    return slot(KsStartSlot::CpTeidTable, cfg, "control-plane TEID table", __func__);
+}
+int KsSeam__Console_Start(json_t* cfg) { return slot(KsStartSlot::Console, cfg, "console", __func__); }
+int KsSeam__create_diam_id_table(json_t* cfg) {
+    return slot(KsStartSlot::DiamIdTable, cfg, "Diameter id table", __func__);
+}
+int KsSeam__DiamDict_Init(json_t* cfg) { return slot(KsStartSlot::DiamDict, cfg, "Diameter dictionaries", __func__); }
+int KsSeam__TemplateEng_Init(json_t* cfg) { return slot(KsStartSlot::TemplateEng, cfg, "template engine", __func__); }
 
 int KsSeam__GTP_Init(json_t* cfg) {
     const char* ip = json_string_value(json_object_get(cfg, "LOCAL_GTP_IP"));
@@ -40,17 +56,25 @@ int KsSeam__GTP_Init(json_t* cfg) {
         printf("unable to identify an_ip=%s version in GTP %s|%d\n", ip ? ip : "", __func__, __LINE__);
         return 0;
     }
-    absent("GTP-U traffic engine", __func__);
-    return 1;
+    return slot(KsStartSlot::GTP, cfg, "GTP-U traffic engine", __func__);
 }
 
-void KsSeam__DataPath_Init() { absent("data-path peer", __func__); }
-void KsSeam__PFCP_Init() { absent("PFCP", __func__); }
-void KsSeam__AGF_Init() { absent("access gateway client", __func__); }
-void KsSeam__register_s1ap_handlers() { absent("S1AP handlers", __func__); }
-void KsSeam__register_diam_handlers() { KsDiamDict__RegisterHandlers(); }
-void KsSeam__TE_Init() { absent("test-element connections", __func__); }
-void KsSeam__MonitoringEngine_Init() { absent("monitoring engine", __func__); }
+int KsSeam__DataPath_Init(json_t* cfg) { return slot(KsStartSlot::DataPath, cfg, "data-path peer", __func__); }
+int KsSeam__PFCP_Init(json_t* cfg) { return slot(KsStartSlot::PFCP, cfg, "PFCP", __func__); }
+int KsSeam__AGF_Init(json_t* cfg) { return slot(KsStartSlot::AGF, cfg, "access gateway client", __func__); }
+int KsSeam__register_ngap_handlers(json_t* cfg) {
+    return slot(KsStartSlot::NGAPHandlers, cfg, "NGAP handlers", __func__);
+}
+int KsSeam__register_s1ap_handlers(json_t* cfg) {
+    return slot(KsStartSlot::S1APHandlers, cfg, "S1AP handlers", __func__);
+}
+int KsSeam__register_diam_handlers(json_t* cfg) {
+    return slot(KsStartSlot::DiamHandlers, cfg, "Diameter handlers", __func__);
+}
+int KsSeam__TE_Init(json_t* cfg) { return slot(KsStartSlot::TE, cfg, "test-element connections", __func__); }
+int KsSeam__MonitoringEngine_Init(json_t* cfg) {
+    return slot(KsStartSlot::MonitoringEngine, cfg, "monitoring engine", __func__);
+}
 
 namespace {
 

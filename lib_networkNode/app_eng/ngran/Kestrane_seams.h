@@ -1,30 +1,36 @@
-// Where start-up reaches subsystems that are not part of this build yet. Each
-// operation here logs that its subsystem is absent and does nothing else, so that
-// start-up runs in its full order; each is replaced by the real call as the
-// subsystem lands. The README's status table lists them.
+// Where start-up reaches subsystems that modules bring. Each operation here runs what
+// the module registered for its place in start-up or, when no module of this build
+// did, logs that its subsystem is absent and does nothing else, so that start-up runs
+// in its full order. The README's status table lists the absent ones.
 #pragma once
 
 #include <jansson.h>
 
 #include <cstdint>
 
+#include "KsEngine_step.h"
+
 struct MV_Template;
 struct __ks_step;
 
-void KsSeam__TemplateMgr_Init();
-void KsSeam__create_cpTeidTable();
-void KsSeam__create_diam_id_table(uint32_t maxRanUEIDs);
-void KsSeam__DiamDict_Init();
-void KsSeam__TemplateEng_Init();
-// The GTP-U start decides the local GTP address; returns 0 when start-up must stop.
+// Each runs what a module registered in its start-up slot (KsEngine__RegisterStartStep),
+// or logs that the subsystem is absent. 1 to go on, 0 when start-up must stop.
+int KsSeam__TemplateMgr_Init(json_t* cfg);
+int KsSeam__create_cpTeidTable(json_t* cfg);
+int KsSeam__Console_Start(json_t* cfg);
+int KsSeam__create_diam_id_table(json_t* cfg);
+int KsSeam__DiamDict_Init(json_t* cfg);
+int KsSeam__TemplateEng_Init(json_t* cfg);
+// The GTP-U start decides the local GTP address first; 0 when it has none.
 int KsSeam__GTP_Init(json_t* cfg);
-void KsSeam__DataPath_Init();
-void KsSeam__PFCP_Init();
-void KsSeam__AGF_Init();
-void KsSeam__register_s1ap_handlers();
-void KsSeam__register_diam_handlers();
-void KsSeam__TE_Init();
-void KsSeam__MonitoringEngine_Init();
+int KsSeam__DataPath_Init(json_t* cfg);
+int KsSeam__PFCP_Init(json_t* cfg);
+int KsSeam__AGF_Init(json_t* cfg);
+int KsSeam__register_ngap_handlers(json_t* cfg);
+int KsSeam__register_s1ap_handlers(json_t* cfg);
+int KsSeam__register_diam_handlers(json_t* cfg);
+int KsSeam__TE_Init(json_t* cfg);
+int KsSeam__MonitoringEngine_Init(json_t* cfg);
 
 // ---------------------------------------------------------------- template engine
 

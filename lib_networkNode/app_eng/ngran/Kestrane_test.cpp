@@ -130,29 +130,36 @@ void* KsEngine__TestExecutionThread(void* arg) {
     return nullptr;
 }
 
-// ---------------------------------------------------------------- a test's run
+// ---------------------------------------------------------------- a test's run, by phase
 
-void Kestrane___RunTest(KsTestExec* tstItem) {
+namespace {
+
+// Takes the test from queued to running; false when another thread runs it already.
+bool claimRun(KsTestExec* tstItem) {
     __mv_log(MV_CMN_LOG, LOG_CAT_APP, MV_LOG_CRITICAL, "begin Test=%p for Test-Id=%u %s|%d", (void*)tstItem,
-             tstItem->TestId, __func__, __LINE__);
+             tstItem->TestId, "Kestrane___RunTest", __LINE__);
     uint32_t expect = tstItem->Status;
     if (expect == KS_TEST__RUNNING || !tstItem->Status.compare_exchange_strong(expect, KS_TEST__RUNNING)) {
         __mv_log(MV_CMN_LOG, LOG_CAT_APP, MV_LOG_CRITICAL, "Test Already In Progress  Test=%p for Test-Id=%u %s|%d",
-                 (void*)tstItem, tstItem->TestId, __func__, __LINE__);
-        return;
+                 (void*)tstItem, tstItem->TestId, "Kestrane___RunTest", __LINE__);
+        return false;
     }
     iTotalTicker = 0;
     tstItem->Count = 0;
+    return true;
+}
 
+// The test's element of data/tst.json into the record, with its tallies reset; null (and
+// state 13) when the test is not configured.
+json_t* readTestConfig(KsTestExec* tstItem) {
     json_t* cfg = findTestConfig(tstItem->TestId);
     if (!cfg) {
         __mv_log(MV_CMN_LOG, LOG_CAT_APP, MV_LOG_CRITICAL,
                  "Test Configuration NOT Found=%u with item=%p for TestId=%u, unable to run test, Status=3 %s|%d",
-                 tstItem->TestId, (void*)tstItem, tstItem->TestId, __func__, __LINE__);
+                 tstItem->TestId, (void*)tstItem, tstItem->TestId, "Kestrane___RunTest", __LINE__);
         tstItem->Status = KS_TEST__NOT_CONFIGURED;
-        return;
+        return nullptr;
     }
-
     KsJson::copyString(cfg, "Name", tstItem->TestName, sizeof tstItem->TestName);
     long long mps = KsJson::number(cfg, "MPS", 100);
     tstItem->MPS = uint32_t(mps <= 0 ? 1 : mps);
@@ -178,23 +185,31 @@ void Kestrane___RunTest(KsTestExec* tstItem) {
     tstItem->RanTimes = 0;
     tstItem->OnGoing = 0;
     tstItem->MPSCounter = 0;
-    void* stepQueue = __ksEngine->M_MPS_Q[tstItem->MPSIndex];
-    __mv_core_queue_set_mps(stepQueue, int(tstItem->MPS));
+    __mv_core_queue_set_mps(__ksEngine->M_MPS_Q[tstItem->MPSIndex], int(tstItem->MPS));
+    return cfg;
+}
 
+// The test's scenario with at least one step; false (states 5 and 6) otherwise.
+bool buildScenario(KsTestExec* tstItem) {
     Kestrane___createScanarioForKsTestExec(tstItem, tstItem->ScenarioID);
     if (!tstItem->ksScanario) {
         __mv_log(MV_CMN_LOG, LOG_CAT_APP, MV_LOG_CRITICAL, "Test Scenario Creation Failed for TestId=%u %s|%d",
-                 tstItem->TestId, __func__, __LINE__);
+                 tstItem->TestId, "Kestrane___RunTest", __LINE__);
         tstItem->Status = KS_TEST__NO_SCENARIO;
-        return;
+        return false;
     }
     if (tstItem->ksScanario->totalSteps < 1) {
         __mv_log(MV_CMN_LOG, LOG_CAT_APP, MV_LOG_CRITICAL, "Test Scenario Creation, No TestSteps Found for TestId=%u %s|%d",
-                 tstItem->TestId, __func__, __LINE__);
+                 tstItem->TestId, "Kestrane___RunTest", __LINE__);
         tstItem->Status = KS_TEST__NO_STEPS;
-        return;
+        return false;
     }
+    return true;
+}
 
+// The free UEs of the test's SUPI range become its list; false (states 9, 11, 12) when
+// there are none.
+bool takeUEsOfRange(KsTestExec* tstItem, json_t* cfg) {
     uint64_t supiStart = 0, supiEnd = 0;
     bool haveStart = supiBound(json_object_get(cfg, "SUPIStartNo"), supiStart);
     bool haveEnd = supiBound(json_object_get(cfg, "SUPIStartEnd"), supiEnd);
@@ -203,8 +218,8 @@ void Kestrane___RunTest(KsTestExec* tstItem) {
         __mv_log(MV_CMN_LOG, LOG_CAT_APP, MV_LOG_CRITICAL,
                  "SUPI Start Or End Number is having 0/negative value, testSUPIStartNo=%lu testSUPIEndNo=%lu unable to "
                  "run test for TestId=%u Status=5 %s|%d",
-                 (unsigned long)supiStart, (unsigned long)supiEnd, tstItem->TestId, __func__, __LINE__);
-        return;
+                 (unsigned long)supiStart, (unsigned long)supiEnd, tstItem->TestId, "Kestrane___RunTest", __LINE__);
+        return false;
     }
     int64_t count = supiEnd >= supiStart ? int64_t(supiEnd - supiStart) + 1 : 0;
     tstItem->Count = int32_t(count > INT32_MAX ? INT32_MAX : count);
@@ -214,11 +229,10 @@ void Kestrane___RunTest(KsTestExec* tstItem) {
                  "UECount for  testSUPIStartNo=%lu testSUPIEndNo=%lu is Count=%u, Unable to start test for TestID=%u  "
                  "Status=6  %s|%d",
                  (unsigned long)supiStart, (unsigned long)supiEnd, uint32_t(count < 0 ? 0 : count), tstItem->TestId,
-                 __func__, __LINE__);
-        return;
+                 "Kestrane___RunTest", __LINE__);
+        return false;
     }
 
-    // Build the UE list of the range.
     tstItem->Head = tstItem->Current = nullptr;
     for (uint64_t n = supiStart; n <= supiEnd; ++n) {
         char imsi[24];
@@ -228,12 +242,12 @@ void Kestrane___RunTest(KsTestExec* tstItem) {
         if (!ue) continue;
         if (ue->TestId != 0) {
             __mv_log(MV_CMN_LOG, LOG_CAT_APP, MV_LOG_ERROR, "UE is already running TestId=%u %s|%d", ue->TestId,
-                     __func__, __LINE__);
+                     "Kestrane___RunTest", __LINE__);
             continue;
         }
         if (ue->CommandId != 0) {
-            __mv_log(MV_CMN_LOG, LOG_CAT_APP, MV_LOG_ERROR, "UE is running CommandId=%u %s|%d", ue->CommandId, __func__,
-                     __LINE__);
+            __mv_log(MV_CMN_LOG, LOG_CAT_APP, MV_LOG_ERROR, "UE is running CommandId=%u %s|%d", ue->CommandId,
+                     "Kestrane___RunTest", __LINE__);
             continue;
         }
         ue->TestNext = nullptr;
@@ -247,10 +261,14 @@ void Kestrane___RunTest(KsTestExec* tstItem) {
     if (!tstItem->Head) {
         tstItem->Status = KS_TEST__NO_UE;
         __mv_log(MV_CMN_LOG, LOG_CAT_APP, MV_LOG_CRITICAL, "UE Not Found For Executing TestId=%u %s|%d", tstItem->TestId,
-                 __func__, __LINE__);
-        return;
+                 "Kestrane___RunTest", __LINE__);
+        return false;
     }
+    return true;
+}
 
+// What an earlier run left on the UEs goes: executions and report events. The UE count.
+uint32_t cleanUEs(KsTestExec* tstItem) {
     uint32_t ueCount = 0;
     for (MV_KsUE* ue = tstItem->Head; ue; ue = ue->TestNext) {
         ue->EndOfTest = 1;
@@ -262,41 +280,47 @@ void Kestrane___RunTest(KsTestExec* tstItem) {
     }
     __mv_log(MV_CMN_LOG, LOG_CAT_APP, MV_LOG_INFO,
              "CleanedUp all cached ksStepExecution with UE count=%u for TestId=%u %s|%d", ueCount, tstItem->TestId,
-             __func__, __LINE__);
+             "Kestrane___RunTest", __LINE__);
     __mv_log(MV_CMN_LOG, LOG_CAT_APP, MV_LOG_INFO, "CleanedUp Previous Report Data UE count=%u for TestId=%u %s|%d",
-             ueCount, tstItem->TestId, __func__, __LINE__);
+             ueCount, tstItem->TestId, "Kestrane___RunTest", __LINE__);
+    return ueCount;
+}
 
-    if (tstItem->AppType == 1) {
-        uint32_t attempts = 0;
-        uint32_t attachedTotal = 0;
-        for (;;) {
-            uint32_t failed = 0, pending = 0;
-            for (MV_KsUE* ue = tstItem->Head; ue; ue = ue->TestNext) {
-                if (ue->_initT3PP != 0) continue;
-                ++pending;
-                ue->EndOfTest = 0;
-                uint32_t attached = 0;
-                KsEngine__FindRANAndLatch(ue, KS_ACCESS__3GPP, &attached, 0);
-                if (attached == 1) ++attachedTotal;
-                else ++failed;
-            }
-            __mv_log(MV_CMN_LOG, LOG_CAT_APP, MV_LOG_CRITICAL,
-                     "attaching UE to Test Execution is in progress attached=%u attached_failed=%u attached_pending=%u "
-                     "for UE count=%u for TestId=%u %s|%d",
-                     attachedTotal, failed, pending, ueCount, tstItem->TestId, __func__, __LINE__);
-            ++attempts;
-            if (attempts > 9) {
-                // The UEs are free before the state says the run is over.
-                for (MV_KsUE* ue = tstItem->Head; ue; ue = ue->TestNext) freeUEOfList(ue);
-                __mv_log(MV_CMN_LOG, LOG_CAT_APP, MV_LOG_CRITICAL, "UE Attached Failed TestId=%u Attempted=%u  %s|%d",
-                         tstItem->TestId, attempts, __func__, __LINE__);
-                tstItem->Status = KS_TEST__NO_UE;
-                return;
-            }
-            if (pending == 0 || attachedTotal >= ueCount) break;
+// A test of application type 1 latches its UEs to RANs first, in up to ten rounds; false
+// (state 9, the UEs freed) when they do not all latch.
+bool attachUEs(KsTestExec* tstItem, uint32_t ueCount) {
+    if (tstItem->AppType != 1) return true;
+    uint32_t attempts = 0;
+    uint32_t attachedTotal = 0;
+    for (;;) {
+        uint32_t failed = 0, pending = 0;
+        for (MV_KsUE* ue = tstItem->Head; ue; ue = ue->TestNext) {
+            if (ue->_initT3PP != 0) continue;
+            ++pending;
+            ue->EndOfTest = 0;
+            uint32_t attached = 0;
+            KsEngine__FindRANAndLatch(ue, KS_ACCESS__3GPP, &attached, 0);
+            if (attached == 1) ++attachedTotal;
+            else ++failed;
         }
+        __mv_log(MV_CMN_LOG, LOG_CAT_APP, MV_LOG_CRITICAL,
+                 "attaching UE to Test Execution is in progress attached=%u attached_failed=%u attached_pending=%u "
+                 "for UE count=%u for TestId=%u %s|%d",
+                 attachedTotal, failed, pending, ueCount, tstItem->TestId, "Kestrane___RunTest", __LINE__);
+        ++attempts;
+        if (attempts > 9) {
+            // The UEs are free before the state says the run is over.
+            for (MV_KsUE* ue = tstItem->Head; ue; ue = ue->TestNext) freeUEOfList(ue);
+            __mv_log(MV_CMN_LOG, LOG_CAT_APP, MV_LOG_CRITICAL, "UE Attached Failed TestId=%u Attempted=%u  %s|%d",
+                     tstItem->TestId, attempts, "Kestrane___RunTest", __LINE__);
+            tstItem->Status = KS_TEST__NO_UE;
+            return false;
+        }
+        if (pending == 0 || attachedTotal >= ueCount) return true;
     }
+}
 
+void preparePasses(KsTestExec* tstItem) {
     if (tstItem->EndAction == 6) tstItem->EndAction = KS_END_ACTION_FOREVER;
     tstItem->ExecutedNoOfTimes = 0;
     tstItem->TotalNoOfTimesToExecute = int32_t(tstItem->EndAction == KS_END_ACTION_FOREVER ? INT32_MAX
@@ -304,112 +328,122 @@ void Kestrane___RunTest(KsTestExec* tstItem) {
     __mv_makeTimeStamp(tstItem->TestStartTime);
     tstItem->ExecutionTicks = 0;
     KsEngine__ReInit_MVCounters(tstItem, 1);
+}
 
-    KsScanario* scanario = tstItem->ksScanario;
-    uint32_t pass = 0;
-    for (;;) {
-        ++pass;
-        KsEngine__ReInit_MVCounters(tstItem, 0);
-        {
-            std::lock_guard g(tstItem->SLock);
-            tstItem->SHead = tstItem->SCurrent = nullptr;
-            for (MV_KsUE* ue = tstItem->Head; ue; ue = ue->TestNext) {
-                ue->ksScanario = scanario;
-                ue->CompletedKsStep = 0;
-                ue->EndOfTest = 0;
-                ue->TotalKsSteps = scanario->totalSteps;
-                ue->TestId = tstItem->TestId;
-                ue->testExec = tstItem;
-                ue->STestNext = nullptr;
-                if (tstItem->SCurrent) tstItem->SCurrent->STestNext = ue;
-                else tstItem->SHead = ue;
-                tstItem->SCurrent = ue;
-            }
-        }
-        tstItem->TotalTestSteps = scanario->totalSteps * int32_t(ueCount);
-        tstItem->CompletedExecutionUECount = 0;
-        tstItem->LastCompletedExecutionUECount = 0;
-        tstItem->ExecutedInSeconds = tstItem->ExecutedInMilliSeconds = 0;
-        if (pass == 1) __mv_StartExecTime(&tstItem->totalStartTime);
-        __mv_StartExecTime(&tstItem->loadStartTime);
-        __mv_StartExecTime(&tstItem->snapStartTime);
-        __mv_log(MV_CMN_LOG, LOG_CAT_APP, MV_LOG_CRITICAL,
-                 "Starting Test (%u Of %u): tstItem=%p  TestId=%u  ksScanario=%p  CompletedKsStep=%u  "
-                 "Total-Steps-Count=%u %s|%d",
-                 pass, uint32_t(tstItem->TotalNoOfTimesToExecute), (void*)tstItem, tstItem->TestId, (void*)scanario, 0u,
-                 uint32_t(scanario->totalSteps), __func__, __LINE__);
-        tstItem->WatchTotalExecSteps = 0;
-        tstItem->LastTotalExecSteps = 0;
-        tstItem->TotalExecSteps = 0;
-        tstItem->CurrentExecutionCount = 0;
-        tstItem->UEGotNULL = 0;
-        tstItem->itercounter = 0;
-        tstItem->MPSCounter = 0;
-        tstItem->ExecutedNoOfTimes = int32_t(pass);
-
-        long periodNs = 999999999L / long(tstItem->NoOfTimes);
-        while (tstItem->CompletedExecutionUECount < tstItem->TotalAttachedUECount) {
-            Kestrane___execScalingModeTest(tstItem, &tstItem->itercounter);
-            ++tstItem->itercounter;
-            if (tstItem->WatchTotalExecSteps > 7) {
-                __mv_log(MV_CMN_LOG, LOG_CAT_APP, MV_LOG_CRITICAL,
-                         "No Progress in Test Cases Execution Since Last %d Seconds, Exiting Test Execution   "
-                         "LastTotalExecSteps=%d, TotalExecSteps=%d   %s|%s|%d",
-                         int(tstItem->WatchTotalExecSteps), tstItem->LastTotalExecSteps, int(tstItem->TotalExecSteps),
-                         __FILE_NAME__, __func__, __LINE__);
-                break;
-            }
-            if (tstItem->Status == KS_TEST__STOP) break;
-            __mv_nanosleep(periodNs);
-        }
-        if (tstItem->EndAction != KS_END_ACTION_FOREVER) {
-            ilogCtr = __mv_core_get_server_timer_tick() - 1;
-            Kestrane___execScalingModeTest(tstItem, &tstItem->itercounter);
-            ++tstItem->itercounter;
-        }
-
-        __mv_EndExecTime(&tstItem->loadStartTime);
-        long secs = tstItem->loadStartTime.lapsed.tv_sec ? tstItem->loadStartTime.lapsed.tv_sec : 1;
-        int32_t completed = tstItem->CompletedExecutionUECount;
-        tstItem->ExecutedTPS = int32_t(completed / secs);
-        tstItem->TotalCompletedExecutionUECount += completed;
-        __mv_log(MV_CMN_LOG, LOG_CAT_APP, MV_LOG_CRITICAL,
-                 "End Of ScalingModeTest=%d TestName=%s   CompletedUEs=%d with TPS=%3d in %ld.%ld seconds, "
-                 "TotalAttachedUECount=%d  TotalTestSteps=%d  TotalExecSteps=%d WriteReport=%d   %s|%d",
-                 int(tstItem->TestId), tstItem->TestName, completed, tstItem->ExecutedTPS,
-                 long(tstItem->loadStartTime.lapsed.tv_sec), long(tstItem->loadStartTime.lapsed.tv_usec / 1000),
-                 tstItem->TotalAttachedUECount.load(), tstItem->TotalTestSteps, int(tstItem->TotalExecSteps),
-                 int(__ksEngine->WriteReport), __func__, __LINE__);
-        __mv_log(MV_PER_LOG, LOG_CAT_CORE, MV_LOG_CRITICAL,
-                 "End Of ScalingModeTest=%d TestName=%s   CompletedUEs=%d with TPS=%3d in %ld.%ld seconds,",
-                 int(tstItem->TestId), tstItem->TestName, completed, tstItem->ExecutedTPS,
-                 long(tstItem->loadStartTime.lapsed.tv_sec), long(tstItem->loadStartTime.lapsed.tv_usec / 1000));
-        __mv_log(MV_PER_LOG, LOG_CAT_CORE, MV_LOG_CRITICAL,
-                 "TotalAttachedUECount=%d  TotalTestSteps=%d  TotalExecSteps=%d   %s|%d", tstItem->TotalAttachedUECount.load(),
-                 tstItem->TotalTestSteps, int(tstItem->TotalExecSteps), __func__, __LINE__);
-        logBoth(MV_PER_LOG, "------------------------------------------------------------------------------------------------");
-
-        tstItem->Percent = 100;
-        tstItem->ExecutedInSeconds = int32_t(tstItem->loadStartTime.lapsed.tv_sec);
-        tstItem->ExecutedInMilliSeconds = int32_t(tstItem->loadStartTime.lapsed.tv_usec / 1000);
-        tstItem->TotalExecutedInSeconds += tstItem->ExecutedInSeconds;
-        tstItem->TotalExecutedInMilliSeconds += tstItem->ExecutedInMilliSeconds;
-        int32_t totalSecs = tstItem->TotalExecutedInSeconds ? tstItem->TotalExecutedInSeconds : 1;
-        tstItem->TotalExecutedTPS = tstItem->TotalCompletedExecutionUECount / totalSecs;
-        KsEngine__ReInit_MVCounters(tstItem, 2);
-        Kestrane___writeTestStats(tstItem, 0);
-
-        for (MV_KsUE* ue = tstItem->Head; ue; ue = ue->TestNext) freeUEOfList(ue);
-
-        bool another = pass < tstItem->EndAction + 1u && tstItem->Status != KS_TEST__STOP && tstItem->EndAction != 7;
-        if (!another) break;
-        // The next pass takes the UEs again.
+// Every UE of the list back to the start of the scenario, on the start list.
+void startPass(KsTestExec* tstItem, KsScanario* scanario, uint32_t pass, uint32_t ueCount) {
+    KsEngine__ReInit_MVCounters(tstItem, 0);
+    {
+        std::lock_guard g(tstItem->SLock);
+        tstItem->SHead = tstItem->SCurrent = nullptr;
         for (MV_KsUE* ue = tstItem->Head; ue; ue = ue->TestNext) {
+            ue->ksScanario = scanario;
+            ue->CompletedKsStep = 0;
+            ue->EndOfTest = 0;
+            ue->TotalKsSteps = scanario->totalSteps;
             ue->TestId = tstItem->TestId;
             ue->testExec = tstItem;
+            ue->STestNext = nullptr;
+            if (tstItem->SCurrent) tstItem->SCurrent->STestNext = ue;
+            else tstItem->SHead = ue;
+            tstItem->SCurrent = ue;
         }
     }
+    tstItem->TotalTestSteps = scanario->totalSteps * int32_t(ueCount);
+    tstItem->CompletedExecutionUECount = 0;
+    tstItem->LastCompletedExecutionUECount = 0;
+    tstItem->ExecutedInSeconds = tstItem->ExecutedInMilliSeconds = 0;
+    if (pass == 1) __mv_StartExecTime(&tstItem->totalStartTime);
+    __mv_StartExecTime(&tstItem->loadStartTime);
+    __mv_StartExecTime(&tstItem->snapStartTime);
+    __mv_log(MV_CMN_LOG, LOG_CAT_APP, MV_LOG_CRITICAL,
+             "Starting Test (%u Of %u): tstItem=%p  TestId=%u  ksScanario=%p  CompletedKsStep=%u  "
+             "Total-Steps-Count=%u %s|%d",
+             pass, uint32_t(tstItem->TotalNoOfTimesToExecute), (void*)tstItem, tstItem->TestId, (void*)scanario, 0u,
+             uint32_t(scanario->totalSteps), "Kestrane___RunTest", __LINE__);
+    tstItem->WatchTotalExecSteps = 0;
+    tstItem->LastTotalExecSteps = 0;
+    tstItem->TotalExecSteps = 0;
+    tstItem->CurrentExecutionCount = 0;
+    tstItem->UEGotNULL = 0;
+    tstItem->itercounter = 0;
+    tstItem->MPSCounter = 0;
+    tstItem->ExecutedNoOfTimes = int32_t(pass);
+}
 
+// The drive loop: UEs start at the test's rate until all have completed, the test is
+// stopped or the no-progress watch ends the pass.
+void drivePass(KsTestExec* tstItem) {
+    long periodNs = 999999999L / long(tstItem->NoOfTimes);
+    while (tstItem->CompletedExecutionUECount < tstItem->TotalAttachedUECount) {
+        Kestrane___execScalingModeTest(tstItem, &tstItem->itercounter);
+        ++tstItem->itercounter;
+        if (tstItem->WatchTotalExecSteps > 7) {
+            __mv_log(MV_CMN_LOG, LOG_CAT_APP, MV_LOG_CRITICAL,
+                     "No Progress in Test Cases Execution Since Last %d Seconds, Exiting Test Execution   "
+                     "LastTotalExecSteps=%d, TotalExecSteps=%d   %s|%s|%d",
+                     int(tstItem->WatchTotalExecSteps), tstItem->LastTotalExecSteps, int(tstItem->TotalExecSteps),
+                     __FILE_NAME__, "Kestrane___RunTest", __LINE__);
+            break;
+        }
+        if (tstItem->Status == KS_TEST__STOP) break;
+        __mv_nanosleep(periodNs);
+    }
+    if (tstItem->EndAction != KS_END_ACTION_FOREVER) {
+        ilogCtr = __mv_core_get_server_timer_tick() - 1;
+        Kestrane___execScalingModeTest(tstItem, &tstItem->itercounter);
+        ++tstItem->itercounter;
+    }
+}
+
+// The pass's figures and its end lines; the UEs are freed. True when another pass follows.
+bool endPass(KsTestExec* tstItem, uint32_t pass) {
+    __mv_EndExecTime(&tstItem->loadStartTime);
+    long secs = tstItem->loadStartTime.lapsed.tv_sec ? tstItem->loadStartTime.lapsed.tv_sec : 1;
+    int32_t completed = tstItem->CompletedExecutionUECount;
+    tstItem->ExecutedTPS = int32_t(completed / secs);
+    tstItem->TotalCompletedExecutionUECount += completed;
+    __mv_log(MV_CMN_LOG, LOG_CAT_APP, MV_LOG_CRITICAL,
+             "End Of ScalingModeTest=%d TestName=%s   CompletedUEs=%d with TPS=%3d in %ld.%ld seconds, "
+             "TotalAttachedUECount=%d  TotalTestSteps=%d  TotalExecSteps=%d WriteReport=%d   %s|%d",
+             int(tstItem->TestId), tstItem->TestName, completed, tstItem->ExecutedTPS,
+             long(tstItem->loadStartTime.lapsed.tv_sec), long(tstItem->loadStartTime.lapsed.tv_usec / 1000),
+             tstItem->TotalAttachedUECount.load(), tstItem->TotalTestSteps, int(tstItem->TotalExecSteps),
+             int(__ksEngine->WriteReport), "Kestrane___RunTest", __LINE__);
+    __mv_log(MV_PER_LOG, LOG_CAT_CORE, MV_LOG_CRITICAL,
+             "End Of ScalingModeTest=%d TestName=%s   CompletedUEs=%d with TPS=%3d in %ld.%ld seconds,",
+             int(tstItem->TestId), tstItem->TestName, completed, tstItem->ExecutedTPS,
+             long(tstItem->loadStartTime.lapsed.tv_sec), long(tstItem->loadStartTime.lapsed.tv_usec / 1000));
+    __mv_log(MV_PER_LOG, LOG_CAT_CORE, MV_LOG_CRITICAL,
+             "TotalAttachedUECount=%d  TotalTestSteps=%d  TotalExecSteps=%d   %s|%d", tstItem->TotalAttachedUECount.load(),
+             tstItem->TotalTestSteps, int(tstItem->TotalExecSteps), "Kestrane___RunTest", __LINE__);
+    logBoth(MV_PER_LOG, "------------------------------------------------------------------------------------------------");
+
+    tstItem->Percent = 100;
+    tstItem->ExecutedInSeconds = int32_t(tstItem->loadStartTime.lapsed.tv_sec);
+    tstItem->ExecutedInMilliSeconds = int32_t(tstItem->loadStartTime.lapsed.tv_usec / 1000);
+    tstItem->TotalExecutedInSeconds += tstItem->ExecutedInSeconds;
+    tstItem->TotalExecutedInMilliSeconds += tstItem->ExecutedInMilliSeconds;
+    int32_t totalSecs = tstItem->TotalExecutedInSeconds ? tstItem->TotalExecutedInSeconds : 1;
+    tstItem->TotalExecutedTPS = tstItem->TotalCompletedExecutionUECount / totalSecs;
+    KsEngine__ReInit_MVCounters(tstItem, 2);
+    Kestrane___writeTestStats(tstItem, 0);
+
+    for (MV_KsUE* ue = tstItem->Head; ue; ue = ue->TestNext) freeUEOfList(ue);
+
+    bool another = pass < tstItem->EndAction + 1u && tstItem->Status != KS_TEST__STOP && tstItem->EndAction != 7;
+    if (!another) return false;
+    // The next pass takes the UEs again.
+    for (MV_KsUE* ue = tstItem->Head; ue; ue = ue->TestNext) {
+        ue->TestId = tstItem->TestId;
+        ue->testExec = tstItem;
+    }
+    return true;
+}
+
+// The run's totals, the UEs of a stopped test freed, the state back to idle, and the
+// chained test queued.
+void finishRun(KsTestExec* tstItem) {
     tstItem->RanTimes = 1;
     __mv_EndExecTime(&tstItem->totalStartTime);
     long totalSecs = tstItem->totalStartTime.lapsed.tv_sec ? tstItem->totalStartTime.lapsed.tv_sec : 1;
@@ -426,20 +460,38 @@ void Kestrane___RunTest(KsTestExec* tstItem) {
             ue->ksStepExecutionItemCount = 0;
         }
         __mv_log(MV_CMN_LOG, LOG_CAT_APP, MV_LOG_CRITICAL, "Interrupted/Stopped TestId=%u  %s|%d", tstItem->TestId,
-                 __func__, __LINE__);
+                 "Kestrane___RunTest", __LINE__);
     } else {
-        __mv_log(MV_CMN_LOG, LOG_CAT_APP, MV_LOG_CRITICAL, "Completed TestId=%u  %s|%d", tstItem->TestId, __func__,
-                 __LINE__);
+        __mv_log(MV_CMN_LOG, LOG_CAT_APP, MV_LOG_CRITICAL, "Completed TestId=%u  %s|%d", tstItem->TestId,
+                 "Kestrane___RunTest", __LINE__);
     }
     tstItem->Status = KS_TEST__IDLE;
 
     if (tstItem->EndAction == 7 && tstItem->SelectTest >= 0) {
         __mv_log(MV_CMN_LOG, LOG_CAT_APP, MV_LOG_CRITICAL,
-                 "Configured Next Test [TestId=%d] to Run, will run in 5 seconds   %s|%d", tstItem->SelectTest, __func__,
-                 __LINE__);
+                 "Configured Next Test [TestId=%d] to Run, will run in 5 seconds   %s|%d", tstItem->SelectTest,
+                 "Kestrane___RunTest", __LINE__);
         for (int i = 0; i < 5; ++i) usleep(999999);
         (void)KsEngine__AddTestToQueue(uint32_t(tstItem->SelectTest), KS_TEST__QUEUED);
     }
+}
+
+}  // namespace
+
+void Kestrane___RunTest(KsTestExec* tstItem) {
+    if (!claimRun(tstItem)) return;
+    json_t* cfg = readTestConfig(tstItem);
+    if (!cfg || !buildScenario(tstItem) || !takeUEsOfRange(tstItem, cfg)) return;
+    uint32_t ueCount = cleanUEs(tstItem);
+    if (!attachUEs(tstItem, ueCount)) return;
+    preparePasses(tstItem);
+    KsScanario* scanario = tstItem->ksScanario;
+    uint32_t pass = 0;
+    do {
+        startPass(tstItem, scanario, ++pass, ueCount);
+        drivePass(tstItem);
+    } while (endPass(tstItem, pass));
+    finishRun(tstItem);
 }
 
 // ---------------------------------------------------------------- the drive loop's body

@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "KsPool.h"
+#include "KsEngine_registry.h"
 #include "Kestrane.h"
 #include "Kestrane_nodes.h"
 #include "Kestrane_seams.h"
@@ -19,6 +20,8 @@ struct CommandRow {
     uint32_t Command;
     StepField Step;
 };
+
+constexpr const char* kInvalid2 = "%s InvalidOption=%u ExecuteByTemplate2 <%s|%s|%d>";
 
 // In command order: lookups bisect it.
 constexpr CommandRow kCommands[] = {
@@ -231,6 +234,8 @@ constexpr bool commandsSorted() {
 static_assert(commandsSorted());
 
 KsStep* commandStep(uint32_t command) {
+    // A module's command stands before a built-in one of its number.
+    if (const KsCommandStepRow* r = KsEngine___registeredCommandStep(command)) return r->Step;
     auto it = std::lower_bound(std::begin(kCommands), std::end(kCommands), command,
                                [](const CommandRow& r, uint32_t c) { return r.Command < c; });
     return it != std::end(kCommands) && it->Command == command ? __ksEngine->*(it->Step) : nullptr;
@@ -255,6 +260,11 @@ void traffic(KsStep* st, uint32_t packetsPerSecond) {
     st->PacketsPerSecond = packetsPerSecond;
     st->Flows = 1;
     st->UploadBytes = 500;
+}
+
+void logNullStep(const char* func) {
+    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "Cannot Add Command ksStep is NULL <%s|%s|%d>", __FILE_NAME__, func,
+             __LINE__);
 }
 
 void logInvalid(MV_KsUE* ksUe, uint32_t option, const char* form) {
@@ -350,6 +360,9 @@ void KsScanario__CreateCommandSteps() {
     for (KsStep* st : {e->step_sendTPDU, e->step_sendTPDU2}) traffic(st, 5);
     for (KsStep* st : {e->step_sendTPDU_ICMP, e->step_sendTPDU2_ICMP, e->step_sendTPDUPackets}) traffic(st, 3);
     for (KsStep* st : {e->step_sendPCAP_TPDU_1_Packet, e->step_sendPCAP_TPDU_All_Packet}) traffic(st, 1);
+    size_t n = 0;
+    KsCommandStepRow* rows = KsEngine___registeredCommandSteps(&n);
+    for (size_t i = 0; i < n; ++i) rows[i].Step = KsScanario__NewStep(rows[i].StepCode, rows[i].StepIndex);
 }
 
 // ---------------------------------------------------------------- the command queue
@@ -389,8 +402,7 @@ MV_KsTestCommand* KsScanario__PopTestCommand(MV_KsUE* ksUe) {
 void KsScanario__AddCommand(MV_KsTestCommand* command, MV_KsUE* ksUe, KsStep* ksStep) {
     if (!command || !ksUe) return;
     if (!ksStep) {
-        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "Cannot Add Command ksStep is NULL <%s|%s|%d>", __FILE_NAME__,
-                 __func__, __LINE__);
+        logNullStep(__func__);
         return;
     }
     uint32_t n = command->Command;
@@ -501,105 +513,140 @@ void KsScanario__AddTemplatedTestCommand(MV_KsTestCommand* command, MV_KsUE* ksU
 
 namespace {
 
-// The step of a templated node command, or null with the log line written. Sets
-// *known to false for an application type without templated steps.
-KsStep* nodeCommandStep(const MV_KsTestCommand* c, MV_KsUE* ue, bool* known) {
+// The templated commands (9999) by application type: which prebuilt step the command's
+// fields pick, and where its templates are looked up. A module's row of the same type
+// stands before these.
+KsStep* pickPFCP(const MV_KsTestCommand* c, MV_KsUE* ue) {
     __mv_ks__engine* e = __ksEngine;
-    uint32_t req = c->IdentityRequestOption;
-    uint32_t cmd = c->FOR;
-    *known = true;
-    KsStep* st = nullptr;
-    bool inRange = true;
-    switch (c->EA0) {
-        case 2:
-            if (req == 0 || req == 3) st = e->step_pfcpSessionEstablishmentRequest;
-            else if (req == 1) st = e->step_pfcpSessionUpdateRequest;
-            else if (req == 2) st = e->step_pfcpSessionDeleteRequest;
-            else inRange = false;
-            break;
-        case 5:
-            if (req == 0) st = e->step_pgwCreateSessionRequest;
-            else if (req == 1) st = e->step_pgwModifyBearerRequest;
-            else if (req == 2) st = e->step_pgwDeleteSessionRequest;
-            else inRange = false;
-            break;
-        case 7: {
-            struct Row {
-                uint16_t itf, cmd;
-                StepField step;
-            };
-            static constexpr Row kHss[] = {
-                {1, 316, &__mv_ks__engine::step_hssULR},   {1, 318, &__mv_ks__engine::step_hssAIR},
-                {1, 321, &__mv_ks__engine::step_hssPUR},   {1, 323, &__mv_ks__engine::step_hssNR},
-                {2, 306, &__mv_ks__engine::step_hssShUDR}, {2, 307, &__mv_ks__engine::step_hssShPUR},
-                {2, 308, &__mv_ks__engine::step_hssShSNR}, {2, 309, &__mv_ks__engine::step_hssShPNR},
-                {3, 300, &__mv_ks__engine::step_hssCxUAR}, {3, 301, &__mv_ks__engine::step_hssCxSAR},
-                {3, 302, &__mv_ks__engine::step_hssCxLIR}, {3, 303, &__mv_ks__engine::step_hssCxMAR},
-                {4, 301, &__mv_ks__engine::step_hssSWxSAR}, {4, 303, &__mv_ks__engine::step_hssSWxMAR},
-                {4, 304, &__mv_ks__engine::step_hssCxRTR}, {4, 305, &__mv_ks__engine::step_hssCxPPR},
-            };
-            inRange = false;
-            for (const Row& r : kHss)
-                if (r.itf == c->EA1 && r.cmd == cmd) {
-                    st = e->*r.step;
-                    inRange = true;
-                }
-            req = cmd;
-            break;
-        }
-        case 10: st = c->AuthOptions == 2 ? e->step_pcrfRxCCRI : e->step_pcrfGxCCRI; break;
-        case 11:
-            if (c->EA1 == 2 && cmd == 265) st = e->step_aaaSWm_AA_Request;
-            else if (c->EA1 == 2 && cmd == 268) st = e->step_aaaSWm_Diameter_EAP_Request;
-            else if (c->EA1 == 2 && cmd == 275) st = e->step_aaaSWm_Session_Termination_Request;
-            else inRange = false;
-            req = cmd;
-            break;
-        case 12: st = c->AuthOptions == 2 ? e->step_chfRoCCRI : e->step_chfGyCCRI; break;
-        case 31:
-            if (req == 0) st = e->step_ggsn_CreatePDPContextRequest;
-            else if (req == 1) st = e->step_ggsn_UpdatePDPContextRequest;
-            else if (req == 2) st = e->step_ggsn_DeletePDPContextRequest;
-            else inRange = false;
-            break;
-        default: *known = false; return nullptr;
+    switch (c->IdentityRequestOption) {
+        case 0:
+        case 3: return e->step_pfcpSessionEstablishmentRequest;
+        case 1: return e->step_pfcpSessionUpdateRequest;
+        case 2: return e->step_pfcpSessionDeleteRequest;
+        default: logInvalid(ue, c->IdentityRequestOption, kInvalid2); return nullptr;
     }
-    if (!inRange) logInvalid(ue, req, "%s InvalidOption=%u ExecuteByTemplate2 <%s|%s|%d>");
+}
+
+KsStep* pickPGW(const MV_KsTestCommand* c, MV_KsUE* ue) {
+    __mv_ks__engine* e = __ksEngine;
+    switch (c->IdentityRequestOption) {
+        case 0: return e->step_pgwCreateSessionRequest;
+        case 1: return e->step_pgwModifyBearerRequest;
+        case 2: return e->step_pgwDeleteSessionRequest;
+        default: logInvalid(ue, c->IdentityRequestOption, kInvalid2); return nullptr;
+    }
+}
+
+KsStep* pickGGSN(const MV_KsTestCommand* c, MV_KsUE* ue) {
+    __mv_ks__engine* e = __ksEngine;
+    switch (c->IdentityRequestOption) {
+        case 0: return e->step_ggsn_CreatePDPContextRequest;
+        case 1: return e->step_ggsn_UpdatePDPContextRequest;
+        case 2: return e->step_ggsn_DeletePDPContextRequest;
+        default: logInvalid(ue, c->IdentityRequestOption, kInvalid2); return nullptr;
+    }
+}
+
+// Diameter commands by interface and command code.
+struct DiamRow {
+    uint16_t itf, cmd;
+    StepField step;
+};
+
+template <size_t N>
+KsStep* pickDiam(const DiamRow (&rows)[N], const MV_KsTestCommand* c, MV_KsUE* ue) {
+    for (const DiamRow& r : rows)
+        if (r.itf == c->EA1 && r.cmd == c->FOR) return __ksEngine->*r.step;
+    logInvalid(ue, c->FOR, kInvalid2);
+    return nullptr;
+}
+
+KsStep* pickHSS(const MV_KsTestCommand* c, MV_KsUE* ue) {
+    static constexpr DiamRow kHss[] = {
+        {1, 316, &__mv_ks__engine::step_hssULR},   {1, 318, &__mv_ks__engine::step_hssAIR},
+        {1, 321, &__mv_ks__engine::step_hssPUR},   {1, 323, &__mv_ks__engine::step_hssNR},
+        {2, 306, &__mv_ks__engine::step_hssShUDR}, {2, 307, &__mv_ks__engine::step_hssShPUR},
+        {2, 308, &__mv_ks__engine::step_hssShSNR}, {2, 309, &__mv_ks__engine::step_hssShPNR},
+        {3, 300, &__mv_ks__engine::step_hssCxUAR}, {3, 301, &__mv_ks__engine::step_hssCxSAR},
+        {3, 302, &__mv_ks__engine::step_hssCxLIR}, {3, 303, &__mv_ks__engine::step_hssCxMAR},
+        {4, 301, &__mv_ks__engine::step_hssSWxSAR}, {4, 303, &__mv_ks__engine::step_hssSWxMAR},
+        {4, 304, &__mv_ks__engine::step_hssCxRTR}, {4, 305, &__mv_ks__engine::step_hssCxPPR},
+    };
+    return pickDiam(kHss, c, ue);
+}
+
+KsStep* pickAAA(const MV_KsTestCommand* c, MV_KsUE* ue) {
+    static constexpr DiamRow kAaa[] = {
+        {2, 265, &__mv_ks__engine::step_aaaSWm_AA_Request},
+        {2, 268, &__mv_ks__engine::step_aaaSWm_Diameter_EAP_Request},
+        {2, 275, &__mv_ks__engine::step_aaaSWm_Session_Termination_Request},
+    };
+    return pickDiam(kAaa, c, ue);
+}
+
+KsStep* pickPCRF(const MV_KsTestCommand* c, MV_KsUE*) {
+    return c->AuthOptions == 2 ? __ksEngine->step_pcrfRxCCRI : __ksEngine->step_pcrfGxCCRI;
+}
+
+// The Ro steps are never made: their command is told that its step is missing.
+KsStep* pickCHF(const MV_KsTestCommand* c, MV_KsUE*) {
+    KsStep* st = c->AuthOptions == 2 ? __ksEngine->step_chfRoCCRI : __ksEngine->step_chfGyCCRI;
+    if (!st) logNullStep("KsScanario__AddCommand");
     return st;
+}
+
+void templatesPFCP(const MV_KsTestCommand* c, KsStep* st) {
+    KsSeam__FindTemplatesForRequestByTemplateForPFCP(c->IdentityRequestOption, c->InitialContextRequest, st);
+}
+void templatesPGW(const MV_KsTestCommand* c, KsStep* st) {
+    KsSeam__FindTemplatesForRequestByTemplateByAppType("PGW", c->IdentityRequestOption, c->InitialContextRequest, st);
+}
+void templatesGGSN(const MV_KsTestCommand* c, KsStep* st) {
+    KsSeam__FindTemplatesForRequestByTemplateByAppType("GGSN", c->IdentityRequestOption, c->InitialContextRequest, st);
+}
+void templatesHSS(const MV_KsTestCommand* c, KsStep* st) {
+    KsSeam__FindTemplatesForRequestByTemplateForDiam(7, "HSS", c->EA1, c->FOR, c->InitialContextRequest, st);
+}
+void templatesAAA(const MV_KsTestCommand* c, KsStep* st) {
+    KsSeam__FindTemplatesForRequestByTemplateForDiam(11, "AAA", c->EA1, c->FOR, c->InitialContextRequest, st);
+}
+void templatesPCRF(const MV_KsTestCommand* c, KsStep* st) {
+    KsSeam__FindTemplatesForRequestByTemplateForDiam(10, "PCRF", c->AuthOptions, c->FOR, c->InitialContextRequest, st);
+}
+void templatesCHF(const MV_KsTestCommand* c, KsStep* st) {
+    KsSeam__FindTemplatesForRequestByTemplateForDiam(12, "CHF", c->AuthOptions, c->FOR, c->InitialContextRequest, st);
+}
+
+constexpr KsTemplatedCommand kTemplated[] = {
+    {2, pickPFCP, templatesPFCP},  {5, pickPGW, templatesPGW},   {7, pickHSS, templatesHSS},
+    {10, pickPCRF, templatesPCRF}, {11, pickAAA, templatesAAA},  {12, pickCHF, templatesCHF},
+    {31, pickGGSN, templatesGGSN},
+};
+
+const KsTemplatedCommand* templatedCommand(uint32_t appType) {
+    if (const KsTemplatedCommand* r = KsEngine___registeredTemplatedCommand(appType)) return r;
+    for (const KsTemplatedCommand& r : kTemplated)
+        if (r.AppType == appType) return &r;
+    return nullptr;
 }
 
 }  // namespace
 
 void KsScanario__AddTemplatedTestCommand2(MV_KsTestCommand* command, MV_KsUE* ksUe) {
-    bool known = true;
-    KsStep* st = nodeCommandStep(command, ksUe, &known);
-    if (!known) {
+    const KsTemplatedCommand* row = templatedCommand(command->EA0);
+    if (!row) {
         __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "unhandled TEMPLATE command for KsTEAppId=%d %s|%d\n",
                  int(command->EA0), __func__, __LINE__);
         __mv_log(MV_CMN_LOG, LOG_CAT_APP, MV_LOG_ERROR, "unhandled TEMPLATE command for KsTEAppId=%d %s|%d\n",
                  int(command->EA0), __func__, __LINE__);
         return;
     }
-    if (!st) {
-        // An out-of-range request is logged above; a null prebuilt step is told by AddCommand.
-        if (command->EA0 == 12) KsScanario__AddCommand(command, ksUe, st);
-        return;
-    }
+    // An out-of-range request or a missing prebuilt step has been told by pick.
+    KsStep* st = row->pick(command, ksUe);
+    if (!st) return;
     KsScanario__AddCommand(command, ksUe, st);
+    if (row->templates) row->templates(command, st);
     uint32_t req = command->IdentityRequestOption, tpl = command->InitialContextRequest;
-    switch (command->EA0) {
-        case 2: KsSeam__FindTemplatesForRequestByTemplateForPFCP(req, tpl, st); break;
-        case 5: KsSeam__FindTemplatesForRequestByTemplateByAppType("PGW", req, tpl, st); break;
-        case 31: KsSeam__FindTemplatesForRequestByTemplateByAppType("GGSN", req, tpl, st); break;
-        case 7: KsSeam__FindTemplatesForRequestByTemplateForDiam(7, "HSS", command->EA1, command->FOR, tpl, st); break;
-        case 11: KsSeam__FindTemplatesForRequestByTemplateForDiam(11, "AAA", command->EA1, command->FOR, tpl, st); break;
-        case 10:
-            KsSeam__FindTemplatesForRequestByTemplateForDiam(10, "PCRF", command->AuthOptions, command->FOR, tpl, st);
-            break;
-        case 12:
-            KsSeam__FindTemplatesForRequestByTemplateForDiam(12, "CHF", command->AuthOptions, command->FOR, tpl, st);
-            break;
-    }
     __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_INFO, "%s request=%u  templateId=%u  regTemplate=%p [%s] <%s|%s|%d>",
              KsUE__supi(ksUe), req, tpl, (void*)st->nas5G_regTemplate, st->nas5G_regTemplate ? "template" : "-",
              __FILE_NAME__, __func__, __LINE__);

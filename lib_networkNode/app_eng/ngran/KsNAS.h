@@ -82,6 +82,24 @@ uint8_t KsNAS__authentication_failure_cause(int status);
 [[nodiscard]] int KsNAS__process_security_header(MV_KsUE* ue, uint8_t* data, uint32_t len, uint8_t bearer,
                                                  uint8_t ngapProcCode, __naspduDecode* decode);
 
+// ---------------------------------------------------------------- the step runner
+
+// Registers the runner of StepIndex 0..999 and 12000 and above.
+void KsNAS__Init();
+// Runs the UE's current step on the bearer's access (1 3GPP, 2 non-3GPP).
+void KsNAS__runStep_FQ(MV_KsUE* ksUe, int bearer);
+// Timer expiries of the sleep step, and the completion it posts to the UE's line.
+void KsNAS__on_tgpp_sleep_complete(void* ue);
+void KsNAS__on_ntgpp_sleep_complete(void* ue);
+void KsNAS__on_sleep_complete_handler(void* ue);
+// Timer callback of a PDU session step with several sessions: asks for the next one.
+void KsNAS__send_pdusession_request_3gpp(void* ue);
+// Within a PDU session step (code 6): marks the session of that id set up; while others
+// are pending the next is asked for after a second, else the step completes after one.
+void KsScanario__UpdatePduSesssionStep(uint8_t pduSessionId, MV_KsUE* ksUe);
+// Completes the PDU session step on the UE's line (a timer callback).
+void KsScanario__PduNextStep(void* ue);
+
 // ---------------------------------------------------------------- inbound NAS
 
 // Every NAS PDU for the UE: the security header, then the 5GMM dispatch.

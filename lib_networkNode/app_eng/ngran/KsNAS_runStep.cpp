@@ -1,8 +1,11 @@
 // The 5G UE's step runner. Only the sleep step stands here so far; the protocol
-// steps join with the NAS procedures.
+// steps join with the NAS procedures. The module registers the runner for its
+// StepIndex ranges when it starts.
+#include <cstdio>
 #include <cstdlib>
 
-#include "Kestrane.h"
+#include "KsEngine_step.h"
+#include "KsNAS.h"
 
 namespace {
 
@@ -10,13 +13,20 @@ void sleepComplete(MV_KsUE* ksUe) {
     if (KsScanario__CurrentStepEquals(ksUe, KS_STEP__SLEEP) != 1) return;
     if (ksUe->TGPP.ranUeContext) {
         // Completion then runs in order with the UE's protocol events.
-        __mv_core_queue_fsm2(__ksEngine->fsmNGAPProcessingQueue,
-                             uint32_t(ksUe->ueId % __ksEngine->fsmNGAPProcessingThreadCount), ksUe,
-                             KsNAS__on_sleep_complete_handler);
+        KsEngine__PostToUELine(ksUe, KsNAS__on_sleep_complete_handler);
         return;
     }
     KS_COMPLETE_STEP(ksUe, KS_STEP__SLEEP);
 }
+
+void pduNextStepOnLine(void* ue) {
+    auto* ksUe = static_cast<MV_KsUE*>(ue);
+    // The UE may have moved on (a timeout) while the timer ran: only step 6 is ours to end.
+    if (KsScanario__CurrentStepEquals(ksUe, KS_STEP__PDU_SESSION) != 1) return;
+    KS_COMPLETE_STEP(ksUe, KS_STEP__PDU_SESSION);
+}
+
+void runOn3gpp(MV_KsUE* ksUe) { KsNAS__runStep_FQ(ksUe, KS_BEARER__3GPP); }
 
 }  // namespace
 
@@ -24,9 +34,7 @@ void KsNAS__on_sleep_complete_handler(void* ue) { KS_COMPLETE_STEP(static_cast<M
 
 // Timer expiries arrive on a queue line; the UE's own line runs the completion.
 void KsNAS__on_tgpp_sleep_complete(void* ue) {
-    auto* ksUe = static_cast<MV_KsUE*>(ue);
-    __mv_core_queue_fsm2(__ksEngine->fsmNGAPProcessingQueue, uint32_t(ksUe->ueId % __ksEngine->fsmNGAPProcessingThreadCount),
-                         ksUe, [](void* u) { sleepComplete(static_cast<MV_KsUE*>(u)); });
+    KsEngine__PostToUELine(static_cast<MV_KsUE*>(ue), [](void* u) { sleepComplete(static_cast<MV_KsUE*>(u)); });
 }
 
 void KsNAS__on_ntgpp_sleep_complete(void* ue) { KsNAS__on_tgpp_sleep_complete(ue); }
@@ -59,41 +67,50 @@ void KsNAS__runStep_FQ(MV_KsUE* ksUe, int bearer) {
     }
 }
 
-void Kestrane___runnerNotAvailable(MV_KsUE* ksUe, const char* runner) {
-    if (!ksUe->ksStepExecution) ksUe->ksStepExecution = ksUe->ksStepExecutionHead;
-    KsStep* st = ksUe->ksStepExecution ? ksUe->ksStepExecution->ksStep : nullptr;
-    uint32_t code = st ? st->StepCode : ksUe->StepCode;
-    ksUe->StepCode = code;
-    if (KsTestExec* t = ksUe->testExec) {
-        ++t->StepSendFailed.SendFailed;
-        ++t->StepSendFailed.Total;
-    }
-    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "[%s] StepCode=%u has no runner in this build (%s), counted as send-failed %s|%d",
-             KsUE__supi(ksUe), code, runner, __func__, __LINE__);
-    KS_COMPLETE_STEP(ksUe, code);
-}
+// ---------------------------------------------------------------- PDU session steps
 
-void KsPFCP__runStep_FQ(MV_KsUE* ksUe) { Kestrane___runnerNotAvailable(ksUe, __func__); }
-void KsPGW__runStep_FQ(MV_KsUE* ksUe) { Kestrane___runnerNotAvailable(ksUe, __func__); }
-void KsSGW__runStep_FQ(MV_KsUE* ksUe) { Kestrane___runnerNotAvailable(ksUe, __func__); }
-void KsS1AP__runStep_FQ(MV_KsUE* ksUe) { Kestrane___runnerNotAvailable(ksUe, __func__); }
-void KsGGSN__runStep_FQ(MV_KsUE* ksUe) { Kestrane___runnerNotAvailable(ksUe, __func__); }
-void Ks4GEIR__runStep_FQ(MV_KsUE* ksUe) { Kestrane___runnerNotAvailable(ksUe, __func__); }
-void KsAAA__runStep_FQ(MV_KsUE* ksUe) { Kestrane___runnerNotAvailable(ksUe, __func__); }
-void KsCHF__runStep_FQ(MV_KsUE* ksUe) { Kestrane___runnerNotAvailable(ksUe, __func__); }
-void KsPCRF__runStep_FQ(MV_KsUE* ksUe) { Kestrane___runnerNotAvailable(ksUe, __func__); }
-void KsHSS__runStep_FQ(MV_KsUE* ksUe, int) { Kestrane___runnerNotAvailable(ksUe, __func__); }
-void KsSMF__runStep_FQ(MV_KsUE* ksUe) { Kestrane___runnerNotAvailable(ksUe, __func__); }
-void Ks5GEIR__runStep_FQ(MV_KsUE* ksUe) { Kestrane___runnerNotAvailable(ksUe, __func__); }
+// Timer expiries arrive on a queue line; the UE's own line runs the completion.
+void KsScanario__PduNextStep(void* ue) { KsEngine__PostToUELine(static_cast<MV_KsUE*>(ue), pduNextStepOnLine); }
+
+void KsScanario__UpdatePduSesssionStep(uint8_t pduSessionId, MV_KsUE* ksUe) {
+    KsStepExecution* e = KsScanario__GetKsExecution(ksUe);
+    if (!e || !e->ksStep || e->ksStep->StepCode != KS_STEP__PDU_SESSION) {
+        printf("Step Not matched %s|%s|%d\n", __FILE_NAME__, __func__, __LINE__);
+        return;
+    }
+    int pending = 0;
+    __ks_pduSessionSetupInfo* next = nullptr;
+    for (__ks_pduSessionSetupInfo* p = e->pduSessionSetupHead; p; p = p->Next) {
+        if (p->Info && p->Info->PDUSessionId == pduSessionId) {
+            p->SetupCompleted = 1;
+        } else if (!p->SetupCompleted) {
+            ++pending;
+            if (!next) next = p;
+        }
+    }
+    printf("hasPendingPduSessions=%d %s|%s|%d\n", pending, __FILE_NAME__, __func__, __LINE__);
+    if (pending > 0) {
+        e->pduSessionSetupItem = next;
+        if (!__mv_core_start_timer(ksUe, KsNAS__send_pdusession_request_3gpp, 1))
+            KsNAS__send_pdusession_request_3gpp(ksUe);
+        return;
+    }
+    if (!__mv_core_start_timer(ksUe, KsScanario__PduNextStep, 1)) pduNextStepOnLine(ksUe);
+}
 
 // The next session of a PDU session step is asked for by the 5G session procedures,
 // which are not part of this build: the step ends as a step without a runner does.
 void KsNAS__send_pdusession_request_3gpp(void* ue) {
-    auto* ksUe = static_cast<MV_KsUE*>(ue);
-    __mv_core_queue_fsm2(__ksEngine->fsmNGAPProcessingQueue, uint32_t(ksUe->ueId % __ksEngine->fsmNGAPProcessingThreadCount),
-                         ksUe, [](void* u) {
-                             auto* k = static_cast<MV_KsUE*>(u);
-                             if (KsScanario__CurrentStepEquals(k, KS_STEP__PDU_SESSION) == 1)
-                                 Kestrane___runnerNotAvailable(k, "KsNAS__send_pdusession_request_3gpp");
-                         });
+    KsEngine__PostToUELine(static_cast<MV_KsUE*>(ue), [](void* u) {
+        auto* k = static_cast<MV_KsUE*>(u);
+        if (KsScanario__CurrentStepEquals(k, KS_STEP__PDU_SESSION) == 1)
+            Kestrane___runnerNotAvailable(k, "KsNAS__send_pdusession_request_3gpp");
+    });
+}
+
+// ---------------------------------------------------------------- start
+
+void KsNAS__Init() {
+    KsEngine__RegisterRunner(0, 999, "KsNAS__runStep_FQ", runOn3gpp);
+    KsEngine__RegisterRunner(12000, UINT32_MAX, "KsNAS__runStep_FQ", runOn3gpp);
 }

@@ -2,8 +2,7 @@
 // scheme or concealed with the home network's key, and the algorithms it offers.
 #include <cstring>
 
-#include "Kestrane.h"
-#include "Kestrane_seams.h"
+#include "KsEngine_step.h"
 #include "KsNAS.h"
 #include "Kestrane_nodes.h"
 #include "mv_bytes.h"

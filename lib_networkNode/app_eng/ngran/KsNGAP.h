@@ -16,6 +16,9 @@ typedef __mv_ngap_node MV_NGAPNode;
 
 // ---------------------------------------------------------------- connections (KsNGAP_path.cpp)
 
+// The gNB's start: its NGAP handler joins start-up, and RAN-AMF connections open here.
+void KsNGAP__Init();
+
 int KsNGAP__StartAMFConnection(MV_KsRanAmfConnection* conn);
 void KsNGAP_on_connected_to_amf(MV_Socket* siSocket);
 void KsNGAP_on_amf_connection_close(MV_Socket* siSocket);
@@ -50,6 +53,9 @@ void KsNGAP__SetPath(const KsNGAPPath* path);
 
 // The application callback of the NGAP node layer: owns and frees `msg`.
 void KsNGAP__handle_ngap_message(uint8_t procedureCode, uint8_t messageType, void* msg, MV_NGAPNode* node);
+// The node layer's error callback: input from the AMF that could not be taken as it came
+// is counted in NGAPErrors and logged with the AMF and the message kind.
+void KsNGAP__handle_bad_input(MV_NGAPNode* node, int procedureCode, int form, const char* reason);
 // `node` may be null where no association stands (tests); its CloseCause is then left.
 void KsNGAP__handle_NGSetupResponse(MV_KsRanAmfConnection* conn, MV_AMF_DT_NGSetupResponse* msg);
 void KsNGAP__handle_NGSetupFailure(MV_KsRanAmfConnection* conn, MV_NGAPNode* node, MV_AMF_DT_NGSetupFailure* msg);
@@ -62,6 +68,24 @@ MV_KsNGRanUeContext* KsNGAP___GetKsNGRanUeContext(const MV_KsNGRan* ran, uint64_
 void KsNGAP__ReleaseRanUeContext(MV_KsUE* ue, uint8_t bearer);
 
 // ---------------------------------------------------------------- builders (KsNGAP_build.cpp)
+
+// What a builder could not read or left out of a record. Builders change no state and
+// print nothing: they note, and the caller reports (KsNGAP___reportBuildNotes).
+struct KsNgapBuildNote {
+    enum Kind : uint8_t { BadHexTAC, BadHexPLMN, PlmnWithoutSlice, TaWithoutPlmn } kind;
+    const char* text;  // a bad hexadecimal value, as the JSON tree holds it
+    uint8_t plmn[3], tac[3];
+};
+struct KsNgapBuildNotes {
+    static constexpr size_t kMax = 16;
+    KsNgapBuildNote notes[kMax];
+    size_t count = 0;
+    size_t past = 0;  // notes beyond kMax, counted only
+    void add(const KsNgapBuildNote& n) {
+        if (count < kMax) notes[count++] = n;
+        else ++past;
+    }
+};
 
 // Three PLMN bytes of TS 38.413 (TS 24.008 digit order); short inputs leave `out`.
 void KsNGAP_get_plmnHex(uint8_t* out, const char* mcc, const char* mnc);
@@ -86,13 +110,20 @@ void KsNGAP_utils_set_NR_CGI(MV_AMF_DT_NR_CGI** cgi, const uint8_t* hexPlmn);
 void KsNGAP_utils_set_UserLocationInformationNR(MV_AMF_DT_UserLocationInformationNR** nr, const uint8_t* hexPlmn);
 // Alternative 1, NR, with no time stamp: the PLMN, the default cell and TAC 1.
 void KsNGAP_utils_set_UserLocationInformation(MV_AMF_DT_UserLocationInformation** uli, const uint8_t* hexPlmn);
-// A location from JSON (Type 1, ULINR with NRCGI and TAI); 1 when built, else 0.
+// A location from JSON (Type 1, ULINR with NRCGI and TAI); 1 when built, else 0. When the
+// TAI names its PLMN, taiPlmn (3 octets, may be null) receives it and *taiPlmnSet is 1.
+int KsNGAP___build_UserLocationInformation_json(MV_AMF_DT_UserLocationInformation** uli, json_t* json,
+                                                uint8_t* taiPlmn, int* taiPlmnSet);
+// The same, and the TAI's PLMN names the UE's serving network (KsNGAP_handle.cpp).
 int KsNGAP_utils_set_UserLocationInformation_json(MV_AMF_DT_UserLocationInformation** uli, json_t* json, MV_KsUE* ue);
 // One SupportedTAItem from a JSON entry, appended to the list; 1 when added.
-int KsNGAP__add_tai_json(MV_AMF_DT_SupportedTAList** list, json_t* entry);
+int KsNGAP__add_tai_json(MV_AMF_DT_SupportedTAList** list, json_t* entry, KsNgapBuildNotes* notes = nullptr);
 
 // The records the connection commands send, built from the RAN node: the caller frees
 // them with the PDU's memfree operation.
-MV_AMF_DT_NGSetupRequest* KsNGAP___build_NGSetupRequest(const MV_KsNGRan* ran);
-MV_AMF_DT_RANConfigurationUpdate* KsNGAP___build_RANConfigurationUpdate(const MV_KsNGRan* ran);
+MV_AMF_DT_NGSetupRequest* KsNGAP___build_NGSetupRequest(const MV_KsNGRan* ran, KsNgapBuildNotes* notes = nullptr);
+MV_AMF_DT_RANConfigurationUpdate* KsNGAP___build_RANConfigurationUpdate(const MV_KsNGRan* ran,
+                                                                         KsNgapBuildNotes* notes = nullptr);
+// The lines of what the builders noted: the design's texts (KsNGAP_path.cpp).
+void KsNGAP___reportBuildNotes(const KsNgapBuildNotes& notes);
 MV_AMF_DT_NGReset* KsNGAP___build_NGReset(void);

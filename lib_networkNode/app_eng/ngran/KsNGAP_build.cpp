@@ -1,9 +1,8 @@
-// Builders of the gNB: configuration records in, NGAP records out. No I/O and no
-// state changes here.
-#include <cstdio>
+// Builders of the gNB: configuration records in, NGAP records out. No I/O, no state
+// changes and no output here: what could not be built is noted for the caller.
 #include <cstring>
 
-#include "Kestrane.h"
+#include "KsEngine_step.h"
 #include "mv_bytes.h"
 #include "KsNGAP.h"
 
@@ -45,6 +44,15 @@ void appendItem(Holder* holder, __mv_asn_list* Holder::*member, void* item) {
 
 MV_AMF_DT_PLMNIdentity* plmnRec(const uint8_t* hexPlmn);
 
+void note(KsNgapBuildNotes* notes, KsNgapBuildNote::Kind kind, const char* text, const uint8_t* plmn,
+          const uint8_t* tac) {
+    if (!notes) return;
+    KsNgapBuildNote n{kind, text, {0, 0, 0}, {0, 0, 0}};
+    if (plmn) memcpy(n.plmn, plmn, 3);
+    if (tac) memcpy(n.tac, tac, 3);
+    notes->add(n);
+}
+
 MV_AMF_DT_SliceSupportList* sliceList(json_t* slices, bool hexForm) {
     if (!json_is_array(slices) || json_array_size(slices) == 0) return nullptr;
     MV_AMF_DT_SliceSupportList* list = nullptr;
@@ -78,12 +86,12 @@ MV_AMF_DT_SliceSupportList* sliceList(json_t* slices, bool hexForm) {
     return list;
 }
 
-MV_AMF_DT_SupportedTAList* supportedTAList(json_t* tas) {
+MV_AMF_DT_SupportedTAList* supportedTAList(json_t* tas, KsNgapBuildNotes* notes) {
     if (!json_is_array(tas) || json_array_size(tas) == 0) return nullptr;
     MV_AMF_DT_SupportedTAList* list = nullptr;
     size_t i;
     json_t* ta;
-    json_array_foreach(tas, i, ta) KsNGAP__add_tai_json(&list, ta);
+    json_array_foreach(tas, i, ta) KsNGAP__add_tai_json(&list, ta, notes);
     return list;
 }
 
@@ -264,8 +272,8 @@ void KsNGAP_utils_set_UserLocationInformation(MV_AMF_DT_UserLocationInformation*
     *uli = uliNR(cgiRec(hexPlmn, nullptr), taiRec(hexPlmn, tacRec(1)));
 }
 
-int KsNGAP_utils_set_UserLocationInformation_json(MV_AMF_DT_UserLocationInformation** uli, json_t* json,
-                                                  MV_KsUE* ue) {
+int KsNGAP___build_UserLocationInformation_json(MV_AMF_DT_UserLocationInformation** uli, json_t* json,
+                                                uint8_t* taiPlmnOut, int* taiPlmnSet) {
     if (!uli || !json_is_object(json) || json_integer_value(json_object_get(json, "Type")) != 1) return 0;
     json_t* nr = json_object_get(json, "ULINR");
     // Members that are absent leave zero bytes in place of the defaults.
@@ -274,28 +282,27 @@ int KsNGAP_utils_set_UserLocationInformation_json(MV_AMF_DT_UserLocationInformat
     json_t* tai = json_object_get(nr, "TAI");
     hexBytes(json_string_value(json_object_get(cgi, "HexPLMN")), cgiPlmn, 3);
     hexBytes(json_string_value(json_object_get(cgi, "HexNRCellID")), cell, 5);
-    bool taiPlmnSet = hexBytes(json_string_value(json_object_get(tai, "HexPLMN")), taiPlmn, 3);
+    bool taiPlmnSet_ = hexBytes(json_string_value(json_object_get(tai, "HexPLMN")), taiPlmn, 3);
     hexBytes(json_string_value(json_object_get(tai, "HexTAC")), tac, 3);
     // A cell identity has 36 bits: the last four bits of the fifth byte are not sent.
     cell[4] &= 0xF0;
 
     MV_AMF_DT_UserLocationInformation* l = uliNR(cgiRec(cgiPlmn, cell), taiRec(taiPlmn, octets<MV_AMF_DT_TAC>(tac, 3)));
     *uli = l;
-    if (taiPlmnSet && ue) KsEngine__SetUEsSNN2(ue, taiPlmn);
+    if (taiPlmnOut && taiPlmnSet_) memcpy(taiPlmnOut, taiPlmn, 3);
+    if (taiPlmnSet) *taiPlmnSet = taiPlmnSet_ ? 1 : 0;
     return 1;
 }
 
 // ---------------------------------------------------------------- supported TAs
 
-int KsNGAP__add_tai_json(MV_AMF_DT_SupportedTAList** list, json_t* entry) {
+int KsNGAP__add_tai_json(MV_AMF_DT_SupportedTAList** list, json_t* entry, KsNgapBuildNotes* notes) {
     if (!list || !json_is_object(entry)) return 0;
     bool hexForm = json_object_get(entry, "HexTAC") != nullptr;
     uint8_t tac[3] = {0, 0, 0};
     if (hexForm) {
         const char* t = json_string_value(json_object_get(entry, "HexTAC"));
-        if (!hexBytes(t, tac, 3))
-            printf("HexTAC for SupportedTAItem is not length-6 [%s] <%s|%s|%d>\n", t ? t : "", __FILE_NAME__, __func__,
-                   __LINE__);
+        if (!hexBytes(t, tac, 3)) note(notes, KsNgapBuildNote::BadHexTAC, t, nullptr, nullptr);
     } else {
         uint32_t v = uint32_t(json_integer_value(json_object_get(entry, "TAC")));
         tac[0] = uint8_t(v >> 16);
@@ -313,8 +320,7 @@ int KsNGAP__add_tai_json(MV_AMF_DT_SupportedTAList** list, json_t* entry) {
         uint8_t plmn[3] = {0, 0, 0};
         if (hexForm) {
             const char* h = json_string_value(json_object_get(p, "HexPLMN"));
-            if (!hexBytes(h, plmn, 3))
-                printf("HexPLMN is not length-6 [%s] <%s|%s|%d>\n", h ? h : "", __FILE_NAME__, __func__, __LINE__);
+            if (!hexBytes(h, plmn, 3)) note(notes, KsNgapBuildNote::BadHexPLMN, h, nullptr, nullptr);
         } else {
             const char* mcc = json_string_value(json_object_get(p, "MCC"));
             const char* mnc = json_string_value(json_object_get(p, "MNC"));
@@ -325,9 +331,7 @@ int KsNGAP__add_tai_json(MV_AMF_DT_SupportedTAList** list, json_t* entry) {
         // without one would make the whole message unencodable, so it is left out.
         MV_AMF_DT_SliceSupportList* slices = sliceList(json_object_get(p, "TAISliceSupportList"), hexForm);
         if (!slices) {
-            __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
-                     "Broadcast PLMN %02X%02X%02X of TAC %02X%02X%02X has no slice, left out <%s|%s|%d>", plmn[0],
-                     plmn[1], plmn[2], tac[0], tac[1], tac[2], __FILE_NAME__, __func__, __LINE__);
+            note(notes, KsNgapBuildNote::PlmnWithoutSlice, nullptr, plmn, tac);
             continue;
         }
         auto* b = newRec<MV_AMF_DT_BroadcastPLMNItem>();
@@ -336,9 +340,7 @@ int KsNGAP__add_tai_json(MV_AMF_DT_SupportedTAList** list, json_t* entry) {
         appendItem(item->broadcastPLMNList, &MV_AMF_DT_BroadcastPLMNList::BroadcastPLMNItem, b);
     }
     if (!item->broadcastPLMNList->BroadcastPLMNItem) {
-        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
-                 "SupportedTAItem TAC %02X%02X%02X has no broadcast PLMN, left out <%s|%s|%d>", tac[0], tac[1], tac[2],
-                 __FILE_NAME__, __func__, __LINE__);
+        note(notes, KsNgapBuildNote::TaWithoutPlmn, nullptr, nullptr, tac);
         __mv_amf_memfree_SupportedTAItem(item);
         return 0;
     }
@@ -349,12 +351,12 @@ int KsNGAP__add_tai_json(MV_AMF_DT_SupportedTAList** list, json_t* entry) {
 
 // ---------------------------------------------------------------- messages
 
-MV_AMF_DT_NGSetupRequest* KsNGAP___build_NGSetupRequest(const MV_KsNGRan* ran) {
+MV_AMF_DT_NGSetupRequest* KsNGAP___build_NGSetupRequest(const MV_KsNGRan* ran, KsNgapBuildNotes* notes) {
     auto* r = newRec<MV_AMF_DT_NGSetupRequest>();
     if (!ran) return r;
     if ((r->globalRANNodeID = globalRANNodeID(ran))) r->globalRANNodeID_isset = 1;
     if ((r->rANNodeName = nodeName(ran))) r->rANNodeName_isset = 1;
-    if ((r->supportedTAList = supportedTAList(ran->SupportedTAList))) r->supportedTAList_isset = 1;
+    if ((r->supportedTAList = supportedTAList(ran->SupportedTAList, notes))) r->supportedTAList_isset = 1;
     r->defaultPagingDRX = 2;  // v128
     r->defaultPagingDRX_isset = 1;
     if (ran->UERetention == 1) {
@@ -364,11 +366,12 @@ MV_AMF_DT_NGSetupRequest* KsNGAP___build_NGSetupRequest(const MV_KsNGRan* ran) {
     return r;
 }
 
-MV_AMF_DT_RANConfigurationUpdate* KsNGAP___build_RANConfigurationUpdate(const MV_KsNGRan* ran) {
+MV_AMF_DT_RANConfigurationUpdate* KsNGAP___build_RANConfigurationUpdate(const MV_KsNGRan* ran,
+                                                                         KsNgapBuildNotes* notes) {
     auto* r = newRec<MV_AMF_DT_RANConfigurationUpdate>();
     if (!ran) return r;
     if ((r->rANNodeName = nodeName(ran))) r->rANNodeName_isset = 1;
-    if ((r->supportedTAList = supportedTAList(ran->SupportedTAList))) r->supportedTAList_isset = 1;
+    if ((r->supportedTAList = supportedTAList(ran->SupportedTAList, notes))) r->supportedTAList_isset = 1;
     r->defaultPagingDRX = 2;
     r->defaultPagingDRX_isset = 1;
     return r;

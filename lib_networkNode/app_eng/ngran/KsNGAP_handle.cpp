@@ -1,29 +1,17 @@
 // Handlers of the gNB's NG interface: every decoded NGAP message from an AMF arrives
 // here on the association's read thread, changes the connection's state, and is
 // freed.
+#include <array>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 
-#include "Kestrane.h"
+#include "KsEngine_step.h"
 #include "KsNGAP.h"
+#include "mv_amf_asn_procs.h"
 #include "mv_socket_engine.h"
 
 namespace {
-
-void freeMessage(uint8_t procedureCode, uint8_t form, void* msg) {
-    if (!msg) return;
-    for (unsigned i = 0; i < mv_asn_amf::kPduCount; ++i) {
-        const MvAsnPdu& p = mv_asn_amf::kPdus[i];
-        if (p.procedureCode == procedureCode && p.form == form) {
-            __mv_asn_memfree_pdu(&p, msg);
-            return;
-        }
-    }
-    // No record type for this pair: the node layer never hands one over, so this is a
-    // caller's mistake; leaking is safer than freeing with the wrong layout.
-    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "no NGAP record for procedureCode=%u form=%u, not freed <%s|%s|%d>",
-             procedureCode, form, __FILE_NAME__, __func__, __LINE__);
-}
 
 const char* causeGroupName(uint8_t group) {
     static constexpr const char* kNames[] = {"radioNetwork", "transport", "nas", "protocol", "misc"};
@@ -40,26 +28,6 @@ uint8_t causeValue(const MV_AMF_DT_Cause* c) {
         default: return 0;
     }
 }
-
-// Messages of UE-associated signalling and mobility, acted on by the gNB's UE side.
-// That side is not part of this build: they are logged and dropped.
-void notBuilt(uint8_t procedureCode, uint8_t form, void* msg) {
-    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
-             "UE-associated NGAP handling is not part of this build, procedureCode=%u form=%u dropped <%s|%s|%d>",
-             procedureCode, form, __FILE_NAME__, __func__, __LINE__);
-    freeMessage(procedureCode, form, msg);
-}
-
-template <size_t N>
-bool in(const uint8_t (&codes)[N], uint8_t c) {
-    for (uint8_t x : codes)
-        if (x == c) return true;
-    return false;
-}
-
-constexpr uint8_t kInitiatingUE[] = {4, 7, 13, 14, 26, 28, 29, 36, 40, 41};
-constexpr uint8_t kInitiatingDropped[] = {0, 1, 3, 5, 6, 8, 16, 20, 22, 23, 24, 31, 32, 39, 43, 45, 51};
-constexpr uint8_t kSuccessfulDropped[] = {10, 20, 27, 35};
 
 }  // namespace
 
@@ -113,6 +81,17 @@ void KsNGAP__ReleaseRanUeContext(MV_KsUE* ue, uint8_t bearer) {
     ctx->ranAmfConn = nullptr;
     ctx->ksUe = nullptr;
     KsEngine__ReleaseKsNGRanUeContext(ctx->ran, ctx);
+}
+
+// ---------------------------------------------------------------- UE state from a location
+
+int KsNGAP_utils_set_UserLocationInformation_json(MV_AMF_DT_UserLocationInformation** uli, json_t* json,
+                                                  MV_KsUE* ue) {
+    uint8_t plmn[3];
+    int plmnSet = 0;
+    if (KsNGAP___build_UserLocationInformation_json(uli, json, plmn, &plmnSet) != 1) return 0;
+    if (plmnSet && ue) KsEngine__SetUEsSNN2(ue, plmn);
+    return 1;
 }
 
 // ---------------------------------------------------------------- NG Setup
@@ -231,61 +210,168 @@ void KsNGAP__handle_ErrorIndication(MV_KsRanAmfConnection* conn, MV_AMF_DT_Error
     }
 }
 
+// ---------------------------------------------------------------- bad input
+
+void KsNGAP__handle_bad_input(MV_NGAPNode* node, int procedureCode, int form, const char* reason) {
+    if (__ksEngine) ++__ksEngine->NGAPErrors;
+    MV_KsRanAmfConnection* conn = KsNGAP___ConnectionOfNode(node);
+    const MV_KsAmf* amf = conn ? conn->amf : nullptr;
+    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
+             "NGAP from AMF-ID[%u]-IP[%s]-PORT[%d] on ranAmfConn-ID=%u: %s, procedureCode=%d form=%d <%s|%s|%d>",
+             amf ? amf->ID : 0u, amf ? amf->IP[0] : "-", amf ? int(amf->Port) : 0, conn ? conn->ID : 0u,
+             reason ? reason : "", procedureCode, form, __FILE_NAME__, __func__, __LINE__);
+}
+
 // ---------------------------------------------------------------- dispatch
+
+namespace {
+
+// The owner of a decoded record: it goes back through the codec on every path. A pair
+// with no record type is never handed over by the node layer; leaking is then safer than
+// freeing with the wrong layout.
+struct NgapPduFree {
+    const MvAsnPdu* pdu;
+    uint8_t code, form;
+    void operator()(void* rec) const {
+        if (pdu) {
+            __mv_asn_memfree_pdu(pdu, rec);
+            return;
+        }
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "no NGAP record for procedureCode=%u form=%u, not freed <%s|%s|%d>",
+                 code, form, __FILE_NAME__, "freeMessage", __LINE__);
+    }
+};
+using NgapPdu = std::unique_ptr<void, NgapPduFree>;
+
+// The codec's PDU of each procedure and form, for the owner's deleter.
+const MvAsnPdu* pduOf(uint8_t code, uint8_t form) {
+    static const auto table = [] {
+        std::array<std::array<const MvAsnPdu*, 3>, kNgapProcCount> t{};
+        for (unsigned i = 0; i < mv_asn_amf::kPduCount; ++i) {
+            const MvAsnPdu& p = mv_asn_amf::kPdus[i];
+            if (p.procedureCode < kNgapProcCount && p.form < 3) t[p.procedureCode][p.form] = &p;
+        }
+        return t;
+    }();
+    return code < kNgapProcCount && form < 3 ? table[code][form] : nullptr;
+}
+
+struct KsNgapMessage {
+    uint8_t Code, Form;
+    void* Record;  // owned by the dispatch
+    MV_NGAPNode* Node;
+    MV_KsRanAmfConnection* Conn;
+};
+
+void unhandled(const KsNgapMessage& m) {
+    static constexpr const char* kForms[] = {"initiating", "successful", "unsuccessful"};
+    printf("unhandled %s message received, procedureCode=%u  %s|%s|%d\n", kForms[m.Form], m.Code, __FILE_NAME__,
+           "KsNGAP__handle_ngap_message", __LINE__);
+}
+
+// Messages of UE-associated signalling and mobility, acted on by the gNB's UE side.
+// That side is not part of this build: they are logged and dropped.
+void notBuilt(const KsNgapMessage& m) {
+    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
+             "UE-associated NGAP handling is not part of this build, procedureCode=%u form=%u dropped <%s|%s|%d>", m.Code,
+             m.Form, __FILE_NAME__, __func__, __LINE__);
+}
+
+// Messages of the AMF the gNB ignores by design: decoded, freed, no other effect.
+void ignoredInitiating(const KsNgapMessage& m) {
+    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_DEBUG, "initiating message procedureCode=%u from the AMF, no action <%s|%s|%d>",
+             m.Code, __FILE_NAME__, "KsNGAP__handle_ngap_message", __LINE__);
+}
+void ignored(const KsNgapMessage&) {}
+
+void errorIndication(const KsNgapMessage& m) {
+    KsNGAP__handle_ErrorIndication(m.Conn, static_cast<MV_AMF_DT_ErrorIndication*>(m.Record));
+}
+// NG Setup's answers act on the connection of their association.
+void setupResponse(const KsNgapMessage& m) {
+    if (!m.Conn) return unhandled(m);
+    KsNGAP__handle_NGSetupResponse(m.Conn, static_cast<MV_AMF_DT_NGSetupResponse*>(m.Record));
+}
+void setupFailure(const KsNgapMessage& m) {
+    if (!m.Conn) return unhandled(m);
+    KsNGAP__handle_NGSetupFailure(m.Conn, m.Node, static_cast<MV_AMF_DT_NGSetupFailure*>(m.Record));
+}
+
+using P = NgapProc;
+using F = NgapForm;
+
+struct KsNgapHandler {
+    NgapProc Proc;
+    NgapForm Form;
+    void (*Handle)(const KsNgapMessage& m);
+};
+
+// Every message the gNB knows from an AMF; any other is unhandled.
+constexpr KsNgapHandler kHandlers[] = {
+    {P::ErrorIndication, F::Initiating, errorIndication},
+    {P::NGSetup, F::Successful, setupResponse},
+    {P::NGSetup, F::Unsuccessful, setupFailure},
+    // the UE side
+    {P::DownlinkNASTransport, F::Initiating, notBuilt},
+    {P::DownlinkRANStatusTransfer, F::Initiating, notBuilt},
+    {P::HandoverResourceAllocation, F::Initiating, notBuilt},
+    {P::InitialContextSetup, F::Initiating, notBuilt},
+    {P::PDUSessionResourceModify, F::Initiating, notBuilt},
+    {P::PDUSessionResourceRelease, F::Initiating, notBuilt},
+    {P::PDUSessionResourceSetup, F::Initiating, notBuilt},
+    {P::RerouteNASRequest, F::Initiating, notBuilt},
+    {P::UEContextModification, F::Initiating, notBuilt},
+    {P::UEContextRelease, F::Initiating, notBuilt},
+    {P::HandoverPreparation, F::Successful, notBuilt},
+    {P::PathSwitchRequest, F::Successful, notBuilt},
+    {P::HandoverPreparation, F::Unsuccessful, notBuilt},
+    {P::PathSwitchRequest, F::Unsuccessful, notBuilt},
+    // ignored by design
+    {P::AMFConfigurationUpdate, F::Initiating, ignoredInitiating},
+    {P::AMFStatusIndication, F::Initiating, ignoredInitiating},
+    {P::DeactivateTrace, F::Initiating, ignoredInitiating},
+    {P::DownlinkNonUEAssociatedNRPPaTransport, F::Initiating, ignoredInitiating},
+    {P::DownlinkRANConfigurationTransfer, F::Initiating, ignoredInitiating},
+    {P::DownlinkUEAssociatedNRPPaTransport, F::Initiating, ignoredInitiating},
+    {P::LocationReportingControl, F::Initiating, ignoredInitiating},
+    {P::NGReset, F::Initiating, ignoredInitiating},
+    {P::OverloadStart, F::Initiating, ignoredInitiating},
+    {P::OverloadStop, F::Initiating, ignoredInitiating},
+    {P::Paging, F::Initiating, ignoredInitiating},
+    {P::PrivateMessage, F::Initiating, ignoredInitiating},
+    {P::PWSCancel, F::Initiating, ignoredInitiating},
+    {P::TraceStart, F::Initiating, ignoredInitiating},
+    {P::UERadioCapabilityCheck, F::Initiating, ignoredInitiating},
+    {P::UETNLABindingRelease, F::Initiating, ignoredInitiating},
+    {P::WriteReplaceWarning, F::Initiating, ignoredInitiating},
+    {P::HandoverCancel, F::Successful, ignored},
+    {P::NGReset, F::Successful, ignored},
+    {P::PDUSessionResourceModifyIndication, F::Successful, ignored},
+    {P::RANConfigurationUpdate, F::Successful, ignored},
+    {P::RANConfigurationUpdate, F::Unsuccessful, ignored},
+};
+
+struct HandlerTable {
+    void (*byCode[kNgapProcCount][3])(const KsNgapMessage&){};
+    constexpr HandlerTable() {
+        for (const KsNgapHandler& h : kHandlers) byCode[size_t(h.Proc)][size_t(h.Form)] = h.Handle;
+    }
+};
+constexpr HandlerTable kTable;
+
+}  // namespace
 
 void KsNGAP__handle_ngap_message(uint8_t procedureCode, uint8_t messageType, void* msg, MV_NGAPNode* node) {
     if (!msg) return;
-    MV_KsRanAmfConnection* conn = KsNGAP___ConnectionOfNode(node);
-    switch (messageType) {
-        case 0:
-            if (procedureCode == 9) {
-                KsNGAP__handle_ErrorIndication(conn, static_cast<MV_AMF_DT_ErrorIndication*>(msg));
-                freeMessage(procedureCode, 0, msg);
-            } else if (in(kInitiatingUE, procedureCode)) {
-                notBuilt(procedureCode, 0, msg);
-            } else if (in(kInitiatingDropped, procedureCode)) {
-                __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_DEBUG,
-                         "initiating message procedureCode=%u from the AMF, no action <%s|%s|%d>", procedureCode,
-                         __FILE_NAME__, __func__, __LINE__);
-                freeMessage(procedureCode, 0, msg);
-            } else {
-                printf("unhandled initiating message received, procedureCode=%u  %s|%s|%d\n", procedureCode,
-                       __FILE_NAME__, __func__, __LINE__);
-                freeMessage(procedureCode, 0, msg);
-            }
-            return;
-        case 1:
-            if (procedureCode == 21 && conn) {
-                KsNGAP__handle_NGSetupResponse(conn, static_cast<MV_AMF_DT_NGSetupResponse*>(msg));
-                freeMessage(procedureCode, 1, msg);
-            } else if (procedureCode == 12 || procedureCode == 25) {
-                notBuilt(procedureCode, 1, msg);
-            } else if (in(kSuccessfulDropped, procedureCode)) {
-                freeMessage(procedureCode, 1, msg);
-            } else {
-                printf("unhandled successful message received, procedureCode=%u  %s|%s|%d\n", procedureCode,
-                       __FILE_NAME__, __func__, __LINE__);
-                freeMessage(procedureCode, 1, msg);
-            }
-            return;
-        case 2:
-            if (procedureCode == 21 && conn) {
-                KsNGAP__handle_NGSetupFailure(conn, node, static_cast<MV_AMF_DT_NGSetupFailure*>(msg));
-                freeMessage(procedureCode, 2, msg);
-            } else if (procedureCode == 12 || procedureCode == 25) {
-                notBuilt(procedureCode, 2, msg);
-            } else if (procedureCode == 35) {
-                freeMessage(procedureCode, 2, msg);
-            } else {
-                printf("unhandled unsuccessful message received, procedureCode=%u  %s|%s|%d\n", procedureCode,
-                       __FILE_NAME__, __func__, __LINE__);
-                freeMessage(procedureCode, 2, msg);
-            }
-            return;
-        default:
-            // Another form has no record type to free it with.
-            __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "NGAP message of form=%u procedureCode=%u ignored <%s|%s|%d>",
-                     messageType, procedureCode, __FILE_NAME__, __func__, __LINE__);
-            return;
+    if (messageType > 2) {
+        // Another form has no record type to free it with.
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "NGAP message of form=%u procedureCode=%u ignored <%s|%s|%d>",
+                 messageType, procedureCode, __FILE_NAME__, __func__, __LINE__);
+        return;
     }
+    NgapPdu owned(msg, NgapPduFree{pduOf(procedureCode, messageType), procedureCode, messageType});
+    KsNgapMessage m{procedureCode, messageType, owned.get(), node, KsNGAP___ConnectionOfNode(node)};
+    auto handle = procedureCode < kNgapProcCount ? kTable.byCode[procedureCode][messageType] : nullptr;
+    if (handle) handle(m);
+    else unhandled(m);
 }

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "Kestrane.h"
+#include "KsEngine_step.h"
 #include "KsNGAP.h"
 #include "mv_ngap.h"
 #include "mv_socket_engine.h"
@@ -128,6 +128,36 @@ int sendRecord(uint8_t procedureCode, uint8_t form, void* record, MV_KsRanAmfCon
 
 void KsNGAP__SetPath(const KsNGAPPath* p) { path = p ? p : &kSocketPath; }
 
+void KsNGAP___reportBuildNotes(const KsNgapBuildNotes& notes) {
+    for (size_t i = 0; i < notes.count; ++i) {
+        const KsNgapBuildNote& n = notes.notes[i];
+        switch (n.kind) {
+            case KsNgapBuildNote::BadHexTAC:
+                printf("HexTAC for SupportedTAItem is not length-6 [%s] <%s|%s|%d>\n", n.text ? n.text : "",
+                       __FILE_NAME__, __func__, __LINE__);
+                break;
+            case KsNgapBuildNote::BadHexPLMN:
+                printf("HexPLMN is not length-6 [%s] <%s|%s|%d>\n", n.text ? n.text : "", __FILE_NAME__, __func__,
+                       __LINE__);
+                break;
+            case KsNgapBuildNote::PlmnWithoutSlice:
+                __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
+                         "Broadcast PLMN %02X%02X%02X of TAC %02X%02X%02X has no slice, left out <%s|%s|%d>",
+                         n.plmn[0], n.plmn[1], n.plmn[2], n.tac[0], n.tac[1], n.tac[2], __FILE_NAME__, __func__,
+                         __LINE__);
+                break;
+            case KsNgapBuildNote::TaWithoutPlmn:
+                __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
+                         "SupportedTAItem TAC %02X%02X%02X has no broadcast PLMN, left out <%s|%s|%d>", n.tac[0],
+                         n.tac[1], n.tac[2], __FILE_NAME__, __func__, __LINE__);
+                break;
+        }
+    }
+    if (notes.past)
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "%zu more supported TA entries were left out <%s|%s|%d>",
+                 notes.past, __FILE_NAME__, __func__, __LINE__);
+}
+
 bool KsNGAP__OkToSend(const MV_KsRanAmfConnection* conn) {
     return conn && conn->isOKToRun == 1 && conn->ConnStatus == KS_NGCONN__READY;
 }
@@ -156,7 +186,9 @@ int KsNGAP__StartAMFConnection(MV_KsRanAmfConnection* conn) {
 namespace {
 
 int sendNGSetupRequest(MV_KsRanAmfConnection* conn) {
-    MV_AMF_DT_NGSetupRequest* r = KsNGAP___build_NGSetupRequest(conn->ran);
+    KsNgapBuildNotes notes;
+    MV_AMF_DT_NGSetupRequest* r = KsNGAP___build_NGSetupRequest(conn->ran, &notes);
+    KsNGAP___reportBuildNotes(notes);
     conn->isOKToRun = 0;
     conn->ConnStatus = KS_NGCONN__SETUP_SENT;
     int sent = sendRecord(21, 0, r, conn);
@@ -256,7 +288,9 @@ int KsNGAP__send_NGSetup(MV_KsRanAmfConnection* conn) {
 
 int KsNGAP__send_NGRanConfigurationUpdate(MV_KsRanAmfConnection* conn) {
     if (!conn) return -1;
-    MV_AMF_DT_RANConfigurationUpdate* r = KsNGAP___build_RANConfigurationUpdate(conn->ran);
+    KsNgapBuildNotes notes;
+    MV_AMF_DT_RANConfigurationUpdate* r = KsNGAP___build_RANConfigurationUpdate(conn->ran, &notes);
+    KsNGAP___reportBuildNotes(notes);
     int sent = sendRecord(35, 0, r, conn);
     __mv_amf_memfree_pdu_RANConfigurationUpdate(r);
     if (sent > 0)
@@ -281,4 +315,21 @@ int KsNGAP__send_NGReset_Request(MV_KsRanAmfConnection* conn) {
         __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "Sending NGReset Failed  with sts=%d   %s|%s|%d", sent,
                  __FILE_NAME__, __func__, __LINE__);
     return sent > 0 ? 1 : 0;
+}
+
+// ---------------------------------------------------------------- start
+
+namespace {
+
+int registerHandler(json_t*) {
+    __mv_ngap_set_app_error_handler(KsNGAP__handle_bad_input);
+    __mv_ngap_set_app_messahe_handler(KsNGAP__handle_ngap_message);
+    return 1;
+}
+
+}  // namespace
+
+void KsNGAP__Init() {
+    KsEngine__RegisterStartStep(KsStartSlot::NGAPHandlers, registerHandler);
+    KsEngine__SetRanAmfConnector(KsNGAP__StartAMFConnection);
 }

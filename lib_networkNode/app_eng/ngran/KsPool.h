@@ -1,42 +1,32 @@
-// A record pool with a first-in first-out free list: a released record goes to the
-// tail, so it stays unused as long as possible, and a double release does nothing.
-// Records come from the arena and are never given back.
+// A record pool of the engine: the runtime's first-in first-out free list over records
+// that live in the arena and are never given back, with its own lock and tallies. A
+// record comes back value-initialised.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 
 #include "mv_core.h"
+#include "mv_fifo.h"
 
 template <class T>
 class KsFifoPool {
 public:
-    KsFifoPool(uint32_t initial, uint32_t growBy) : growBy_(growBy ? growBy : 1) { grow(initial); }
+    KsFifoPool(uint32_t initial, uint32_t growBy) : growBy_(growBy ? growBy : 1) {
+        if (initial) fifo().appendNew(int(initial));
+    }
 
     T* allocate() {
-        std::lock_guard g(lock_);
-        if (!head_) grow(growBy_);
-        T* r = head_;
-        head_ = r->PoolNext;
-        if (!head_) tail_ = nullptr;
-        --available_;
+        T* r = fifo().allocate(int(growBy_));
         ++used_;
         r->~T();
         new (r) T{};
-        r->isReleased = 0;
         return r;
     }
 
     void release(T* r) {
-        if (!r) return;
-        std::lock_guard g(lock_);
-        if (r->isReleased) return;
-        r->isReleased = 1;
-        r->PoolNext = nullptr;
-        if (tail_) tail_->PoolNext = r;
-        else head_ = r;
-        tail_ = r;
-        ++available_;
+        if (r) fifo().release(r);
     }
 
     uint32_t total() const { return total_; }
@@ -44,19 +34,8 @@ public:
     uint64_t used() const { return used_; }
 
 private:
-    // Called with the lock held, or from the constructor.
-    void grow(uint32_t n) {
-        if (n == 0) return;
-        T* recs = __mv_arena_new_array<T>(n);
-        for (uint32_t i = 0; i < n; ++i) {
-            recs[i].isReleased = 1;
-            recs[i].PoolNext = i + 1 < n ? &recs[i + 1] : nullptr;
-        }
-        if (tail_) tail_->PoolNext = recs;
-        else head_ = recs;
-        tail_ = &recs[n - 1];
-        total_ += n;
-        available_ += n;
+    mv_fifo::CoreFifo<T, std::atomic<uint32_t>, &T::PoolNext> fifo() {
+        return {head_, tail_, lock_, total_, available_};
     }
 
     MV_Mutex lock_;

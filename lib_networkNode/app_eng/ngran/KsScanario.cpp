@@ -14,43 +14,9 @@
 
 namespace {
 
-std::atomic<KsStepRunner> runnerOverride{nullptr};
-
 void incr(int64_t& v, MV_Mutex& m, int64_t by) {
     std::lock_guard g(m);
     v += by;
-}
-
-// Which runner family serves a StepIndex. The 5G EIR step (6001) reaches the 5G EIR
-// runner; the ranges are otherwise those the step ids were numbered for.
-struct RunnerRange {
-    uint32_t first, last;
-    const char* name;
-    void (*run)(MV_KsUE*);
-};
-
-constexpr RunnerRange kRunners[] = {
-    {0, 999, "KsNAS__runStep_FQ", [](MV_KsUE* u) { KsNAS__runStep_FQ(u, 1); }},
-    {1000, 1999, "KsPFCP__runStep_FQ", KsPFCP__runStep_FQ},
-    {2000, 2999, "KsPGW__runStep_FQ", KsPGW__runStep_FQ},
-    {3000, 3999, "KsSGW__runStep_FQ", KsSGW__runStep_FQ},
-    {4000, 4900, "KsS1AP__runStep_FQ", KsS1AP__runStep_FQ},
-    {4901, 4903, "KsGGSN__runStep_FQ", KsGGSN__runStep_FQ},
-    {4904, 4999, "KsS1AP__runStep_FQ", KsS1AP__runStep_FQ},
-    {5000, 5999, "Ks4GEIR__runStep_FQ", Ks4GEIR__runStep_FQ},
-    {6000, 6999, "Ks5GEIR__runStep_FQ", Ks5GEIR__runStep_FQ},
-    {7000, 7999, "KsAAA__runStep_FQ", KsAAA__runStep_FQ},
-    {8000, 8999, "KsCHF__runStep_FQ", KsCHF__runStep_FQ},
-    {9000, 9999, "KsPCRF__runStep_FQ", KsPCRF__runStep_FQ},
-    {10000, 10999, "KsHSS__runStep_FQ", [](MV_KsUE* u) { KsHSS__runStep_FQ(u, 0); }},
-    {11000, 11999, "KsSMF__runStep_FQ", KsSMF__runStep_FQ},
-    {12000, UINT32_MAX, "KsNAS__runStep_FQ", [](MV_KsUE* u) { KsNAS__runStep_FQ(u, 1); }},
-};
-
-const RunnerRange* runnerOf(uint32_t stepIndex) {
-    for (const RunnerRange& r : kRunners)
-        if (stepIndex >= r.first && stepIndex <= r.last) return &r;
-    return nullptr;
 }
 
 }  // namespace
@@ -77,52 +43,6 @@ void KsScanario__AddStep(KsScanario* scanario, KsStep* step) {
     else scanario->stepHead = step;
     scanario->stepCurrent = step;
     ++scanario->totalSteps;
-}
-
-KsScanario* Kestrane___createScanarioForKsTestExec(KsTestExec* tstItem, uint32_t ScanarioID) {
-    if (tstItem->ksScanario) {
-        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_INFO, "Scenario Object already exists for tstItem=%p %p ScanarioID=%u %s|%d",
-                 (void*)tstItem, (void*)tstItem->ksScanario, ScanarioID, __func__, __LINE__);
-        return tstItem->ksScanario;
-    }
-    json_t* found = nullptr;
-    size_t i;
-    json_t* sc;
-    json_array_foreach(__ksEngine->scenarios, i, sc) {
-        if (KsJson::number(sc, "ID", -1) == (long long)ScanarioID) {
-            found = sc;
-            break;
-        }
-    }
-    if (!found) {
-        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_CRITICAL,
-                 "creating scenario failed for tstItem=%p, ScanarioID=%u Configuration NOT found for TestItem, "
-                 "reconfigure TestItem with Scenario %s|%d",
-                 (void*)tstItem, ScanarioID, __func__, __LINE__);
-        return nullptr;
-    }
-    KsScanario* scanario = KsScanario__NewScanario(tstItem->TestId + 200001);
-    json_t* steps = json_object_get(found, "Config");
-    json_t* step;
-    json_array_foreach(steps, i, step) {
-        long long id = KsJson::number(step, "ID", 0);
-        if (id <= 0 || id > 199999) {
-            __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
-                     "Creating Scanario for StepID=%u Failed, StepID NOT-IN-RANGE tstItem=%p ScanarioID=%u %s|%d",
-                     uint32_t(id), (void*)tstItem, ScanarioID, __func__, __LINE__);
-            continue;
-        }
-        const KsStepCatalogueEntry* entry = KsScanario__GetStepBuilder(uint32_t(id));
-        if (!entry) {
-            __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
-                     "Creating Scanario for StepID=%u Failed, no step builder for StepID tstItem=%p ScanarioID=%u %s|%d",
-                     uint32_t(id), (void*)tstItem, ScanarioID, __func__, __LINE__);
-            continue;
-        }
-        Kestrane___ScanarioAddStep(scanario, entry, json_object_get(step, "Dict"));
-    }
-    tstItem->ksScanario = scanario;
-    return scanario;
 }
 
 // ---------------------------------------------------------------- executions
@@ -225,50 +145,7 @@ int Kestrane___hasStepExecTemplate(MV_KsUE* ksUe) {
     return st && st->nas5G_regTemplate ? 1 : 0;
 }
 
-// ---------------------------------------------------------------- the road to a runner
-
-void Kestrane___runStep(void* v, int index) {
-    (void)index;
-    auto* ue = static_cast<MV_KsUE*>(v);
-    if (!ue) return;
-    __mv_core_queue_fsm2(__ksEngine->fsmNGAPProcessingQueue, uint32_t(ue->ueId % __ksEngine->fsmNGAPProcessingThreadCount),
-                         ue, Kestrane___runStepFSM);
-}
-
-void Kestrane___runStepFSM(void* v) {
-    auto* ksUe = static_cast<MV_KsUE*>(v);
-    KsStepExecution* head = ksUe->ksStepExecutionHead;
-    KsStep* st = head ? head->ksStep : nullptr;
-    if (!st) {
-        if (head)
-            __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "  ksUe=%p  ksStepExecutionHead=%p  ksStep=%p   %s|%s|%d",
-                     (void*)ksUe, (void*)head, (void*)st, __FILE_NAME__, __func__, __LINE__);
-        KsNAS__runStep_FQ(ksUe, 1);
-        return;
-    }
-    if (st->StepIndex == 0) {
-        switch (st->StepCode) {
-            case 39: st->StepIndex = 1001; break;
-            case 40: st->StepIndex = 1002; break;
-            case 41: st->StepIndex = 1003; break;
-            default:
-                __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "StepIndex Not Coded for StepCode=%d  %s|%s|%d",
-                         int(st->StepCode), __FILE_NAME__, __func__, __LINE__);
-        }
-    }
-    if (KsStepRunner r = runnerOverride.load(std::memory_order_relaxed)) {
-        r(ksUe);
-        return;
-    }
-    if (const RunnerRange* rr = runnerOf(st->StepIndex)) rr->run(ksUe);
-}
-
-const char* Kestrane___runnerNameOfStepIndex(uint32_t StepIndex) {
-    const RunnerRange* rr = runnerOf(StepIndex);
-    return rr ? rr->name : nullptr;
-}
-
-void KsEngine__SetRunnerOverride(KsStepRunner runner) { runnerOverride = runner; }
+// ---------------------------------------------------------------- running a step again
 
 void Kestrane___runStepAsync(MV_KsUE* ksUe, uint8_t bearer) {
     (void)bearer;
@@ -390,9 +267,8 @@ namespace {
 
 // Runs on a queue line: hands the expiry to the UE's own line, where all its step work runs.
 void defTimerExpired(void* data) {
-    auto* ksUe = static_cast<MV_KsUE*>(data);
-    __mv_core_queue_fsm2(__ksEngine->fsmNGAPProcessingQueue, uint32_t(ksUe->ueId % __ksEngine->fsmNGAPProcessingThreadCount),
-                         ksUe, [](void* ue) { KsEngine_KsUE_TimerActionOnTimeout(static_cast<uint8_t*>(ue)); });
+    KsEngine__PostToUELine(static_cast<MV_KsUE*>(data),
+                           [](void* ue) { KsEngine_KsUE_TimerActionOnTimeout(static_cast<uint8_t*>(ue)); });
 }
 
 void armDefTimer(MV_KsUE* ksUe) {
@@ -476,7 +352,7 @@ void KsEngine_KsUE_TimerActionOnTimeout(uint8_t* u8Ue) {
     KsScanario__CompleteCurrentStepAndExecutionNextStep(ksUe, ksUe->defStepCode, __func__, __FILE_NAME__, __LINE__);
 }
 
-// ---------------------------------------------------------------- re-running and PDU session steps
+// ---------------------------------------------------------------- re-running
 
 void KsScanario__ReRunScanario(MV_KsUE* ksUe, int clearResult) {
     if (!ksUe) return;
@@ -491,50 +367,6 @@ void KsScanario__ReRunScanario(MV_KsUE* ksUe, int clearResult) {
     }
     // Still running: one more run is booked.
     ksUe->TotalExecutedCount = ksUe->TotalExecutedCount == 0 ? 2 : ksUe->TotalExecutedCount + 1;
-}
-
-namespace {
-
-void pduNextStepOnLine(void* ue) {
-    auto* ksUe = static_cast<MV_KsUE*>(ue);
-    // The UE may have moved on (a timeout) while the timer ran: only step 6 is ours to end.
-    if (KsScanario__CurrentStepEquals(ksUe, KS_STEP__PDU_SESSION) != 1) return;
-    KS_COMPLETE_STEP(ksUe, KS_STEP__PDU_SESSION);
-}
-
-}  // namespace
-
-// Timer expiries arrive on a queue line; the UE's own line runs the completion.
-void KsScanario__PduNextStep(void* ue) {
-    auto* ksUe = static_cast<MV_KsUE*>(ue);
-    __mv_core_queue_fsm2(__ksEngine->fsmNGAPProcessingQueue, uint32_t(ksUe->ueId % __ksEngine->fsmNGAPProcessingThreadCount),
-                         ksUe, pduNextStepOnLine);
-}
-
-void KsScanario__UpdatePduSesssionStep(uint8_t pduSessionId, MV_KsUE* ksUe) {
-    KsStepExecution* e = KsScanario__GetKsExecution(ksUe);
-    if (!e || !e->ksStep || e->ksStep->StepCode != KS_STEP__PDU_SESSION) {
-        printf("Step Not matched %s|%s|%d\n", __FILE_NAME__, __func__, __LINE__);
-        return;
-    }
-    int pending = 0;
-    __ks_pduSessionSetupInfo* next = nullptr;
-    for (__ks_pduSessionSetupInfo* p = e->pduSessionSetupHead; p; p = p->Next) {
-        if (p->Info && p->Info->PDUSessionId == pduSessionId) {
-            p->SetupCompleted = 1;
-        } else if (!p->SetupCompleted) {
-            ++pending;
-            if (!next) next = p;
-        }
-    }
-    printf("hasPendingPduSessions=%d %s|%s|%d\n", pending, __FILE_NAME__, __func__, __LINE__);
-    if (pending > 0) {
-        e->pduSessionSetupItem = next;
-        if (!__mv_core_start_timer(ksUe, KsNAS__send_pdusession_request_3gpp, 1))
-            KsNAS__send_pdusession_request_3gpp(ksUe);
-        return;
-    }
-    if (!__mv_core_start_timer(ksUe, KsScanario__PduNextStep, 1)) pduNextStepOnLine(ksUe);
 }
 
 // ---------------------------------------------------------------- report events

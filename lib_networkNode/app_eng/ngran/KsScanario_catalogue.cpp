@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "KsEngine_registry.h"
 #include "Kestrane.h"
 #include "Kestrane_seams.h"
 #include "Kestrane_util.h"
@@ -456,6 +457,8 @@ const KsStepCatalogueEntry* KsScanario__Catalogue(size_t* count) {
 }
 
 const KsStepCatalogueEntry* KsScanario__GetStepBuilder(uint32_t stepId) {
+    // A module's row stands before the built-in one of its step id.
+    if (const KsStepCatalogueEntry* r = KsEngine___registeredStepBuilder(stepId)) return r;
     auto it = std::lower_bound(std::begin(kCatalogue), std::end(kCatalogue), stepId,
                                [](const KsStepCatalogueEntry& e, uint32_t id) { return e.StepId < id; });
     return it != std::end(kCatalogue) && it->StepId == stepId ? it : nullptr;
@@ -519,4 +522,52 @@ void KsScanario__SetNGAPInitTemplate(KsStep* ksStep, MV_Template* t) {
 }
 void KsScanario__SetUplinkNGAPTemplate(KsStep* ksStep, MV_Template* t) {
     if (ksStep) ksStep->ngap_uplinkNASTranTemplate = t;
+}
+
+// ---------------------------------------------------------------- a test's scenario
+
+KsScanario* Kestrane___createScanarioForKsTestExec(KsTestExec* tstItem, uint32_t ScanarioID) {
+    if (tstItem->ksScanario) {
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_INFO, "Scenario Object already exists for tstItem=%p %p ScanarioID=%u %s|%d",
+                 (void*)tstItem, (void*)tstItem->ksScanario, ScanarioID, __func__, __LINE__);
+        return tstItem->ksScanario;
+    }
+    json_t* found = nullptr;
+    size_t i;
+    json_t* sc;
+    json_array_foreach(__ksEngine->scenarios, i, sc) {
+        if (KsJson::number(sc, "ID", -1) == (long long)ScanarioID) {
+            found = sc;
+            break;
+        }
+    }
+    if (!found) {
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_CRITICAL,
+                 "creating scenario failed for tstItem=%p, ScanarioID=%u Configuration NOT found for TestItem, "
+                 "reconfigure TestItem with Scenario %s|%d",
+                 (void*)tstItem, ScanarioID, __func__, __LINE__);
+        return nullptr;
+    }
+    KsScanario* scanario = KsScanario__NewScanario(tstItem->TestId + 200001);
+    json_t* steps = json_object_get(found, "Config");
+    json_t* step;
+    json_array_foreach(steps, i, step) {
+        long long id = KsJson::number(step, "ID", 0);
+        if (id <= 0 || id > 199999) {
+            __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
+                     "Creating Scanario for StepID=%u Failed, StepID NOT-IN-RANGE tstItem=%p ScanarioID=%u %s|%d",
+                     uint32_t(id), (void*)tstItem, ScanarioID, __func__, __LINE__);
+            continue;
+        }
+        const KsStepCatalogueEntry* entry = KsScanario__GetStepBuilder(uint32_t(id));
+        if (!entry) {
+            __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
+                     "Creating Scanario for StepID=%u Failed, no step builder for StepID tstItem=%p ScanarioID=%u %s|%d",
+                     uint32_t(id), (void*)tstItem, ScanarioID, __func__, __LINE__);
+            continue;
+        }
+        Kestrane___ScanarioAddStep(scanario, entry, json_object_get(step, "Dict"));
+    }
+    tstItem->ksScanario = scanario;
+    return scanario;
 }

@@ -17,6 +17,7 @@
 #include "Kestrane_seams.h"
 #include "Kestrane_util.h"
 #include "mv_bytes.h"
+#include "mv_fifo.h"
 
 namespace {
 
@@ -58,6 +59,11 @@ void appendConfigured(MV_KsUE* ue) {
 
 // Serialises adds, so that two loaders never add one IMSI twice.
 MV_Mutex addLock;
+
+mv_fifo::CoreFifo<MV_KsUE, uint32_t> uePool() {
+    return {__ksEngine->ksUEPoolHead, __ksEngine->ksUEPoolCurrent, __ksEngine->ksUEPoolLock, __ksEngine->ksUEPoolTotal,
+            __ksEngine->ksUEPoolAvailable};
+}
 
 }  // namespace
 
@@ -111,13 +117,11 @@ void KsEngine__DropUETable() {
 void KsEngine__CreateksUE_Pool(int size, int) { KsEngine__InitializeksUE_Pool(uint32_t(size < 0 ? 0 : size)); }
 
 MV_KsUE* KsEngine__AllocateKsUE() {
-    std::lock_guard g(__ksEngine->ksUEPoolLock);
+    auto pool = uePool();
+    std::lock_guard g(pool.Lock);
     MV_KsUE* ue;
-    if (MV_KsUE* head = __ksEngine->ksUEPoolHead) {
+    if ((ue = pool.takeLocked())) {
         // A released record: it was constructed once and keeps its locks for life.
-        ue = head;
-        __ksEngine->ksUEPoolHead = head->Next;
-        if (!__ksEngine->ksUEPoolHead) __ksEngine->ksUEPoolCurrent = nullptr;
         uint64_t id = ue->ueId;
         ue->~MV_KsUE();
         new (ue) MV_KsUE{};
@@ -127,10 +131,8 @@ MV_KsUE* KsEngine__AllocateKsUE() {
         ue = new (&__ksEngine->ksUEPool[idx]) MV_KsUE{};
         ue->ueId = idx;
         nextFresh = idx + 1;
-    } else {
-        return nullptr;
+        --__ksEngine->ksUEPoolAvailable;
     }
-    --__ksEngine->ksUEPoolAvailable;
     return ue;
 }
 
@@ -142,14 +144,7 @@ void KsEngine__ReleaseKsUE(MV_KsUE* ksUe) {
                  __FILE_NAME__, __func__, __LINE__);
         return;
     }
-    std::lock_guard g(__ksEngine->ksUEPoolLock);
-    if (ksUe->isReleased) return;
-    ksUe->isReleased = 1;
-    ksUe->Next = nullptr;
-    if (__ksEngine->ksUEPoolCurrent) __ksEngine->ksUEPoolCurrent->Next = ksUe;
-    else __ksEngine->ksUEPoolHead = ksUe;
-    __ksEngine->ksUEPoolCurrent = ksUe;
-    ++__ksEngine->ksUEPoolAvailable;
+    uePool().release(ksUe);
 }
 
 uint64_t KsEngine__GetUEId(MV_KsUE* ksUe) { return ksUe ? ksUe->ueId : 0; }

@@ -14,6 +14,8 @@ struct MV_Socket;
 
 // ---------------------------------------------------------------- the server
 
+// The console's start: its listening socket opens in its place of start-up.
+void KsUECServer__Init(void);
 // Opens the listening socket; called once at start-up. CLIPort 0 leaves the engine
 // without a console. Returns 0 when start-up must stop: the console address is of
 // neither IP version.

@@ -256,3 +256,9 @@ void KsUECServer___handle_loadSettings(__uec_load_settings_request* message) {
     __mv_freeM(r);
     KsUECServer___release(message);
 }
+
+// ---------------------------------------------------------------- start
+
+void KsUECServer__Init() {
+    KsEngine__RegisterStartStep(KsStartSlot::Console, [](json_t*) { return KsUECServer___Start(); });
+}

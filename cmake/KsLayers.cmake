@@ -1,0 +1,30 @@
+# Writes ks_layers.txt in the build folder once every folder is configured: each static
+# library of the project with its archive and what it links. tools/layers/check_layers.py
+# reads it (the test Layers.NoCircleBetweenTargets) and fails on a circle between targets.
+function(ks_collect_static_libraries dir out)
+  get_property(targets DIRECTORY ${dir} PROPERTY BUILDSYSTEM_TARGETS)
+  set(found)
+  foreach(t ${targets})
+    get_target_property(type ${t} TYPE)
+    if(type STREQUAL "STATIC_LIBRARY")
+      list(APPEND found ${t})
+    endif()
+  endforeach()
+  get_property(subdirs DIRECTORY ${dir} PROPERTY SUBDIRECTORIES)
+  foreach(sub ${subdirs})
+    ks_collect_static_libraries(${sub} more)
+    list(APPEND found ${more})
+  endforeach()
+  set(${out} ${found} PARENT_SCOPE)
+endfunction()
+
+function(ks_write_layers)
+  ks_collect_static_libraries(${CMAKE_SOURCE_DIR} libs)
+  set(content "")
+  foreach(t ${libs})
+    string(APPEND content "${t}\t$<TARGET_FILE:${t}>\t$<TARGET_PROPERTY:${t},LINK_LIBRARIES>\n")
+  endforeach()
+  file(GENERATE OUTPUT ${CMAKE_BINARY_DIR}/ks_layers.txt CONTENT "${content}")
+endfunction()
+
+cmake_language(DEFER DIRECTORY ${CMAKE_SOURCE_DIR} CALL ks_write_layers)

@@ -17,7 +17,11 @@
 #include <mutex>
 #include <string>
 
+#include "KsMonitoringEngine.h"
 #include "KsPool.h"
+#include "KsTE.h"
+#include "KsTE_engine.h"
+#include "KsTemplateEng.h"
 #include "KsNGAP.h"
 #include "KsUECServer.h"
 #include "Kestrane_seams.h"
@@ -398,7 +402,7 @@ int KsEngine__Startup(int argc, char** argv) {
 
     KsScanario__CreateCommandSteps();
     KsSeam__DiamDict_Init();
-    KsSeam__TemplateEng_Init();
+    if (!KsTemplateEng__Init()) return 0;
     if (!KsSeam__GTP_Init(cfg)) return 0;
     KsSeam__DataPath_Init();
     KsSeam__PFCP_Init();
@@ -422,7 +426,9 @@ int KsEngine__Startup(int argc, char** argv) {
         KsEngine__ConfigureDynamicRanNodes();
         KsEngine__StartNGRANs();
     }
-    KsSeam__TE_Init();
+    KsTE__AttachEngine();
+    KsTE__Init();
+    KsTDD_run(0);
     __mv_enable_coredump();
 
     for (int i = 0; i < KS_STEP_QUEUE_COUNT; ++i) {
@@ -434,7 +440,7 @@ int KsEngine__Startup(int argc, char** argv) {
 
     KsEngine__LoadUEAddlData(cfg);
     __ksEngine->EnableMonitoringEngine = uint32_t(KsJson::number(cfg, "EnableMonitoringEngine", 0));
-    KsSeam__MonitoringEngine_Init();
+    KsMonitoringEngine__Init();
     // Tests named here are queued as soon as the engine is up, for runs without a console.
     if (json_t* auto_ = json_object_get(cfg, "AutoStartTests"); json_is_array(auto_)) {
         size_t i;

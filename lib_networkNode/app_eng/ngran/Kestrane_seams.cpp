@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 
 #include <cstdio>
-#include <atomic>
 #include <cstring>
 
 #include "Kestrane.h"
@@ -19,7 +18,6 @@ void KsSeam__create_cpTeidTable() { absent("control-plane TEID table", __func__)
 
 void KsSeam__create_diam_id_table(uint32_t) { absent("Diameter id table", __func__); }
 void KsSeam__DiamDict_Init() { absent("Diameter dictionaries", __func__); }
-void KsSeam__TemplateEng_Init() { absent("template engine", __func__); }
 
 int KsSeam__GTP_Init(json_t* cfg) {
     const char* ip = json_string_value(json_object_get(cfg, "LOCAL_GTP_IP"));
@@ -48,46 +46,3 @@ void KsSeam__PFCP_Init() { absent("PFCP", __func__); }
 void KsSeam__AGF_Init() { absent("access gateway client", __func__); }
 void KsSeam__register_s1ap_handlers() { absent("S1AP handlers", __func__); }
 void KsSeam__register_diam_handlers() { absent("Diameter handlers", __func__); }
-void KsSeam__TE_Init() { absent("test-element connections", __func__); }
-void KsSeam__MonitoringEngine_Init() { absent("monitoring engine", __func__); }
-
-namespace {
-
-std::atomic<KsTemplateLookup> templateLookup{nullptr};
-
-MV_Template* lookupTemplate(const char* name, const char* cType, int appSubType, uint32_t messageId) {
-    if (!name || !*name) return nullptr;
-    if (KsTemplateLookup f = templateLookup.load()) return f(name, cType, appSubType, messageId);
-    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
-             "template engine is not part of this build: Template=[%s] Interface=%s SubType=%d MessageType=%u not found "
-             "%s|%d",
-             name, cType ? cType : "", appSubType, messageId, __func__, __LINE__);
-    return nullptr;
-}
-
-}  // namespace
-
-// ---------------------------------------------------------------- template engine
-
-void KsSeam__SetTemplateLookup(KsTemplateLookup lookup) { templateLookup = lookup; }
-
-MV_Template* KsSeam__FindTemplateByMessageId(const char* name, const char* cType, uint32_t messageId) {
-    return lookupTemplate(name, cType, -1, messageId);
-}
-
-MV_Template* KsSeam__FindTemplateByMessageId2(const char* name, const char* cType, int appSubType, uint32_t messageId) {
-    return lookupTemplate(name, cType, appSubType, messageId);
-}
-
-void KsSeam__FindTemplatesFotRequestByTemplateFor5G(uint32_t, uint32_t, uint32_t, uint32_t, __ks_step*) {
-    absent("template engine", __func__);
-}
-void KsSeam__FindTemplatesForRequestByTemplateForPFCP(uint32_t, uint32_t, __ks_step*) {
-    absent("template engine", __func__);
-}
-void KsSeam__FindTemplatesForRequestByTemplateByAppType(const char*, uint32_t, uint32_t, __ks_step*) {
-    absent("template engine", __func__);
-}
-void KsSeam__FindTemplatesForRequestByTemplateForDiam(int, const char*, uint32_t, uint32_t, uint32_t, __ks_step*) {
-    absent("template engine", __func__);
-}

@@ -8,7 +8,7 @@
 #include "KsPool.h"
 #include "Kestrane.h"
 #include "Kestrane_nodes.h"
-#include "Kestrane_seams.h"
+#include "KsTemplateEng_step.h"
 #include "mv_bytes.h"
 
 namespace {
@@ -495,8 +495,8 @@ void KsScanario__AddTemplatedTestCommand(MV_KsTestCommand* command, MV_KsUE* ksU
     }
     KsScanario__AddCommand(command, ksUe, st);
     // The three template positions ride in the option fields of the command.
-    KsSeam__FindTemplatesFotRequestByTemplateFor5G(option, command->InitialContextRequest, command->FOR,
-                                                   command->AuthOptions, st);
+    KsTemplateEng__FindTemplatesFotRequestByTemplateFor5G(option, command->InitialContextRequest, command->FOR,
+                                                          command->AuthOptions, st);
 }
 
 namespace {
@@ -588,16 +588,22 @@ void KsScanario__AddTemplatedTestCommand2(MV_KsTestCommand* command, MV_KsUE* ks
     KsScanario__AddCommand(command, ksUe, st);
     uint32_t req = command->IdentityRequestOption, tpl = command->InitialContextRequest;
     switch (command->EA0) {
-        case 2: KsSeam__FindTemplatesForRequestByTemplateForPFCP(req, tpl, st); break;
-        case 5: KsSeam__FindTemplatesForRequestByTemplateByAppType("PGW", req, tpl, st); break;
-        case 31: KsSeam__FindTemplatesForRequestByTemplateByAppType("GGSN", req, tpl, st); break;
-        case 7: KsSeam__FindTemplatesForRequestByTemplateForDiam(7, "HSS", command->EA1, command->FOR, tpl, st); break;
-        case 11: KsSeam__FindTemplatesForRequestByTemplateForDiam(11, "AAA", command->EA1, command->FOR, tpl, st); break;
+        case 2: KsTemplateEng__FindTemplatesForRequestByTemplateForPFCP(req, tpl, st); break;
+        case 5: KsTemplateEng__FindTemplatesForRequestByTemplateByAppType("PGW", req, tpl, st); break;
+        case 31: KsTemplateEng__FindTemplatesForRequestByTemplateByAppType("GGSN", req, tpl, st); break;
+        case 7:
+            KsTemplateEng__FindTemplatesForRequestByTemplateForDiam(7, "HSS", command->EA1, command->FOR, tpl, st);
+            break;
+        case 11:
+            KsTemplateEng__FindTemplatesForRequestByTemplateForDiam(11, "AAA", command->EA1, command->FOR, tpl, st);
+            break;
         case 10:
-            KsSeam__FindTemplatesForRequestByTemplateForDiam(10, "PCRF", command->AuthOptions, command->FOR, tpl, st);
+            KsTemplateEng__FindTemplatesForRequestByTemplateForDiam(10, "PCRF", command->AuthOptions, command->FOR, tpl,
+                                                                    st);
             break;
         case 12:
-            KsSeam__FindTemplatesForRequestByTemplateForDiam(12, "CHF", command->AuthOptions, command->FOR, tpl, st);
+            KsTemplateEng__FindTemplatesForRequestByTemplateForDiam(12, "CHF", command->AuthOptions, command->FOR, tpl,
+                                                                    st);
             break;
     }
     __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_INFO, "%s request=%u  templateId=%u  regTemplate=%p [%s] <%s|%s|%d>",

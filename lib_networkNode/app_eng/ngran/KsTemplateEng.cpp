@@ -422,7 +422,8 @@ json_t* loadDocument(const std::string& path) {
         return nullptr;
     }
     json_error_t err{};
-    json_t* doc = json_load_file(path.c_str(), 0, &err);
+    // Any root parses; the loaders take objects and arrays and pass over the rest.
+    json_t* doc = json_load_file(path.c_str(), JSON_DECODE_ANY, &err);
     if (!doc)
         printf("Loading Template File Failed with error:[%s] line=%d column=%d position=%d source=[%s] File=%s \n",
                err.text, err.line, err.column, err.position, err.source, path.c_str());
@@ -443,14 +444,13 @@ uint32_t translateDataType(const char* t) {
 
 int KsTemplateEng__Init(void) { return KsTemplateEng__InitFrom("./resources/templates", "./resources/dictionary"); }
 
-int KsTemplateEng__InitFrom(const char* templateDir, const char* dictionaryDir) {
-    std::lock_guard g(gInitLock);
-    if (gInitResult >= 0) return gInitResult;
-    gInitResult = 0;
-    __mv_templateeng* eng = instance();
+namespace {
+
+// Loads both directories into the engine; 0 when a file stops start-up.
+int loadDirectories(__mv_templateeng* eng, const char* templateDir, const char* dictionaryDir) {
     std::vector<std::string> files;
     if (!listJsonFiles(templateDir, files)) {
-        printf("Unable to read template directory %s|%d\n", __func__, __LINE__);
+        printf("Unable to read template directory %s|%d\n", "KsTemplateEng__Init", __LINE__);
     } else {
         for (const std::string& f : files) {
             std::string path = std::string(templateDir) + "/" + f;
@@ -466,25 +466,36 @@ int KsTemplateEng__InitFrom(const char* templateDir, const char* dictionaryDir) 
             // Elements keep references to their values; the rest of the document goes.
             json_decref(doc);
         }
-        for (MV_TemplateInterface* i = eng->interfaceHead.load(); i; i = i->Next.load()) KsTemplateEng__DoInterfaceIndex(i);
+        for (MV_TemplateInterface* i = eng->interfaceHead.load(); i; i = i->Next.load())
+            KsTemplateEng__DoInterfaceIndex(i);
     }
     files.clear();
-    if (listJsonFiles(dictionaryDir, files)) {
-        for (const std::string& f : files) {
-            std::string path = std::string(dictionaryDir) + "/" + f;
-            json_t* doc = loadDocument(path);
-            if (!doc) return 0;
-            printf("fileWithPath=%s\n", path.c_str());
-            if (!json_is_array(doc)) printf("Dictionary File is not an array, skipped File=%s %s|%d\n", path.c_str(), __func__, __LINE__);
-            size_t i;
-            json_t* app;
-            json_array_foreach(doc, i, app) KsTemplateEng__LoadAppDict(app, path.c_str());
-            json_decref(doc);
-        }
+    if (!listJsonFiles(dictionaryDir, files)) return 1;
+    for (const std::string& f : files) {
+        std::string path = std::string(dictionaryDir) + "/" + f;
+        json_t* doc = loadDocument(path);
+        if (!doc) return 0;
+        printf("fileWithPath=%s\n", path.c_str());
+        if (!json_is_array(doc))
+            printf("Dictionary File is not an array, skipped File=%s %s|%d\n", path.c_str(), "KsTemplateEng__Init",
+                   __LINE__);
+        size_t i;
+        json_t* app;
+        json_array_foreach(doc, i, app) KsTemplateEng__LoadAppDict(app, path.c_str());
+        json_decref(doc);
     }
-    fflush(stdout);
-    gInitResult = 1;
     return 1;
+}
+
+}  // namespace
+
+int KsTemplateEng__InitFrom(const char* templateDir, const char* dictionaryDir) {
+    std::lock_guard g(gInitLock);
+    if (gInitResult < 0) {
+        gInitResult = loadDirectories(instance(), templateDir, dictionaryDir);
+        fflush(stdout);
+    }
+    return gInitResult;
 }
 
 void KsTemplateEng___Reset(void) {

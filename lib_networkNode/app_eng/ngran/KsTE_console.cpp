@@ -21,8 +21,7 @@ void answerHeader(__uec_msg_header& out, const __uec_msg_header& in, uint32_t ty
 // An address in a status row: IPv4 as its four octets; an IPv6 address only says so.
 void address(const char* text, uint8_t (&bytes)[16], uint16_t& type) {
     if (!text || !*text) return;
-    const char* colon = strchr(text, ':');
-    if (colon && colon > text) {
+    if (strchr(text + 1, ':')) {
         type = 6;
         return;
     }

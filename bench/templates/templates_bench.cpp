@@ -218,6 +218,19 @@ std::vector<uint8_t> encodeRegistration(__naspduFGMM_RegistrationRequest& r) {
     return {gCtx.buffer, gCtx.buffer + gCtx.pos};
 }
 
+// A zeroed request filled by fill, then encoded, as a UE does for each registration.
+template <class Fill>
+void registrations(benchmark::State& state, Fill fill) {
+    for (auto _ : state) {
+        __naspduFGMM_RegistrationRequest r{};
+        fill(r);
+        __mv_asn_init_CodingContext(&gCtx);
+        __mv_naspdu_fgmm_encodeRegistrationRequest(&r, &gCtx);
+        benchmark::DoNotOptimize(gCtx.buffer[0]);
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+
 void BM_RegistrationUnderTemplate(benchmark::State& state) {
     loaded();
     const MV_Template* t = KsTemplateEng__FindTemplateByMessageId("regSlice", "NAS5G", 65);
@@ -225,42 +238,20 @@ void BM_RegistrationUnderTemplate(benchmark::State& state) {
     if (!t || !applyRegistration(t, a)) return state.SkipWithError("no template");
     fillRegistration(b);
     if (encodeRegistration(a) != encodeRegistration(b)) return state.SkipWithError("the two builds differ");
-    for (auto _ : state) {
-        __naspduFGMM_RegistrationRequest r{};
-        applyRegistration(t, r);
-        __mv_asn_init_CodingContext(&gCtx);
-        __mv_naspdu_fgmm_encodeRegistrationRequest(&r, &gCtx);
-        benchmark::DoNotOptimize(gCtx.buffer[0]);
-    }
-    state.SetItemsProcessed(state.iterations());
+    registrations(state, [t](__naspduFGMM_RegistrationRequest& r) { applyRegistration(t, r); });
 }
 BENCHMARK(BM_RegistrationUnderTemplate);
 
-void BM_RegistrationFromConstants(benchmark::State& state) {
-    for (auto _ : state) {
-        __naspduFGMM_RegistrationRequest r{};
-        fillRegistration(r);
-        __mv_asn_init_CodingContext(&gCtx);
-        __mv_naspdu_fgmm_encodeRegistrationRequest(&r, &gCtx);
-        benchmark::DoNotOptimize(gCtx.buffer[0]);
-    }
-    state.SetItemsProcessed(state.iterations());
-}
+void BM_RegistrationFromConstants(benchmark::State& state) { registrations(state, fillRegistration); }
 BENCHMARK(BM_RegistrationFromConstants);
 
 // A lookup by name and message type, then the template applied and encoded: the whole of
 // what a step's template costs a registration.
 void BM_RegistrationLookupApplyEncode(benchmark::State& state) {
     loaded();
-    for (auto _ : state) {
-        const MV_Template* t = KsTemplateEng__FindTemplateByMessageId("regSlice", "NAS5G", 65);
-        __naspduFGMM_RegistrationRequest r{};
-        applyRegistration(t, r);
-        __mv_asn_init_CodingContext(&gCtx);
-        __mv_naspdu_fgmm_encodeRegistrationRequest(&r, &gCtx);
-        benchmark::DoNotOptimize(gCtx.buffer[0]);
-    }
-    state.SetItemsProcessed(state.iterations());
+    registrations(state, [](__naspduFGMM_RegistrationRequest& r) {
+        applyRegistration(KsTemplateEng__FindTemplateByMessageId("regSlice", "NAS5G", 65), r);
+    });
 }
 BENCHMARK(BM_RegistrationLookupApplyEncode);
 
@@ -343,69 +334,50 @@ const Connections& connections(const benchmark::State& state) {
 
 void connArgs(benchmark::internal::Benchmark* b) { b->Args({2, 2})->Args({8, 8}); }
 
-void BM_ConnectionById(benchmark::State& state) {
+// Lookups in turn over the four types, each with a ConnectionId of its own in scattered
+// order; find(type, id, i) is one lookup and says whether it found its connection.
+template <class Find>
+void lookups(benchmark::State& state, Find find) {
     const Connections& c = connections(state);
     size_t i = 0;
     for (auto _ : state) {
         const auto& ids = c.ids[i % 4];
-        if (!KsTE__GetConnection(ids[(i / 4) % ids.size()])) state.SkipWithError("missed");
+        if (!find(Connections::kTypes[i % 4], ids[(i / 4) % ids.size()], uint32_t((i * 7) % c.perType)))
+            state.SkipWithError("missed");
         ++i;
     }
     state.SetItemsProcessed(state.iterations());
     state.counters["connections"] = double(c.perType * 4);
 }
+
+void BM_ConnectionById(benchmark::State& state) {
+    lookups(state, [](uint32_t, uint32_t id, uint32_t) { return KsTE__GetConnection(id); });
+}
 BENCHMARK(BM_ConnectionById)->Apply(connArgs);
 
 void BM_ConnectionByTypeAndIndex(benchmark::State& state) {
-    const Connections& c = connections(state);
-    size_t i = 0;
-    for (auto _ : state) {
-        if (!KsTE__GetConnectionByTEApplicationType(Connections::kTypes[i % 4], uint32_t((i * 7) % c.perType)))
-            state.SkipWithError("missed");
-        ++i;
-    }
-    state.SetItemsProcessed(state.iterations());
+    lookups(state, [](uint32_t type, uint32_t, uint32_t index) {
+        return KsTE__GetConnectionByTEApplicationType(type, index);
+    });
 }
 BENCHMARK(BM_ConnectionByTypeAndIndex)->Apply(connArgs);
 
 void BM_ConnectionByTypeAndId(benchmark::State& state) {
-    const Connections& c = connections(state);
-    size_t i = 0;
-    for (auto _ : state) {
-        const auto& ids = c.ids[i % 4];
-        if (!KsTE__GetConnectionByIDTEApplicationType(Connections::kTypes[i % 4], ids[(i / 4) % ids.size()]))
-            state.SkipWithError("missed");
-        ++i;
-    }
-    state.SetItemsProcessed(state.iterations());
+    lookups(state, [](uint32_t type, uint32_t id, uint32_t) { return KsTE__GetConnectionByIDTEApplicationType(type, id); });
 }
 BENCHMARK(BM_ConnectionByTypeAndId)->Apply(connArgs);
 
 // "Another connection of this type than the one that failed": the first that differs.
 void BM_NextConnectionByType(benchmark::State& state) {
-    const Connections& c = connections(state);
-    size_t i = 0;
-    for (auto _ : state) {
-        const auto& ids = c.ids[i % 4];
-        if (!KsTE__GetNextConnectionByTEApplicationType(Connections::kTypes[i % 4], ids[(i / 4) % ids.size()]))
-            state.SkipWithError("missed");
-        ++i;
-    }
-    state.SetItemsProcessed(state.iterations());
+    lookups(state, [](uint32_t type, uint32_t id, uint32_t) {
+        return KsTE__GetNextConnectionByTEApplicationType(type, id);
+    });
 }
 BENCHMARK(BM_NextConnectionByType)->Apply(connArgs);
 
 // A console command's way to its pair: clients of the type, then their servers.
 void BM_FindServerForCommand(benchmark::State& state) {
-    const Connections& c = connections(state);
-    size_t i = 0;
-    for (auto _ : state) {
-        const auto& ids = c.ids[i % 4];
-        if (!KsTE__FindServer(Connections::kTypes[i % 4], ids[(i / 4) % ids.size()], nullptr))
-            state.SkipWithError("missed");
-        ++i;
-    }
-    state.SetItemsProcessed(state.iterations());
+    lookups(state, [](uint32_t type, uint32_t id, uint32_t) { return KsTE__FindServer(type, id, nullptr); });
 }
 BENCHMARK(BM_FindServerForCommand)->Apply(connArgs);
 

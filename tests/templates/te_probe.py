@@ -13,11 +13,15 @@ tables with explicit little-endian packing: the connection list (51) and a conne
 usage: te_probe.py HOST PORT
 Prints "ok" and exits 0 when every check holds; otherwise names the first failure.
 """
+import os
 import socket
 import struct
 import sys
 
-HEADER = struct.Struct("<IIIQ")       # MessageSize, MessageType, RequestNo, siSocket
+# The console's framing and checks are the console probe's.
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "console"))
+from uec_probe import HEADER, Console, Failed, check  # noqa: E402
+
 CONNECTION = struct.Struct("<IIII")   # ID, Spare, TEApplicationType, Command
 LIST_HEAD = struct.Struct("<II")      # Count, TEApplicationType
 ROW = struct.Struct("<IIII20s16sHH16sHH16sHH16sHH")
@@ -25,32 +29,12 @@ COMMAND_ANSWER = struct.Struct("<IIII")  # ConnectionId, ConnectionStatus, Comma
 LIST, LIST_ANSWER, COMMAND, COMMAND_ANSWER_TYPE = 51, 52, 53, 54
 
 
-class Failed(Exception):
-    pass
-
-
-def check(cond, what):
-    if not cond:
-        raise Failed(what)
-
-
-class Console:
-    def __init__(self, host, port):
-        self.s = socket.create_connection((host, port), timeout=5)
-        self.buf = b""
-
-    def call(self, mtype, request_no, body):
-        self.s.sendall(HEADER.pack(HEADER.size + len(body), mtype, request_no, 0xdeadbeef) + body)
-        while True:
-            if len(self.buf) >= HEADER.size:
-                size = struct.unpack_from("<I", self.buf)[0]
-                check(size >= HEADER.size, "an answer shorter than its header")
-                if len(self.buf) >= size:
-                    f, self.buf = self.buf[:size], self.buf[size:]
-                    return f
-            chunk = self.s.recv(65536)
-            check(chunk, "the engine closed the connection")
-            self.buf += chunk
+def call(c, mtype, request_no, body):
+    """A request with a socket reference the answer must not carry back."""
+    c.send(mtype, request_no, body, si_socket=0xdeadbeef)
+    f = c.frame(5)
+    check(f is not None, "no answer to type %d" % mtype)
+    return f
 
 
 def ipv4(text):
@@ -58,7 +42,7 @@ def ipv4(text):
 
 
 def listing(c, request_no, app_type, body=None):
-    f = c.call(LIST, request_no, CONNECTION.pack(0, 0, app_type, 0) if body is None else body)
+    f = call(c, LIST, request_no, CONNECTION.pack(0, 0, app_type, 0) if body is None else body)
     size, mtype, no, _ = HEADER.unpack_from(f)
     check((mtype, no) == (LIST_ANSWER, request_no), "list answer header %r" % ((mtype, no),))
     count, echoed = LIST_HEAD.unpack_from(f, HEADER.size)
@@ -91,7 +75,7 @@ def main():
     check(listing(c, 10, 0, body=b"") == [], "a request of the header alone reads as type 0")
 
     for request_no, (conn_id, command) in enumerate([(1, 1), (99, 1), (2, 5)], start=20):
-        f = c.call(COMMAND, request_no, CONNECTION.pack(conn_id, 0, 2, command))
+        f = call(c, COMMAND, request_no, CONNECTION.pack(conn_id, 0, 2, command))
         size, mtype, no, si = HEADER.unpack_from(f)
         check((size, mtype, no, si) == (36, COMMAND_ANSWER_TYPE, request_no, 0),
               "command answer header %r" % ((size, mtype, no, si),))

@@ -18,7 +18,8 @@ import socket
 import struct
 import sys
 
-# The console's framing and checks are the console probe's.
+# The console's framing and checks are the console probe's (no bytecode left in the tree).
+sys.dont_write_bytecode = True
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "console"))
 from uec_probe import HEADER, Console, Failed, check  # noqa: E402
 

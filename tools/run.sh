@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Builds the engine and kestranectl and runs the main job on the default
-# configuration, as a user would: the engine starts in ./run, kestranectl queues the
-# default test over the console, waits for it to end, asks for a text report and
-# shows it; then the engine is ended by a signal.
+# configuration, as a user would: the engine starts in ./run (with config/data and
+# config/resources), kestranectl queues the default test over the console, waits for
+# it to end, asks for a text report and shows it; then the engine is ended by a signal.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 build=${KS_BUILD_DIR:-$top/build}
@@ -16,7 +16,8 @@ ctl="$build/tools/kestranectl/kestranectl"
 
 mkdir -p "$run"
 [ -d "$run/data" ] || cp -r "$top/config/data" "$run/data"
-[ -d "$run/resources" ] || cp -r "$top/config/resources" "$run/resources"
+# Message templates and AVP dictionaries: files the run folder lacks are added, edited ones kept.
+mkdir -p "$run/resources" && cp -rn "$top/config/resources/." "$run/resources/"
 cd "$run"
 "$build/lib_networkNode/kestrane" "$top/config/kestrane.json" >engine.out 2>&1 &
 pid=$!

@@ -36,7 +36,10 @@ inline void removeTree(const std::string& dir) {
     }
 }
 
+// Missing folders on the way are made.
 inline void writeFile(const std::string& path, const std::string& text) {
+    for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1))
+        mkdir(path.substr(0, slash).c_str(), 0755);
     std::ofstream f(path, std::ios::binary | std::ios::trunc);
     f << text;
 }

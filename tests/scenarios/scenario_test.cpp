@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "Kestrane.h"
-#include "Kestrane_seams.h"
+#include "KsTemplateEng.h"
 #include "ks_engine_env.h"
 
 namespace {
@@ -39,11 +39,45 @@ const std::string kCfg = R"({"LOCAL_GTP_IP": "127.0.0.1", "CLIPort": 0, "Maximum
 const std::string kUel = R"([{"ID": 1, "MSINStart": "001010000000001", "MSINEnd": "001010000000020",
   "MSISDNBegin": "1", "MCC": "001", "MNC": "01"}])";
 
+// A template for each Dict key that names one, and some that must not be found.
+const std::string kTemplates = R"([
+  {"Type": "NAS5G", "Templates": [
+    {"Name": "reg", "MessageType": 65, "Elements": [{"ID": "2F", "ValueType": "Hex", "Value": "0101"}]},
+    {"Name": "complete", "MessageType": 67, "Elements": [{"ID": "73"}]},
+    {"Name": "est", "MessageType": 193, "Elements": [{"ID": "9-"}]},
+    {"Name": "mod", "MessageType": 201, "Elements": [{"ID": "28"}]},
+    {"Name": "rel", "MessageType": 209, "Elements": [{"ID": "59"}]},
+    {"Name": "ul", "MessageType": 103, "Elements": [{"ID": "12"}]}]},
+  {"Type": "NGAP", "Templates": [
+    {"Name": "init", "ProcedureCode": 15, "ProtocolIEs": [{"ID": 85}]},
+    {"Name": "up", "ProcedureCode": 46, "ProtocolIEs": [{"ID": 10}]}]},
+  {"Type": "PFCP", "Templates": [
+    {"Name": "p50", "MessageType": 50, "Elements": [{"IEType": 60}]},
+    {"Name": "p52", "MessageType": 52, "Elements": [{"IEType": 57}]}]},
+  {"Type": "PGW", "Templates": [
+    {"Name": "g32", "MessageType": 32, "Elements": [{"IEType": 1}]},
+    {"Name": "g34", "MessageType": 34, "Elements": [{"IEType": 1}]},
+    {"Name": "g36", "MessageType": 36, "Elements": [{"IEType": 1}]}]},
+  {"Type": "AAA", "Templates": [
+    {"Name": "AAA-SWm-eap", "CmdCode": 268, "AVPs": [{"Code": 1}]},
+    {"Name": "AAA-SWm-aa", "CmdCode": 265, "AVPs": [{"Code": 1}]},
+    {"Name": "AAA-SWm-st", "CmdCode": 275, "AVPs": [{"Code": 1}]}]},
+  {"Type": "CHF", "Templates": [{"Name": "CHF-Gy-ccr", "CmdCode": 272, "AVPs": [{"Code": 1}]}]},
+  {"Type": "PCRF", "Templates": [{"Name": "PCRF-Gx-ccr", "CmdCode": 272, "AVPs": [{"Code": 1}]}]},
+  {"Type": "HSS", "Templates": [
+    {"Name": "HSS-S6a-ulr", "CmdCode": 316, "AVPs": [{"Code": 1}]},
+    {"Name": "HSS-S6a-nr", "CmdCode": 323, "AVPs": [{"Code": 1}]},
+    {"Name": "HSS-Sh-pur", "CmdCode": 307, "AVPs": [{"Code": 1}]},
+    {"Name": "HSS-Cx-uar", "CmdCode": 300, "AVPs": [{"Code": 1}]},
+    {"Name": "HSS-Cx-mar", "CmdCode": 303, "AVPs": [{"Code": 1}]}]}
+])";
+
 kst::EngineInDir* const gEnv = static_cast<kst::EngineInDir*>(::testing::AddGlobalTestEnvironment(
     new kst::EngineInDir("scen", {{"cfg.json", kCfg},
                                   {"sc50.json", R"([{"Step": "Sleep", "Time": 0}])"},
                                   {"sc51.json", kRegFile},
                                   {"sc52.json", "[]"},
+                                  {"resources/templates/steps.json", kTemplates},
                                   {"data/uel.json", kUel}})));
 
 MV_KsUE* ue(int n) { return kst::ueOf001(n); }
@@ -160,19 +194,8 @@ TEST(Catalogue, DefaultsOfTheStepsThatHaveThem) {
 
 // ---------------------------------------------------------------- Dict keys
 
-struct Lookup {
-    std::string name, type;
-    int sub;
-    uint32_t message;
-};
-std::vector<Lookup> gLookups;
-
-MV_Template* fakeLookup(const char* name, const char* type, int sub, uint32_t message) {
-    gLookups.push_back({name, type, sub, message});
-    return reinterpret_cast<MV_Template*>(uintptr_t(0x1000 + gLookups.size()));
-}
-
-MV_Template* nth(size_t n) { return reinterpret_cast<MV_Template*>(uintptr_t(0x1000 + n)); }
+// The template a slot holds, by name; "" for none.
+std::string named(const MV_Template* t) { return t ? KsTemplateEng__GetTemplateName(t) : ""; }
 
 TEST(Catalogue, DictKeysOverrideDefaultsInArrayOrder) {
     struct Case {
@@ -248,71 +271,69 @@ TEST(Catalogue, DictKeysOverrideDefaultsInArrayOrder) {
     }
 }
 
-TEST(Catalogue, TemplateKeysAskTheirInterfaceAndFillTheirSlot) {
-    KsSeam__SetTemplateLookup(fakeLookup);
+TEST(Catalogue, TemplateKeysFindTheirTemplateByInterfaceAndMessage) {
     struct Case {
         uint32_t id;
         std::string dict;
-        std::vector<Lookup> asked;
+        const char* want;  // in nas5G_regTemplate, unless check says otherwise
         std::function<void(KsStep*)> check;
     };
     const std::vector<Case> cases = {
-        {1, dict({{17, "reg"}, {18, "init"}, {19, "up"}}),
-         {{"reg", "NAS5G", -1, 65}, {"init", "NGAP", -1, 15}, {"up", "NGAP", -1, 46}},
+        {1, dict({{17, "reg"}, {18, "init"}, {19, "up"}}), "reg",
          [](KsStep* s) {
-             EXPECT_EQ(s->nas5G_regTemplate, nth(1));
-             EXPECT_EQ(s->ngap_initUEMessTemplate, nth(2));
-             EXPECT_EQ(s->ngap_uplinkNASTranTemplate, nth(3));
+             EXPECT_EQ(named(s->ngap_initUEMessTemplate), "init");
+             EXPECT_EQ(named(s->ngap_uplinkNASTranTemplate), "up");
          }},
-        {2, dict({{2, "2"}, {20, "mod"}, {21, "ul"}}),
-         {{"mod", "NAS5G", -1, 201}, {"ul", "NAS5G", -1, 103}},
+        {1, dict({{17, "complete"}}), "", nullptr},  // a NAS template of another message
+        {1, dict({{18, "reg"}, {19, "init"}}), "",
          [](KsStep* s) {
-             EXPECT_EQ(s->nas5G_pduSessionTemplate, nth(1));
-             EXPECT_EQ(s->nas5G_ulNASTransport, nth(2));
+             EXPECT_EQ(s->ngap_initUEMessTemplate, nullptr) << "reg is no NGAP template";
+             EXPECT_EQ(s->ngap_uplinkNASTranTemplate, nullptr) << "init is not an uplink NAS transport";
          }},
-        {2, dict({{2, "1"}, {20, "est"}}), {{"est", "NAS5G", -1, 193}}, nullptr},
-        {2, dict({{2, "3"}, {20, "rel"}}), {{"rel", "NAS5G", -1, 209}}, nullptr},
-        {2, dict({{20, "early"}, {2, "1"}}), {}, [](KsStep* s) { EXPECT_EQ(s->nas5G_pduSessionTemplate, nullptr); }},
-        {1001, dict({{22, "p"}}), {{"p", "PFCP", -1, 50}}, [](KsStep* s) { EXPECT_EQ(s->nas5G_regTemplate, nth(1)); }},
-        {1002, dict({{22, "p"}}), {{"p", "PFCP", -1, 52}}, nullptr},
-        {1003, dict({{22, "p"}}), {}, nullptr},
-        {3001, dict({{22, "g"}}), {{"g", "PGW", -1, 32}}, nullptr},
-        {3002, dict({{22, "g"}}), {}, nullptr},
-        {3003, dict({{22, "g"}}), {{"g", "PGW", -1, 34}}, nullptr},
-        {3005, dict({{22, "g"}}), {{"g", "PGW", -1, 36}}, nullptr},
-        {7004, dict({{22, "a"}}), {}, nullptr},
-        {7005, dict({{22, "a"}}), {{"a", "AAA", 2, 268}}, nullptr},
-        {7006, dict({{22, "a"}}), {{"a", "AAA", 2, 265}}, nullptr},
-        {7007, dict({{22, "a"}}), {{"a", "AAA", 2, 275}}, nullptr},
-        {8001, dict({{22, "c"}}), {{"c", "CHF", 1, 272}}, nullptr},
-        {8002, dict({{22, "c"}}), {}, nullptr},
-        {9001, dict({{22, "x"}}), {{"x", "PCRF", 0, 272}}, nullptr},
-        {9004, dict({{22, "x"}}), {{"x", "PCRF", 0, 272}}, nullptr},
-        {9002, dict({{22, "x"}}), {}, nullptr},
-        {10001, dict({{22, "h"}}), {{"h", "HSS", 1, 316}}, nullptr},
-        {10004, dict({{22, "h"}}), {{"h", "HSS", 1, 323}}, nullptr},
-        {10006, dict({{22, "h"}}), {{"h", "HSS", 2, 307}}, nullptr},
-        {10009, dict({{22, "h"}}), {{"h", "HSS", 3, 300}}, nullptr},
-        {10012, dict({{22, "h"}}), {{"h", "HSS", 3, 303}}, nullptr},
-        {10013, dict({{22, "h"}}), {}, nullptr},
+        {2, dict({{2, "2"}, {20, "mod"}, {21, "ul"}}), "",
+         [](KsStep* s) {
+             EXPECT_EQ(named(s->nas5G_pduSessionTemplate), "mod");
+             EXPECT_EQ(named(s->nas5G_ulNASTransport), "ul");
+         }},
+        {2, dict({{2, "1"}, {20, "est"}}), "", [](KsStep* s) { EXPECT_EQ(named(s->nas5G_pduSessionTemplate), "est"); }},
+        {2, dict({{2, "3"}, {20, "rel"}}), "", [](KsStep* s) { EXPECT_EQ(named(s->nas5G_pduSessionTemplate), "rel"); }},
+        {2, dict({{2, "1"}, {20, "mod"}}), "", [](KsStep* s) { EXPECT_EQ(s->nas5G_pduSessionTemplate, nullptr); }},
+        {2, dict({{20, "est"}, {2, "1"}}), "", [](KsStep* s) { EXPECT_EQ(s->nas5G_pduSessionTemplate, nullptr); }},
+        {1001, dict({{22, "p50"}}), "p50", nullptr},
+        {1001, dict({{22, "p52"}}), "", nullptr},
+        {1002, dict({{22, "p52"}}), "p52", nullptr},
+        {1003, dict({{22, "p50"}}), "", nullptr},
+        {3001, dict({{22, "g32"}}), "g32", nullptr},
+        {3002, dict({{22, "g32"}}), "", nullptr},
+        {3003, dict({{22, "g34"}}), "g34", nullptr},
+        {3005, dict({{22, "g36"}}), "g36", nullptr},
+        {3005, dict({{22, "p50"}}), "", nullptr},  // a PFCP template is no PGW template
+        {7004, dict({{22, "AAA-SWm-eap"}}), "", nullptr},
+        {7005, dict({{22, "AAA-SWm-eap"}}), "AAA-SWm-eap", nullptr},
+        {7006, dict({{22, "AAA-SWm-aa"}}), "AAA-SWm-aa", nullptr},
+        {7007, dict({{22, "AAA-SWm-st"}}), "AAA-SWm-st", nullptr},
+        {8001, dict({{22, "CHF-Gy-ccr"}}), "CHF-Gy-ccr", nullptr},
+        {8002, dict({{22, "CHF-Gy-ccr"}}), "", nullptr},
+        {9001, dict({{22, "PCRF-Gx-ccr"}}), "PCRF-Gx-ccr", nullptr},
+        {9004, dict({{22, "PCRF-Gx-ccr"}}), "PCRF-Gx-ccr", nullptr},
+        {9002, dict({{22, "PCRF-Gx-ccr"}}), "", nullptr},
+        {10001, dict({{22, "HSS-S6a-ulr"}}), "HSS-S6a-ulr", nullptr},
+        {10001, dict({{22, "HSS-Cx-uar"}}), "", nullptr},
+        {10004, dict({{22, "HSS-S6a-nr"}}), "HSS-S6a-nr", nullptr},
+        {10006, dict({{22, "HSS-Sh-pur"}}), "HSS-Sh-pur", nullptr},
+        {10009, dict({{22, "HSS-Cx-uar"}}), "HSS-Cx-uar", nullptr},
+        {10012, dict({{22, "HSS-Cx-mar"}}), "HSS-Cx-mar", nullptr},
+        {10013, dict({{22, "HSS-Cx-mar"}}), "", nullptr},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE("step id " + std::to_string(c.id) + " " + c.dict);
-        gLookups.clear();
         KsStep* st = buildStep(c.id, c.dict);
-        ASSERT_EQ(gLookups.size(), c.asked.size());
-        for (size_t i = 0; i < c.asked.size(); ++i) {
-            EXPECT_EQ(gLookups[i].name, c.asked[i].name);
-            EXPECT_EQ(gLookups[i].type, c.asked[i].type);
-            EXPECT_EQ(gLookups[i].sub, c.asked[i].sub);
-            EXPECT_EQ(gLookups[i].message, c.asked[i].message);
-        }
+        EXPECT_EQ(named(st->nas5G_regTemplate), c.want);
         if (c.check) c.check(st);
     }
-    KsSeam__SetTemplateLookup(nullptr);
-    gLookups.clear();
-    EXPECT_EQ(buildStep(1, dict({{17, "reg"}}))->nas5G_regTemplate, nullptr) << "no template engine: no template";
-    EXPECT_NE(gEnv->appLog().find("Template=[reg] Interface=NAS5G SubType=-1 MessageType=65 not found"),
+    EXPECT_NE(gEnv->appLog().find("Template=[complete] Interface=NAS5G SubType=-1 MessageType=65 not found"),
+              std::string::npos);
+    EXPECT_NE(gEnv->appLog().find("Template=[HSS-Cx-uar] Interface=HSS SubType=1 MessageType=316 not found"),
               std::string::npos);
 }
 

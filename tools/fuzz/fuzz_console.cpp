@@ -40,6 +40,8 @@ void KsUECServer___handle_StatsRequest(__uec_stats_request* m) { touch(m); }
 void KsUECServer___handle_testReportRequest(__uec_test_start_request* m) { touch(m); }
 void KsUECServer___handle_beginTest(__uec_begin_test* m) { touch(m); }
 void KsUECServer___handle_loadSettings(__uec_load_settings_request* m) { touch(m); }
+void KsUECServer___handle_nodeConnectionStatus(__uec_node_connection* m) { touch(m); }
+void KsUECServer___handle_nodeConnectionCommand(__uec_node_connection* m) { touch(m); }
 void KsUECServer___handle_PingRequest(__uec_msg_header* m) {
     __uec_msg_header echo = *m;
     KsUECServer___respond(m, &echo, sizeof echo, "UEC_PingRequest");

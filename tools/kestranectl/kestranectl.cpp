@@ -4,7 +4,9 @@
 //
 // Exit status: 0 done, 1 the engine refused, 2 bad arguments, 3 engine unreachable,
 // 4 no answer in time, 5 malformed answer.
+#include <arpa/inet.h>
 #include <jansson.h>
+#include <strings.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -15,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "KsTE_appTypes.h"
 #include "Kestrane_counters.h"
 #include "uec_client.h"
 
@@ -34,6 +37,8 @@ constexpr const char* kUsage =
     "                                until the test is no longer queued or running\n"
     "  stats                         the engine's statistics\n"
     "  report                        ask for a text report in the engine's ./reports/\n"
+    "  nodes [APPTYPE]               the element connections of a type (name or number), or of all\n"
+    "  node APPTYPE ID COMMAND       a command to connection ID (1 brings its node up)\n"
     "  raw TYPE [HEX...]             send a request of any type, print the answer\n"
     "        [--no-answer]           succeed only when no answer comes\n"
     "\n"
@@ -371,6 +376,150 @@ int cmdReport(Client& c, const Options& o) {
     return ok ? Ok : Refused;
 }
 
+// An application type given by name (any case) or number.
+bool parseAppType(const std::string& s, uint32_t& out) {
+    if (parseU32(s, out)) return out >= 1 && out <= 31;
+    for (uint32_t i = 1; i < 32; ++i)
+        if (strcasecmp(KsTE__AppTypeName(i), s.c_str()) == 0) return (out = i), true;
+    return false;
+}
+
+std::string appTypeText(uint32_t t) {
+    const char* n = KsTE__AppTypeName(t);
+    return n ? n : std::to_string(t);
+}
+
+// The connections of one type, as the engine lists them.
+int listConnections(Client& c, const Options& o, uint32_t type, std::vector<__uec_node_connection_status>& rows) {
+    __uec_node_connection req{};
+    req.TEApplicationType = type;
+    std::vector<uint8_t> raw;
+    auto* body = reinterpret_cast<const uint8_t*>(&req) + sizeof(__uec_msg_header);
+    int r = c.call(VELTA_UEC_MSG_TYP__NODE_CONNECTION_REQUEST,
+                   std::span<const uint8_t>(body, sizeof req - sizeof(__uec_msg_header)), raw, o.timeoutMs);
+    if (r != Ok) return r;
+    constexpr size_t at = offsetof(__uec_node_connection_status_list, buffer);
+    if (raw.size() < at) return Protocol;
+    uint32_t count;
+    memcpy(&count, raw.data() + offsetof(__uec_node_connection_status_list, Count), sizeof count);
+    if (count > kUecRowsNodeConnStatus || raw.size() < at + count * sizeof(__uec_node_connection_status)) return Protocol;
+    size_t first = rows.size();
+    rows.resize(first + count);
+    if (count) memcpy(&rows[first], raw.data() + at, count * sizeof(__uec_node_connection_status));
+    return Ok;
+}
+
+std::string addressText(const uint8_t (&ip)[16], uint16_t type) {
+    if (type == 6) return "(IPv6)";
+    if (type != 4) return "-";
+    char text[INET_ADDRSTRLEN];
+    inet_ntop(AF_INET, ip, text, sizeof text);
+    return text;
+}
+
+std::string endText(const uint8_t (&ip)[16], uint16_t type, uint16_t port) {
+    return type ? addressText(ip, type) + ":" + std::to_string(port) : "-";
+}
+
+json_t* endJson(const uint8_t (&ip1)[16], uint16_t type1, uint16_t port1, const uint8_t (&ip2)[16], uint16_t type2,
+                uint16_t port2) {
+    json_t* j = json_object();
+    json_object_set_new(j, "ip", json_string(addressText(ip1, type1).c_str()));
+    json_object_set_new(j, "port", json_integer(port1));
+    json_object_set_new(j, "ip2", json_string(addressText(ip2, type2).c_str()));
+    json_object_set_new(j, "port2", json_integer(port2));
+    return j;
+}
+
+json_t* connectionJson(const __uec_node_connection_status& r) {
+    json_t* j = json_object();
+    json_object_set_new(j, "id", json_integer(r.ConnectionId));
+    json_object_set_new(j, "type", json_integer(r.TEApplicationType));
+    json_object_set_new(j, "type_name", json_string(appTypeText(r.TEApplicationType).c_str()));
+    json_object_set_new(j, "status", json_integer(r.ConnectionStatus));
+    json_object_set_new(j, "pair", json_string(fixedText(r.ConnString, sizeof r.ConnString).c_str()));
+    json_object_set_new(j, "server", endJson(r.ServerIP_1, r.ServerIP_1Type, r.Server_1Port, r.ServerIP_2,
+                                              r.ServerIP_2Type, r.Server_2Port));
+    json_object_set_new(j, "client", endJson(r.ClientIP_1, r.ClientIP_1Type, r.Client_1Port, r.ClientIP_2,
+                                              r.ClientIP_2Type, r.Client_2Port));
+    return j;
+}
+
+int cmdNodes(Client& c, const Options& o) {
+    std::vector<uint32_t> types;
+    uint32_t t = 0;
+    if (o.args.size() == 2) {
+        parseAppType(o.args[1], t);
+        types.push_back(t);
+    } else {
+        for (t = 1; t < 32; ++t) types.push_back(t);
+    }
+    std::vector<__uec_node_connection_status> rows;
+    for (uint32_t type : types)
+        if (int r = listConnections(c, o, type, rows); r != Ok) return fail(o, "nodes", r);
+    if (o.json) {
+        json_t* j = json_object();
+        json_object_set_new(j, "command", json_string("nodes"));
+        json_object_set_new(j, "ok", json_true());
+        json_t* list = json_array();
+        for (const auto& r : rows) json_array_append_new(list, connectionJson(r));
+        json_object_set_new(j, "connections", list);
+        emit(j);
+        return Ok;
+    }
+    if (rows.empty()) {
+        printf("no connections%s\n", types.size() == 1 ? (" of " + appTypeText(types[0])).c_str() : "");
+        return Ok;
+    }
+    printf("%-6s %-10s %-7s %-20s %-22s %s\n", "CONN", "TYPE", "STATUS", "PAIR", "SERVER", "CLIENT");
+    for (const auto& r : rows)
+        printf("%-6u %-10s %-7u %-20s %-22s %s\n", r.ConnectionId, appTypeText(r.TEApplicationType).c_str(),
+               r.ConnectionStatus, fixedText(r.ConnString, sizeof r.ConnString).c_str(),
+               endText(r.ServerIP_1, r.ServerIP_1Type, r.Server_1Port).c_str(),
+               endText(r.ClientIP_1, r.ClientIP_1Type, r.Client_1Port).c_str());
+    return Ok;
+}
+
+int cmdNode(Client& c, const Options& o) {
+    uint32_t type = 0, id = 0, command = 0;
+    parseAppType(o.args[1], type);
+    parseU32(o.args[2], id);
+    parseU32(o.args[3], command);
+    // The engine's answer does not tell an unknown connection from a known one: ask first.
+    std::vector<__uec_node_connection_status> rows;
+    if (int r = listConnections(c, o, type, rows); r != Ok) return fail(o, "node", r);
+    const __uec_node_connection_status* row = nullptr;
+    for (const auto& x : rows)
+        if (x.ConnectionId == id) row = &x;
+    if (!row)
+        return fail(o, "node", Refused, "no connection " + std::to_string(id) + " of " + appTypeText(type));
+    __uec_node_connection req{};
+    req.ID = id;
+    req.TEApplicationType = type;
+    req.Command = command;
+    __uec_node_command_response ans{};
+    if (int r = c.callRecord(VELTA_UEC_MSG_TYP__NODE_CONNECTION_COMMAND_REQUEST, req, ans, o.timeoutMs); r != Ok)
+        return fail(o, "node", r);
+    std::string pair = fixedText(row->ConnString, sizeof row->ConnString);
+    if (o.json) {
+        json_t* j = json_object();
+        json_object_set_new(j, "command", json_string("node"));
+        json_object_set_new(j, "ok", json_true());
+        json_object_set_new(j, "id", json_integer(ans.ConnectionId));
+        json_object_set_new(j, "type", json_integer(ans.TEApplicationType));
+        json_object_set_new(j, "type_name", json_string(appTypeText(ans.TEApplicationType).c_str()));
+        json_object_set_new(j, "pair", json_string(pair.c_str()));
+        json_object_set_new(j, "node_command", json_integer(command));
+        json_object_set_new(j, "status", json_integer(ans.ConnectionStatus));
+        json_object_set_new(j, "command_status", json_integer(ans.CommandStatus));
+        emit(j);
+    } else {
+        printf("connection %u (%s %s): command %u sent, status %u\n", ans.ConnectionId,
+               appTypeText(ans.TEApplicationType).c_str(), pair.c_str(), command, ans.ConnectionStatus);
+    }
+    return Ok;
+}
+
 int hexValue(char ch) {
     if (ch >= '0' && ch <= '9') return ch - '0';
     if (ch >= 'a' && ch <= 'f') return ch - 'a' + 10;
@@ -499,7 +648,8 @@ int main(int argc, char** argv) {
     }
     if (p != Ok) return usage("bad arguments");
     const std::string& cmd = o.args[0];
-    static const char* const kCommands[] = {"ping", "start", "stop", "status", "wait", "stats", "report", "raw"};
+    static const char* const kCommands[] = {"ping", "start",  "stop", "status", "wait",
+                                            "stats", "report", "raw", "nodes", "node"};
     bool known = false;
     for (const char* k : kCommands) known = known || cmd == k;
     if (!known) return usage(("unknown command " + cmd).c_str());
@@ -511,6 +661,12 @@ int main(int argc, char** argv) {
         if (o.args.size() != 2 || !parseU32(o.args[1], id) || id == 0)
             return usage((cmd + " takes one TEST_ID, 1 or more").c_str());
     }
+    uint32_t appType = 0, u = 0;
+    if (cmd == "nodes" && (o.args.size() > 2 || (o.args.size() == 2 && !parseAppType(o.args[1], appType))))
+        return usage("nodes takes at most one APPTYPE, a name such as UPF or a number from 1 to 31");
+    if (cmd == "node" && (o.args.size() != 4 || !parseAppType(o.args[1], appType) || !parseU32(o.args[2], u) ||
+                          !parseU32(o.args[3], u)))
+        return usage("node takes APPTYPE (a name such as UPF or a number from 1 to 31), a connection ID and a COMMAND");
     if (cmd == "raw") {
         uint32_t type = 0;
         if (o.args.size() < 2 || !parseU32(o.args[1], type)) return usage("raw needs a message TYPE");
@@ -530,5 +686,7 @@ int main(int argc, char** argv) {
     if (cmd == "wait") return cmdWait(c, o);
     if (cmd == "stats") return cmdStats(c, o);
     if (cmd == "report") return cmdReport(c, o);
+    if (cmd == "nodes") return cmdNodes(c, o);
+    if (cmd == "node") return cmdNode(c, o);
     return cmdRaw(c, o);
 }

@@ -18,7 +18,11 @@
 #include <mutex>
 #include <string>
 
+#include "KsMonitoringEngine.h"
 #include "KsPool.h"
+#include "KsTE.h"
+#include "KsTE_engine.h"
+#include "KsTemplateEng.h"
 #include "Kestrane_seams.h"
 #include "mv_socket_engine.h"
 #include "Kestrane_util.h"
@@ -395,7 +399,7 @@ int loadSubscribersAndCommands(json_t* cfg) {
 
 // The protocol subsystems in their fixed order, the UEs' lines, and the RAN nodes.
 int startProtocols(json_t* cfg) {
-    if (!KsSeam__TemplateEng_Init(cfg)) return 0;
+    if (!KsTemplateEng__Init()) return 0;
     if (!KsSeam__GTP_Init(cfg)) return 0;
     if (!KsSeam__DataPath_Init(cfg) || !KsSeam__PFCP_Init(cfg) || !KsSeam__AGF_Init(cfg)) return 0;
 
@@ -421,7 +425,8 @@ void startNodes(json_t* cfg) {
         KsEngine__ConfigureDynamicRanNodes();
         KsEngine__StartNGRANs();
     }
-    KsSeam__TE_Init(cfg);
+    KsTE__AttachEngine();
+    KsTE__Init();
     __mv_enable_coredump();
 }
 
@@ -437,7 +442,7 @@ void startThreads() {
 void finishStartup(json_t* cfg) {
     KsEngine__LoadUEAddlData(cfg);
     __ksEngine->EnableMonitoringEngine = uint32_t(KsJson::number(cfg, "EnableMonitoringEngine", 0));
-    KsSeam__MonitoringEngine_Init(cfg);
+    KsMonitoringEngine__Init();
     // Tests named here are queued as soon as the engine is up, for runs without a console.
     if (json_t* auto_ = json_object_get(cfg, "AutoStartTests"); json_is_array(auto_)) {
         size_t i;

@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -36,7 +35,6 @@ int KsSeam__create_diam_id_table(json_t* cfg) {
     return slot(KsStartSlot::DiamIdTable, cfg, "Diameter id table", __func__);
 }
 int KsSeam__DiamDict_Init(json_t* cfg) { return slot(KsStartSlot::DiamDict, cfg, "Diameter dictionaries", __func__); }
-int KsSeam__TemplateEng_Init(json_t* cfg) { return slot(KsStartSlot::TemplateEng, cfg, "template engine", __func__); }
 
 int KsSeam__GTP_Init(json_t* cfg) {
     const char* ip = json_string_value(json_object_get(cfg, "LOCAL_GTP_IP"));
@@ -70,49 +68,4 @@ int KsSeam__register_s1ap_handlers(json_t* cfg) {
 }
 int KsSeam__register_diam_handlers(json_t* cfg) {
     return slot(KsStartSlot::DiamHandlers, cfg, "Diameter handlers", __func__);
-}
-int KsSeam__TE_Init(json_t* cfg) { return slot(KsStartSlot::TE, cfg, "test-element connections", __func__); }
-int KsSeam__MonitoringEngine_Init(json_t* cfg) {
-    return slot(KsStartSlot::MonitoringEngine, cfg, "monitoring engine", __func__);
-}
-
-namespace {
-
-std::atomic<KsTemplateLookup> templateLookup{nullptr};
-
-MV_Template* lookupTemplate(const char* name, const char* cType, int appSubType, uint32_t messageId) {
-    if (!name || !*name) return nullptr;
-    if (KsTemplateLookup f = templateLookup.load()) return f(name, cType, appSubType, messageId);
-    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
-             "template engine is not part of this build: Template=[%s] Interface=%s SubType=%d MessageType=%u not found "
-             "%s|%d",
-             name, cType ? cType : "", appSubType, messageId, __func__, __LINE__);
-    return nullptr;
-}
-
-}  // namespace
-
-// ---------------------------------------------------------------- template engine
-
-void KsSeam__SetTemplateLookup(KsTemplateLookup lookup) { templateLookup = lookup; }
-
-MV_Template* KsSeam__FindTemplateByMessageId(const char* name, const char* cType, uint32_t messageId) {
-    return lookupTemplate(name, cType, -1, messageId);
-}
-
-MV_Template* KsSeam__FindTemplateByMessageId2(const char* name, const char* cType, int appSubType, uint32_t messageId) {
-    return lookupTemplate(name, cType, appSubType, messageId);
-}
-
-void KsSeam__FindTemplatesFotRequestByTemplateFor5G(uint32_t, uint32_t, uint32_t, uint32_t, __ks_step*) {
-    absent("template engine", __func__);
-}
-void KsSeam__FindTemplatesForRequestByTemplateForPFCP(uint32_t, uint32_t, __ks_step*) {
-    absent("template engine", __func__);
-}
-void KsSeam__FindTemplatesForRequestByTemplateByAppType(const char*, uint32_t, uint32_t, __ks_step*) {
-    absent("template engine", __func__);
-}
-void KsSeam__FindTemplatesForRequestByTemplateForDiam(int, const char*, uint32_t, uint32_t, uint32_t, __ks_step*) {
-    absent("template engine", __func__);
 }

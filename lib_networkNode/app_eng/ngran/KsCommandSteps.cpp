@@ -9,7 +9,7 @@
 #include "KsEngine_registry.h"
 #include "Kestrane.h"
 #include "Kestrane_nodes.h"
-#include "Kestrane_seams.h"
+#include "KsTemplateEng_step.h"
 #include "mv_bytes.h"
 
 namespace {
@@ -507,8 +507,8 @@ void KsScanario__AddTemplatedTestCommand(MV_KsTestCommand* command, MV_KsUE* ksU
     }
     KsScanario__AddCommand(command, ksUe, st);
     // The three template positions ride in the option fields of the command.
-    KsSeam__FindTemplatesFotRequestByTemplateFor5G(option, command->InitialContextRequest, command->FOR,
-                                                   command->AuthOptions, st);
+    KsTemplateEng__FindTemplatesFotRequestByTemplateFor5G(option, command->InitialContextRequest, command->FOR,
+                                                          command->AuthOptions, st);
 }
 
 namespace {
@@ -596,25 +596,25 @@ KsStep* pickCHF(const MV_KsTestCommand* c, MV_KsUE*) {
 }
 
 void templatesPFCP(const MV_KsTestCommand* c, KsStep* st) {
-    KsSeam__FindTemplatesForRequestByTemplateForPFCP(c->IdentityRequestOption, c->InitialContextRequest, st);
+    KsTemplateEng__FindTemplatesForRequestByTemplateForPFCP(c->IdentityRequestOption, c->InitialContextRequest, st);
 }
 void templatesPGW(const MV_KsTestCommand* c, KsStep* st) {
-    KsSeam__FindTemplatesForRequestByTemplateByAppType("PGW", c->IdentityRequestOption, c->InitialContextRequest, st);
+    KsTemplateEng__FindTemplatesForRequestByTemplateByAppType("PGW", c->IdentityRequestOption, c->InitialContextRequest, st);
 }
 void templatesGGSN(const MV_KsTestCommand* c, KsStep* st) {
-    KsSeam__FindTemplatesForRequestByTemplateByAppType("GGSN", c->IdentityRequestOption, c->InitialContextRequest, st);
+    KsTemplateEng__FindTemplatesForRequestByTemplateByAppType("GGSN", c->IdentityRequestOption, c->InitialContextRequest, st);
 }
 void templatesHSS(const MV_KsTestCommand* c, KsStep* st) {
-    KsSeam__FindTemplatesForRequestByTemplateForDiam(7, "HSS", c->EA1, c->FOR, c->InitialContextRequest, st);
+    KsTemplateEng__FindTemplatesForRequestByTemplateForDiam(7, "HSS", c->EA1, c->FOR, c->InitialContextRequest, st);
 }
 void templatesAAA(const MV_KsTestCommand* c, KsStep* st) {
-    KsSeam__FindTemplatesForRequestByTemplateForDiam(11, "AAA", c->EA1, c->FOR, c->InitialContextRequest, st);
+    KsTemplateEng__FindTemplatesForRequestByTemplateForDiam(11, "AAA", c->EA1, c->FOR, c->InitialContextRequest, st);
 }
 void templatesPCRF(const MV_KsTestCommand* c, KsStep* st) {
-    KsSeam__FindTemplatesForRequestByTemplateForDiam(10, "PCRF", c->AuthOptions, c->FOR, c->InitialContextRequest, st);
+    KsTemplateEng__FindTemplatesForRequestByTemplateForDiam(10, "PCRF", c->AuthOptions, c->FOR, c->InitialContextRequest, st);
 }
 void templatesCHF(const MV_KsTestCommand* c, KsStep* st) {
-    KsSeam__FindTemplatesForRequestByTemplateForDiam(12, "CHF", c->AuthOptions, c->FOR, c->InitialContextRequest, st);
+    KsTemplateEng__FindTemplatesForRequestByTemplateForDiam(12, "CHF", c->AuthOptions, c->FOR, c->InitialContextRequest, st);
 }
 
 constexpr KsTemplatedCommand kTemplated[] = {

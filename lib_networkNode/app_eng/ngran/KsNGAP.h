@@ -127,3 +127,10 @@ MV_AMF_DT_RANConfigurationUpdate* KsNGAP___build_RANConfigurationUpdate(const MV
 // The lines of what the builders noted: the design's texts (KsNGAP_path.cpp).
 void KsNGAP___reportBuildNotes(const KsNgapBuildNotes& notes);
 MV_AMF_DT_NGReset* KsNGAP___build_NGReset(void);
+
+// The self check; 0 does nothing (start-up passes 0).
+void KsTDD_run(int bRun);
+// Allocates, looks up by the derived RAN UE NGAP id and releases 21 rounds of the whole
+// context pool on the first RAN, logging each. Returns how many lookups missed their
+// context, or -1 when there is no RAN or a context could not be had.
+int KsTDD_runUeContextTest(void);

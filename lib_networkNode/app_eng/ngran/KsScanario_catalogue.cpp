@@ -9,7 +9,7 @@
 
 #include "KsEngine_registry.h"
 #include "Kestrane.h"
-#include "Kestrane_seams.h"
+#include "KsTemplateEng.h"
 #include "Kestrane_util.h"
 
 const char* const step_names[KS_STEP__LAST + 1] = {
@@ -500,15 +500,27 @@ void Kestrane___ScanarioAddDataTPDU(KsScanario* scanario, json_t* dict) { addByI
 
 // ---------------------------------------------------------------- templates of a step
 
-MV_Template* Kestrane___ScanarioSetTemplate(KsStep* ksStep, const char* name, const char* cType, uint32_t messageId) {
-    (void)ksStep;
-    return KsSeam__FindTemplateByMessageId(name, cType, messageId);
+namespace {
+
+// A name that finds nothing leaves the slot empty: the step sends its default message.
+MV_Template* found(MV_Template* t, const char* name, const char* cType, int subType, uint32_t messageId) {
+    if (!t && name && *name)
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
+                 "Template=[%s] Interface=%s SubType=%d MessageType=%u not found %s|%d", name, cType ? cType : "",
+                 subType, messageId, __func__, __LINE__);
+    return t;
 }
 
-MV_Template* Kestrane___ScanarioSetTemplate2(KsStep* ksStep, const char* name, const char* cType, int interface,
+}  // namespace
+
+MV_Template* Kestrane___ScanarioSetTemplate(KsStep*, const char* name, const char* cType, uint32_t messageId) {
+    return found(KsTemplateEng__FindTemplateByMessageId(name, cType, messageId), name, cType, -1, messageId);
+}
+
+MV_Template* Kestrane___ScanarioSetTemplate2(KsStep*, const char* name, const char* cType, int interface,
                                              uint32_t command) {
-    (void)ksStep;
-    return KsSeam__FindTemplateByMessageId2(name, cType, interface, command);
+    return found(KsTemplateEng__FindTemplateByMessageId2(name, cType, interface, command), name, cType, interface,
+                 command);
 }
 
 void KsScanario__SetNASTemplate(KsStep* ksStep, MV_Template* t) {

@@ -43,6 +43,10 @@ constexpr struct {
     {VELTA_UEC_MSG_TYP__SETTINGS_LOAD_REQUEST,
      entry<__uec_load_settings_request, KsUECServer___handle_loadSettings>("UEC_LoadSettingsResponse")},
     {VELTA_UEC_MSG_TYP__PING_REQUEST, entry<__uec_msg_header, KsUECServer___handle_PingRequest>("UEC_PingRequest")},
+    {VELTA_UEC_MSG_TYP__NODE_CONNECTION_REQUEST,
+     entry<__uec_node_connection, KsUECServer___handle_nodeConnectionStatus>("UEC_NodeConnectionStatusList")},
+    {VELTA_UEC_MSG_TYP__NODE_CONNECTION_COMMAND_REQUEST,
+     entry<__uec_node_connection, KsUECServer___handle_nodeConnectionCommand>("UEC_NodeConnectionStatusList")},
 };
 
 struct Table {

@@ -92,6 +92,8 @@ void KsUECServer___handle_testReportRequest(__uec_test_start_request* message);
 void KsUECServer___handle_beginTest(__uec_begin_test* message);
 void KsUECServer___handle_loadSettings(__uec_load_settings_request* message);
 void KsUECServer___handle_PingRequest(__uec_msg_header* message);
+void KsUECServer___handle_nodeConnectionStatus(__uec_node_connection* message);
+void KsUECServer___handle_nodeConnectionCommand(__uec_node_connection* message);
 
 // Writes the text report of all UEs (queued by the report request).
 void KsUECServer___CreateTextReport(void* unused);

@@ -7,6 +7,7 @@
 #include <iterator>
 #include <mutex>
 
+#include "KsTE_appTypes.h"
 #include "KsTextReport.h"
 #include "KsUECServer.h"
 #include "Kestrane.h"
@@ -17,13 +18,6 @@ namespace {
 
 // Set while a text report is being written; a second request is refused meanwhile.
 std::atomic<int> ReportCreating{0};
-
-constexpr const char* kAppTypeNames[] = {
-    "INVALID-0", "AMF",      "UPF",       "SMF",       "MME",  "PGW",  "SGW", "HSS",  "FourGEIR", "FiveGEIR", "PCRF",
-    "AAA",       "CHF",      "NRF",       "UDM",       "NSSF", "PCF",  "AMFS", "AUSF", "SMSF",     "BSF",      "FiveGCHF",
-    "LMF",       "NEF",      "NWDAF",     "N26",       "AGF",  "GNB_CU_CP", "GNB_CU_UP", "XNAP", "E2AP", "GGSN",
-};
-static_assert(std::size(kAppTypeNames) == 32);
 
 void answerHeader(__uec_msg_header& out, const __uec_msg_header& in, uint32_t type, uint32_t size) {
     out.MessageSize = size;
@@ -131,7 +125,7 @@ uint32_t testReport(uint32_t appType, uint32_t testId, uint8_t* buffer, uint32_t
 
 }  // namespace
 
-const char* KsUECServer___appTypeName(uint32_t type) { return type < std::size(kAppTypeNames) ? kAppTypeNames[type] : nullptr; }
+const char* KsUECServer___appTypeName(uint32_t type) { return KsTE__AppTypeName(type); }
 
 uint32_t KsUECServer___add_MV_Counter_Buffer(uint32_t ID, MV_Counter* counter, uint8_t* buffer, uint32_t pos,
                                              uint32_t cap, __uec_mv_counter* total) {

@@ -13,15 +13,11 @@
 #include <string>
 #include <thread>
 
+#include "ks_rig_dir.h"
 #include "ks_test_util.h"
 
 namespace kst {
 
-// The rig's scripts; KS_RIG_DIR names another place.
-inline const char* rigDir() {
-    const char* d = getenv("KS_RIG_DIR");
-    return d && *d ? d : "/work/shared/peers/core";
-}
 inline const char* const kRigEngineIp = "10.200.0.1";
 inline const char* const kRigUpfIp = "10.200.0.2";
 
@@ -29,7 +25,7 @@ inline bool pathExists(const std::string& p) { return access(p.c_str(), F_OK) ==
 
 // Empty when the core can be used here, else why not (for GTEST_SKIP).
 inline std::string rigMissing() {
-    if (!pathExists("/opt/open5gs/bin/open5gs-upfd") || !pathExists(std::string(rigDir()) + "/start-core.sh"))
+    if (!pathExists("/opt/open5gs/bin/open5gs-upfd") || !pathExists(rigDir() + "/start-core.sh"))
         return "the real core is not installed (install.sh of ../shared/peers/core)";
     if (geteuid() != 0) return "the real core runs in a network namespace, which needs root";
     return "";
@@ -60,11 +56,11 @@ class RigCore {
 public:
     explicit RigCore(const char* tag) : tag_(tag) {}
     bool start() {
-        started_ = runCommand(std::string("WITH_4G=0 bash ") + rigDir() + "/start-core.sh >" + log() + " 2>&1", nullptr) == 0;
+        started_ = runCommand("WITH_4G=0 bash " + rigDir() + "/start-core.sh >" + log() + " 2>&1", nullptr) == 0;
         return started_;
     }
     ~RigCore() {
-        if (started_) runCommand(std::string("bash ") + rigDir() + "/stop-core.sh >>" + log() + " 2>&1", nullptr);
+        if (started_) runCommand("bash " + rigDir() + "/stop-core.sh >>" + log() + " 2>&1", nullptr);
     }
     std::string log() const { return std::string("/tmp/ks_") + tag_ + "_core_" + std::to_string(getpid()) + ".log"; }
 

@@ -59,7 +59,8 @@ struct Recorder {
         return out;
     }
 };
-Recorder rec;
+// Never destroyed: the stack's threads live until the process ends and may still report.
+Recorder& rec = *new Recorder;
 
 void onSession(pfcp_message_t* msg, __mv_pfcp_node_t* node, uint32_t seq, uint64_t seid, void* userData) {
     int cause = -1;

@@ -21,7 +21,7 @@ uint32_t nativeSum(const uint8_t* p, size_t n) {
         acc += acc < w;  // end-around carry
     }
     uint64_t tail = 0;
-    memcpy(&tail, p, n);  // an odd last octet lands in the low byte: the high byte of its big-endian word
+    if (n) memcpy(&tail, p, n);  // an odd last octet lands in the low byte: the high byte of its big-endian word
     acc += tail;
     acc += acc < tail;
     acc = (acc & 0xFFFFFFFF) + (acc >> 32);

@@ -265,9 +265,11 @@ TEST(GtpuGenerator, SendsOnEveryFlowUntilTheGoalAndTheSinkReadsEachUesTunnel) {
 
     // Every packet the sink reads is a T-PDU of a's or b's tunnel with its QFI and UE address.
     std::map<uint32_t, uint64_t> perTeid;
+    std::vector<Bytes> received;
     uint64_t total = ia->packets_sent + ib->packets_sent;
     for (uint64_t i = 0; i < total; i++) {
         Bytes d = g.sink.recv(10);
+        received.push_back(d);
         gtpu_msg_t m;
         ASSERT_EQ(gtpu_decode(d, &m), 1) << toHex(d);
         EXPECT_EQ(m.type, GTPU_TPDU);
@@ -277,6 +279,16 @@ TEST(GtpuGenerator, SendsOnEveryFlowUntilTheGoalAndTheSinkReadsEachUesTunnel) {
         uint32_t src = gtpu_wire::get32(m.payload.data() + 12);
         EXPECT_EQ(src, m.teid == 0x111 ? 0x0a2d0001u : 0x0a2d0002u);
         perTeid[m.teid]++;
+    }
+    // tshark agrees: every packet a clean T-PDU with the QFI, its TCP or UDP checksum right.
+    if (kst::tsharkAvailable()) {
+        kst::TsharkRun run = tshark(received, {"gtp.teid", "gtp.ext_hdr.pdu_ses_con.qos_flow_id", "ip.proto"});
+        EXPECT_EQ(run.rc, 0) << run.report;
+        ASSERT_EQ(run.fields.size(), received.size());
+        for (const auto& f : run.fields) {
+            EXPECT_EQ(f.at("gtp.ext_hdr.pdu_ses_con.qos_flow_id"), "9");
+            EXPECT_TRUE(f.at("ip.proto") == "17,6" || f.at("ip.proto") == "17,17") << f.at("ip.proto");  // outer, inner
+        }
     }
     EXPECT_EQ(perTeid[0x111], ia->packets_sent.load());
     EXPECT_EQ(perTeid[0x222], ib->packets_sent.load());

@@ -1,5 +1,5 @@
 // The GTP-U endpoint against the N3 of the real core's UPF (../shared/peers/README.md), started for
-// this test under the machine's lock of the core: echo both ways, and a T-PDU on a tunnel the UPF
+// this test under the machine's lock of the core: our echo requests answered, and a T-PDU on a tunnel the UPF
 // never gave out. tshark reads the wire between them.
 #include <sstream>
 
@@ -15,7 +15,7 @@ using kst::waitFor;
 std::atomic<int> gEchoResponses{0};
 std::atomic<int> gErrorIndications{0};
 
-TEST(GtpuRealUpf, EchoIsAnsweredAndAnUnknownTunnelIsReported) {
+TEST(GtpuRealUpf, AnswersOurEchoAndEveryDatagramOnTheWireDecodes) {
     if (std::string why = kst::rigMissing(); !why.empty()) GTEST_SKIP() << why << ": no UPF to meet";
     kst::RigLock lock;
     if (!lock.take(600)) GTEST_SKIP() << "the real core stayed in use by another run for 10 minutes (/tmp/ksrig.lock)";

@@ -9,6 +9,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cctype>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -90,6 +92,48 @@ inline bool hasShape(const std::string& text, const std::string& pattern) {
         if (pattern[i] == '#' ? (text[i] < '0' || text[i] > '9') : text[i] != pattern[i]) return false;
     }
     return true;
+}
+
+// A loopback address (127.a.b.c) that no other test process of this machine uses now, so that
+// tests running at the same time never share a port.
+inline std::string uniqueLoopback() {
+    static std::atomic<int> n{0};
+    int pid = int(getpid());
+    int k = ++n;
+    return "127." + std::to_string(1 + (pid >> 8) % 250) + "." + std::to_string(pid & 0xff) + "." +
+           std::to_string(1 + k % 250);
+}
+
+// Runs a shell command; its standard output into `out`. The exit status, or -1.
+inline int runCommand(const std::string& cmd, std::string* out) {
+    FILE* p = popen(cmd.c_str(), "r");
+    if (!p) return -1;
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0)
+        if (out) out->append(buf, n);
+    int rc = pclose(p);
+    return WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
+}
+
+inline std::string toHex(const uint8_t* p, size_t n) {
+    static const char d[] = "0123456789abcdef";
+    std::string s;
+    for (size_t i = 0; i < n; i++) {
+        s += d[p[i] >> 4];
+        s += d[p[i] & 15];
+    }
+    return s;
+}
+inline std::string toHex(const std::vector<uint8_t>& b) { return toHex(b.data(), b.size()); }
+
+inline std::vector<uint8_t> fromHex(const std::string& h) {
+    std::vector<uint8_t> b;
+    std::string digits;
+    for (char c : h)
+        if (isxdigit(static_cast<unsigned char>(c))) digits += c;
+    for (size_t i = 0; i + 1 < digits.size(); i += 2) b.push_back(uint8_t(std::stoi(digits.substr(i, 2), nullptr, 16)));
+    return b;
 }
 
 struct ChildResult {

@@ -21,15 +21,6 @@
 
 namespace kst {
 
-// A loopback address no other engine of this machine's tests uses now.
-inline std::string uniqueLoopback() {
-    static std::atomic<int> n{0};
-    int pid = int(getpid());
-    int k = ++n;
-    return "127." + std::to_string(1 + (pid >> 8) % 250) + "." + std::to_string(pid & 0xff) + "." +
-           std::to_string(1 + k % 250);
-}
-
 class EngineChild {
 public:
     // `files` go under data/; `config` members are added to the configuration.

@@ -13,6 +13,7 @@
 #include <mutex>
 
 #include "mv_alloc.h"
+#include "mv_loggate.h"
 #include "pfcp_xact.h"
 #include "tlv_bytes.h"
 
@@ -35,35 +36,6 @@ int64_t nowMs() {
 timeval toTimeval(int64_t ms) { return timeval{time_t(ms / 1000), suseconds_t(ms % 1000 * 1000)}; }
 int64_t fromTimeval(const timeval& t) { return int64_t(t.tv_sec) * 1000 + t.tv_usec / 1000; }
 
-// At most kPerSecond lines a second of one kind, so a flood of bad datagrams costs counters, not
-// disk; the next line that passes says how many were left out.
-class LogGate {
-public:
-    static constexpr int kPerSecond = 10;
-    // True when the line may go out; `skipped` then holds the lines left out before it.
-    bool pass(int64_t now, uint64_t& skipped) {
-        std::lock_guard g(m_);
-        if (now / 1000 != second_) {
-            second_ = now / 1000;
-            n_ = 0;
-        }
-        if (n_ >= kPerSecond) {
-            ++skipped_;
-            return false;
-        }
-        ++n_;
-        skipped = skipped_;
-        skipped_ = 0;
-        return true;
-    }
-
-private:
-    std::mutex m_;
-    int64_t second_ = -1;
-    int n_ = 0;
-    uint64_t skipped_ = 0;
-};
-
 enum Gate { G_VERSION, G_LENGTH, G_TYPE, G_DECODE, G_UNKNOWN_PEER, G_LATE, G_SEID, G_IES, G_QUEUE, G_COUNT };
 
 struct Stats {
@@ -78,7 +50,7 @@ struct Stack {
     __mv_pfcp_on_msg onMsg = nullptr;
     PfcpXactTable xacts;
     Stats stats;
-    LogGate gates[G_COUNT];
+    MV_LogGate gates[G_COUNT];
     uint32_t recoveryTimeStamp = 0;
     std::mutex startLock;
     std::mutex evtLock;

@@ -8,12 +8,15 @@ top=$(cd "$(dirname "$0")/.." && pwd)
 build=${KS_BUILD_DIR:-$top/build}
 run=${KS_RUN_DIR:-$top/run}
 
+bash "$top/tools/setup.sh" run
+
 cmake -S "$top" -B "$build" -G Ninja >/dev/null
 ninja -C "$build" kestrane kestranectl
 ctl="$build/tools/kestranectl/kestranectl"
 
 mkdir -p "$run"
 [ -d "$run/data" ] || cp -r "$top/config/data" "$run/data"
+[ -d "$run/resources" ] || cp -r "$top/config/resources" "$run/resources"
 cd "$run"
 "$build/lib_networkNode/kestrane" "$top/config/kestrane.json" >engine.out 2>&1 &
 pid=$!

@@ -7,6 +7,8 @@ set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 jobs=${KS_JOBS:-2}
 
+bash "$top/tools/setup.sh" test
+
 # Runs ctest; tests that fail run once more on their own, so a test that lost a race with
 # this shared machine's load is told apart from a broken one. Both runs are in the log, and
 # a test that passes only the second time is named as flaky.

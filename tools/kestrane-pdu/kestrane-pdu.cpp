@@ -1,5 +1,5 @@
-// kestrane-pdu: decodes, re-encodes and encodes NGAP and S1AP PDUs (hex or the JSON form), and decodes NAS
-// messages, for writing templates and reading captures.
+// kestrane-pdu: decodes, re-encodes and encodes NGAP, S1AP and PFCP messages (hex or the JSON form), and
+// decodes NAS messages, for writing templates and reading captures.
 #include <cctype>
 #include <cstdio>
 #include <cstring>
@@ -14,14 +14,20 @@
 #include "mv_core.h"
 #include "mv_mme_asn.h"
 #include "mv_naspdu.h"
+#include "pfcp_codec.h"
+#include "tlv_json.h"
 
 namespace {
 
 int usage() {
     fprintf(stderr,
-            "usage: kestrane-pdu decode ngap|s1ap|nas5g|naseps [--json] [HEX | -f FILE | -]\n"
-            "       kestrane-pdu recode ngap|s1ap [HEX | -f FILE | -]\n"
-            "       kestrane-pdu encode ngap|s1ap [JSON | -f FILE | -]\n"
+            "usage: kestrane-pdu decode ngap|s1ap|pfcp|nas5g|naseps [--json] [HEX | -f FILE | -]\n"
+            "       kestrane-pdu recode ngap|s1ap|pfcp [HEX | -f FILE | -]\n"
+            "       kestrane-pdu encode ngap|s1ap|pfcp [JSON | -f FILE | -]\n"
+            "       kestrane-pdu decode|recode diameter [--json] [--dict FILE] [HEX | -f FILE | -]\n"
+            "       kestrane-pdu encode diameter [--dict FILE] [JSON | -f FILE | -]\n"
+            "A PFCP message is a whole datagram, header included.\n"
+            "A Diameter dictionary file (the engine's format) types the AVPs of its applications.\n"
             "A protected NAS message is read past its security header as if it were not ciphered.\n"
             "HEX may hold blanks, ':' and a leading 0x; '-' or no HEX reads standard input.\n"
             "JSON is the form decode --json prints.\n");
@@ -112,6 +118,73 @@ int decodeNas(bool fg, const std::vector<uint8_t>& bytes, bool json) {
     return bad;
 }
 
+void printHex(const uint8_t* p, size_t n) {
+    for (size_t i = 0; i < n; i++) printf("%02x", p[i]);
+    printf("\n");
+}
+
+// PFCP: one datagram, decoded with the stack's own checks; elements that have no place in the message
+// are skipped, as the stack skips them, and said on standard error.
+int pfcp(const std::string& cmd, const std::string& text, bool json) {
+    static pfcp_message_t msg;
+    static uint8_t out[65536];
+    if (cmd == "encode") {
+        tlv_json_store store;
+        std::string err;
+        if (!pfcp_message_from_json(text.c_str(), &msg, store, err)) {
+            fprintf(stderr, "kestrane-pdu: bad input: %s\n", err.c_str());
+            return 1;
+        }
+        tlv_result_t r;
+        int n = pfcp_encode_message(&msg, out, &r);
+        if (n < 0) {
+            char why[200];
+            tlv_format_error(&r, why, sizeof why);
+            fprintf(stderr, "kestrane-pdu: %s does not encode: %s\n", pfcp_message_name(msg.h.type), why);
+            return 1;
+        }
+        printHex(out, size_t(n));
+        return 0;
+    }
+    std::vector<uint8_t> bytes;
+    std::string err;
+    if (!parseHex(text, bytes, err)) {
+        fprintf(stderr, "kestrane-pdu: bad input: %s\n", err.c_str());
+        return 1;
+    }
+    pfcp_rx_result_t rx;
+    if (pfcp_decode_datagram(bytes, &msg, &rx) != 1) {
+        char why[300];
+        pfcp_format_rx_error(&rx, why, sizeof why);
+        fprintf(stderr, "kestrane-pdu: bad input: %s\n", why);
+        return 1;
+    }
+    if (rx.tlv.unexpected || rx.tlv.dropped)
+        fprintf(stderr, "kestrane-pdu: %u element(s) with no place in %s skipped (first of type %u), %u repeat(s) beyond the record's room dropped\n",
+                rx.tlv.unexpected, pfcp_message_name(msg.h.type), rx.tlv.firstUnexpected, rx.tlv.dropped);
+    if (cmd == "recode") {
+        int n = pfcp_encode_message(&msg, out);
+        if (n < 0) {
+            fprintf(stderr, "kestrane-pdu: %s decodes but does not encode again\n", pfcp_message_name(msg.h.type));
+            return 1;
+        }
+        printHex(out, size_t(n));
+        return 0;
+    }
+    std::string s;
+    if (json) {
+        pfcp_message_json(&msg, s);
+        printf("%s\n", s.c_str());
+        return 0;
+    }
+    printf("%s (%u), sequence %u", pfcp_message_name(msg.h.type), msg.h.type, msg.h.sqn);
+    if (msg.h.flags.seid_presence) printf(", SEID %lu (0x%016lx)", (unsigned long)msg.h.seid, (unsigned long)msg.h.seid);
+    printf("\n");
+    tlv_text_record(pfcp_find_msg_desc(msg.h.type), &msg.pfcp_heartbeat_request, 2, s);
+    printf("%s", s.c_str());
+    return 0;
+}
+
 bool printEncoding(const MvAsnPdu* p, const void* rec) {
     static __mv_asn_coding_context enc;
     __mv_asn_init_CodingContext(&enc);
@@ -141,11 +214,14 @@ int encode(const MvAsnPdu* table, unsigned count, const std::string& text) {
 
 }  // namespace
 
+int kpduDiameter(const std::string& cmd, bool json, const std::vector<uint8_t>& bytes, const std::string& text,
+                 const std::string& dict);
+
 int main(int argc, char** argv) {
     if (argc < 3) return usage();
     std::string cmd = argv[1], proto = argv[2];
     bool json = false;
-    std::string inputText, file;
+    std::string inputText, file, dict;
     bool haveInput = false;
     for (int i = 3; i < argc; i++) {
         std::string a = argv[i];
@@ -153,6 +229,8 @@ int main(int argc, char** argv) {
             json = true;
         else if (a == "-f" && i + 1 < argc)
             file = argv[++i];
+        else if (a == "--dict" && i + 1 < argc)
+            dict = argv[++i];
         else if (a == "-")
             haveInput = false;
         else {
@@ -161,7 +239,9 @@ int main(int argc, char** argv) {
         }
     }
     bool nas = proto == "nas5g" || proto == "naseps";
-    if ((cmd != "decode" && cmd != "recode" && cmd != "encode") || (proto != "ngap" && proto != "s1ap" && !nas) ||
+    bool diameter = proto == "diameter";
+    if ((cmd != "decode" && cmd != "recode" && cmd != "encode") ||
+        (proto != "ngap" && proto != "s1ap" && proto != "pfcp" && !nas && !diameter) || (!dict.empty() && !diameter) ||
         (json && cmd != "decode") || (nas && cmd != "decode"))
         return usage();
     if (!file.empty()) {
@@ -177,6 +257,16 @@ int main(int argc, char** argv) {
         std::stringstream ss;
         ss << std::cin.rdbuf();
         inputText = ss.str();
+    }
+    if (proto == "pfcp") return pfcp(cmd, inputText, json);
+    if (diameter) {
+        std::vector<uint8_t> bytes;
+        std::string err;
+        if (cmd != "encode" && !parseHex(inputText, bytes, err)) {
+            fprintf(stderr, "kestrane-pdu: bad input: %s\n", err.c_str());
+            return 1;
+        }
+        return kpduDiameter(cmd, json, bytes, inputText, dict);
     }
     if (nas) {
         std::vector<uint8_t> bytes;

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "Kestrane.h"
+#include "KsDiamDict.h"
 
 namespace {
 void absent(const char* what, const char* func) {
@@ -17,8 +18,8 @@ void absent(const char* what, const char* func) {
 void KsSeam__TemplateMgr_Init() { absent("template manager", __func__); }
 void KsSeam__create_cpTeidTable() { absent("control-plane TEID table", __func__); }
 
-void KsSeam__create_diam_id_table(uint32_t) { absent("Diameter id table", __func__); }
-void KsSeam__DiamDict_Init() { absent("Diameter dictionaries", __func__); }
+void KsSeam__create_diam_id_table(uint32_t maxRanUEIDs) { __mv_diam_create_IndexTable(1552, maxRanUEIDs); }
+void KsSeam__DiamDict_Init() { KsDiamDict__Init(); }
 void KsSeam__TemplateEng_Init() { absent("template engine", __func__); }
 
 int KsSeam__GTP_Init(json_t* cfg) {
@@ -47,7 +48,7 @@ void KsSeam__DataPath_Init() { absent("data-path peer", __func__); }
 void KsSeam__PFCP_Init() { absent("PFCP", __func__); }
 void KsSeam__AGF_Init() { absent("access gateway client", __func__); }
 void KsSeam__register_s1ap_handlers() { absent("S1AP handlers", __func__); }
-void KsSeam__register_diam_handlers() { absent("Diameter handlers", __func__); }
+void KsSeam__register_diam_handlers() { KsDiamDict__RegisterHandlers(); }
 void KsSeam__TE_Init() { absent("test-element connections", __func__); }
 void KsSeam__MonitoringEngine_Init() { absent("monitoring engine", __func__); }
 

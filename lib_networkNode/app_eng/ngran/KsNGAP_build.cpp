@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "Kestrane.h"
+#include "Kestrane_util.h"
 #include "mv_bytes.h"
 #include "KsNGAP.h"
 
@@ -316,9 +317,11 @@ int KsNGAP__add_tai_json(MV_AMF_DT_SupportedTAList** list, json_t* entry) {
             if (!hexBytes(h, plmn, 3))
                 printf("HexPLMN is not length-6 [%s] <%s|%s|%d>\n", h ? h : "", __FILE_NAME__, __func__, __LINE__);
         } else {
-            const char* mcc = json_string_value(json_object_get(p, "MCC"));
-            const char* mnc = json_string_value(json_object_get(p, "MNC"));
-            if (!mcc || !mnc) continue;
+            // Refused MCC and MNC were logged when the RAN was configured.
+            char mcc[4], mnc[4];
+            if (KsJson::plmnCode(p, "MCC", false, mcc) != KsJson::PlmnRead::Ok ||
+                KsJson::plmnCode(p, "MNC", true, mnc) != KsJson::PlmnRead::Ok)
+                continue;
             KsNGAP_get_plmnHex(plmn, mcc, mnc);
         }
         // The slice list of a broadcast PLMN has at least one item on the wire: a PLMN

@@ -24,42 +24,6 @@ const char* const kUpfIp = "10.200.0.2";
 
 bool exists(const std::string& p) { return access(p.c_str(), F_OK) == 0; }
 
-// The core is shared by everyone on this machine: one user at a time, by this lock.
-class RigLock {
-public:
-    bool take(int seconds) {
-        fd_ = open("/tmp/ksrig.lock", O_CREAT | O_RDWR, 0666);
-        if (fd_ < 0) return false;
-        for (int i = 0; i < seconds * 10; i++) {
-            if (flock(fd_, LOCK_EX | LOCK_NB) == 0) return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        }
-        return false;
-    }
-    ~RigLock() {
-        if (fd_ >= 0) close(fd_);  // the lock goes with the descriptor
-    }
-
-private:
-    int fd_ = -1;
-};
-
-// Starts the core without its 4G part; stops it however the test ends.
-class Core {
-public:
-    bool start() {
-        started_ = runCommand(std::string("WITH_4G=0 bash ") + rigDir() + "/start-core.sh >" + log() + " 2>&1", nullptr) == 0;
-        return started_;
-    }
-    ~Core() {
-        if (started_) runCommand(std::string("bash ") + rigDir() + "/stop-core.sh >>" + log() + " 2>&1", nullptr);
-    }
-    static std::string log() { return ::testing::TempDir() + "/pfcp_core_" + std::to_string(getpid()) + ".log"; }
-
-private:
-    bool started_ = false;
-};
-
 // A capture of the PFCP traffic on the engine's side of the veth.
 class Capture {
 public:
@@ -102,10 +66,10 @@ TEST(PfcpRealUpf, AssociatesAndKeepsHeartbeatsWithTheCoresUpf) {
     if (!exists("/opt/open5gs/bin/open5gs-upfd") || !exists(std::string(rigDir()) + "/start-core.sh"))
         GTEST_SKIP() << "the real core is not installed (install.sh of ../shared/peers/core): nothing to associate with";
     if (geteuid() != 0) GTEST_SKIP() << "the real core runs in a network namespace, which needs root";
-    RigLock lock;
+    kst::RigLock lock;
     if (!lock.take(600)) GTEST_SKIP() << "the real core stayed in use by another run for 10 minutes (/tmp/ksrig.lock)";
-    Core core;
-    ASSERT_TRUE(core.start()) << kst::readFile(Core::log());
+    kst::RigCore core("WITH_4G=0", ::testing::TempDir() + "/pfcp_core_" + std::to_string(getpid()) + ".log");
+    ASSERT_TRUE(core.start()) << kst::readFile(core.log());
     std::string pcap = ::testing::TempDir() + "/pfcp_real_" + std::to_string(getpid()) + ".pcapng";
     Capture capture(pcap);
     ASSERT_TRUE(waitFor([&] { return exists(pcap); }, 90)) << "tshark does not capture on ksrig0";

@@ -345,8 +345,8 @@ TEST_F(GnbAmf, SetupResponseWithoutCapacityClosesTheAssociationForGood) {
     ASSERT_NE(at, std::string::npos);
     size_t lineStart = app.rfind('\n', at);
     EXPECT_EQ(app.substr(lineStart == std::string::npos ? 0 : lineStart + 1, 3), "[E]") << "at error level";
-    EXPECT_TRUE(kst::waitFor([] { return has(kst::readLogDir(gDir + "/logs//per"), "NGAP: NGSetupResponseIncomplete=1\n"); },
-                             10))
+    EXPECT_TRUE(kst::waitFor(
+        [] { return has(kst::readLogDir(gDir + "/logs//per"), "NGAP: NGSetupResponseIncomplete=1\n"); }, 10))
         << "counted in the performance log";
     EXPECT_STREQ(c->amf->AMFName, "amf-one") << "what came before the missing IE is stored";
     EXPECT_FALSE(kst::waitFor([&] { return s->isConnected == 1; }, 5));

@@ -213,7 +213,8 @@ TEST(EngineOnTheWire, MccAndMncAsTextOrNumbersReachTheGlobalGnbIdAndOthersAreRef
     ASSERT_TRUE(cap.ok()) << "tshark did not start capturing";
 
     auto ran = [](const std::string& fields) {
-        return "{" + fields + R"(, "Enabled": 1, "RANCount": 1, "KsTE": 1, "SupportedTAList": )" + quoted(kTaList) + "}";
+        return "{" + fields + R"(, "Enabled": 1, "RANCount": 1, "KsTE": 1, "SupportedTAList": )" + quoted(kTaList) +
+               "}";
     };
     std::map<std::string, std::string> data = {
         {"amf.json", std::string(R"([{"ID": 1, "IP1": ")") + Netns::B[0] +
@@ -293,8 +294,8 @@ TEST(ReadmeKeys, EveryKeyOfTheNodesAndTheDataListsIsDocumented) {
                       "BroadcastPLMNList", "TAISliceSupportList", "SST", "SD", "HexTAC", "broadcastPLMNList",
                       "HexSST", "HexSD"}},
         {"data/amf.json", {"ID", "IP1", "IP2", "Port", "Enabled", "KsTE"}},
-        {"data/ran.json", {"ID", "Name", "IID", "MCC", "MNC", "UEIDStartNo", "Enabled", "RANCount", "UERetention", "KsTE",
-                           "SupportedTAList", "RanType"}},
+        {"data/ran.json", {"ID", "Name", "IID", "MCC", "MNC", "UEIDStartNo", "Enabled", "RANCount", "UERetention",
+                           "KsTE", "SupportedTAList", "RanType"}},
         {"data/uel.json", {"ID", "MSINStart", "MSINEnd", "IMEI", "MCC", "MNC", "SubKey", "OPC", "MSISDNBegin",
                            "IMEIBegin", "APN"}},
         {"data/noc.json", {"ID", "ConnInfoType", "TEApplicationType", "IP_1", "Port_1", "IP_2", "Port_2",

@@ -169,7 +169,8 @@ void KsEngine__InitializeRanNode_Configs(void) {
         // MCC and MNC, text or numbers, stand for the PLMN only without HexPLMN.
         char mcc[4] = "", mnc[4] = "", where[160];
         snprintf(where, sizeof where, "RANNodes[%d] [%s]", int(i), name);
-        KsJson::PlmnRead plmn = json_object_get(n, "HexPLMN") ? KsJson::PlmnRead::Absent : KsJson::plmn(n, mcc, mnc, where);
+        KsJson::PlmnRead plmn =
+            json_object_get(n, "HexPLMN") ? KsJson::PlmnRead::Absent : KsJson::plmn(n, mcc, mnc, where);
         if (plmn == KsJson::PlmnRead::Bad) {
             __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_CRITICAL, "%s skipped: its PLMN is refused %s|%d", where, __func__,
                      __LINE__);

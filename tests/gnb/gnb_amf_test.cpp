@@ -339,8 +339,15 @@ TEST_F(GnbAmf, SetupResponseWithoutCapacityClosesTheAssociationForGood) {
     ASSERT_TRUE(kst::waitFor([&] { return c->ConnStatus == KS_NGCONN__SETUP_RESPONSE_INCOMPLETE && !s->isConnected; },
                              15))
         << c->ConnStatus;
-    EXPECT_TRUE(has(appLog(), "Missing mandatory parameter relativeAMFCapacity in NGSetupResponse, Closing NGAP "
-                              "connection and disabling-auto-connect"));
+    std::string app = appLog();
+    size_t at = app.find("Missing mandatory parameter relativeAMFCapacity in NGSetupResponse, Closing NGAP "
+                         "connection and disabling-auto-connect");
+    ASSERT_NE(at, std::string::npos);
+    size_t lineStart = app.rfind('\n', at);
+    EXPECT_EQ(app.substr(lineStart == std::string::npos ? 0 : lineStart + 1, 3), "[E]") << "at error level";
+    EXPECT_TRUE(kst::waitFor(
+        [] { return has(kst::readLogDir(gDir + "/logs//per"), "NGAP: NGSetupResponseIncomplete=1\n"); }, 10))
+        << "counted in the performance log";
     EXPECT_STREQ(c->amf->AMFName, "amf-one") << "what came before the missing IE is stored";
     EXPECT_FALSE(kst::waitFor([&] { return s->isConnected == 1; }, 5));
     EXPECT_EQ(c->ConnStatus, uint32_t(KS_NGCONN__SETUP_RESPONSE_INCOMPLETE));

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -179,6 +180,138 @@ TEST(EngineOnTheWire, NoLocalAddressIsLoggedAtTheFirstConnectAndSigintEndsCleanl
     std::string out = e.out();
     EXPECT_EQ(out.find(reason), std::string::npos) << "the reason is in the log, not on stdout";
     expectCleanRun(e);
+}
+
+// The PLMN of each NG Setup Request's Global gNB ID by the RAN node name it carries, as tshark
+// reads them: "<octets> <MCC>/<MNC>".
+std::map<std::string, std::string> globalIdPlmns(Capture& cap) {
+    std::map<std::string, std::string> out;
+    for (const std::string& line : split(cap.fields("-Y ngap.NGSetupRequest_element -e ngap.RANNodeName "
+                                                    "-e ngap.pLMNIdentity -e e212.mcc -e e212.mnc"),
+                                         '\n')) {
+        std::vector<std::string> f = split(line, '|');
+        if (f.size() < 4 || f[0].empty()) continue;
+        // The Global RAN node ID is the request's first IE, so its PLMN comes first.
+        std::string hex, octets = split(f[1], ',')[0];
+        for (char c : octets)
+            if (c != ':') hex += char(toupper(c));
+        out[f[0]] = hex + " " + split(f[2], ',')[0] + "/" + split(f[3], ',')[0];
+    }
+    return out;
+}
+
+// MCC and MNC as text or as numbers, in the configuration's RANNodes and in data/ran.json,
+// reach the wire with their leading zeros and a three-digit MNC; anything else, and a
+// list element without a mandatory key, is refused with a line that says which.
+TEST(EngineOnTheWire, MccAndMncAsTextOrNumbersReachTheGlobalGnbIdAndOthersAreRefusedByName) {
+    REQUIRE_NETNS();
+    if (!Capture::present()) GTEST_SKIP() << "tshark is not installed: the wire cannot be checked";
+    std::string scratch = kst::makeTempDir("gnbplmn");
+    Peer amf({kAmfPeer, Netns::B[0], "38412", scratch});
+    ASSERT_EQ(amf.waitLine("READY", 10), "READY");
+    Capture cap(scratch + "/amf.pcapng", "kvb", "sctp", true);
+    ASSERT_TRUE(cap.ok()) << "tshark did not start capturing";
+
+    auto ran = [](const std::string& fields) {
+        return "{" + fields + R"(, "Enabled": 1, "RANCount": 1, "KsTE": 1, "SupportedTAList": )" + quoted(kTaList) +
+               "}";
+    };
+    std::map<std::string, std::string> data = {
+        {"amf.json", std::string(R"([{"ID": 1, "IP1": ")") + Netns::B[0] +
+                         R"(", "IP2": "", "Port": 38412, "Enabled": 1, "KsTE": 1},
+                         {"ID": 2, "IP1": "10.231.0.22", "IP2": "", "Enabled": 1, "KsTE": 1}])"},
+        {"ran.json", "[" + ran(R"("ID": 100, "Name": "dynnum", "MCC": 208, "MNC": 93)") + ", " +
+                         ran(R"("ID": 101, "Name": "dyntext", "MCC": "001", "MNC": "001")") + ", " +
+                         ran(R"("ID": 102, "Name": "dynshort", "MCC": "01", "MNC": "01")") + ", " +
+                         ran(R"("ID": 103, "Name": "dynbig", "MCC": 1000, "MNC": 1)") + ", " +
+                         R"({"ID": 104, "Name": "dynhalf", "MCC": "001", "Enabled": 1, "RANCount": 1,
+                             "SupportedTAList": "[]"}])"},
+    };
+    auto node = [](const std::string& name, int id, const std::string& plmn) {
+        return R"({"Name": ")" + name + R"(", "ID": )" + std::to_string(id) + ", " + plmn +
+               R"(, "SupportedTAList": )" + kTaList + "}";
+    };
+    kst::EngineChild e(kEngine, data,
+                       std::string(R"("CLIPort": 0, "StartNGRAN": 1, "SCTPBackend": "userspace", "MaxRANUEID": 1000,
+                         "LogLevel": {"APPLICATION": 2}, "LocalAddress": {"IPVersion": 4, "IP": [")") + Netns::A[1] +
+                           R"("]}, "RANNodes": [)" + node("cfgtext", 200, R"("MCC": "001", "MNC": "01")") + ", " +
+                           node("cfgnum", 201, R"("MCC": 310, "MNC": 410)") + ", " +
+                           node("cfgmnc3", 202, R"("MCC": 1, "MNC": "001")") + ", " +
+                           node("cfgbad", 203, R"("MCC": "0a1", "MNC": 1)") + ", " +
+                           node("cfgneg", 204, R"("MCC": 310, "MNC": -1)") + "]",
+                       false);
+    int open = 0, setups = 0;
+    auto amfSays = [&] { return sscanf(amf.last("OPEN ").c_str(), "OPEN %d SETUPS %d", &open, &setups) == 2; };
+    ASSERT_TRUE(kst::waitFor([&] { return amfSays() && setups >= 5; }, 40)) << e.out() << e.log("app");
+    ASSERT_TRUE(kst::waitFor([&] { return e.out().find("Initalization of KsTest is completed") != std::string::npos; },
+                             30));
+    EXPECT_EQ(e.stop(SIGTERM), 0);
+
+    std::map<std::string, std::string> plmns = globalIdPlmns(cap);
+    EXPECT_EQ(plmns.size(), 5u) << "only the five good nodes set up";
+    // tshark shows the codes as numbers; the octets tell a two-digit MNC (the F filler) from three.
+    EXPECT_EQ(plmns["dynnum"], "02F839 208/93") << "from numbers";
+    EXPECT_EQ(plmns["dyntext"], "000110 1/1") << "001/001: a three-digit MNC with its leading zeros";
+    EXPECT_EQ(plmns["cfgtext"], "00F110 1/1") << "001/01 as text in RANNodes";
+    EXPECT_EQ(plmns["cfgnum"], "134001 310/410") << "numbers in RANNodes";
+    EXPECT_EQ(plmns["cfgmnc3"], "000110 1/1") << "MCC 1 is 001, MNC \"001\" stays three digits";
+    for (const char* refused : {"dynshort", "dynbig", "dynhalf", "cfgbad", "cfgneg"})
+        EXPECT_EQ(plmns.count(refused), 0u) << refused;
+    EXPECT_EQ(setups, 5);
+
+    std::string app = e.log("app");
+    for (const char* line : {
+             R"(ran.json element @ 2 (ID=102 Name=dynshort), skipped: MCC="01" MNC="01" refused: an MCC is 3 digits)",
+             R"(ran.json element @ 3 (ID=103 Name=dynbig), skipped: MCC=1000 MNC=1 refused)",
+             R"(RANNodes[3] [cfgbad]: MCC="0a1" MNC=1 refused)",
+             R"(RANNodes[4] [cfgneg]: MCC=310 MNC=-1 refused)",
+             "missing mandatory parameter for dynamic-ran @ 4: MNC, KsTE",
+             "missing mandatory parameter for dynamic-amf @ 1: Port",
+         }) {
+        EXPECT_NE(app.find(line), std::string::npos) << line << "\n" << app;
+        EXPECT_NE(e.out().find(line), std::string::npos) << "also where a user running it by hand looks: " << line;
+    }
+    EXPECT_EQ(app.find("MCC=-1 MNC=-1"), std::string::npos);
+    expectCleanRun(e);
+    kst::removeTree(scratch);
+}
+
+// The README names every key of the node lists of the configuration and of each data list,
+// in the section a user reads for them.
+TEST(ReadmeKeys, EveryKeyOfTheNodesAndTheDataListsIsDocumented) {
+    std::string readme = kst::readFile(KS_README);
+    size_t from = readme.find("### Nodes and the data lists"), to = readme.find("### Codec tools");
+    ASSERT_TRUE(from != std::string::npos && to != std::string::npos && from < to);
+    std::string section = readme.substr(from, to - from);
+    std::string tests = readme.substr(readme.find("### Tests and scenarios"));
+    auto documented = [](const std::string& text, const std::string& k) {
+        return text.find("`" + k + "`") != std::string::npos || text.find("\"" + k + "\"") != std::string::npos;
+    };
+    const std::map<std::string, std::vector<std::string>> keys = {
+        {"AMFNodes", {"ID", "IP", "Port", "Version", "Enabled"}},
+        {"RANNodes", {"Name", "Type", "ID", "Enabled", "IPVersion", "IP", "PortNo", "HexPLMN", "MCC", "MNC",
+                      "MaxRANUEID", "RANUEIDStartNo", "KsTE", "SupportedTAList", "SupportedUePLMN", "TAC",
+                      "BroadcastPLMNList", "TAISliceSupportList", "SST", "SD", "HexTAC", "broadcastPLMNList",
+                      "HexSST", "HexSD"}},
+        {"data/amf.json", {"ID", "IP1", "IP2", "Port", "Enabled", "KsTE"}},
+        {"data/ran.json", {"ID", "Name", "IID", "MCC", "MNC", "UEIDStartNo", "Enabled", "RANCount", "UERetention",
+                           "KsTE", "SupportedTAList", "RanType"}},
+        {"data/uel.json", {"ID", "MSINStart", "MSINEnd", "IMEI", "MCC", "MNC", "SubKey", "OPC", "MSISDNBegin",
+                           "IMEIBegin", "APN"}},
+        {"data/noc.json", {"ID", "ConnInfoType", "TEApplicationType", "IP_1", "Port_1", "IP_2", "Port_2",
+                           "TransportType", "Enabled"}},
+        {"data/mon.json", {"ID", "AppType", "ServerID", "ClientID", "Enabled", "InvokeSeconds", "NotifyOnConnLost",
+                           "IMSI", "AdminEmailId", "TeamEmailId", "Config"}},
+        {"data/set.json", {"AMF", "UPF", "SGW", "PGW", "GGSN"}},
+    };
+    for (const auto& [list, names] : keys) {
+        EXPECT_NE(section.find("`" + list + "`"), std::string::npos) << list;
+        for (const std::string& k : names)
+            EXPECT_TRUE(documented(section, k)) << list << " key " << k;
+    }
+    for (const char* k : {"ID", "Name", "AppType", "ScenarioID", "EndAction", "MPS", "NoOfTimes", "Concurrent",
+                          "SelectTest", "SUPIStartNo", "SUPIStartEnd", "TestStatus", "Config", "Dict", "Key", "Value"})
+        EXPECT_TRUE(documented(tests, k)) << "tst.json or sce.json key " << k;
 }
 
 }  // namespace

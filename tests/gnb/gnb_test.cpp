@@ -331,6 +331,7 @@ TEST(NGSetup, AnswersSetTheConnectionState) {
         conn->ConnStatus = KS_NGCONN__SETUP_SENT;
         sock.disableClientAutoReConnect = 0;
         int closes = gCloses;
+        uint64_t incomplete = __ksEngine->NGSetupResponseIncomplete;
         r = response(m.name, m.guamis, m.capacity);
         KsNGAP__handle_NGSetupResponse(conn, r);
         __mv_amf_memfree_pdu_NGSetupResponse(r);
@@ -338,9 +339,13 @@ TEST(NGSetup, AnswersSetTheConnectionState) {
         EXPECT_EQ(conn->isOKToRun, 0);
         EXPECT_EQ(sock.disableClientAutoReConnect, 1);
         EXPECT_EQ(gCloses, closes + 1);
-        EXPECT_NE(gEnv->appLog().find(std::string("Missing mandatory parameter ") + m.ie +
-                                      " in NGSetupResponse, Closing NGAP connection and disabling-auto-connect"),
-                  std::string::npos);
+        std::string log = gEnv->appLog();
+        size_t at = log.rfind(std::string("Missing mandatory parameter ") + m.ie +
+                              " in NGSetupResponse, Closing NGAP connection and disabling-auto-connect");
+        ASSERT_NE(at, std::string::npos);
+        size_t lineStart = log.rfind('\n', at);
+        EXPECT_EQ(log.substr(lineStart == std::string::npos ? 0 : lineStart + 1, 3), "[E]") << "at error level";
+        EXPECT_EQ(__ksEngine->NGSetupResponseIncomplete, incomplete + 1) << "counted";
         KsNGAP_on_amf_connection_close(&sock);
         EXPECT_EQ(conn->ConnStatus, KS_NGCONN__SETUP_RESPONSE_INCOMPLETE) << "the close keeps the state";
     }

@@ -328,11 +328,13 @@ TEST(RegistryStartup, ConfigurationFaultsArePrintedAndSkipped) {
     auto r = kst::runEngineBinary(KS_ENGINE_BINARY, {{"cfg.json", cfg}, {"data/amf.json", amfs}, {"data/ran.json", rans}},
                                   60);
     for (const char* text : {"HexPLMN for RAN is not length-6 [00F1]\n", "SupportedUePLMN, Not Configured ",
-                             "invalid configuration RANNodes->SupportedUePLMN[0] mcc-len=1 mnc-len=2\n",
-                             "missing mandatory parameter for dynamic-amf @ 2\n",
+                             "invalid configuration RANNodes->SupportedUePLMN[0] of RAN [b]: MCC=\"1\" MNC=\"01\" "
+                             "refused: an MCC is 3 digits",
+                             "missing mandatory parameter for dynamic-amf @ 2: IP1, IP2, Port, Enabled, KsTE\n",
                              "AMF-Config-0: Id=1 port=1 cIP1=10.0.0.1 cIP2=\n",
                              "AMF-Config-1: Id=2 port=2 cIP1=10.0.0.2 cIP2=\n",
-                             "missing mandatory parameter for dynamic-ran @ 0\n",
+                             "missing mandatory parameter for dynamic-ran @ 0: MCC, MNC, Enabled, Name, RANCount, "
+                             "SupportedTAList, KsTE\n",
                              "error loading SupportedTAList for RANConfig:x  error:[", "Starting RAN Nodes ... ",
                              "Started NG-RAN Count=3\n", "Initalization of KsTest is completed"})
         EXPECT_NE(r.out.find(text), std::string::npos) << text << "\n" << r.out;

@@ -29,9 +29,10 @@ const std::string kRange = std::string(R"({"Format": 1, "SupiRange": [
   {"MCC": "310", "MNC": "410", "SubKey": )" + quoted(K3) + R"(, "OPc": )" + quoted(O3) + R"(,
    "MSINStart": "310410000000001", "MSINEnd": "310410000000003"},
   {"MCC": "404", "MNC": "26", "MSINStart": "x", "MSINEnd": 5},
-  {"MCC": "404", "MNC": "26", "MSINStart": 404260000000050, "MSINEnd": 404260000000060}]})";
+  {"MCC": "404", "MNC": "26", "MSINStart": 404260000000050, "MSINEnd": 404260000000060},
+  {"MCC": "4040", "MNC": "26", "MSINStart": 404260000000200, "MSINEnd": 404260000000201}]})";
 
-const std::string kList = std::string(R"({"Format": 2, "ConcurrentSessions": 4, "MCC": "0012", "MNC": "01",
+const std::string kList = std::string(R"({"Format": 2, "ConcurrentSessions": 4, "MCC": 1, "MNC": "01",
   "SubKey": )") + quoted(K3) + R"(, "OPc": )" + quoted(O3) + R"(, "SQN": 64, "IMEI_BASE_NO": 490154203237510,
   "Delay": 3, "SST": 1, "UEUsageSettings": 2, "ScID": 9, "SD": "0A0B0C", "IMEI_SV": "47x",
   "SupiList": [
@@ -40,7 +41,8 @@ const std::string kList = std::string(R"({"Format": 2, "ConcurrentSessions": 4, 
                           quoted(O4) + R"(, "MCC": "208", "MNC": "093"},
     {"MSIN": 1010000000003, "E": 0},
     {"MSIN": 1010000000004},
-    {"MSIN": 12345}]})";
+    {"MSIN": 12345},
+    {"MSIN": 1010000000005, "MNC": "1"}]})";
 
 const std::string kBare = R"({"Format": 2, "MCC": "001", "MNC": "01", "UEUsageSettings": 5,
   "SupiList": [{"MSIN": 1010000000100}]})";
@@ -50,7 +52,10 @@ const std::string kUel = std::string(R"([
    "APN": "internet", "MSISDNBegin": "919800000001", "MCC": "001", "MNC": "01", "SubKey": )") + quoted(K1) +
                           R"(, "OPC": )" + quoted(O1) + R"(},
   {"ID": 2, "MSINStart": "001010000000600", "MSINEnd": "001010000000600", "MSISDNBegin": "5", "MCC": "001", "MNC": "01"},
-  {"ID": 3, "MSINStart": "001010000000700", "MSINEnd": "001010000000701", "MCC": "001", "MNC": "01"}])";
+  {"ID": 3, "MSINStart": "001010000000700", "MSINEnd": "001010000000701", "MCC": "001", "MNC": "01"},
+  {"ID": 4, "MSINStart": "001010000000800", "MSINEnd": "001010000000800", "MSISDNBegin": "7", "MCC": 1, "MNC": 1},
+  {"ID": 5, "MSINStart": "001010000000900", "MSINEnd": "001010000000900", "MSISDNBegin": "8", "MCC": "001",
+   "MNC": 1000}])";
 
 const std::string kAddl = R"([{"IMSI": "001010000000500", "UEIPv4": "10.45.0.7"}, {"IMSI": "999", "UEIPv4": "10.0.0.1"},
   {"IMSI": "001010000000501", "UEIPv4": "not-an-ip"}, {"IMSI": "001010000000502"}])";
@@ -143,7 +148,7 @@ TEST(SubscriberFiles, RangeFormatGivesIdentityKeysPlmnAndServingName) {
 TEST(SubscriberFiles, ListFormatFileKeysAndItemOverrides) {
     const __mv_ks__ue_file_config& fc = __ksEngine->UEFiles[1].ueFileConfig;
     EXPECT_EQ(fc.ConcurrentSessions, 4u);
-    EXPECT_STREQ(fc.MCC, "001") << "first 3 characters";
+    EXPECT_STREQ(fc.MCC, "001") << "the number 1 as an MCC";
     EXPECT_STREQ(fc.MNC, "01");
     EXPECT_EQ(bytes(fc.SubKey, 16), bytes(K3));
     EXPECT_EQ(fc.SQN, 64u);
@@ -222,7 +227,23 @@ TEST(SubscriberFiles, UEListRangesAndAdditionalData) {
     EXPECT_EQ(ue("001010000000502")->static_UEIPv4, 0u);
     EXPECT_NE(gEnv->appLog().find("UEIPv4=[not-an-ip] is not an IPv4 address"), std::string::npos);
 
-    EXPECT_EQ(__ksEngine->ksUETotal, 103 + 4 + 1 + 4) << "ranges, list, bare list, uel.json; duplicates add nothing";
+    MV_KsUE* numbers = ue("001010000000800");
+    ASSERT_NE(numbers, nullptr);
+    EXPECT_STREQ(numbers->mcc, "001");
+    EXPECT_STREQ(numbers->mnc, "01");
+    EXPECT_EQ(bytes(numbers->plmnId.val, 3), (std::vector<uint8_t>{0x00, 0xF1, 0x10}));
+    EXPECT_EQ(ue("001010000000900"), nullptr);
+    EXPECT_NE(gEnv->appLog().find("uel.json element ID=5 skipped: MCC=\"001\" MNC=1000 refused: an MCC is 3 digits"),
+              std::string::npos);
+    EXPECT_EQ(ue("404260000000200"), nullptr);
+    EXPECT_NE(gEnv->appLog().find("SupiRange element 4 of range.json skipped: MCC=\"4040\" MNC=\"26\" refused"),
+              std::string::npos);
+    EXPECT_EQ(ue("001010000000005"), nullptr);
+    EXPECT_NE(gEnv->appLog().find("SupiList item 5 of list.json skipped: MCC=(absent) MNC=\"1\" refused"),
+              std::string::npos);
+
+    EXPECT_EQ(__ksEngine->ksUETotal, 103 + 4 + 1 + 5)
+        << "ranges, list, bare list, uel.json; duplicates and refused MCC or MNC add nothing";
 }
 
 TEST(SubscriberFiles, FirstUEMakesTheDefaultScenario) {

@@ -246,6 +246,8 @@ void KsEngine__WritePerformanceBlock() {
              int(received - prevReceived), int(sent), int(sent - prevSent), int(sent - received));
     prevReceived = received;
     prevSent = sent;
+    __mv_log(MV_PER_LOG, LOG_CAT_CORE, MV_LOG_CRITICAL, "NGAP: NGSetupResponseIncomplete=%lu",
+             (unsigned long)e->NGSetupResponseIncomplete.load());
 
     for (int i = 0; i < KS_STEP_QUEUE_COUNT; ++i)
         if (e->M_MPS_Q[i]) __mv__per_log_pending_queuecount("MPS-Q", e->M_MPS_Q[i]);

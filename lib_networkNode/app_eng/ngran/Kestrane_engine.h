@@ -272,6 +272,8 @@ struct __mv_ks__engine {
     // global tallies
     std::atomic<uint64_t> NASErrors, NGAPErrors, UERegistered, UERegRejected, UEDeRegistered, UEIdle, UEConnected,
         UEPduSessions, TestCaseTimeout;
+    // NGSetupResponses that lacked a mandatory IE; shown in the performance log.
+    std::atomic<uint64_t> NGSetupResponseIncomplete;
     uint32_t fsmNGAPProcessingThreadCount;
     void* fsmNGAPProcessingQueue;
     KsScanario* ksScanarioDefault;

@@ -5,7 +5,9 @@
 
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 #include <mutex>
+#include <string>
 
 #include "Kestrane.h"
 #include "Kestrane_util.h"
@@ -68,13 +70,14 @@ void cacheBroadcastPlmns(MV_KsNGRan* ran) {
             json_array_foreach(list, j, item) {
                 if (ran->BroadcastPlmnCount >= KS_MAX_BROADCAST_PLMN) return;
                 uint8_t plmn[3] = {0, 0, 0};
-                const char* mcc = json_string_value(json_object_get(item, "MCC"));
-                const char* mnc = json_string_value(json_object_get(item, "MNC"));
+                char mcc[4], mnc[4], where[200];
+                snprintf(where, sizeof where, "RAN [%s] SupportedTAList[%zu] %s[%zu]", ran->NodeName, i, key, j);
+                KsJson::PlmnRead r = KsJson::plmn(item, mcc, mnc, where);
                 bool ok = false;
-                if (isDigitText(mcc, 3, 3) && isDigitText(mnc, 2, 3)) {
+                if (r == KsJson::PlmnRead::Ok) {
                     KsEngine__get_plmnHex(plmn, mcc, mnc);
                     ok = true;
-                } else {
+                } else if (r == KsJson::PlmnRead::Absent) {
                     ok = hexPlmn(json_string_value(json_object_get(item, "HexPLMN")), plmn);
                 }
                 if (ok) memcpy(ran->BroadcastPlmn[ran->BroadcastPlmnCount++], plmn, 3);
@@ -108,11 +111,12 @@ void readSupportedUePLMN(MV_KsNGRan* ran, json_t* list) {
     size_t i;
     json_t* p;
     json_array_foreach(list, i, p) {
-        const char* mcc = json_string_value(json_object_get(p, "MCC"));
-        const char* mnc = json_string_value(json_object_get(p, "MNC"));
-        long lc = mcc ? long(strlen(mcc)) : 0, ln = mnc ? long(strlen(mnc)) : 0;
-        if (lc != 3 || ln < 2 || ln > 3) {
-            printf("invalid configuration RANNodes->SupportedUePLMN[%d] mcc-len=%ld mnc-len=%ld\n", int(i), lc, ln);
+        char mcc[4], mnc[4], where[200];
+        snprintf(where, sizeof where, "invalid configuration RANNodes->SupportedUePLMN[%d] of RAN [%s]", int(i),
+                 ran->NodeName);
+        if (KsJson::plmn(p, mcc, mnc, where) != KsJson::PlmnRead::Ok) {
+            if (!json_object_get(p, "MCC") && !json_object_get(p, "MNC"))
+                printf("%s: neither MCC nor MNC given, skipped\n", where);
             continue;
         }
         auto* e = __mv_arena_new<__mv_ks__ngran_plmn>();
@@ -164,6 +168,16 @@ void KsEngine__InitializeRanNode_Configs(void) {
             continue;
         }
         if (KsJson::number(n, "Enabled", 1) != 1) continue;
+        // MCC and MNC, text or numbers, stand for the PLMN only without HexPLMN.
+        char mcc[4] = "", mnc[4] = "", where[160];
+        snprintf(where, sizeof where, "RANNodes[%d] [%s]", int(i), name);
+        KsJson::PlmnRead plmn =
+            json_object_get(n, "HexPLMN") ? KsJson::PlmnRead::Absent : KsJson::plmn(n, mcc, mnc, where);
+        if (plmn == KsJson::PlmnRead::Bad) {
+            __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_CRITICAL, "%s skipped: its PLMN is refused %s|%d", where, __func__,
+                     __LINE__);
+            continue;
+        }
         auto* ran = __mv_arena_new<MV_KsNGRan>();
         const char* type = KsJson::string(n, "Type", "");
         ran->AccessType = !strcmp(type, "eNodeB") ? KS_ACCESS_TYPE__ENB
@@ -184,17 +198,8 @@ void KsEngine__InitializeRanNode_Configs(void) {
         }
         if (const char* hex = json_string_value(json_object_get(n, "HexPLMN"))) {
             if (!hexPlmn(hex, ran->HexPlmn)) printf("HexPLMN for RAN is not length-6 [%s]\n", hex);
-        } else if (json_object_get(n, "MCC") && json_object_get(n, "MNC")) {
-            long long mcc = KsJson::number(n, "MCC", -1), mnc = KsJson::number(n, "MNC", -1);
-            if (mcc >= 0 && mcc <= 999 && mnc >= 0 && mnc <= 999) {
-                // A number cannot say 01 from 001: below 100 the MNC is taken as two digits.
-                char tmcc[8], tmnc[8];
-                snprintf(tmcc, sizeof tmcc, "%03lld", mcc);
-                snprintf(tmnc, sizeof tmnc, mnc < 100 ? "%02lld" : "%03lld", mnc);
-                KsEngine__get_plmnHex(ran->HexPlmn, tmcc, tmnc);
-            } else {
-                printf("MCC=%lld MNC=%lld of RAN [%s] out of range, PLMN left zero\n", mcc, mnc, name);
-            }
+        } else if (plmn == KsJson::PlmnRead::Ok) {
+            KsEngine__get_plmnHex(ran->HexPlmn, mcc, mnc);
         }
         ran->maxRanUEs = uint32_t(KsJson::number(n, "MaxRANUEID", __ksEngine->maxRanUEIDs));
         ran->UEIDStartNo = uint32_t(KsJson::number(n, "RANUEIDStartNo", 1));
@@ -209,6 +214,18 @@ void KsEngine__InitializeRanNode_Configs(void) {
 
 namespace {
 
+// Names every mandatory key an element of a data list lacks, in the application log and on standard output.
+bool missingKeys(json_t* e, std::initializer_list<const char*> keys, const char* list, size_t pos) {
+    std::string missing;
+    for (const char* k : keys)
+        if (!json_object_get(e, k)) missing += std::string(missing.empty() ? "" : ", ") + k;
+    if (missing.empty()) return false;
+    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_CRITICAL, "missing mandatory parameter for %s @ %d: %s %s|%d", list,
+             int(pos), missing.c_str(), __func__, __LINE__);
+    printf("missing mandatory parameter for %s @ %d: %s\n", list, int(pos), missing.c_str());
+    return true;
+}
+
 template <class Node>
 void configureDynamicCore(std::atomic<Node*>& head, Node*& current, uint32_t& count, uint32_t ksTE) {
     json_t* list = __ksEngine->amf_servers;
@@ -216,12 +233,7 @@ void configureDynamicCore(std::atomic<Node*>& head, Node*& current, uint32_t& co
     size_t i;
     json_t* e;
     json_array_foreach(list, i, e) {
-        bool complete = true;
-        for (const char* k : {"ID", "IP1", "IP2", "Port", "Enabled", "KsTE"}) complete = complete && json_object_get(e, k);
-        if (!complete) {
-            printf("missing mandatory parameter for dynamic-amf @ %d\n", int(i));
-            continue;
-        }
+        if (missingKeys(e, {"ID", "IP1", "IP2", "Port", "Enabled", "KsTE"}, "dynamic-amf", i)) continue;
         if (KsJson::number(e, "KsTE", 0) != ksTE) continue;
         uint32_t id = uint32_t(KsJson::number(e, "ID", 0));
         uint32_t enabled = uint32_t(KsJson::number(e, "Enabled", 0));
@@ -259,13 +271,9 @@ void KsEngine__ConfigureDynamicRanNodes(void) {
     size_t i;
     json_t* e;
     json_array_foreach(list, i, e) {
-        bool complete = true;
-        for (const char* k : {"ID", "MCC", "MNC", "Enabled", "Name", "RANCount", "SupportedTAList", "KsTE"})
-            complete = complete && json_object_get(e, k);
-        if (!complete) {
-            printf("missing mandatory parameter for dynamic-ran @ %d\n", int(i));
+        if (missingKeys(e, {"ID", "MCC", "MNC", "Enabled", "Name", "RANCount", "SupportedTAList", "KsTE"}, "dynamic-ran",
+                        i))
             continue;
-        }
         long long ranType = KsJson::number(e, "RanType", -1);
         uint8_t accessType = KS_ACCESS_TYPE__GNB;
         if (ranType >= 0 && ranType + 1 <= 6) accessType = uint8_t(ranType + 1);
@@ -275,9 +283,9 @@ void KsEngine__ConfigureDynamicRanNodes(void) {
         uint8_t enabled = KsJson::number(e, "Enabled", 0) == 1 ? 1 : 0;
         uint32_t retention = KsJson::number(e, "UERetention", 0) == 1 ? 1 : 0;
         const char* name = KsJson::string(e, "Name", "");
-        char mcc[8] = "", mnc[8] = "";
-        KsJson::copyString(e, "MCC", mcc, sizeof mcc);
-        KsJson::copyString(e, "MNC", mnc, sizeof mnc);
+        char mcc[4], mnc[4], where[160];
+        snprintf(where, sizeof where, "ran.json element @ %d (ID=%u Name=%s), skipped", int(i), firstId, name);
+        if (KsJson::plmn(e, mcc, mnc, where) != KsJson::PlmnRead::Ok) continue;
         uint8_t plmn[4] = {0, 0, 0, 0};
         KsEngine__get_plmnHex(plmn, mcc, mnc);
         for (long long k = 0; k < ranCount; ++k) {

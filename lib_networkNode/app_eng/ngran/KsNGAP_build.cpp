@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "KsEngine_step.h"
+#include "Kestrane_util.h"
 #include "mv_bytes.h"
 #include "KsNGAP.h"
 
@@ -322,9 +323,11 @@ int KsNGAP__add_tai_json(MV_AMF_DT_SupportedTAList** list, json_t* entry, KsNgap
             const char* h = json_string_value(json_object_get(p, "HexPLMN"));
             if (!hexBytes(h, plmn, 3)) note(notes, KsNgapBuildNote::BadHexPLMN, h, nullptr, nullptr);
         } else {
-            const char* mcc = json_string_value(json_object_get(p, "MCC"));
-            const char* mnc = json_string_value(json_object_get(p, "MNC"));
-            if (!mcc || !mnc) continue;
+            // Refused MCC and MNC were logged when the RAN was configured.
+            char mcc[4], mnc[4];
+            if (KsJson::plmnCode(p, "MCC", false, mcc) != KsJson::PlmnRead::Ok ||
+                KsJson::plmnCode(p, "MNC", true, mnc) != KsJson::PlmnRead::Ok)
+                continue;
             KsNGAP_get_plmnHex(plmn, mcc, mnc);
         }
         // The slice list of a broadcast PLMN has at least one item on the wire: a PLMN

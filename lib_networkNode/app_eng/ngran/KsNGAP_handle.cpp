@@ -141,7 +141,9 @@ void KsNGAP__handle_NGSetupResponse(MV_KsRanAmfConnection* conn, MV_AMF_DT_NGSet
         if (!missing) amf->relativeAMFCapacity = uint16_t(msg->relativeAMFCapacity);
     }
     if (missing) {
-        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_DEBUG,
+        ++__ksEngine->NGSetupResponseIncomplete;
+        ++__ksEngine->NGAPErrors;
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
                  "Missing mandatory parameter %s in NGSetupResponse, Closing NGAP connection and disabling-auto-connect "
                  "<%s|%s|%d>",
                  missing, __FILE_NAME__, __func__, __LINE__);

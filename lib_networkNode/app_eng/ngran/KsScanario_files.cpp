@@ -48,8 +48,9 @@ KsStep* registrationStep(json_t* o, int pos, const char* file) {
     st->IdentityRequestIgnoreCount = uint8_t(KsJson::number(o, "IdenReqIgnCount", 0));
     // The kind of mobile identity the registration presents.
     st->StepType = uint32_t(KsJson::number(o, "5GSMobileId", 0));
-    snprintf(st->mcc, sizeof st->mcc, "%.3s", KsJson::string(o, "MCC"));
-    snprintf(st->mnc, sizeof st->mnc, "%.3s", KsJson::string(o, "MNC"));
+    char where[300];
+    snprintf(where, sizeof where, "Registration step=[%d] in scanario file=[%s], its MCC and MNC not used", pos, file);
+    KsJson::plmn(o, st->mcc, st->mnc, where);
     st->FoR = flag(o, "FoR", 0);
     st->Tmsi = uint32_t(KsJson::number(o, "TMSI", 0));
     st->AMFRegionId = uint8_t(KsJson::number(o, "AMFRegionId", 0));

@@ -71,6 +71,15 @@ void setSuci(MV_KsUE* ue, json_t* item, json_t* file) {
     ue->SuciProtectionScheme = uint8_t(scheme);
 }
 
+// One code of a list item, or the file's when the item has none; a bad one is refused with a line.
+bool itemCode(json_t* item, const char* key, const char* fileCode, char* out, const char* where) {
+    KsJson::PlmnRead r = KsJson::plmnCode(item, key, !strcmp(key, "MNC"), out);
+    if (r == KsJson::PlmnRead::Absent) snprintf(out, 4, "%s", fileCode);
+    if (r != KsJson::PlmnRead::Bad) return true;
+    KsJson::refusePlmn(item, where);
+    return false;
+}
+
 void fileFailed(const char* name, const json_error_t& err) {
     printf("\n\n ***** error loading ue-config file:%s  error:[%s] line=%d column=%d position=%d source=[%s] ***** \n\n",
            name, err.text, err.line, err.column, err.position, err.source);
@@ -97,11 +106,14 @@ int KsEngine__LoadSupiRangeFormat(UEFile* ueFile, json_t* root) {
                    ueFile->FileName);
             continue;
         }
+        char mcc[4], mnc[4], where[400];
+        snprintf(where, sizeof where, "SupiRange element %zu of %s skipped", i, ueFile->FileName);
+        if (KsJson::plmn(r, mcc, mnc, where) == KsJson::PlmnRead::Bad) continue;
         uint64_t imei = wholeNumberOr(r, "IMEI", 0);
         uint32_t scID = uint32_t(KsJson::number(r, "ScID", 0));
         long added = 0;
         for (uint64_t n = start; n <= end; ++n) {
-            MV_KsUE* ue = KsEngine__AddUE(ueFile, text(r, "MCC"), text(r, "MNC"), text(r, "SubKey"), text(r, "OPc"),
+            MV_KsUE* ue = KsEngine__AddUE(ueFile, mcc, mnc, text(r, "SubKey"), text(r, "OPc"),
                                           imei + uint64_t(added), n, scID, 1, 0, "");
             if (!ue) {
                 printf("Adding UE Failed after=%ld %s|%d\n", added, __func__, __LINE__);
@@ -121,8 +133,10 @@ int KsEngine__LoadSupiRangeFormat(UEFile* ueFile, json_t* root) {
 int KsEngine__LoadListFormat(UEFile* ueFile, json_t* root) {
     __mv_ks__ue_file_config& fc = ueFile->ueFileConfig;
     fc.ConcurrentSessions = uint32_t(KsJson::number(root, "ConcurrentSessions", 1));
-    snprintf(fc.MCC, sizeof fc.MCC, "%.3s", text(root, "MCC"));
-    snprintf(fc.MNC, sizeof fc.MNC, "%.3s", text(root, "MNC"));
+    char where[400];
+    snprintf(where, sizeof where, "ue-config file:%s, the file's code not used", ueFile->FileName);
+    itemCode(root, "MCC", "", fc.MCC, where);
+    itemCode(root, "MNC", "", fc.MNC, where);
     const char* fileKey = text(root, "SubKey");
     const char* fileOpc = text(root, "OPc");
     __mv_ascii_to_hex(fileKey, int(strlen(fileKey)), fc.SubKey, 16);
@@ -159,7 +173,10 @@ int KsEngine__LoadListFormat(UEFile* ueFile, json_t* root) {
         wholeNumber(json_object_get(item, "IMEI"), imei);
         uint32_t scID = uint32_t(KsJson::number(item, "ScID", 0));
         if (scID == 0) scID = fc.scID;
-        MV_KsUE* ue = KsEngine__AddUE(ueFile, text(item, "MCC", fc.MCC), text(item, "MNC", fc.MNC),
+        char mcc[4], mnc[4];
+        snprintf(where, sizeof where, "SupiList item %zu of %s skipped", pos, ueFile->FileName);
+        if (!itemCode(item, "MCC", fc.MCC, mcc, where) || !itemCode(item, "MNC", fc.MNC, mnc, where)) continue;
+        MV_KsUE* ue = KsEngine__AddUE(ueFile, mcc, mnc,
                                       text(item, "SubKey", fileKey), text(item, "OPc", fileOpc), imei, msin, scID, 1, 0,
                                       "");
         if (!ue) {
@@ -224,8 +241,9 @@ int KsEngine__ConfigureUEListEntry(json_t* el) {
         return 0;
     }
     uint64_t imeiBase = wholeNumberOr(el, "IMEIBegin", 0);
-    const char* mcc = text(el, "MCC");
-    const char* mnc = text(el, "MNC");
+    char mcc[4], mnc[4], where[120];
+    snprintf(where, sizeof where, "uel.json element ID=%lld skipped", KsJson::number(el, "ID", -1));
+    if (KsJson::plmn(el, mcc, mnc, where) == KsJson::PlmnRead::Bad) return 0;
     int count = 0;
     for (uint64_t n = start; n <= end; ++n) {
         if (!KsEngine__AddUE(nullptr, mcc, mnc, text(el, "SubKey"), text(el, "OPC"), imeiBase + uint64_t(count), n, 0, 1,

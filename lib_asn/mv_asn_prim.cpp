@@ -620,7 +620,7 @@ int __mv_asn_GetOctetString2(uint8_t** data, uint32_t* len, int lengthType, int 
     }
     *data = p;
     *len = n;
-    return n ? 1 : 0;
+    return 1;
 }
 
 // PrintableString: eight bits a character in the aligned variant.
@@ -664,7 +664,7 @@ int __mv_asn_GetBitString(uint8_t** data, uint32_t* length, int* bitslen, int le
     *data = p;
     *length = (n + 7) / 8;
     *bitslen = int(n);
-    return n ? 1 : 0;
+    return 1;
 }
 
 // ---------------------------------------------------------------- CHOICE, ENUMERATED, lists

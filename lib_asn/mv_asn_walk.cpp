@@ -21,11 +21,6 @@ int lengthType(const MvAsnType* t) {
     return t->lb == t->ub ? 1 : 2;
 }
 
-bool isString(const MvAsnType* t) {
-    return t->kind == MV_ASN_K_OCTSTR || t->kind == MV_ASN_K_PRTSTR || t->kind == MV_ASN_K_OID ||
-           t->kind == MV_ASN_K_BITSTR;
-}
-
 int enc(const MvAsnType* t, const void* slot, __mv_asn_coding_context* ctx);
 int dec(const MvAsnType* t, void* slot, __mv_asn_coding_context* ctx);
 
@@ -89,8 +84,10 @@ int skipPrivateContainer(__mv_asn_coding_context* ctx) {
     return 0;
 }
 
+// An extensible fixed size takes any other length in its extension form, so only a size
+// without the marker makes a wrong length an error.
 void logFixedLength(const MvAsnType* t, uint32_t len) {
-    if (lengthType(t) == 1 && int64_t(len) != t->lb)
+    if (lengthType(t) == 1 && !t->ext && int64_t(len) != t->lb)
         __mv_asn_log(MV_LOG_ERROR, "%s is Fixed Length=(%lld) which is set to invalid length=%u (%s|%s|%d)", t->name,
                      static_cast<long long>(t->lb), len, __FILE_NAME__, __func__, __LINE__);
 }
@@ -432,17 +429,6 @@ const MvAsnIE* findIE(const MvAsnType* t, uint32_t id) {
     return nullptr;
 }
 
-// A zero-length string IE is taken as absent.
-void dropEmptyString(const MvAsnType* t, void* slot, void* isset) {
-    t = valueType(t);
-    if (!isString(t)) return;
-    auto* rec = ld<StrRec*>(slot);
-    if (rec && rec->length == 0) {
-        __mv_asn_free_type(t, slot);
-        st(isset, 0);
-    }
-}
-
 int decMsgIEs(const MvAsnType* t, void* rec, __mv_asn_coding_context* ctx, bool pduLevel, int* lastResult) {
     uint64_t extBit = 0;
     if (t->ext && __mv_asn_get_bits(1, &extBit, ctx) < 0) return -1;
@@ -469,7 +455,6 @@ int decMsgIEs(const MvAsnType* t, void* rec, __mv_asn_coding_context* ctx, bool 
             int isset = 0;
             r = __mv_asn_decode_type(ie->type, slot, &isset, 0, ctx);
             st(at(rec, ie->issetOff), isset);
-            if (r > 0) dropEmptyString(ie->type, slot, at(rec, ie->issetOff));
         } else {
             r = __mv_asn_move_unknown_field_length(ctx);
         }

@@ -261,17 +261,21 @@ TEST(AsnEdge, UnknownIeIsSkippedAndDecodingGoesOn) {
     __mv_amf_memfree_pdu_DownlinkNASTransport(m);
 }
 
-TEST(AsnEdge, ReceivedEmptyStringIsNotSet) {
+// An empty string is a value: the IE stays set, with a record of length 0.
+TEST(AsnEdge, ReceivedEmptyStringStaysSet) {
     auto* m = downlink(5, 6, 0);
     __mv_asn_init_CodingContext(&g_ctx);
     ASSERT_EQ(__mv_amf_encode_pdu_DownlinkNASTransport(m, &g_ctx), 0);
+    std::vector<uint8_t> sent = bytesOf(g_ctx);
     __mv_asn_coding_context d;
-    memcpy(&d, &g_ctx, sizeof d);
-    __mv_asn_init_decode(&d, g_ctx.buffer, g_ctx.pos);
+    __mv_asn_init_decode(&d, sent.data(), sent.size());
     auto* r = static_cast<__mv_amf_dt_DownlinkNASTransport*>(__mv_asn_new_record(&T_DownlinkNASTransport));
     EXPECT_EQ(__mv_amf_decode_pdu_DownlinkNASTransport(r, &d), 1);
-    EXPECT_EQ(r->nASPDU_isset, 0);
-    EXPECT_EQ(r->nASPDU, nullptr);
+    ASSERT_EQ(r->nASPDU_isset, 1);
+    ASSERT_NE(r->nASPDU, nullptr);
+    EXPECT_EQ(r->nASPDU->length, 0u);
+    EXPECT_EQ(r->iECount, 3);
+    EXPECT_EQ(toHex(encodePdu(__mv_asn_find_pdu(kPdus, kPduCount, sent.data(), sent.size()), r)), toHex(sent));
     __mv_amf_memfree_pdu_DownlinkNASTransport(r);
     __mv_amf_memfree_pdu_DownlinkNASTransport(m);
 }

@@ -151,6 +151,15 @@ TEST(NgapTransfer, DecoderSkipsUnknownIEsKeepsWhatDecodedAndNeverReadsPastTheOct
     EXPECT_EQ(probe->pDUSessionType, 2);
     __mv_ngap_free_pdu_PDUSessionResourceSetupRequestTransfer(probe);
 
+    // An empty octet string is a value: CommonNetworkInstance (id 166) stays set, length 0.
+    std::vector<uint8_t> emptyString = bytes;
+    emptyString.insert(emptyString.end(), {0x00, 166, 0x40, 0x01, 0x00});
+    emptyString[2] = 5;
+    EXPECT_EQ(decodeTransfer(emptyString, &probe), 1);
+    ASSERT_EQ(probe->commonNetworkInstance_isset, 1);
+    EXPECT_EQ(probe->commonNetworkInstance->length, 0u);
+    __mv_ngap_free_pdu_PDUSessionResourceSetupRequestTransfer(probe);
+
     // Every cut of the octets: a status below 1, decodingError, and what decoded before it.
     for (size_t n = 1; n < bytes.size(); n++) {
         SCOPED_TRACE("first " + std::to_string(n) + " octets");

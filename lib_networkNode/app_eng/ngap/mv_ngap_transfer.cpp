@@ -35,17 +35,6 @@ const MvAsnIE* findIE(const MvAsnType& t, uint64_t id) {
     return nullptr;
 }
 
-bool isString(const MvAsnType* t) {
-    return t->kind == MV_ASN_K_OCTSTR || t->kind == MV_ASN_K_PRTSTR || t->kind == MV_ASN_K_OID ||
-           t->kind == MV_ASN_K_BITSTR;
-}
-
-// Every string record begins with its data pointer and its length.
-struct __attribute__((packed)) StrHead {
-    uint8_t* data;
-    uint32_t length;
-};
-
 }  // namespace
 
 int __mv_ngap_encode_pdu_PDUSessionResourceSetupRequestTransfer(MV_AMF_DT_PDUSessionResourceSetupRequestTransfer* record,
@@ -90,14 +79,6 @@ int __mv_ngap_decode_pdu_PDUSessionResourceSetupRequestTransfer(MV_AMF_DT_PDUSes
             memcpy(&isset, rec + ie->issetOff, sizeof isset);
             if (isset == 1) __mv_asn_free_type(ie->type, slot);  // a repeated IE replaces the first
             last = __mv_asn_decode_type(ie->type, slot, &isset, 0, context);
-            if (last > 0 && isString(ie->type)) {
-                StrHead* s = nullptr;
-                memcpy(&s, slot, sizeof s);
-                if (s && s->length == 0) {
-                    __mv_asn_free_type(ie->type, slot);
-                    isset = 0;
-                }
-            }
             memcpy(rec + ie->issetOff, &isset, sizeof isset);
         } else {
             last = __mv_asn_move_unknown_field_length(context);

@@ -87,7 +87,7 @@ void AsnFiller::fill(const MvAsnType* t, void* slot, int depth) {
                 fill(t->item, &inner, depth + 1);
                 static __mv_asn_coding_context c;
                 __mv_asn_init_CodingContext(&c);
-                if (__mv_asn_encode_type(t->item, &inner, 1, &c) == 0) {
+                if (__mv_asn_encode_type(t->item, &inner, 1, &c) == 1) {
                     __mv_asn_pad_bits(&c);
                     v.assign(c.buffer, c.buffer + c.pos);
                 }
@@ -182,7 +182,7 @@ void* AsnFiller::pdu(const MvAsnPdu* p) {
 std::vector<uint8_t> encodePdu(const MvAsnPdu* p, const void* rec) {
     static __mv_asn_coding_context ctx;
     __mv_asn_init_CodingContext(&ctx);
-    if (__mv_asn_encode_pdu(p, rec, &ctx) != 0) return {};
+    if (__mv_asn_encode_pdu(p, rec, &ctx) < 1) return {};
     return std::vector<uint8_t>(ctx.buffer, ctx.buffer + ctx.pos);
 }
 

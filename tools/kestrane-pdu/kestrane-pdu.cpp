@@ -115,7 +115,7 @@ int decodeNas(bool fg, const std::vector<uint8_t>& bytes, bool json) {
 bool printEncoding(const MvAsnPdu* p, const void* rec) {
     static __mv_asn_coding_context enc;
     __mv_asn_init_CodingContext(&enc);
-    if (__mv_asn_encode_pdu(p, rec, &enc) != 0) return false;
+    if (__mv_asn_encode_pdu(p, rec, &enc) < 1) return false;
     for (unsigned i = 0; i < enc.pos; i++) printf("%02x", enc.buffer[i]);
     printf("\n");
     return true;

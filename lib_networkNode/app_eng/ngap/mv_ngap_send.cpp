@@ -43,7 +43,7 @@ int __mv_ngap___send_pdu(const char* name, mv_ngap_encoder enc, void* record, MV
     __mv_asn_coding_context ctx;
     __mv_asn_init_CodingContext(&ctx);
     int sts = enc(record, &ctx);
-    if (sts != 0) {
+    if (sts < 1) {
         MV_NGAP_LOG(MV_LOG_ERROR, "encoding failed for %s sts=%d <%s|%s|%d>", name, sts, __FILE_NAME__, __func__,
                     __LINE__);
         return -1;

@@ -136,7 +136,9 @@ TEST_F(AsnPools, AStringLongerThanAChunkComesFromTheSizeClassesAndGoesBack) {
         m->rANUENGAPID = 2;
         m->rANUENGAPID_isset = 1;
         std::vector<uint8_t> nas(len, 0x7e);
-        ASSERT_EQ(__mv_amf_init_NAS_PDU2(&m->nASPDU, nas.data(), uint32_t(nas.size())), 1);
+        __mv_amf_dt_NAS_PDU* pdu = nullptr;
+        ASSERT_EQ(__mv_amf_init_NAS_PDU2(&pdu, nas.data(), uint32_t(nas.size())), 1);
+        m->nASPDU = pdu;
         m->nASPDU_isset = 1;
         const MvAsnPdu* p = nullptr;
         for (unsigned i = 0; i < kPduCount; i++)

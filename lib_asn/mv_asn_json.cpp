@@ -165,7 +165,7 @@ private:
             if (ok) {
                 auto ctx = std::make_unique<__mv_asn_coding_context>();
                 __mv_asn_init_CodingContext(ctx.get());
-                if (__mv_asn_encode_type(t->item, &inner, 1, ctx.get()) == 0) {
+                if (__mv_asn_encode_type(t->item, &inner, 1, ctx.get()) == 1) {
                     __mv_asn_pad_bits(ctx.get());
                     bytes.assign(ctx->buffer, ctx->buffer + ctx->pos);
                 } else {

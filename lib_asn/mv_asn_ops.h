@@ -14,7 +14,7 @@
     }                                                                                                         \
     void __mv_##fam##_memfree_##N(__mv_##fam##_dt_##N* rec) { __mv_asn_free_type(&T_##N, &rec); }           \
     int __mv_##fam##_Encode_##N(const __mv_##fam##_dt_##N* rec, int level, __mv_asn_coding_context* ctx) {   \
-        if (!rec) return 0;                                                                                   \
+        if (!rec) return 1;                                                                                   \
         return __mv_asn_encode_type(&T_##N, &rec, level, ctx);                                                \
     }                                                                                                         \
     int __mv_##fam##_Decode_##N(__mv_##fam##_dt_##N** out, int* isset, int level, __mv_asn_coding_context* ctx) { \

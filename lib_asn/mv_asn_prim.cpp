@@ -1,5 +1,6 @@
-// The bit buffer and the X.691 aligned-PER primitives on the coding context. Every write checks the
-// room left in `buffer`, every read the bytes received (`len`), so neither passes an end.
+// The X.691 aligned-PER forms on the two cursors, and the primitives on the coding context that run
+// them. Every write checks the room left in `buffer`, every read the bytes received (`len`), so
+// neither passes an end.
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -10,6 +11,8 @@
 #include "mv_asn_internal.h"
 #include "mv_alloc.h"
 #include "mv_core.h"
+
+using namespace mv_asn_detail;
 
 // ---------------------------------------------------------------- memory, lists, log
 
@@ -32,6 +35,11 @@ void* __mv_asn_alloc(size_t size) {
 }
 
 void __mv_asn_free(void* p) {
+    // a record of a decoded PDU goes back with its whole region, and only through its root
+    if (!p || mv_asn_in_region(p)) {
+        mv_asn_region_release(p);
+        return;
+    }
     if (usePools())
         __mv_freeM(p);
     else
@@ -100,7 +108,7 @@ void __mv_asn_log(int level, const char* fmt, ...) {
 void __mv_asn_memset(__mv_asn_coding_context* ctx) { memset(static_cast<void*>(ctx), 0, sizeof *ctx); }
 
 void __mv_asn_init_CodingContext(__mv_asn_coding_context* ctx) {
-    // Only the head: the encoder clears each byte as it starts it, so the 5000 bytes stay untouched.
+    // Only the head: the encoder clears each byte as it reaches it, so the buffer stays untouched.
     ctx->headerlen = 0;
     ctx->pos = 0;
     ctx->len = 0;
@@ -123,20 +131,6 @@ int __mv_asn_init_decode(__mv_asn_coding_context* ctx, const uint8_t* bytes, siz
     ctx->len = uint16_t(len);
     ctx->usedBits = 7;
     return 1;
-}
-
-static inline int enc_fail(__mv_asn_coding_context* ctx) {
-    if (!ctx->iError) {
-        ctx->iError = MV_ASN_DECODE_ERROR_INSUFFICENT_BUFFER;
-        __mv_asn_log(MV_LOG_ERROR, "encoding does not fit the coding buffer of %d bytes (%s|%s|%d)",
-                     MV_ASN_BUFFER_SIZE, __FILE_NAME__, __func__, __LINE__);
-    }
-    return -1;
-}
-
-static inline int dec_fail(__mv_asn_coding_context* ctx, uint32_t err) {
-    if (!ctx->iError) ctx->iError = err;
-    return -1;
 }
 
 void __mv_asn_pad_bits(__mv_asn_coding_context* ctx) {
@@ -170,7 +164,7 @@ int __mv_asn_set_max_read_bytes_for_ie(int length, __mv_asn_coding_context* ctx)
     ctx->ieCurrPos = int16_t(ctx->pos);
     ctx->ieMaxReadBytes = int16_t(length);
     if (int(ctx->pos) + length > int(ctx->len)) {
-        dec_fail(ctx, MV_ASN_DECODE_ERROR_INSUFFICENT_BUFFER);
+        if (!ctx->iError) ctx->iError = MV_ASN_DECODE_ERROR_INSUFFICENT_BUFFER;
         return 0;
     }
     return 1;
@@ -187,46 +181,129 @@ int __mv_asn_copy_buffer(__mv_asn_coding_context* ctx, uint8_t** data, uint32_t*
     return 1;
 }
 
-// ---------------------------------------------------------------- reading
+// ---------------------------------------------------------------- the cursors
+
+bool Writer::overflow() {
+    if (!ctx->iError) {
+        ctx->iError = MV_ASN_DECODE_ERROR_INSUFFICENT_BUFFER;
+        __mv_asn_log(MV_LOG_ERROR, "encoding does not fit the coding buffer of %d bytes (%s|%s|%d)",
+                     MV_ASN_BUFFER_SIZE, __FILE_NAME__, __func__, __LINE__);
+    }
+    return false;
+}
+
+// Near the end of the buffer, and for 57 bits or more: a byte at a time.
+bool Writer::putSlow(uint64_t v, unsigned n) {
+    if (n == 0) return true;
+    if (n > 64) return false;
+    uint32_t off = bit & 7;
+    if ((bit >> 3) + (off + n + 7) / 8 > MV_ASN_BUFFER_SIZE) return overflow();
+    while (n > 0) {
+        uint32_t byte = bit >> 3;
+        off = bit & 7;
+        if (off == 0) buf[byte] = 0;
+        uint32_t room = 8 - off;
+        uint32_t take = room < n ? room : n;
+        uint32_t b = uint32_t(v >> (n - take)) & ((1u << take) - 1);
+        buf[byte] = uint8_t(buf[byte] | (b << (room - take)));
+        n -= take;
+        bit += take;
+    }
+    return true;
+}
+
+
+
+
+
+
+// A value of 128 octets or more: its length takes two octets, so the value moves up by one.
+bool Writer::openEndLong(uint32_t start, int l) {
+    if (l >= 16384) {
+        __mv_asn_log(MV_LOG_ERROR, "length not supported for more than 16383 ");
+        return false;
+    }
+    if (pos() + 1 > MV_ASN_BUFFER_SIZE) return overflow();
+    memmove(buf + start + 2, buf + start + 1, size_t(l));
+    buf[start] = uint8_t(0x80 | (l >> 8));
+    buf[start + 1] = uint8_t(l & 0xFF);
+    bit += 8;
+    ctx->ieLastLen = uint16_t(l);
+    return true;
+}
+
+// Near the end of what may be read: a byte at a time.
+bool Reader::getSlow(unsigned n, uint64_t* v) {
+    uint64_t r = 0;
+    while (n > 0) {
+        uint32_t off = bit & 7;
+        uint32_t take = 8 - off < n ? 8 - off : n;
+        uint32_t b = (buf[bit >> 3] >> (8 - off - take)) & ((1u << take) - 1);
+        r = (r << take) | b;
+        n -= take;
+        bit += take;
+    }
+    *v = r;
+    return true;
+}
+
+bool Reader::copyBits(uint8_t* dst, uint32_t n) {
+    if (!copyBytes(dst, n / 8)) return false;
+    if (uint32_t rest = n % 8) {
+        uint64_t v = 0;
+        if (!get(rest, &v)) return false;
+        dst[n / 8] = uint8_t(v << (8 - rest));
+    }
+    return true;
+}
+
+
+
+
+
+
+// ---------------------------------------------------------------- the primitives on a context
+
+namespace {
+// Runs one cursor operation on the context and writes the cursor back.
+template <class F>
+int onWriter(__mv_asn_coding_context* ctx, F f) {
+    Writer w(ctx);
+    bool ok = f(w);
+    w.sync();
+    return ok ? 1 : -1;
+}
+template <class F>
+int onReader(__mv_asn_coding_context* ctx, F f) {
+    Reader r(ctx);
+    bool ok = f(r);
+    r.sync();
+    return ok ? 1 : -1;
+}
+}  // namespace
+
+// reading
 
 int __mv_asn_get_bits(int bits, uint64_t* value, __mv_asn_coding_context* ctx) {
-    uint32_t off = 7u - ctx->usedBits;
-    int64_t avail = (int64_t(ctx->len) - ctx->pos) * 8 - off;
-    if (bits < 0 || bits > 64 || bits > avail) return dec_fail(ctx, MV_ASN_DECODE_ERROR_INSUFFICENT_BUFFER);
-    uint64_t v = 0;
-    while (bits > 0) {
-        uint32_t take = 8 - off;
-        if (take > uint32_t(bits)) take = uint32_t(bits);
-        uint32_t b = (ctx->buffer[ctx->pos] >> (8 - off - take)) & ((1u << take) - 1);
-        v = (v << take) | b;
-        bits -= int(take);
-        off += take;
-        if (off == 8) {
-            off = 0;
-            ctx->pos++;
-        }
-    }
-    ctx->usedBits = uint8_t(7 - off);
-    *value = v;
-    return 0;
+    return onReader(ctx, [&](Reader& r) { return bits >= 0 && r.get(unsigned(bits), value); });
 }
 
 int __mv_asn_get_bit_val(__mv_asn_coding_context* ctx) {
     uint64_t v = 0;
-    if (__mv_asn_get_bits(1, &v, ctx) < 0) return 0;
+    if (__mv_asn_get_bits(1, &v, ctx) < 1) return 0;
     return int(v);
 }
 
 uint8_t __mv_asn_get_bit_val_uint8(int bits, __mv_asn_coding_context* ctx) {
     uint64_t v = 0;
-    if (bits > 8 || __mv_asn_get_bits(bits, &v, ctx) < 0) return 0;
+    if (bits > 8 || __mv_asn_get_bits(bits, &v, ctx) < 1) return 0;
     return uint8_t(v);
 }
 
 uint64_t __mv_asn_get_uintmax(int bytes, __mv_asn_coding_context* ctx) {
     __mv_asn_pad_readbits(ctx);
     uint64_t v = 0;
-    if (bytes > 8 || __mv_asn_get_bits(bytes * 8, &v, ctx) < 0) return 0;
+    if (bytes > 8 || __mv_asn_get_bits(bytes * 8, &v, ctx) < 1) return 0;
     return v;
 }
 uint8_t __mv_asn_get_byte(__mv_asn_coding_context* ctx) { return uint8_t(__mv_asn_get_uintmax(1, ctx)); }
@@ -234,16 +311,9 @@ uint16_t __mv_asn_get_uint16val(__mv_asn_coding_context* ctx) { return uint16_t(
 uint32_t __mv_asn_get_uint24(__mv_asn_coding_context* ctx) { return uint32_t(__mv_asn_get_uintmax(3, ctx)); }
 uint32_t __mv_asn_get_uint32(__mv_asn_coding_context* ctx) { return uint32_t(__mv_asn_get_uintmax(4, ctx)); }
 
-// Unconstrained length determinant; fragments (above 16383) are refused.
 int __mv_asn_get_range_val_length(__mv_asn_coding_context* ctx) {
-    __mv_asn_pad_readbits(ctx);
-    uint64_t b = 0;
-    if (__mv_asn_get_bits(8, &b, ctx) < 0) return -1;
-    if (!(b & 0x80)) return int(b);
-    if ((b & 0xC0) == 0xC0) return dec_fail(ctx, MV_ASN_DECODE_ERROR_INSUFFICENT_BUFFER);
-    uint64_t lo = 0;
-    if (__mv_asn_get_bits(8, &lo, ctx) < 0) return -1;
-    return int(((b & 0x3F) << 8) | lo);
+    uint32_t n = 0;
+    return onReader(ctx, [&](Reader& r) { return r.length(&n); }) < 0 ? -1 : int(n);
 }
 
 int __mv_asn_get_total_used_length(int length, __mv_asn_coding_context* ctx) {
@@ -254,160 +324,98 @@ int __mv_asn_get_total_used_length(int length, __mv_asn_coding_context* ctx) {
 int __mv_asn_move_unknown_field_length(__mv_asn_coding_context* ctx) {
     int l = __mv_asn_get_range_val_length(ctx);
     if (l < 0) return -1;
-    if (!__mv_asn_has_required_bytes(ctx, l)) return dec_fail(ctx, MV_ASN_DECODE_ERROR_INSUFFICENT_BUFFER);
+    if (!__mv_asn_has_required_bytes(ctx, l)) {
+        if (!ctx->iError) ctx->iError = MV_ASN_DECODE_ERROR_INSUFFICENT_BUFFER;
+        return -1;
+    }
     ctx->pos = uint16_t(ctx->pos + l);
     return l < 128 ? l + 4 : l + 5;
 }
 
 int __mv_asn_copy_bytes(uint8_t* dst, int count, __mv_asn_coding_context* ctx) {
     if (count < 0) return -1;
-    if (ctx->usedBits == 7) {
-        if (!__mv_asn_has_required_bytes(ctx, count)) return dec_fail(ctx, MV_ASN_DECODE_ERROR_INSUFFICENT_BUFFER);
-        memcpy(dst, ctx->buffer + ctx->pos, size_t(count));
-        ctx->pos = uint16_t(ctx->pos + count);
-        return 0;
-    }
-    for (int i = 0; i < count; i++) {
-        uint64_t v = 0;
-        if (__mv_asn_get_bits(8, &v, ctx) < 0) return -1;
-        dst[i] = uint8_t(v);
-    }
-    return 0;
+    return onReader(ctx, [&](Reader& r) { return r.copyBytes(dst, uint32_t(count)); });
 }
 
 int __mv_asn_copy_nbits(uint8_t* dst, int bits, __mv_asn_coding_context* ctx) {
-    int full = bits / 8;
-    if (__mv_asn_copy_bytes(dst, full, ctx) < 0) return -1;
-    int rest = bits % 8;
-    if (rest) {
-        uint64_t v = 0;
-        if (__mv_asn_get_bits(rest, &v, ctx) < 0) return -1;
-        dst[full] = uint8_t(v << (8 - rest));
-    }
-    return 0;
+    if (bits < 0) return -1;
+    return onReader(ctx, [&](Reader& r) { return r.copyBits(dst, uint32_t(bits)); });
 }
 
-// ---------------------------------------------------------------- writing
+// writing
 
 int __mv_asn_add_value_bits(uint64_t value, int count, __mv_asn_coding_context* ctx) {
-    if (count <= 0) return 0;
-    uint32_t need = (uint32_t(ctx->usedBits) + uint32_t(count) + 7) / 8;
-    if (uint32_t(ctx->pos) + need > MV_ASN_BUFFER_SIZE) return enc_fail(ctx);
-    while (count > 0) {
-        if (ctx->usedBits == 0) ctx->buffer[ctx->pos] = 0;
-        uint32_t room = 8u - ctx->usedBits;
-        uint32_t take = room < uint32_t(count) ? room : uint32_t(count);
-        uint32_t b = uint32_t(value >> (count - int(take))) & ((1u << take) - 1);
-        ctx->buffer[ctx->pos] = uint8_t(ctx->buffer[ctx->pos] | (b << (room - take)));
-        count -= int(take);
-        ctx->usedBits = uint8_t(ctx->usedBits + take);
-        if (ctx->usedBits == 8) {
-            ctx->usedBits = 0;
-            ctx->pos++;
-        }
-    }
-    return 0;
+    if (count <= 0) return count < 0 ? -1 : 1;
+    return onWriter(ctx, [&](Writer& w) { return w.put(value, unsigned(count)); });
 }
 
 int __mv_asn_add_bit(int bit, __mv_asn_coding_context* ctx) { return __mv_asn_add_value_bits(bit ? 1 : 0, 1, ctx); }
 
 int __mv_asn_add_bits(const uint8_t* src, int srcMsbBitPos, int count, int pad, __mv_asn_coding_context* ctx) {
-    if (pad) __mv_asn_pad_bits(ctx);
-    if (srcMsbBitPos == 7 && count >= 8) {
-        // whole source octets: one block copy on an aligned cursor, else an octet at a time
-        int full = count / 8;
-        if (ctx->usedBits == 0) {
-            if (__mv_asn_add_bytes(src, full, 0, ctx) < 0) return -1;
-        } else {
-            for (int i = 0; i < full; i++)
-                if (__mv_asn_add_value_bits(src[i], 8, ctx) < 0) return -1;
+    if (count <= 0) return count < 0 ? -1 : 1;
+    return onWriter(ctx, [&](Writer& w) {
+        if (pad) w.align();
+        if (srcMsbBitPos == 7) {
+            // whole source octets at once, then the bits of the last
+            uint32_t full = uint32_t(count) / 8, rest = uint32_t(count) % 8;
+            return w.putBytes(src, full) && (!rest || w.put(uint64_t(src[full] >> (8 - rest)), rest));
         }
-        int rest = count % 8;
-        return rest ? __mv_asn_add_value_bits(uint64_t(src[full] >> (8 - rest)), rest, ctx) : 0;
-    }
-    int bit = srcMsbBitPos;
-    while (count > 0) {
-        if (__mv_asn_add_value_bits((*src >> bit) & 1u, 1, ctx) < 0) return -1;
-        count--;
-        if (--bit < 0) {
-            bit = 7;
-            src++;
+        const uint8_t* s = src;
+        for (int bit = srcMsbBitPos; count > 0; count--) {
+            if (!w.put((*s >> bit) & 1u, 1)) return false;
+            if (--bit < 0) {
+                bit = 7;
+                s++;
+            }
         }
-    }
-    return 0;
+        return true;
+    });
 }
 
 int __mv_asn_add_byte(uint8_t b, __mv_asn_coding_context* ctx) {
-    __mv_asn_pad_bits(ctx);
-    if (ctx->pos + 1u > MV_ASN_BUFFER_SIZE) return enc_fail(ctx);
-    ctx->buffer[ctx->pos++] = b;
-    return 0;
+    return onWriter(ctx, [&](Writer& w) {
+        w.align();
+        return w.put(b, 8);
+    });
 }
 
 int __mv_asn_add_bytes(const uint8_t* src, int count, int pad, __mv_asn_coding_context* ctx) {
-    if (count <= 0) return count < 0 ? -1 : 0;
-    if (pad) __mv_asn_pad_bits(ctx);
-    if (ctx->usedBits == 0) {
-        if (uint32_t(ctx->pos) + uint32_t(count) > MV_ASN_BUFFER_SIZE) return enc_fail(ctx);
-        memcpy(ctx->buffer + ctx->pos, src, size_t(count));
-        ctx->pos = uint16_t(ctx->pos + count);
-        return 0;
-    }
-    for (int i = 0; i < count; i++)
-        if (__mv_asn_add_value_bits(src[i], 8, ctx) < 0) return -1;
-    return 0;
+    if (count <= 0) return count < 0 ? -1 : 1;
+    return onWriter(ctx, [&](Writer& w) {
+        if (pad) w.align();
+        return w.putBytes(src, uint32_t(count));
+    });
 }
 
 int __mv_asn_add_length8(int length, __mv_asn_coding_context* ctx) {
-    __mv_asn_pad_bits(ctx);
-    return __mv_asn_add_value_bits(uint64_t(length) & 0xFF, 8, ctx);
+    return onWriter(ctx, [&](Writer& w) {
+        w.align();
+        return w.put(uint64_t(length) & 0xFF, 8);
+    });
 }
 
 int __mv_asn_add_length16(int length, __mv_asn_coding_context* ctx) {
-    __mv_asn_pad_bits(ctx);
-    return __mv_asn_add_value_bits(uint64_t(length) & 0xFFFF, 16, ctx);
+    return onWriter(ctx, [&](Writer& w) {
+        w.align();
+        return w.put(uint64_t(length) & 0xFFFF, 16);
+    });
 }
 
 int __mv_asn_set_value_length(int length, __mv_asn_coding_context* ctx) {
-    __mv_asn_pad_bits(ctx);
-    if (length < 0) return -1;
-    if (length < 128) return __mv_asn_add_value_bits(uint64_t(length), 8, ctx);
-    if (length < 16384) return __mv_asn_add_value_bits(0x8000u | uint64_t(length), 16, ctx);
-    __mv_asn_log(MV_LOG_ERROR, "length not supported for more than 16383 ");
-    return -1;
+    if (length < 0) {
+        __mv_asn_pad_bits(ctx);
+        return -1;
+    }
+    return onWriter(ctx, [&](Writer& w) { return w.length(uint32_t(length)); });
 }
 
 int __mv_asn_reserve_byte_for_length(__mv_asn_coding_context* ctx) {
-    __mv_asn_pad_bits(ctx);
-    if (ctx->pos + 1u > MV_ASN_BUFFER_SIZE) return enc_fail(ctx);
-    ctx->ieStartPos = ctx->pos;
-    ctx->buffer[ctx->pos++] = 0;
-    return 0;
+    uint32_t start = 0;
+    return onWriter(ctx, [&](Writer& w) { return w.openStart(&start); });
 }
 
 int __mv_asn_set_length_at_pos(uint16_t startPos, __mv_asn_coding_context* ctx) {
-    __mv_asn_pad_bits(ctx);
-    int l = int(ctx->pos) - int(startPos) - 1;
-    if (l == 0) {
-        // an empty open type is one zero octet
-        if (ctx->pos + 1u > MV_ASN_BUFFER_SIZE) return enc_fail(ctx);
-        ctx->buffer[ctx->pos++] = 0;
-        l = 1;
-    }
-    if (l <= 127) {
-        ctx->buffer[startPos] = uint8_t(l);
-    } else if (l < 16384) {
-        if (ctx->pos + 1u > MV_ASN_BUFFER_SIZE) return enc_fail(ctx);
-        memmove(ctx->buffer + startPos + 2, ctx->buffer + startPos + 1, size_t(l));
-        ctx->buffer[startPos] = uint8_t(0x80 | (l >> 8));
-        ctx->buffer[startPos + 1] = uint8_t(l & 0xFF);
-        ctx->pos++;
-    } else {
-        __mv_asn_log(MV_LOG_ERROR, "length not supported for more than 16383 ");
-        return -1;
-    }
-    ctx->ieLastLen = uint16_t(l);
-    return 0;
+    return onWriter(ctx, [&](Writer& w) { return w.openEnd(startPos); });
 }
 
 int __mv_asn_set_length_at_reserved(__mv_asn_coding_context* ctx) {
@@ -417,210 +425,39 @@ int __mv_asn_set_length_at_reserved(__mv_asn_coding_context* ctx) {
 int __mv_asn_set_buffer_length(__mv_asn_coding_context* ctx) { return __mv_asn_set_length_at_pos(3, ctx); }
 
 int __mv_asn_add_id_and_criticality(uint16_t id, int criticality, __mv_asn_coding_context* ctx) {
-    __mv_asn_pad_bits(ctx);
-    if (__mv_asn_add_value_bits(id, 16, ctx) < 0) return -1;
-    return __mv_asn_add_value_bits(uint64_t(criticality & 3), 2, ctx);
+    return onWriter(ctx, [&](Writer& w) {
+        w.align();
+        return w.put(id, 16) && w.put(uint64_t(criticality & 3), 2);
+    });
 }
 
 // ---------------------------------------------------------------- whole numbers
 
-// Bits of a bit-field able to hold 0..range: 0 for 0, 1 for 1, 2 for 2..3, ...
-int __mv_asn_getRequiredBitCount(uint64_t range) {
-    int n = 0;
-    while (range) {
-        n++;
-        range >>= 1;
-    }
-    return n;
-}
-
-static int octets_of(uint64_t v) {
-    int n = 1;
-    while (n < 8 && (v >> (8 * n))) n++;
-    return n;
-}
-
-// X.691 constrained whole number of v = value - lb over ub - lb (aligned variant).
-static int add_cwn(uint64_t v, uint64_t span, __mv_asn_coding_context* ctx) {
-    if (span == 0) return 0;
-    if (span < 255) return __mv_asn_add_value_bits(v, __mv_asn_getRequiredBitCount(span), ctx);
-    if (span <= 65535) {
-        __mv_asn_pad_bits(ctx);
-        return __mv_asn_add_value_bits(v, span == 255 ? 8 : 16, ctx);
-    }
-    // the octet count goes unaligned ahead of the aligned octets
-    int n = octets_of(v);
-    int maxn = octets_of(span);
-    if (__mv_asn_add_value_bits(uint64_t(n - 1), __mv_asn_getRequiredBitCount(uint64_t(maxn - 1)), ctx) < 0)
-        return -1;
-    __mv_asn_pad_bits(ctx);
-    return __mv_asn_add_value_bits(v, 8 * n, ctx);
-}
-
-static int get_cwn(uint64_t* v, uint64_t span, __mv_asn_coding_context* ctx) {
-    *v = 0;
-    if (span == 0) return 0;
-    if (span < 255) return __mv_asn_get_bits(__mv_asn_getRequiredBitCount(span), v, ctx);
-    if (span <= 65535) {
-        __mv_asn_pad_readbits(ctx);
-        return __mv_asn_get_bits(span == 255 ? 8 : 16, v, ctx);
-    }
-    int maxn = octets_of(span);
-    uint64_t n1 = 0;
-    if (__mv_asn_get_bits(__mv_asn_getRequiredBitCount(uint64_t(maxn - 1)), &n1, ctx) < 0) return -1;
-    if (int(n1) + 1 > maxn) return dec_fail(ctx, MV_ASN_DECODE_ERROR_INTEGER);
-    __mv_asn_pad_readbits(ctx);
-    if (__mv_asn_get_bits(8 * (int(n1) + 1), v, ctx) < 0) return -1;
-    if (*v > span) return dec_fail(ctx, MV_ASN_DECODE_ERROR_INTEGER);
-    return 0;
-}
-
-// Two's complement in the fewest octets, behind a length octet (unconstrained whole number).
-static int add_unconstrained(int64_t value, __mv_asn_coding_context* ctx) {
-    int n = 1;
-    while (n < 8 && !(value >= -(int64_t(1) << (8 * n - 1)) && value < (int64_t(1) << (8 * n - 1)))) n++;
-    if (__mv_asn_set_value_length(n, ctx) < 0) return -1;
-    return __mv_asn_add_value_bits(uint64_t(value) & (n == 8 ? ~0ull : ((1ull << (8 * n)) - 1)), 8 * n, ctx);
-}
-
-static int get_unconstrained(int64_t* value, __mv_asn_coding_context* ctx) {
-    int n = __mv_asn_get_range_val_length(ctx);
-    if (n < 0) return -1;
-    if (n < 1 || n > 8) return dec_fail(ctx, MV_ASN_DECODE_ERROR_INTEGER);
-    uint64_t v = 0;
-    if (__mv_asn_get_bits(8 * n, &v, ctx) < 0) return -1;
-    if (n < 8 && (v >> (8 * n - 1))) v |= ~0ull << (8 * n);
-    *value = int64_t(v);
-    return 0;
-}
+int __mv_asn_getRequiredBitCount(uint64_t range) { return bitsFor(range); }
 
 int __mv_asn_AddConstrainedInteger(uint64_t value, int isExt, int64_t lb, int64_t ub, int hasExt,
                                    __mv_asn_coding_context* ctx) {
-    int64_t sv = int64_t(value);
-    // offsets from lb in 64-bit unsigned arithmetic also cover a full 64-bit range
-    bool outside = value - uint64_t(lb) > uint64_t(ub) - uint64_t(lb);
-    if (hasExt) {
-        if (__mv_asn_add_bit(outside || isExt, ctx) < 0) return -1;
-        if (outside || isExt) return add_unconstrained(sv, ctx);
-    } else if (outside) {
-        return -1;
-    }
-    return add_cwn(value - uint64_t(lb), uint64_t(ub) - uint64_t(lb), ctx);
+    return onWriter(ctx, [&](Writer& w) { return mv_asn_put_cint(w, value, isExt, lb, ub, hasExt); });
 }
 
 int __mv_asn_GetConstrainedInteger(uint64_t* value, int* isset, int64_t lb, int64_t ub, int hasExt,
                                    __mv_asn_coding_context* ctx) {
-    if (hasExt && __mv_asn_get_bit_val(ctx)) {
-        int64_t v = 0;
-        if (get_unconstrained(&v, ctx) < 0) return -1;
-        *value = uint64_t(v);
-    } else {
-        uint64_t v = 0;
-        if (ctx->iError || get_cwn(&v, uint64_t(ub) - uint64_t(lb), ctx) < 0) return -1;
-        *value = v + uint64_t(lb);
-    }
-    if (isset) *isset = 1;
-    return 0;
-}
-
-// Normally small non-negative whole number (extension indexes).
-static int add_nsnn(uint64_t n, __mv_asn_coding_context* ctx) {
-    if (n < 64) return __mv_asn_add_value_bits(n, 7, ctx);
-    if (__mv_asn_add_bit(1, ctx) < 0) return -1;
-    int k = octets_of(n);
-    if (__mv_asn_set_value_length(k, ctx) < 0) return -1;
-    return __mv_asn_add_value_bits(n, 8 * k, ctx);
-}
-
-static int get_nsnn(uint64_t* n, __mv_asn_coding_context* ctx) {
-    uint64_t b = 0;
-    if (__mv_asn_get_bits(1, &b, ctx) < 0) return -1;
-    if (!b) return __mv_asn_get_bits(6, n, ctx);
-    int k = __mv_asn_get_range_val_length(ctx);
-    if (k < 1 || k > 8) return dec_fail(ctx, MV_ASN_DECODE_ERROR_INTEGER);
-    return __mv_asn_get_bits(8 * k, n, ctx);
+    int r = onReader(ctx, [&](Reader& rd) { return !rd.ctx->iError && mv_asn_get_cint(rd, value, lb, ub, hasExt); });
+    if (r == 1 && isset) *isset = 1;
+    return r;
 }
 
 // ---------------------------------------------------------------- strings
 
-// Length of a string or list: fixed, constrained, extensible, or a length determinant.
-// lengthType: 0 unconstrained, 1 fixed, 2 range.
-static int add_size(uint32_t n, int lengthType, int min, int max, int hasExt, bool* unconstrained,
-                    __mv_asn_coding_context* ctx) {
-    *unconstrained = false;
-    if (lengthType != 0 && hasExt) {
-        bool out = int64_t(n) < min || int64_t(n) > max;
-        if (__mv_asn_add_bit(out, ctx) < 0) return -1;
-        if (out) lengthType = 0;
-    }
-    if (lengthType == 0 || max >= 65536) {
-        *unconstrained = true;
-        return __mv_asn_set_value_length(int(n), ctx);
-    }
-    if (int64_t(n) < min || int64_t(n) > max) return -1;
-    if (lengthType == 1 || min == max) return 0;
-    return add_cwn(uint64_t(n - uint32_t(min)), uint64_t(max - min), ctx);
-}
-
-static int get_size(uint32_t* n, int lengthType, int min, int max, int hasExt, bool* unconstrained,
-                    __mv_asn_coding_context* ctx) {
-    *unconstrained = false;
-    if (lengthType != 0 && hasExt) {
-        uint64_t b = 0;
-        if (__mv_asn_get_bits(1, &b, ctx) < 0) return -1;
-        if (b) lengthType = 0;
-    }
-    if (lengthType == 0 || max >= 65536) {
-        *unconstrained = true;
-        int l = __mv_asn_get_range_val_length(ctx);
-        if (l < 0) return -1;
-        *n = uint32_t(l);
-        return 0;
-    }
-    if (lengthType == 1 || min == max) {
-        *n = uint32_t(min);
-        return 0;
-    }
-    uint64_t v = 0;
-    if (get_cwn(&v, uint64_t(max - min), ctx) < 0) return -1;
-    if (int64_t(v) + min > max) return dec_fail(ctx, MV_ASN_DECODE_ERROR_SEQUENCE_OF);
-    *n = uint32_t(v) + uint32_t(min);
-    return 0;
-}
-
-// Octets are aligned unless the size is fixed at two octets or fewer.
-static bool octets_aligned(bool unconstrained, int min, int max, uint32_t unitBits) {
-    if (unconstrained) return true;
-    if (min == max) return uint32_t(max) * unitBits > 16;
-    return true;
-}
-
 int __mv_asn_AddOctetString2(const uint8_t* data, uint32_t len, int lengthType, int min, int max, int hasExt,
                              __mv_asn_coding_context* ctx, int /*isDerived*/) {
-    bool unc = false;
-    if (add_size(len, lengthType, min, max, hasExt, &unc, ctx) < 0) return -1;
-    if (!len) {
-        if (octets_aligned(unc, min, max, 8)) __mv_asn_pad_bits(ctx);
-        return 0;
-    }
-    return __mv_asn_add_bytes(data, int(len), octets_aligned(unc, min, max, 8), ctx);
+    return onWriter(ctx, [&](Writer& w) { return mv_asn_put_octets(w, data, len, lengthType, min, max, hasExt); });
 }
 
 int __mv_asn_GetOctetString2(uint8_t** data, uint32_t* len, int lengthType, int min, int max, int hasExt,
                              __mv_asn_coding_context* ctx) {
-    bool unc = false;
-    uint32_t n = 0;
-    if (get_size(&n, lengthType, min, max, hasExt, &unc, ctx) < 0) return -1;
-    if (octets_aligned(unc, min, max, 8)) __mv_asn_pad_readbits(ctx);
-    if (!__mv_asn_has_required_bytes(ctx, int(n))) return dec_fail(ctx, MV_ASN_DECODE_ERROR_INSUFFICENT_BUFFER);
-    auto* p = static_cast<uint8_t*>(__mv_asn_alloc(size_t(n) + 1));
-    if (__mv_asn_copy_bytes(p, int(n), ctx) < 0) {
-        __mv_asn_free(p);
-        return -1;
-    }
-    *data = p;
-    *len = n;
-    return n ? 1 : 0;
+    int r = onReader(ctx, [&](Reader& rd) { return mv_asn_get_octets(rd, data, len, lengthType, min, max, hasExt); });
+    return r < 0 ? -1 : 1;
 }
 
 // PrintableString: eight bits a character in the aligned variant.
@@ -636,109 +473,72 @@ int __mv_asn_GetPrintableString(uint8_t** data, uint32_t* len, int lengthType, i
 
 int __mv_asn_AddBitString(const uint8_t* data, int bitslen, int lengthType, int min, int max, int hasExt,
                           __mv_asn_coding_context* ctx) {
-    if (bitslen < 0) return -1;
-    if (bitslen == 0 && lengthType == 2 && min > 0) {
-        __mv_asn_log(MV_LOG_ERROR, "please set bitslen[%d] %s|%d\n", bitslen, __FILE_NAME__, __LINE__);
-        return -1;
-    }
-    bool unc = false;
-    if (add_size(uint32_t(bitslen), lengthType, min, max, hasExt, &unc, ctx) < 0) return -1;
-    if (octets_aligned(unc, min, max, 1)) __mv_asn_pad_bits(ctx);
-    if (bitslen == 0) return 0;
-    return __mv_asn_add_bits(data, 7, bitslen, 0, ctx);
+    return onWriter(ctx, [&](Writer& w) { return mv_asn_put_bits(w, data, bitslen, lengthType, min, max, hasExt); });
 }
 
 int __mv_asn_GetBitString(uint8_t** data, uint32_t* length, int* bitslen, int lengthType, int min, int max,
                           int hasExt, __mv_asn_coding_context* ctx) {
-    bool unc = false;
-    uint32_t n = 0;
-    if (get_size(&n, lengthType, min, max, hasExt, &unc, ctx) < 0) return -1;
-    if (octets_aligned(unc, min, max, 1)) __mv_asn_pad_readbits(ctx);
-    if (int64_t(n) > (int64_t(ctx->len) - ctx->pos) * 8) return dec_fail(ctx, MV_ASN_DECODE_ERROR_INSUFFICENT_BUFFER);
-    uint32_t bytes = n >= 8 ? n / 8 + 1 : 1;
-    auto* p = static_cast<uint8_t*>(__mv_asn_alloc(size_t(bytes) + 1));
-    if (__mv_asn_copy_nbits(p, int(n), ctx) < 0) {
-        __mv_asn_free(p);
-        return -1;
-    }
-    *data = p;
-    *length = (n + 7) / 8;
-    *bitslen = int(n);
-    return n ? 1 : 0;
+    int r = onReader(ctx, [&](Reader& rd) {
+        return mv_asn_get_bits_string(rd, data, length, bitslen, lengthType, min, max, hasExt);
+    });
+    return r < 0 ? -1 : 1;
 }
 
 // ---------------------------------------------------------------- CHOICE, ENUMERATED, lists
 
 int __mv_asn_AddChoice(int hasExt, int selectedChoice, int nonExtElemCount, int /*extElemCount*/,
                        int isExtensionSelected, __mv_asn_coding_context* ctx) {
-    if (hasExt && __mv_asn_add_bit(isExtensionSelected, ctx) < 0) return -1;
-    if (isExtensionSelected) return add_nsnn(uint64_t(selectedChoice - nonExtElemCount), ctx);
-    if (selectedChoice < 0 || selectedChoice >= nonExtElemCount) return -1;
-    return add_cwn(uint64_t(selectedChoice), uint64_t(nonExtElemCount - 1), ctx);
+    return onWriter(ctx, [&](Writer& w) {
+        return mv_asn_put_index(w, hasExt, selectedChoice, nonExtElemCount, isExtensionSelected);
+    });
 }
 
 // Returns the index in the standard's order (extension alternatives after the root), -1 on error.
 int __mv_asn_GetChoice(int hasExt, int nonExtElemCount, int* isExtensionSelected, __mv_asn_coding_context* ctx) {
-    uint64_t ext = 0, v = 0;
-    if (hasExt && __mv_asn_get_bits(1, &ext, ctx) < 0) return -1;
-    if (isExtensionSelected) *isExtensionSelected = int(ext);
-    if (ext) {
-        if (get_nsnn(&v, ctx) < 0) return -1;
-        if (v > 255) return dec_fail(ctx, MV_ASN_DECODE_ERROR_CHOICE);
-        return nonExtElemCount + int(v);
-    }
-    if (get_cwn(&v, uint64_t(nonExtElemCount - 1), ctx) < 0) return -1;
-    return int(v);
+    int v = -1;
+    onReader(ctx, [&](Reader& r) { return mv_asn_get_choice(r, hasExt, nonExtElemCount, isExtensionSelected, &v); });
+    return v;
 }
 
 int __mv_asn_AddEnum(int enumVal, int hasExt, int isExtSelected, int nonExtEnumCount, int /*extEnumCount*/,
                      __mv_asn_coding_context* ctx) {
-    if (hasExt && __mv_asn_add_bit(isExtSelected, ctx) < 0) return -1;
-    if (isExtSelected) return add_nsnn(uint64_t(enumVal - nonExtEnumCount), ctx);
-    if (enumVal < 0 || enumVal >= nonExtEnumCount) return -1;
-    return add_cwn(uint64_t(enumVal), uint64_t(nonExtEnumCount - 1), ctx);
+    return onWriter(ctx,
+                    [&](Writer& w) { return mv_asn_put_index(w, hasExt, enumVal, nonExtEnumCount, isExtSelected); });
 }
 
 // Reads the value after the extension bit; returns the index in the standard's order, -1 on error.
 int __mv_asn_GetEnum(int isExt, int nonExtEnumCount, __mv_asn_coding_context* ctx) {
-    uint64_t v = 0;
-    if (isExt) {
-        if (get_nsnn(&v, ctx) < 0) return -1;
-        if (v > 255) return dec_fail(ctx, MV_ASN_DECODE_ERROR_ENUMERATOR);
-        return nonExtEnumCount + int(v);
-    }
-    if (get_cwn(&v, uint64_t(nonExtEnumCount - 1), ctx) < 0) return -1;
-    if (int(v) >= nonExtEnumCount) return dec_fail(ctx, MV_ASN_DECODE_ERROR_ENUMERATOR);
-    return int(v);
+    int v = -1;
+    onReader(ctx, [&](Reader& r) { return mv_asn_get_enum(r, isExt, nonExtEnumCount, &v); });
+    return v;
 }
 
 int __mv_asn_listitem_count2(int count, int min, int max, int level, __mv_asn_coding_context* ctx) {
-    if (level == 0) __mv_asn_pad_bits(ctx);
-    bool unc = false;
-    return add_size(uint32_t(count + min), 2, min, max, 0, &unc, ctx);
+    return onWriter(ctx, [&](Writer& w) {
+        if (level == 0) w.align();
+        bool unc = false;
+        return w.size(uint32_t(count + min), 2, min, max, 0, &unc);
+    });
 }
 
 int __mv_asn_get_listitem_count(int min, int max, int level, __mv_asn_coding_context* ctx) {
-    if (level == 0) __mv_asn_pad_readbits(ctx);
-    bool unc = false;
     uint32_t n = 0;
-    if (get_size(&n, 2, min, max, 0, &unc, ctx) < 0) return -1;
-    return int(n);
+    int r = onReader(ctx, [&](Reader& rd) {
+        if (level == 0) rd.align();
+        bool unc = false;
+        return rd.size(&n, 2, min, max, 0, &unc);
+    });
+    return r < 0 ? -1 : int(n);
 }
 
-// Used by the walker: sizes with an extension marker.
 int mv_asn_add_size(uint32_t n, int lengthType, int min, int max, int hasExt, __mv_asn_coding_context* ctx) {
     bool unc = false;
-    return add_size(n, lengthType, min, max, hasExt, &unc, ctx);
+    return onWriter(ctx, [&](Writer& w) { return w.size(n, lengthType, min, max, hasExt, &unc); });
 }
 int mv_asn_get_size(uint32_t* n, int lengthType, int min, int max, int hasExt, __mv_asn_coding_context* ctx) {
     bool unc = false;
-    return get_size(n, lengthType, min, max, hasExt, &unc, ctx);
+    return onReader(ctx, [&](Reader& r) { return r.size(n, lengthType, min, max, hasExt, &unc); });
 }
-int mv_asn_add_nsnn(uint64_t n, __mv_asn_coding_context* ctx) { return add_nsnn(n, ctx); }
-int mv_asn_get_nsnn(uint64_t* n, __mv_asn_coding_context* ctx) { return get_nsnn(n, ctx); }
-int mv_asn_add_unconstrained(int64_t v, __mv_asn_coding_context* ctx) { return add_unconstrained(v, ctx); }
-int mv_asn_get_unconstrained(int64_t* v, __mv_asn_coding_context* ctx) { return get_unconstrained(v, ctx); }
 
 // ---------------------------------------------------------------- debug
 

@@ -1,5 +1,7 @@
-// The one aligned-PER encoder and decoder of both families: they walk the generated descriptor
-// tables. Records are packed, so every slot is read and written through memcpy.
+// The parts of the coder that need no constants of a type, and the entry points on a context;
+// the coders themselves are the templates of mv_asn_code.h, one instance per descriptor. The
+// other walks (free, debug, JSON) go over the descriptors at run time. Records are packed, so
+// every slot is read and written through memcpy.
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -16,541 +18,126 @@ namespace {
 // Both containers this codec never fills are at most 65535 entries long.
 constexpr int kMaxContainer = 65535;
 
-int lengthType(const MvAsnType* t) {
-    if (!(t->flags & MV_ASN_F_UB)) return 0;
-    return t->lb == t->ub ? 1 : 2;
-}
-
-bool isString(const MvAsnType* t) {
-    return t->kind == MV_ASN_K_OCTSTR || t->kind == MV_ASN_K_PRTSTR || t->kind == MV_ASN_K_OID ||
-           t->kind == MV_ASN_K_BITSTR;
-}
-
-int enc(const MvAsnType* t, const void* slot, __mv_asn_coding_context* ctx);
-int dec(const MvAsnType* t, void* slot, __mv_asn_coding_context* ctx);
-
-int encOpen(const MvAsnType* t, const void* slot, __mv_asn_coding_context* ctx) {
-    __mv_asn_pad_bits(ctx);
-    uint16_t start = ctx->pos;
-    if (__mv_asn_reserve_byte_for_length(ctx) < 0) return -1;
-    if (enc(t, slot, ctx) < 0) return -1;
-    return __mv_asn_set_length_at_pos(start, ctx);
-}
-
-// Decodes one open type within its own length and leaves the cursor at its end, whatever the
-// value inside has read.
-int decOpen(const MvAsnType* t, void* slot, __mv_asn_coding_context* ctx) {
-    int l = __mv_asn_get_range_val_length(ctx);
-    if (l < 0) return -1;
-    if (!__mv_asn_has_required_bytes(ctx, l)) {
-        if (!ctx->iError) ctx->iError = MV_ASN_DECODE_ERROR_INSUFFICENT_BUFFER;
+// Skips an open type, whatever it holds.
+int skipOpen(Reader& r) {
+    uint32_t l = 0;
+    if (!r.length(&l)) return -1;
+    if (r.bit > r.end || uint64_t(l) * 8 > r.end - r.bit) {
+        r.fail(MV_ASN_DECODE_ERROR_INSUFFICENT_BUFFER);
         return -1;
     }
-    uint16_t saved = ctx->len, start = ctx->pos;
-    ctx->len = uint16_t(start + l);
-    int r = t ? dec(t, slot, ctx) : 0;
-    ctx->len = saved;
-    ctx->pos = uint16_t(start + l);
-    ctx->usedBits = 7;
-    return r;
+    r.bit += 8 * l;
+    return int(l);
 }
 
-int skipOpen(__mv_asn_coding_context* ctx) { return decOpen(nullptr, nullptr, ctx); }
+}  // namespace
 
 // A ProtocolExtensionContainer: entries of id, criticality and an open type, none of them read.
-int skipExtensionContainer(__mv_asn_coding_context* ctx) {
+int mv_asn_detail::mv_asn_skip_extension_container(Reader& r) {
     uint32_t n = 0;
-    if (mv_asn_get_size(&n, 2, 1, kMaxContainer, 0, ctx) < 0) return -1;
+    bool unc = false;
+    if (!r.size(&n, 2, 1, kMaxContainer, 0, &unc)) return -1;
     for (uint32_t i = 0; i < n; i++) {
         uint64_t v = 0;
-        __mv_asn_pad_readbits(ctx);
-        if (__mv_asn_get_bits(16, &v, ctx) < 0 || __mv_asn_get_bits(2, &v, ctx) < 0) return -1;
-        if (skipOpen(ctx) < 0) return -1;
+        r.align();
+        if (!r.get(16, &v) || !r.get(2, &v)) return -1;
+        if (skipOpen(r) < 0) return -1;
     }
     return 0;
 }
 
 // A PrivateIE-Container: the id is a CHOICE of a local number or an object identifier.
-int skipPrivateContainer(__mv_asn_coding_context* ctx) {
+int mv_asn_detail::mv_asn_skip_private_container(Reader& r) {
     uint32_t n = 0;
-    if (mv_asn_get_size(&n, 2, 1, kMaxContainer, 0, ctx) < 0) return -1;
+    bool unc = false;
+    if (!r.size(&n, 2, 1, kMaxContainer, 0, &unc)) return -1;
     for (uint32_t i = 0; i < n; i++) {
         uint64_t v = 0;
-        if (__mv_asn_get_bits(1, &v, ctx) < 0) return -1;
+        if (!r.get(1, &v)) return -1;
         if (v == 0) {
-            __mv_asn_pad_readbits(ctx);
-            if (__mv_asn_get_bits(16, &v, ctx) < 0) return -1;
+            r.align();
+            if (!r.get(16, &v)) return -1;
         } else {
-            if (skipOpen(ctx) < 0) return -1;  // an OID has the same length-and-octets form
+            if (skipOpen(r) < 0) return -1;  // an OID has the same length-and-octets form
         }
-        if (__mv_asn_get_bits(2, &v, ctx) < 0) return -1;
-        if (skipOpen(ctx) < 0) return -1;
+        if (!r.get(2, &v)) return -1;
+        if (skipOpen(r) < 0) return -1;
     }
     return 0;
 }
 
-void logFixedLength(const MvAsnType* t, uint32_t len) {
-    if (lengthType(t) == 1 && int64_t(len) != t->lb)
-        __mv_asn_log(MV_LOG_ERROR, "%s is Fixed Length=(%lld) which is set to invalid length=%u (%s|%s|%d)", t->name,
-                     static_cast<long long>(t->lb), len, __FILE_NAME__, __func__, __LINE__);
+int mv_asn_detail::mv_asn_decode_ie(const MvAsnType* t, void* slot, int* isset, Reader& r) {
+    return decodeIE(t, slot, isset, r, [t](void* s, Reader& rd) { return t->dec(s, rd); });
 }
 
-int encMsg(const MvAsnType* t, const void* rec, __mv_asn_coding_context* ctx) {
-    if (t->flags & MV_ASN_F_PRIVATE) {
-        // A private container holds at least one IE and the record carries none to send.
-        __mv_asn_log(MV_LOG_ERROR, "%s has no private IEs to send (%s|%s|%d)", t->name, __FILE_NAME__, __func__,
-                     __LINE__);
-        return -1;
-    }
-    if (t->ext && __mv_asn_add_bit(0, ctx) < 0) return -1;
-    __mv_asn_pad_bits(ctx);
-    uint16_t countPos = ctx->pos;
-    if (__mv_asn_add_value_bits(0, 16, ctx) < 0) return -1;
-    int count = 0;
-    for (unsigned i = 0; i < t->nAll; i++) {
-        const MvAsnIE& ie = t->ies[i];
-        if (ld<int>(at(rec, ie.issetOff)) != 1) continue;
-        count++;
-        int r = __mv_asn_add_id_and_criticality(ie.id, ie.criticality, ctx);
-        if (r == 0) r = encOpen(ie.type, at(rec, ie.off), ctx);
-        if (r != 0) {
-            __mv_asn_log(MV_LOG_ERROR, "error while encoding %s %d|%s|%s", valueType(ie.type)->name, r, __FILE_NAME__,
-                         __func__);
-            return r;
-        }
-    }
-    ctx->buffer[countPos] = uint8_t(count >> 8);
-    ctx->buffer[countPos + 1] = uint8_t(count);
-    return 0;
+int mv_asn_detail::mv_asn_skip_ie(Reader& r) {
+    int l = skipOpen(r);
+    if (l < 0) return -1;
+    return l < 128 ? l + 4 : l + 5;
 }
 
-int enc(const MvAsnType* t, const void* slot, __mv_asn_coding_context* ctx) {
-    switch (t->kind) {
-        case MV_ASN_K_INT: {
-            uint64_t v = ld<uint64_t>(slot);
-            if ((t->flags & MV_ASN_F_LB) && (t->flags & MV_ASN_F_UB)) {
-                if (!t->ext && v - uint64_t(t->lb) > uint64_t(t->ub) - uint64_t(t->lb)) {
-                    __mv_asn_log(MV_LOG_ERROR, "%s value %lld out of range %lld..%lld (%s|%s|%d)", t->name,
-                                 static_cast<long long>(v), static_cast<long long>(t->lb),
-                                 static_cast<long long>(t->ub), __FILE_NAME__, __func__, __LINE__);
-                    return -1;
-                }
-                return __mv_asn_AddConstrainedInteger(v, 0, t->lb, t->ub, t->ext, ctx);
-            }
-            if (t->flags & MV_ASN_F_LB) {
-                if (int64_t(v) < t->lb) return -1;
-                uint64_t off = v - uint64_t(t->lb);
-                int n = 1;
-                while (n < 8 && (off >> (8 * n))) n++;
-                if (__mv_asn_set_value_length(n, ctx) < 0) return -1;
-                return __mv_asn_add_value_bits(off, 8 * n, ctx);
-            }
-            return mv_asn_add_unconstrained(int64_t(v), ctx);
-        }
-        case MV_ASN_K_ENUM: {
-            int v = ld<uint8_t>(slot);
-            if (v >= t->nAll) {
-                __mv_asn_log(MV_LOG_ERROR, "%s has no value %d (%s|%s|%d)", t->name, v, __FILE_NAME__, __func__,
-                             __LINE__);
-                return -1;
-            }
-            return __mv_asn_AddEnum(v, t->ext, v >= t->nRoot, t->nRoot, t->nAll - t->nRoot, ctx);
-        }
-        case MV_ASN_K_BOOL:
-            return __mv_asn_add_bit(ld<uint8_t>(slot) ? 1 : 0, ctx);
-        case MV_ASN_K_NULL:
-            return 0;
-        case MV_ASN_K_OCTSTR:
-        case MV_ASN_K_PRTSTR:
-        case MV_ASN_K_OID: {
-            auto* rec = ld<const StrRec*>(slot);
-            const uint8_t* data = rec ? rec->data : nullptr;
-            uint32_t len = rec && data ? rec->length : 0;
-            logFixedLength(t, len);
-            if (len > MV_ASN_BUFFER_SIZE) return -1;
-            return __mv_asn_AddOctetString2(data, len, lengthType(t), int(t->lb), int(t->ub), t->ext, ctx, 0);
-        }
-        case MV_ASN_K_BITSTR: {
-            auto* rec = ld<const BitRec*>(slot);
-            int bits = rec && rec->data ? rec->bitslen : 0;
-            logFixedLength(t, uint32_t(bits));
-            if (bits < 0 || bits > 8 * MV_ASN_BUFFER_SIZE) return -1;
-            return __mv_asn_AddBitString(rec ? rec->data : nullptr, bits, lengthType(t), int(t->lb), int(t->ub),
-                                         t->ext, ctx);
-        }
-        case MV_ASN_K_SEQ: {
-            const void* rec = ld<const void*>(slot);
-            if (!rec) {
-                __mv_asn_log(MV_LOG_ERROR, "%s is missing (%s|%s|%d)", t->name, __FILE_NAME__, __func__, __LINE__);
-                return -1;
-            }
-            if (t->ext && __mv_asn_add_bit(0, ctx) < 0) return -1;
-            for (unsigned i = 0; i < t->nRoot; i++) {
-                const MvAsnMember& m = t->members[i];
-                if (!m.optional) continue;
-                int present = m.presOff >= 0 ? ld<int>(at(rec, uint32_t(m.presOff))) == 1 : 0;
-                if (__mv_asn_add_bit(present, ctx) < 0) return -1;
-            }
-            for (unsigned i = 0; i < t->nRoot; i++) {
-                const MvAsnMember& m = t->members[i];
-                if (m.type->kind == MV_ASN_K_EXTC) continue;
-                if (m.optional && (m.presOff < 0 || ld<int>(at(rec, uint32_t(m.presOff))) != 1)) continue;
-                if (enc(m.type, at(rec, m.off), ctx) < 0) return -1;
-            }
-            return 0;
-        }
-        case MV_ASN_K_SEQOF: {
-            auto* rec = ld<const ListRec*>(slot);
-            __mv_asn_list* list = rec ? rec->list : nullptr;
-            int count = __mv_asn_GetSIListCount(list);
-            if ((t->flags & MV_ASN_F_LB) && count < t->lb && !t->ext) {
-                __mv_asn_log(MV_LOG_ERROR, "%s should have min items=(%lld) which is having item-count=%d (%s|%s|%d)",
-                             t->name, static_cast<long long>(t->lb), count, __FILE_NAME__, __func__, __LINE__);
-                return -1;
-            }
-            if ((t->flags & MV_ASN_F_UB) && count > t->ub && !t->ext) {
-                __mv_asn_log(MV_LOG_ERROR, "%s should have max items=(%lld) which is having item-count=%d (%s|%s|%d)",
-                             t->name, static_cast<long long>(t->ub), count, __FILE_NAME__, __func__, __LINE__);
-                return -ENOENT;
-            }
-            if (mv_asn_add_size(uint32_t(count), lengthType(t), int(t->lb), int(t->ub), t->ext, ctx) < 0) return -1;
-            bool byPtr = itemByPtr(t);
-            for (auto* it = list ? list->Head : nullptr; it; it = it->Next) {
-                if (!byPtr && !it->data) return -1;
-                int r = enc(t->item, byPtr ? static_cast<const void*>(&it->data) : it->data, ctx);
-                if (r != 0) return r;
-            }
-            return 0;
-        }
-        case MV_ASN_K_CHOICE: {
-            auto* rec = ld<const ChoiceRec*>(slot);
-            if (!rec) return -1;
-            int sel = rec->SelectedChoice;
-            if (sel >= t->nAll) {
-                __mv_asn_log(MV_LOG_ERROR, "%s has no alternative %d (%s|%s|%d)", t->name, sel, __FILE_NAME__,
-                             __func__, __LINE__);
-                return -1;
-            }
-            const MvAsnMember& m = t->members[sel];
-            if (m.type->kind == MV_ASN_K_SINGLE && !m.type->item) return -1;
-            bool isExt = sel >= t->nRoot;
-            if (__mv_asn_AddChoice(t->ext, sel, t->nRoot, t->nAll - t->nRoot, isExt, ctx) < 0) return -1;
-            return isExt ? encOpen(m.type, at(rec, m.off), ctx) : enc(m.type, at(rec, m.off), ctx);
-        }
-        case MV_ASN_K_MSG: {
-            const void* rec = ld<const void*>(slot);
-            if (!rec) return -1;
-            return encMsg(t, rec, ctx);
-        }
-        case MV_ASN_K_SINGLE: {
-            if (!t->item) return -1;
-            if (__mv_asn_add_id_and_criticality(t->ies[0].id, t->ies[0].criticality, ctx) < 0) return -1;
-            return encOpen(t->item, slot, ctx);
-        }
-        default:
-            return -1;
-    }
+void mv_asn_detail::mv_asn_trace_ie(int id, const char* name, int crit, uint32_t bpos, int size, int processed,
+                                    const Reader& r) {
+    __mv_asn_log(MV_LOG_DEBUG,
+                 "IEId=%d, IEName=%s, Criticality=%d, usedBits=%d, bpos=%d, epos=%d, len=%d, processedlen=%d "
+                 "(%s|%s|%d)",
+                 id, name, crit, int(7 - (r.bit & 7)), int(bpos), int(r.pos()), size, processed, __FILE_NAME__,
+                 __func__, __LINE__);
+    __mv_asn_dump_item("IE", r.buf + bpos - 2, int(r.pos() - bpos + 2));
 }
 
-// Returns 1 when the IE was taken, 0 when skipped, -1 on error. Used for nested containers and PDUs.
-int decMsgIEs(const MvAsnType* t, void* rec, __mv_asn_coding_context* ctx, bool pduLevel, int* lastResult);
-
-int decStr(const MvAsnType* t, void* slot, __mv_asn_coding_context* ctx) {
-    if (t->kind == MV_ASN_K_BITSTR) {
-        auto* rec = static_cast<BitRec*>(__mv_asn_alloc(sizeof(BitRec)));
-        st(slot, rec);
-        uint8_t* data = nullptr;
-        uint32_t length = 0;
-        int bits = 0;
-        if (__mv_asn_GetBitString(&data, &length, &bits, lengthType(t), int(t->lb), int(t->ub), t->ext, ctx) < 0)
-            return -1;
-        rec->data = data;
-        rec->length = length;
-        rec->bitslen = bits;
-        return 0;
-    }
-    auto* rec = static_cast<StrRec*>(__mv_asn_alloc(sizeof(StrRec)));
-    st(slot, rec);
-    uint8_t* data = nullptr;
-    uint32_t length = 0;
-    if (__mv_asn_GetOctetString2(&data, &length, lengthType(t), int(t->lb), int(t->ub), t->ext, ctx) < 0) return -1;
-    rec->data = data;
-    rec->length = length;
-    return 0;
-}
-
-int dec(const MvAsnType* t, void* slot, __mv_asn_coding_context* ctx) {
-    if (ctx->iError) return -1;
-    switch (t->kind) {
-        case MV_ASN_K_INT: {
-            uint64_t v = 0;
-            if ((t->flags & MV_ASN_F_LB) && (t->flags & MV_ASN_F_UB)) {
-                if (__mv_asn_GetConstrainedInteger(&v, nullptr, t->lb, t->ub, t->ext, ctx) < 0) return -1;
-            } else if (t->flags & MV_ASN_F_LB) {
-                int n = __mv_asn_get_range_val_length(ctx);
-                if (n < 1 || n > 8) return -1;
-                if (__mv_asn_get_bits(8 * n, &v, ctx) < 0) return -1;
-                v += uint64_t(t->lb);
-            } else {
-                int64_t sv = 0;
-                if (mv_asn_get_unconstrained(&sv, ctx) < 0) return -1;
-                v = uint64_t(sv);
-            }
-            st(slot, v);
-            return 0;
-        }
-        case MV_ASN_K_ENUM: {
-            int isExt = 0;
-            if (t->ext) isExt = __mv_asn_get_bit_val(ctx);
-            int v = __mv_asn_GetEnum(isExt, t->nRoot, ctx);
-            if (v < 0) return -1;
-            if (v >= t->nAll) {
-                // a value of a later release: nothing in the record can hold it
-                if (!ctx->iError) ctx->iError = MV_ASN_DECODE_ERROR_ENUMERATOR;
-                return -1;
-            }
-            st(slot, uint8_t(v));
-            return 0;
-        }
-        case MV_ASN_K_BOOL: {
-            st(slot, uint8_t(__mv_asn_get_bit_val(ctx)));
-            return ctx->iError ? -1 : 0;
-        }
-        case MV_ASN_K_NULL:
-            st(slot, uint8_t(1));
-            return 0;
-        case MV_ASN_K_OCTSTR:
-        case MV_ASN_K_PRTSTR:
-        case MV_ASN_K_OID:
-        case MV_ASN_K_BITSTR:
-            return decStr(t, slot, ctx);
-        case MV_ASN_K_SEQ: {
-            void* rec = __mv_asn_alloc(t->size);
-            st(slot, rec);
-            uint64_t extBit = 0;
-            if (t->ext && __mv_asn_get_bits(1, &extBit, ctx) < 0) return -1;
-            bool present[64] = {};
-            for (unsigned i = 0, k = 0; i < t->nRoot && k < 64; i++) {
-                if (!t->members[i].optional) continue;
-                uint64_t b = 0;
-                if (__mv_asn_get_bits(1, &b, ctx) < 0) return -1;
-                present[i] = b;
-                k++;
-            }
-            for (unsigned i = 0; i < t->nRoot; i++) {
-                const MvAsnMember& m = t->members[i];
-                if (m.optional && !present[i]) continue;
-                if (m.type->kind == MV_ASN_K_EXTC) {
-                    if (skipExtensionContainer(ctx) < 0) return -1;
-                    continue;
-                }
-                if (dec(m.type, at(rec, m.off), ctx) < 0) return -1;
-                if (m.presOff >= 0) st(at(rec, uint32_t(m.presOff)), 1);
-            }
-            if (extBit) {
-                // additions of a later release: each an open type, taken where known, else skipped
-                uint64_t n1 = 0;
-                if (mv_asn_get_nsnn(&n1, ctx) < 0 || n1 > 63) return -1;
-                bool addPresent[64] = {};
-                for (unsigned i = 0; i <= n1; i++) {
-                    uint64_t b = 0;
-                    if (__mv_asn_get_bits(1, &b, ctx) < 0) return -1;
-                    addPresent[i] = b;
-                }
-                for (unsigned i = 0; i <= n1; i++) {
-                    if (!addPresent[i]) continue;
-                    unsigned idx = t->nRoot + i;
-                    if (idx < t->nAll) {
-                        const MvAsnMember& m = t->members[idx];
-                        if (decOpen(m.type, at(rec, m.off), ctx) < 0) return -1;
-                        if (m.presOff >= 0) st(at(rec, uint32_t(m.presOff)), 1);
-                    } else if (skipOpen(ctx) < 0) {
-                        return -1;
-                    }
-                }
-            }
-            return 0;
-        }
-        case MV_ASN_K_SEQOF: {
-            auto* rec = static_cast<ListRec*>(__mv_asn_alloc(sizeof(ListRec)));
-            st(slot, rec);
-            uint32_t n = 0;
-            if (mv_asn_get_size(&n, lengthType(t), int(t->lb), int(t->ub), t->ext, ctx) < 0) return -1;
-            bool byPtr = itemByPtr(t);
-            for (uint32_t i = 0; i < n; i++) {
-                if (byPtr) {
-                    void* item = nullptr;
-                    int r = dec(t->item, &item, ctx);
-                    // a partly decoded item still joins the list, so that freeing finds it
-                    if (item || r == 0) listAdd(rec, item);
-                    if (r < 0) return -1;
-                } else {
-                    void* cell = __mv_asn_alloc(8);
-                    listAdd(rec, cell);
-                    if (dec(t->item, cell, ctx) < 0) return -1;
-                }
-            }
-            return 0;
-        }
-        case MV_ASN_K_CHOICE: {
-            auto* rec = static_cast<ChoiceRec*>(__mv_asn_alloc(t->size));
-            st(slot, rec);
-            int isExt = 0;
-            int sel = __mv_asn_GetChoice(t->ext, t->nRoot, &isExt, ctx);
-            if (sel < 0) return -1;
-            if (sel >= t->nAll || (t->members[sel].type->kind == MV_ASN_K_SINGLE && !t->members[sel].type->item)) {
-                __mv_asn_log(MV_LOG_ERROR, "%s has no alternative %d (%s|%s|%d)", t->name, sel, __FILE_NAME__,
-                             __func__, __LINE__);
-                if (!ctx->iError) ctx->iError = MV_ASN_DECODE_ERROR_CHOICE;
-                return -1;
-            }
-            rec->SelectedChoice = uint8_t(sel);
-            const MvAsnMember& m = t->members[sel];
-            return isExt ? decOpen(m.type, at(rec, m.off), ctx) : dec(m.type, at(rec, m.off), ctx);
-        }
-        case MV_ASN_K_MSG: {
-            void* rec = __mv_asn_alloc(t->size);
-            st(slot, rec);
-            int last = 1;
-            return decMsgIEs(t, rec, ctx, false, &last);
-        }
-        case MV_ASN_K_SINGLE: {
-            __mv_asn_pad_readbits(ctx);
-            uint64_t v = 0;
-            if (__mv_asn_get_bits(16, &v, ctx) < 0 || __mv_asn_get_bits(2, &v, ctx) < 0) return -1;
-            if (!t->item) return skipOpen(ctx);
-            return decOpen(t->item, slot, ctx);
-        }
-        default:
-            return -1;
-    }
-}
-
-const MvAsnIE* findIE(const MvAsnType* t, uint32_t id) {
-    for (unsigned i = 0; i < t->nAll; i++)
-        if (t->ies[i].id == id) return &t->ies[i];
-    return nullptr;
-}
-
-// A zero-length string IE is taken as absent.
-void dropEmptyString(const MvAsnType* t, void* slot, void* isset) {
-    t = valueType(t);
-    if (!isString(t)) return;
-    auto* rec = ld<StrRec*>(slot);
-    if (rec && rec->length == 0) {
-        __mv_asn_free_type(t, slot);
-        st(isset, 0);
-    }
-}
-
-int decMsgIEs(const MvAsnType* t, void* rec, __mv_asn_coding_context* ctx, bool pduLevel, int* lastResult) {
-    uint64_t extBit = 0;
-    if (t->ext && __mv_asn_get_bits(1, &extBit, ctx) < 0) return -1;
-    if (t->flags & MV_ASN_F_PRIVATE) return skipPrivateContainer(ctx);
-    __mv_asn_pad_readbits(ctx);
-    uint64_t count = 0;
-    if (__mv_asn_get_bits(16, &count, ctx) < 0) return -1;
-    int processed = 3;
-    uint16_t decoded = 0;
-    for (uint64_t i = 0; i < count; i++) {
-        uint64_t id = 0, crit = 0;
-        __mv_asn_pad_readbits(ctx);
-        if (__mv_asn_get_bits(16, &id, ctx) < 0 || __mv_asn_get_bits(2, &crit, ctx) < 0) {
-            *lastResult = -1;
-            break;
-        }
-        uint16_t bpos = ctx->pos;
-        const MvAsnIE* ie = findIE(t, uint32_t(id));
-        int r;
-        if (ie) {
-            void* slot = at(rec, ie->off);
-            // a repeated IE replaces the first
-            if (ld<int>(at(rec, ie->issetOff)) == 1) __mv_asn_free_type(ie->type, slot);
-            int isset = 0;
-            r = __mv_asn_decode_type(ie->type, slot, &isset, 0, ctx);
-            st(at(rec, ie->issetOff), isset);
-            if (r > 0) dropEmptyString(ie->type, slot, at(rec, ie->issetOff));
-        } else {
-            r = __mv_asn_move_unknown_field_length(ctx);
-        }
-        *lastResult = r;
-        if (r < 1) {
-            if (pduLevel) {
-                static_cast<__mv_asn_pdu_head*>(rec)->decodingError = 1;
-                __mv_asn_log(MV_LOG_ERROR, "Error while decoding IEId=%d, Criticality=%d, ie_processedlen=%d (%s|%s|%d)",
-                             int(id), int(crit), processed, __FILE_NAME__, __func__, __LINE__);
-            }
-            break;
-        }
-        processed += r;
-        decoded++;
-        if (pduLevel && __mv_asn_log_enabled(MV_LOG_DEBUG)) {
-            const char* name = nullptr;
-            name = ie ? ie->idName : "unknown";
-            __mv_asn_log(MV_LOG_DEBUG,
-                         "IEId=%d, IEName=%s, Criticality=%d, usedBits=%d, bpos=%d, epos=%d, len=%d, processedlen=%d "
-                         "(%s|%s|%d)",
-                         int(id), name, int(crit), int(ctx->usedBits), int(bpos), int(ctx->pos), r, processed,
-                         __FILE_NAME__, __func__, __LINE__);
-            __mv_asn_dump_item("IE", ctx->buffer + bpos - 2, ctx->pos - bpos + 2);
-        }
-    }
-    if (pduLevel) static_cast<__mv_asn_pdu_head*>(rec)->iECount = decoded;
-    if (*lastResult < 1) return -1;
+// The extension additions of a message of a later release: skipped.
+int mv_asn_detail::mv_asn_skip_message_additions(uint64_t extBit, Reader& r) {
     if (extBit) {
-        uint64_t n1 = 0;
-        if (mv_asn_get_nsnn(&n1, ctx) < 0 || n1 > 63) return -1;
-        unsigned present = 0;
-        for (unsigned i = 0; i <= n1; i++) present += unsigned(__mv_asn_get_bit_val(ctx));
-        for (unsigned i = 0; i < present; i++)
-            if (skipOpen(ctx) < 0) return -1;
+        unsigned n = 0;
+        uint64_t present = 0;
+        if (!mv_asn_get_additions(r, &n, &present)) return -1;
+        for (int i = __builtin_popcountll(present); i > 0; i--)
+            if (skipOpen(r) < 0) return -1;
     }
-    return ctx->iError ? -1 : 0;
+    return r.ctx->iError ? -1 : 0;
 }
-
-}  // namespace
 
 // ---------------------------------------------------------------- types
 
-void* __mv_asn_new_record(const MvAsnType* t) { return __mv_asn_alloc(valueType(t)->size); }
+void* __mv_asn_new_record(const MvAsnType* t) {
+    t = valueType(t);
+    // a PDU's or container's record roots a region, which its decode fills
+    if (t->kind == MV_ASN_K_MSG)
+        if (void* p = mv_asn_region_new_root(t->size)) return p;
+    return __mv_asn_alloc(t->size);
+}
 
 int __mv_asn_encode_type(const MvAsnType* t, const void* slot, int level, __mv_asn_coding_context* ctx) {
-    if (level != 0) return enc(t, slot, ctx) < 0 ? -1 : 0;
-    if (__mv_asn_reserve_byte_for_length(ctx) < 0) return -1;
-    uint16_t start = ctx->ieStartPos;
-    int r = enc(t, slot, ctx);
-    if (r != 0) return r;
-    return __mv_asn_set_length_at_pos(start, ctx);
+    Writer w(ctx);
+    int r;
+    if (level != 0) {
+        r = t->enc(slot, w) < 0 ? -1 : 1;
+    } else {
+        uint32_t start = 0;
+        r = w.openStart(&start) ? t->enc(slot, w) : -1;
+        if (r == 0) r = w.openEnd(start) ? 1 : -1;
+    }
+    w.sync();
+    return r;
 }
 
 int __mv_asn_decode_type(const MvAsnType* t, void* slot, int* isset, int level, __mv_asn_coding_context* ctx) {
     if (isset) st(isset, 0);
     if (__mv_asn_has_decode_error(ctx)) return -1;
+    Reader r(ctx);
+    int res;
     if (level != 0) {
-        if (dec(t, slot, ctx) < 0) {
+        res = t->dec(slot, r) < 0 ? -1 : 1;
+        if (res < 0)
             __mv_asn_free_type(t, slot);
-            return -1;
-        }
-        if (isset) st(isset, 1);
-        return 0;
+        else if (isset)
+            st(isset, 1);
+    } else {
+        res = mv_asn_decode_ie(t, slot, isset, r);
     }
-    int l = __mv_asn_get_range_val_length(ctx);
-    if (l < 0) return -1;
-    __mv_asn_set_max_read_bytes_for_ie(l, ctx);
-    if (__mv_asn_has_decode_error(ctx)) return -1;
-    uint16_t saved = ctx->len, start = ctx->pos;
-    ctx->len = uint16_t(start + l);
-    int r = dec(t, slot, ctx);
-    ctx->len = saved;
-    // whatever the value left unread (an extension of a later release) is skipped with the IE
-    ctx->pos = uint16_t(start + l);
-    ctx->usedBits = 7;
-    if (r < 0) {
-        __mv_asn_free_type(t, slot);
-        return -1;
-    }
-    if (isset) st(isset, 1);
-    return __mv_asn_get_total_used_length(l, ctx);
+    r.sync();
+    return res;
 }
 
 void __mv_asn_free_type(const MvAsnType* t, void* slot) {
@@ -562,6 +149,12 @@ void __mv_asn_free_type(const MvAsnType* t, void* slot) {
     if (t->store != MV_ASN_S_PTR) return;
     void* rec = ld<void*>(slot);
     if (!rec) return;
+    if (MvAsnRegion* g = mv_asn_region_of(rec); g && mv_asn_region_decoded(g)) {
+        // a decoded PDU holds nothing but its region's records
+        mv_asn_region_release(rec);
+        st(slot, static_cast<void*>(nullptr));
+        return;
+    }
     switch (t->kind) {
         case MV_ASN_K_OCTSTR:
         case MV_ASN_K_PRTSTR:
@@ -832,6 +425,37 @@ void __mv_asn_json_type(const MvAsnType* t, const void* slot, std::string& out) 
 
 // ---------------------------------------------------------------- PDUs
 
+namespace {
+
+int decodePdu(const MvAsnPdu* p, __mv_asn_pdu_head* head, Reader& r) {
+    uint64_t v = 0;
+    if (!r.get(1, &v)) return -1;
+    head->pduIEExtension = uint8_t(v);
+    if (!r.get(2, &v)) return -1;
+    head->pduMessageChoice = uint8_t(v);
+    r.align();
+    if (!r.get(8, &v)) return -1;
+    head->messageId = uint8_t(v);
+    if (!r.get(2, &v)) return -1;
+    if (head->pduIEExtension || head->pduMessageChoice != p->form || head->messageId != p->procedureCode) {
+        __mv_asn_log(MV_LOG_ERROR, "%s: received form %u procedure %u (%s|%s|%d)", p->name, head->pduMessageChoice,
+                     head->messageId, __FILE_NAME__, __func__, __LINE__);
+        return -1;
+    }
+    uint32_t l = 0;
+    if (!r.length(&l)) return -1;
+    if (r.pos() + l != r.bytes) {
+        __mv_asn_log(MV_LOG_ERROR, "%sinvalid length., expected len=%d received len=%d (%s|%s|%d)", p->name,
+                     int(r.pos() + l), int(r.bytes), __FILE_NAME__, __func__, __LINE__);
+        return -1;
+    }
+    int last = 1;
+    if (p->type->decIEs(head, r, &last) < 0) return last < 1 ? last : -1;
+    return 1;
+}
+
+}  // namespace
+
 int __mv_asn_encode_pdu(const MvAsnPdu* p, const void* rec, __mv_asn_coding_context* ctx) {
     ctx->pos = 0;
     ctx->usedBits = 0;
@@ -843,40 +467,24 @@ int __mv_asn_encode_pdu(const MvAsnPdu* p, const void* rec, __mv_asn_coding_cont
     ctx->buffer[2] = uint8_t(p->criticality << 6);
     ctx->buffer[3] = 0;
     ctx->pos = 4;
-    int r = encMsg(p->type, rec, ctx);
+    Writer w(ctx);
+    int r = p->type->enc(&rec, w);
+    if (r == 0 && !w.openEnd(3)) r = -1;
+    w.sync();
     if (r != 0) return r;
-    if (__mv_asn_set_buffer_length(ctx) < 0) return -1;
-    return ctx->iError ? -1 : 0;
+    return ctx->iError ? -1 : int(ctx->pos);
 }
 
 int __mv_asn_decode_pdu(const MvAsnPdu* p, void* rec, __mv_asn_coding_context* ctx) {
     auto* head = static_cast<__mv_asn_pdu_head*>(rec);
     if (!rec) return -1;
-    uint64_t v = 0;
-    if (__mv_asn_get_bits(1, &v, ctx) < 0) return -1;
-    head->pduIEExtension = uint8_t(v);
-    if (__mv_asn_get_bits(2, &v, ctx) < 0) return -1;
-    head->pduMessageChoice = uint8_t(v);
-    __mv_asn_pad_readbits(ctx);
-    if (__mv_asn_get_bits(8, &v, ctx) < 0) return -1;
-    head->messageId = uint8_t(v);
-    if (__mv_asn_get_bits(2, &v, ctx) < 0) return -1;
-    if (head->pduIEExtension || head->pduMessageChoice != p->form || head->messageId != p->procedureCode) {
-        __mv_asn_log(MV_LOG_ERROR, "%s: received form %u procedure %u (%s|%s|%d)", p->name, head->pduMessageChoice,
-                     head->messageId, __FILE_NAME__, __func__, __LINE__);
-        return -1;
-    }
-    int l = __mv_asn_get_range_val_length(ctx);
-    if (l < 0) return -1;
-    if (int(ctx->pos) + l != int(ctx->len)) {
-        __mv_asn_log(MV_LOG_ERROR, "%sinvalid length., expected len=%d received len=%d (%s|%s|%d)", p->name,
-                     int(ctx->pos) + l, int(ctx->len), __FILE_NAME__, __func__, __LINE__);
-        return -1;
-    }
-    int last = 1;
-    int r = decMsgIEs(p->type, rec, ctx, true, &last);
-    if (r < 0) return last < 1 ? last : -1;
-    return 1;
+    Reader r(ctx);
+    // the records go to the region the PDU's record roots, when it roots one
+    r.region = mv_asn_region_of(rec);
+    if (r.region) mv_asn_region_mark_decoded(r.region);
+    int res = decodePdu(p, head, r);
+    r.sync();
+    return res;
 }
 
 void __mv_asn_debug_pdu(const MvAsnPdu* p, const void* rec) {

@@ -1,6 +1,6 @@
 // Encode and decode rates of NG Setup and of the messages on the UE path, one core, with the runtime
-// up as in the engine, so the records come from the size classes; allocs_per_decode counts the
-// blocks a decode takes (and its free gives back).
+// up as in the engine; allocs_per_decode counts the blocks of the size classes a decode takes (and
+// its free gives back), bytes_held what one decoded message holds until it is freed.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -84,6 +84,27 @@ Message build(const std::string& json) {
     return m;
 }
 
+// Bytes a decoded message holds until it is freed: blocks of the size classes, chunks of regions.
+double bytesHeld(const MvAsnPdu* pdu, const std::vector<uint8_t>& bytes) {
+    static __mv_asn_coding_context d;
+    uint64_t used[MV_MEMORY_POOL_CLASSES];
+    for (int i = 0; i < MV_MEMORY_POOL_CLASSES; i++) used[i] = __mv_memory_pool_stats(i).Used;
+    MvAsnRegionStats c0 = __mv_asn_region_stats();
+    if (__mv_asn_init_decode(&d, bytes.data(), bytes.size()) != 1) return -1;
+    void* r = __mv_asn_new_record(pdu->type);
+    if (__mv_asn_decode_pdu(pdu, r, &d) != 1) return -1;
+    double held = 0;
+    for (int i = 0; i < MV_MEMORY_POOL_CLASSES; i++) {
+        MV_MemoryPoolStats s = __mv_memory_pool_stats(i);
+        held += double(s.Used - used[i]) * double(s.size);
+    }
+    MvAsnRegionStats c1 = __mv_asn_region_stats();
+    auto inUse = [](const MvAsnRegionStats& c) { return double(c.carved) - double(c.shared) - double(c.cachedHere); };
+    held += (inUse(c1) - inUse(c0)) * double(c1.chunkSize);
+    __mv_asn_memfree_pdu(pdu, r);
+    return held;
+}
+
 uint64_t blocksTaken() {
     uint64_t n = 0;
     for (int i = 0; i < MV_MEMORY_POOL_CLASSES; i++) n += __mv_memory_pool_stats(i).Used;
@@ -96,7 +117,7 @@ void encodeLoop(benchmark::State& state, const std::string& json) {
     Message m = build(json);
     for (auto _ : state) {
         __mv_asn_init_CodingContext(&g_ctx);
-        if (__mv_asn_encode_pdu(m.pdu, m.rec, &g_ctx) != 0) state.SkipWithError("encode failed");
+        if (__mv_asn_encode_pdu(m.pdu, m.rec, &g_ctx) < 1) state.SkipWithError("encode failed");
         uint16_t produced = g_ctx.pos;
         benchmark::DoNotOptimize(produced);
     }
@@ -108,19 +129,21 @@ void encodeLoop(benchmark::State& state, const std::string& json) {
 void decodeLoop(benchmark::State& state, const std::string& json) {
     Message m = build(json);
     __mv_asn_init_CodingContext(&g_ctx);
-    __mv_asn_encode_pdu(m.pdu, m.rec, &g_ctx);
+    if (__mv_asn_encode_pdu(m.pdu, m.rec, &g_ctx) < 1) state.SkipWithError("encode failed");
     std::vector<uint8_t> bytes(g_ctx.buffer, g_ctx.buffer + g_ctx.pos);
     __mv_asn_memfree_pdu(m.pdu, m.rec);
     static __mv_asn_coding_context d;
+    double held = bytesHeld(m.pdu, bytes);
     uint64_t before = blocksTaken();
     for (auto _ : state) {
-        __mv_asn_init_decode(&d, bytes.data(), bytes.size());
+        if (__mv_asn_init_decode(&d, bytes.data(), bytes.size()) != 1) state.SkipWithError("too long");
         void* r = __mv_asn_new_record(m.pdu->type);
         if (__mv_asn_decode_pdu(m.pdu, r, &d) != 1) state.SkipWithError("decode failed");
         __mv_asn_memfree_pdu(m.pdu, r);
     }
     state.SetItemsProcessed(state.iterations());
     state.counters["bytes"] = double(bytes.size());
+    state.counters["bytes_held"] = held;
     state.counters["allocs_per_decode"] = double(blocksTaken() - before) / double(state.iterations());
 }
 

@@ -33,8 +33,8 @@ void setLength(const NasIeType* t, uint8_t* p, uint32_t v) {
     memcpy(p + 1, &w, 2);
 }
 
-int put(uint8_t b, __mv_asn_coding_context* c) { return __mv_asn_add_byte(b, c); }
-int putN(const uint8_t* p, uint32_t n, __mv_asn_coding_context* c) { return __mv_asn_add_bytes(p, int(n), 0, c); }
+int put(uint8_t b, __mv_asn_coding_context* c) { return __mv_asn_add_byte(b, c) < 1 ? -1 : 0; }
+int putN(const uint8_t* p, uint32_t n, __mv_asn_coding_context* c) { return __mv_asn_add_bytes(p, int(n), 0, c) < 1 ? -1 : 0; }
 
 int fail(__naspduDecode* d, int status, uint32_t line) {
     d->iStatus = status;

@@ -152,9 +152,8 @@ void expectedLines(const MvAsnType* t, const void* slot, const std::string& labe
                 // the dissector opens the contained value
                 void* inner = nullptr;
                 __mv_asn_coding_context c;
-                __mv_asn_init_decode(&c, d, n);
                 int isset = 0;
-                if (__mv_asn_decode_type(t->item, &inner, &isset, 1, &c) == 0) {
+                if (__mv_asn_init_decode(&c, d, n) == 1 && __mv_asn_decode_type(t->item, &inner, &isset, 1, &c) == 1) {
                     expectedLines(t->item, &inner, t->item->name, out);
                     __mv_asn_free_type(t->item, &inner);
                 } else {

@@ -87,7 +87,7 @@ void AsnFiller::fill(const MvAsnType* t, void* slot, int depth) {
                 fill(t->item, &inner, depth + 1);
                 static __mv_asn_coding_context c;
                 __mv_asn_init_CodingContext(&c);
-                if (__mv_asn_encode_type(t->item, &inner, 1, &c) == 0) {
+                if (__mv_asn_encode_type(t->item, &inner, 1, &c) == 1) {
                     __mv_asn_pad_bits(&c);
                     v.assign(c.buffer, c.buffer + c.pos);
                 }
@@ -182,7 +182,7 @@ void* AsnFiller::pdu(const MvAsnPdu* p) {
 std::vector<uint8_t> encodePdu(const MvAsnPdu* p, const void* rec) {
     static __mv_asn_coding_context ctx;
     __mv_asn_init_CodingContext(&ctx);
-    if (__mv_asn_encode_pdu(p, rec, &ctx) != 0) return {};
+    if (__mv_asn_encode_pdu(p, rec, &ctx) < 1) return {};
     return std::vector<uint8_t>(ctx.buffer, ctx.buffer + ctx.pos);
 }
 
@@ -222,4 +222,28 @@ int runCommand(const std::string& cmd, std::string* out) {
 
 bool haveProgram(const char* name) {
     return runCommand(std::string("command -v ") + name + " >/dev/null 2>&1", nullptr) == 0;
+}
+
+const char* const kTsharkOpaque =
+    "nas-5gs,nas-eps,nr-rrc,lte-rrc,rrc,ranap,x2ap,xnap,nrppa,lppa,bssgp,gcsna,gsm_a_rr,gsm_a_dtap,gsm_a_bssmap,"
+    "gsm_a_common";
+
+std::string namePackets(const std::string& out, const std::vector<std::string>& names) {
+    std::string report;
+    size_t p = out.find("packet(s): ");
+    if (p == std::string::npos) return report;
+    size_t e = out.find(" (", p);
+    std::string list = out.substr(p + 11, e - p - 11);
+    size_t s = 0;
+    while (s < list.size()) {
+        size_t q = list.find(' ', s);
+        if (q == std::string::npos) q = list.size();
+        std::string num = list.substr(s, q - s);
+        if (!num.empty() && isdigit(static_cast<unsigned char>(num[0]))) {
+            size_t i = size_t(std::stoul(num));
+            if (i >= 1 && i <= names.size()) report += names[i - 1] + "\n";
+        }
+        s = q + 1;
+    }
+    return report;
 }

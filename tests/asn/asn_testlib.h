@@ -31,3 +31,7 @@ std::vector<uint8_t> fromHex(const std::string& h);
 // Runs a command, returns its exit status and collects its output.
 int runCommand(const std::string& cmd, std::string* out);
 bool haveProgram(const char* name);
+// Sub-dissectors of octet strings that hold other protocols: random contents are not theirs to judge.
+extern const char* const kTsharkOpaque;
+// The names of the packets wsdecode.sh reports as failed in its output (names[i] is packet i + 1).
+std::string namePackets(const std::string& wsdecodeOut, const std::vector<std::string>& names);

@@ -55,4 +55,24 @@ TEST(KestranePdu, DecodesRecodesAndRefuses) {
     }
 }
 
+// Inputs built by hand that tshark reads as well-formed: an IE whose value is an empty OCTET STRING
+// (mandatory or not, NGAP and S1AP), and a BIT STRING of SIZE(16, ...) with 17 bits. Each comes
+// back unchanged, with nothing on standard error.
+TEST(KestranePdu, ValidEdgeValuesRecodeUnchangedAndQuietly) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"ngap", "00044014000003000a000200010055000200010026000100"},      // NAS-PDU empty
+        {"ngap", "002f400e0000020059000100002e000201ab"},                  // RoutingID empty
+        {"ngap", "200c0019000004000a00020001005500020001001d000100006a000100"},  // container empty
+        {"s1ap", "000b4014000003000000020001000800020001001a000100"},      // NAS-PDU empty
+        {"s1ap", "002d401900000400000002000100080002000100940001000093000100"},  // LPPa-PDU empty
+        {"ngap", "0028001e000003000a000200010055000200010077000b2011000000000000000000"},
+    };
+    for (const auto& [proto, hex] : cases) {
+        SCOPED_TRACE(hex);
+        std::string out;
+        EXPECT_EQ(runCommand(kTool + " recode " + proto + " " + hex + " 2>&1", &out), 0);
+        EXPECT_EQ(out, std::string(hex) + "\n");
+    }
+}
+
 }  // namespace

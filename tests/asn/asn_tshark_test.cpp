@@ -14,9 +14,6 @@
 
 namespace {
 
-// Sub-dissectors of octet strings that hold other protocols: random contents are not theirs to judge.
-const char* kOpaque = "nas-5gs,nas-eps,nr-rrc,lte-rrc,rrc,ranap,x2ap,xnap,nrppa,lppa,bssgp,gcsna,gsm_a_rr,gsm_a_dtap,gsm_a_bssmap,gsm_a_common";
-
 void checkFamily(const char* proto, const MvAsnPdu* pdus, unsigned count, uint32_t seedBase) {
     std::string dir = ::testing::TempDir();
     std::string file = dir + "/pdus_" + proto + ".hex";
@@ -44,27 +41,9 @@ void checkFamily(const char* proto, const MvAsnPdu* pdus, unsigned count, uint32
         }
     }
     std::string out;
-    std::string cmd = std::string("sh ") + KS_ASN_TEST_DIR + "/wsdecode.sh -q -o ngap.dissect_container:FALSE -o s1ap.dissect_container:FALSE -D " + kOpaque + " " + proto + args + " 2>&1";
+    std::string cmd = std::string("sh ") + KS_ASN_TEST_DIR + "/wsdecode.sh -q -o ngap.dissect_container:FALSE -o s1ap.dissect_container:FALSE -D " + kTsharkOpaque + " " + proto + args + " 2>&1";
     int rc = runCommand(cmd, &out);
-    if (rc != 0) {
-        // name the packets tshark did not accept
-        std::string report;
-        size_t p = out.find("packet(s): ");
-        if (p != std::string::npos) {
-            size_t e = out.find(" (", p);
-            std::string list = out.substr(p + 11, e - p - 11);
-            size_t s = 0;
-            while (s < list.size()) {
-                size_t q = list.find(' ', s);
-                if (q == std::string::npos) q = list.size();
-                std::string num = list.substr(s, q - s);
-                if (!num.empty() && isdigit(static_cast<unsigned char>(num[0])))
-                    report += names[size_t(std::stoi(num) - 1)] + "\n";
-                s = q + 1;
-            }
-        }
-        ADD_FAILURE() << out << "\n" << report;
-    }
+    if (rc != 0) ADD_FAILURE() << out << "\n" << namePackets(out, names);
 }
 
 TEST(AsnTshark, EveryPduFormDissectsClean) {

@@ -148,7 +148,7 @@ std::vector<uint8_t> ScriptedAmf::encode(const std::string& json) {
     __mv_asn_coding_context ctx;
     __mv_asn_init_CodingContext(&ctx);
     std::vector<uint8_t> out;
-    if (__mv_asn_encode_pdu(p, rec, &ctx) == 0) out.assign(ctx.buffer, ctx.buffer + ctx.pos);
+    if (__mv_asn_encode_pdu(p, rec, &ctx) > 0) out.assign(ctx.buffer, ctx.buffer + ctx.pos);
     __mv_asn_memfree_pdu(p, rec);
     return out;
 }

@@ -288,7 +288,7 @@ TEST_F(Ngap, SendFamilyResultsAndLogLines) {
     __mv_amf_memfree_pdu_InitialUEMessage(ue);
 
     // An encoder that reports success and writes nothing.
-    int r = __mv_ngap___send_pdu("Hollow", [](void*, __mv_asn_coding_context*) { return 0; }, nullptr, &fake.node, -1);
+    int r = __mv_ngap___send_pdu("Hollow", [](void*, __mv_asn_coding_context*) { return 1; }, nullptr, &fake.node, -1);
     EXPECT_EQ(r, -ENOENT);
     EXPECT_NE(kng::stackLog().find("encoding failed for Hollow bufpos=0 sts=0"), std::string::npos);
 }

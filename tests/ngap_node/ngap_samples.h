@@ -119,7 +119,7 @@ inline MV_AMF_DT_PDUSessionResourceModifyRequest* modifyRequestWith(const std::v
 template <class R>
 std::vector<uint8_t> transferBytes(int (*encode)(R*, __mv_asn_coding_context*), R* rec) {
     static thread_local __mv_asn_coding_context ctx;
-    if (encode(rec, &ctx) != 0) return {};
+    if (encode(rec, &ctx) < 1) return {};
     return std::vector<uint8_t>(ctx.buffer, ctx.buffer + ctx.pos);
 }
 

@@ -29,7 +29,7 @@ __mv_asn_coding_context gEnc, gDec;
 
 bool encode(const MvAsnPdu* p, const void* rec, std::vector<uint8_t>& out) {
     __mv_asn_init_CodingContext(&gEnc);
-    if (__mv_asn_encode_pdu(p, rec, &gEnc) != 0) return false;
+    if (__mv_asn_encode_pdu(p, rec, &gEnc) < 1) return false;
     out.assign(gEnc.buffer, gEnc.buffer + gEnc.pos);
     return true;
 }

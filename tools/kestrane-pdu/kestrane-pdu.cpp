@@ -188,7 +188,7 @@ int pfcp(const std::string& cmd, const std::string& text, bool json) {
 bool printEncoding(const MvAsnPdu* p, const void* rec) {
     static __mv_asn_coding_context enc;
     __mv_asn_init_CodingContext(&enc);
-    if (__mv_asn_encode_pdu(p, rec, &enc) != 0) return false;
+    if (__mv_asn_encode_pdu(p, rec, &enc) < 1) return false;
     for (unsigned i = 0; i < enc.pos; i++) printf("%02x", enc.buffer[i]);
     printf("\n");
     return true;

@@ -5449,4275 +5449,4275 @@ extern const unsigned kPduCount;
 
 // Operations per type.
 void __mv_amf_debug_Criticality(const char* key, __mv_amf_dt_Criticality value, int level);
-int __mv_amf_Encode_Criticality(__mv_amf_dt_Criticality value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_Criticality(__mv_amf_dt_Criticality* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_Criticality(__mv_amf_dt_Criticality value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_Criticality(__mv_amf_dt_Criticality* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_Presence(const char* key, __mv_amf_dt_Presence value, int level);
-int __mv_amf_Encode_Presence(__mv_amf_dt_Presence value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_Presence(__mv_amf_dt_Presence* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_Presence(__mv_amf_dt_Presence value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_Presence(__mv_amf_dt_Presence* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PrivateIE_ID(__mv_amf_dt_PrivateIE_ID** rec);
 void __mv_amf_debug_PrivateIE_ID(const char* key, const __mv_amf_dt_PrivateIE_ID* rec, int level);
 void __mv_amf_memfree_PrivateIE_ID(__mv_amf_dt_PrivateIE_ID* rec);
-int __mv_amf_Encode_PrivateIE_ID(const __mv_amf_dt_PrivateIE_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PrivateIE_ID(__mv_amf_dt_PrivateIE_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PrivateIE_ID(const __mv_amf_dt_PrivateIE_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PrivateIE_ID(__mv_amf_dt_PrivateIE_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_PrivateIE_ID_local(const char* key, __mv_amf_dt_PrivateIE_ID_local value, int level);
-int __mv_amf_Encode_PrivateIE_ID_local(__mv_amf_dt_PrivateIE_ID_local value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PrivateIE_ID_local(__mv_amf_dt_PrivateIE_ID_local* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PrivateIE_ID_local(__mv_amf_dt_PrivateIE_ID_local value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PrivateIE_ID_local(__mv_amf_dt_PrivateIE_ID_local* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PrivateIE_ID_global(__mv_amf_dt_PrivateIE_ID_global** rec);
 int __mv_amf_init_PrivateIE_ID_global2(__mv_amf_dt_PrivateIE_ID_global** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PrivateIE_ID_global(const char* key, const __mv_amf_dt_PrivateIE_ID_global* rec, int level);
 void __mv_amf_memfree_PrivateIE_ID_global(__mv_amf_dt_PrivateIE_ID_global* rec);
-int __mv_amf_Encode_PrivateIE_ID_global(const __mv_amf_dt_PrivateIE_ID_global* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PrivateIE_ID_global(__mv_amf_dt_PrivateIE_ID_global** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PrivateIE_ID_global(const __mv_amf_dt_PrivateIE_ID_global* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PrivateIE_ID_global(__mv_amf_dt_PrivateIE_ID_global** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_ProcedureCode(const char* key, __mv_amf_dt_ProcedureCode value, int level);
-int __mv_amf_Encode_ProcedureCode(__mv_amf_dt_ProcedureCode value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ProcedureCode(__mv_amf_dt_ProcedureCode* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ProcedureCode(__mv_amf_dt_ProcedureCode value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ProcedureCode(__mv_amf_dt_ProcedureCode* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_ProtocolExtensionID(const char* key, __mv_amf_dt_ProtocolExtensionID value, int level);
-int __mv_amf_Encode_ProtocolExtensionID(__mv_amf_dt_ProtocolExtensionID value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ProtocolExtensionID(__mv_amf_dt_ProtocolExtensionID* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ProtocolExtensionID(__mv_amf_dt_ProtocolExtensionID value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ProtocolExtensionID(__mv_amf_dt_ProtocolExtensionID* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_ProtocolIE_ID(const char* key, __mv_amf_dt_ProtocolIE_ID value, int level);
-int __mv_amf_Encode_ProtocolIE_ID(__mv_amf_dt_ProtocolIE_ID value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ProtocolIE_ID(__mv_amf_dt_ProtocolIE_ID* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ProtocolIE_ID(__mv_amf_dt_ProtocolIE_ID value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ProtocolIE_ID(__mv_amf_dt_ProtocolIE_ID* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_TriggeringMessage(const char* key, __mv_amf_dt_TriggeringMessage value, int level);
-int __mv_amf_Encode_TriggeringMessage(__mv_amf_dt_TriggeringMessage value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TriggeringMessage(__mv_amf_dt_TriggeringMessage* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TriggeringMessage(__mv_amf_dt_TriggeringMessage value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TriggeringMessage(__mv_amf_dt_TriggeringMessage* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AdditionalDLUPTNLInformationForHOList(__mv_amf_dt_AdditionalDLUPTNLInformationForHOList** rec);
 void __mv_amf_debug_AdditionalDLUPTNLInformationForHOList(const char* key, const __mv_amf_dt_AdditionalDLUPTNLInformationForHOList* rec, int level);
 void __mv_amf_memfree_AdditionalDLUPTNLInformationForHOList(__mv_amf_dt_AdditionalDLUPTNLInformationForHOList* rec);
-int __mv_amf_Encode_AdditionalDLUPTNLInformationForHOList(const __mv_amf_dt_AdditionalDLUPTNLInformationForHOList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AdditionalDLUPTNLInformationForHOList(__mv_amf_dt_AdditionalDLUPTNLInformationForHOList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AdditionalDLUPTNLInformationForHOList(const __mv_amf_dt_AdditionalDLUPTNLInformationForHOList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AdditionalDLUPTNLInformationForHOList(__mv_amf_dt_AdditionalDLUPTNLInformationForHOList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AdditionalDLUPTNLInformationForHOItem(__mv_amf_dt_AdditionalDLUPTNLInformationForHOItem** rec);
 void __mv_amf_debug_AdditionalDLUPTNLInformationForHOItem(const char* key, const __mv_amf_dt_AdditionalDLUPTNLInformationForHOItem* rec, int level);
 void __mv_amf_memfree_AdditionalDLUPTNLInformationForHOItem(__mv_amf_dt_AdditionalDLUPTNLInformationForHOItem* rec);
-int __mv_amf_Encode_AdditionalDLUPTNLInformationForHOItem(const __mv_amf_dt_AdditionalDLUPTNLInformationForHOItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AdditionalDLUPTNLInformationForHOItem(__mv_amf_dt_AdditionalDLUPTNLInformationForHOItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AdditionalDLUPTNLInformationForHOItem(const __mv_amf_dt_AdditionalDLUPTNLInformationForHOItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AdditionalDLUPTNLInformationForHOItem(__mv_amf_dt_AdditionalDLUPTNLInformationForHOItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UPTransportLayerInformation(__mv_amf_dt_UPTransportLayerInformation** rec);
 void __mv_amf_debug_UPTransportLayerInformation(const char* key, const __mv_amf_dt_UPTransportLayerInformation* rec, int level);
 void __mv_amf_memfree_UPTransportLayerInformation(__mv_amf_dt_UPTransportLayerInformation* rec);
-int __mv_amf_Encode_UPTransportLayerInformation(const __mv_amf_dt_UPTransportLayerInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UPTransportLayerInformation(__mv_amf_dt_UPTransportLayerInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UPTransportLayerInformation(const __mv_amf_dt_UPTransportLayerInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UPTransportLayerInformation(__mv_amf_dt_UPTransportLayerInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_GTPTunnel(__mv_amf_dt_GTPTunnel** rec);
 void __mv_amf_debug_GTPTunnel(const char* key, const __mv_amf_dt_GTPTunnel* rec, int level);
 void __mv_amf_memfree_GTPTunnel(__mv_amf_dt_GTPTunnel* rec);
-int __mv_amf_Encode_GTPTunnel(const __mv_amf_dt_GTPTunnel* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_GTPTunnel(__mv_amf_dt_GTPTunnel** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_GTPTunnel(const __mv_amf_dt_GTPTunnel* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_GTPTunnel(__mv_amf_dt_GTPTunnel** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_TransportLayerAddress(__mv_amf_dt_TransportLayerAddress** rec);
 int __mv_amf_init_TransportLayerAddress2(__mv_amf_dt_TransportLayerAddress** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_TransportLayerAddress(const char* key, const __mv_amf_dt_TransportLayerAddress* rec, int level);
 void __mv_amf_memfree_TransportLayerAddress(__mv_amf_dt_TransportLayerAddress* rec);
-int __mv_amf_Encode_TransportLayerAddress(const __mv_amf_dt_TransportLayerAddress* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TransportLayerAddress(__mv_amf_dt_TransportLayerAddress** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TransportLayerAddress(const __mv_amf_dt_TransportLayerAddress* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TransportLayerAddress(__mv_amf_dt_TransportLayerAddress** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_GTP_TEID(__mv_amf_dt_GTP_TEID** rec);
 int __mv_amf_init_GTP_TEID2(__mv_amf_dt_GTP_TEID** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_GTP_TEID(const char* key, const __mv_amf_dt_GTP_TEID* rec, int level);
 void __mv_amf_memfree_GTP_TEID(__mv_amf_dt_GTP_TEID* rec);
-int __mv_amf_Encode_GTP_TEID(const __mv_amf_dt_GTP_TEID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_GTP_TEID(__mv_amf_dt_GTP_TEID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_GTP_TEID(const __mv_amf_dt_GTP_TEID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_GTP_TEID(__mv_amf_dt_GTP_TEID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UPTransportLayerInformation_ExtIEs(__mv_amf_dt_UPTransportLayerInformation_ExtIEs** rec);
 void __mv_amf_debug_UPTransportLayerInformation_ExtIEs(const char* key, const __mv_amf_dt_UPTransportLayerInformation_ExtIEs* rec, int level);
 void __mv_amf_memfree_UPTransportLayerInformation_ExtIEs(__mv_amf_dt_UPTransportLayerInformation_ExtIEs* rec);
-int __mv_amf_Encode_UPTransportLayerInformation_ExtIEs(const __mv_amf_dt_UPTransportLayerInformation_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UPTransportLayerInformation_ExtIEs(__mv_amf_dt_UPTransportLayerInformation_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UPTransportLayerInformation_ExtIEs(const __mv_amf_dt_UPTransportLayerInformation_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UPTransportLayerInformation_ExtIEs(__mv_amf_dt_UPTransportLayerInformation_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_QosFlowListWithDataForwarding(__mv_amf_dt_QosFlowListWithDataForwarding** rec);
 void __mv_amf_debug_QosFlowListWithDataForwarding(const char* key, const __mv_amf_dt_QosFlowListWithDataForwarding* rec, int level);
 void __mv_amf_memfree_QosFlowListWithDataForwarding(__mv_amf_dt_QosFlowListWithDataForwarding* rec);
-int __mv_amf_Encode_QosFlowListWithDataForwarding(const __mv_amf_dt_QosFlowListWithDataForwarding* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QosFlowListWithDataForwarding(__mv_amf_dt_QosFlowListWithDataForwarding** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QosFlowListWithDataForwarding(const __mv_amf_dt_QosFlowListWithDataForwarding* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QosFlowListWithDataForwarding(__mv_amf_dt_QosFlowListWithDataForwarding** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_QosFlowItemWithDataForwarding(__mv_amf_dt_QosFlowItemWithDataForwarding** rec);
 void __mv_amf_debug_QosFlowItemWithDataForwarding(const char* key, const __mv_amf_dt_QosFlowItemWithDataForwarding* rec, int level);
 void __mv_amf_memfree_QosFlowItemWithDataForwarding(__mv_amf_dt_QosFlowItemWithDataForwarding* rec);
-int __mv_amf_Encode_QosFlowItemWithDataForwarding(const __mv_amf_dt_QosFlowItemWithDataForwarding* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QosFlowItemWithDataForwarding(__mv_amf_dt_QosFlowItemWithDataForwarding** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QosFlowItemWithDataForwarding(const __mv_amf_dt_QosFlowItemWithDataForwarding* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QosFlowItemWithDataForwarding(__mv_amf_dt_QosFlowItemWithDataForwarding** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_QosFlowIdentifier(const char* key, __mv_amf_dt_QosFlowIdentifier value, int level);
-int __mv_amf_Encode_QosFlowIdentifier(__mv_amf_dt_QosFlowIdentifier value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QosFlowIdentifier(__mv_amf_dt_QosFlowIdentifier* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QosFlowIdentifier(__mv_amf_dt_QosFlowIdentifier value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QosFlowIdentifier(__mv_amf_dt_QosFlowIdentifier* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_DataForwardingAccepted(const char* key, __mv_amf_dt_DataForwardingAccepted value, int level);
-int __mv_amf_Encode_DataForwardingAccepted(__mv_amf_dt_DataForwardingAccepted value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_DataForwardingAccepted(__mv_amf_dt_DataForwardingAccepted* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_DataForwardingAccepted(__mv_amf_dt_DataForwardingAccepted value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_DataForwardingAccepted(__mv_amf_dt_DataForwardingAccepted* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_AdditionalQosFlowInformation(const char* key, __mv_amf_dt_AdditionalQosFlowInformation value, int level);
-int __mv_amf_Encode_AdditionalQosFlowInformation(__mv_amf_dt_AdditionalQosFlowInformation value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AdditionalQosFlowInformation(__mv_amf_dt_AdditionalQosFlowInformation* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AdditionalQosFlowInformation(__mv_amf_dt_AdditionalQosFlowInformation value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AdditionalQosFlowInformation(__mv_amf_dt_AdditionalQosFlowInformation* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AllocationAndRetentionPriority(__mv_amf_dt_AllocationAndRetentionPriority** rec);
 void __mv_amf_debug_AllocationAndRetentionPriority(const char* key, const __mv_amf_dt_AllocationAndRetentionPriority* rec, int level);
 void __mv_amf_memfree_AllocationAndRetentionPriority(__mv_amf_dt_AllocationAndRetentionPriority* rec);
-int __mv_amf_Encode_AllocationAndRetentionPriority(const __mv_amf_dt_AllocationAndRetentionPriority* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AllocationAndRetentionPriority(__mv_amf_dt_AllocationAndRetentionPriority** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AllocationAndRetentionPriority(const __mv_amf_dt_AllocationAndRetentionPriority* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AllocationAndRetentionPriority(__mv_amf_dt_AllocationAndRetentionPriority** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_PriorityLevelARP(const char* key, __mv_amf_dt_PriorityLevelARP value, int level);
-int __mv_amf_Encode_PriorityLevelARP(__mv_amf_dt_PriorityLevelARP value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PriorityLevelARP(__mv_amf_dt_PriorityLevelARP* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PriorityLevelARP(__mv_amf_dt_PriorityLevelARP value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PriorityLevelARP(__mv_amf_dt_PriorityLevelARP* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_Pre_emptionCapability(const char* key, __mv_amf_dt_Pre_emptionCapability value, int level);
-int __mv_amf_Encode_Pre_emptionCapability(__mv_amf_dt_Pre_emptionCapability value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_Pre_emptionCapability(__mv_amf_dt_Pre_emptionCapability* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_Pre_emptionCapability(__mv_amf_dt_Pre_emptionCapability value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_Pre_emptionCapability(__mv_amf_dt_Pre_emptionCapability* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_Pre_emptionVulnerability(const char* key, __mv_amf_dt_Pre_emptionVulnerability value, int level);
-int __mv_amf_Encode_Pre_emptionVulnerability(__mv_amf_dt_Pre_emptionVulnerability value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_Pre_emptionVulnerability(__mv_amf_dt_Pre_emptionVulnerability* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_Pre_emptionVulnerability(__mv_amf_dt_Pre_emptionVulnerability value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_Pre_emptionVulnerability(__mv_amf_dt_Pre_emptionVulnerability* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AllowedNSSAI(__mv_amf_dt_AllowedNSSAI** rec);
 void __mv_amf_debug_AllowedNSSAI(const char* key, const __mv_amf_dt_AllowedNSSAI* rec, int level);
 void __mv_amf_memfree_AllowedNSSAI(__mv_amf_dt_AllowedNSSAI* rec);
-int __mv_amf_Encode_AllowedNSSAI(const __mv_amf_dt_AllowedNSSAI* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AllowedNSSAI(__mv_amf_dt_AllowedNSSAI** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AllowedNSSAI(const __mv_amf_dt_AllowedNSSAI* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AllowedNSSAI(__mv_amf_dt_AllowedNSSAI** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AllowedNSSAI_Item(__mv_amf_dt_AllowedNSSAI_Item** rec);
 void __mv_amf_debug_AllowedNSSAI_Item(const char* key, const __mv_amf_dt_AllowedNSSAI_Item* rec, int level);
 void __mv_amf_memfree_AllowedNSSAI_Item(__mv_amf_dt_AllowedNSSAI_Item* rec);
-int __mv_amf_Encode_AllowedNSSAI_Item(const __mv_amf_dt_AllowedNSSAI_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AllowedNSSAI_Item(__mv_amf_dt_AllowedNSSAI_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AllowedNSSAI_Item(const __mv_amf_dt_AllowedNSSAI_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AllowedNSSAI_Item(__mv_amf_dt_AllowedNSSAI_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_S_NSSAI(__mv_amf_dt_S_NSSAI** rec);
 void __mv_amf_debug_S_NSSAI(const char* key, const __mv_amf_dt_S_NSSAI* rec, int level);
 void __mv_amf_memfree_S_NSSAI(__mv_amf_dt_S_NSSAI* rec);
-int __mv_amf_Encode_S_NSSAI(const __mv_amf_dt_S_NSSAI* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_S_NSSAI(__mv_amf_dt_S_NSSAI** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_S_NSSAI(const __mv_amf_dt_S_NSSAI* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_S_NSSAI(__mv_amf_dt_S_NSSAI** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_SST(__mv_amf_dt_SST** rec);
 int __mv_amf_init_SST2(__mv_amf_dt_SST** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_SST(const char* key, const __mv_amf_dt_SST* rec, int level);
 void __mv_amf_memfree_SST(__mv_amf_dt_SST* rec);
-int __mv_amf_Encode_SST(const __mv_amf_dt_SST* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_SST(__mv_amf_dt_SST** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_SST(const __mv_amf_dt_SST* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_SST(__mv_amf_dt_SST** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_SD(__mv_amf_dt_SD** rec);
 int __mv_amf_init_SD2(__mv_amf_dt_SD** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_SD(const char* key, const __mv_amf_dt_SD* rec, int level);
 void __mv_amf_memfree_SD(__mv_amf_dt_SD* rec);
-int __mv_amf_Encode_SD(const __mv_amf_dt_SD* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_SD(__mv_amf_dt_SD** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_SD(const __mv_amf_dt_SD* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_SD(__mv_amf_dt_SD** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AllowedTACs(__mv_amf_dt_AllowedTACs** rec);
 void __mv_amf_debug_AllowedTACs(const char* key, const __mv_amf_dt_AllowedTACs* rec, int level);
 void __mv_amf_memfree_AllowedTACs(__mv_amf_dt_AllowedTACs* rec);
-int __mv_amf_Encode_AllowedTACs(const __mv_amf_dt_AllowedTACs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AllowedTACs(__mv_amf_dt_AllowedTACs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AllowedTACs(const __mv_amf_dt_AllowedTACs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AllowedTACs(__mv_amf_dt_AllowedTACs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_TAC(__mv_amf_dt_TAC** rec);
 int __mv_amf_init_TAC2(__mv_amf_dt_TAC** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_TAC(const char* key, const __mv_amf_dt_TAC* rec, int level);
 void __mv_amf_memfree_TAC(__mv_amf_dt_TAC* rec);
-int __mv_amf_Encode_TAC(const __mv_amf_dt_TAC* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TAC(__mv_amf_dt_TAC** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TAC(const __mv_amf_dt_TAC* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TAC(__mv_amf_dt_TAC** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AMFName(__mv_amf_dt_AMFName** rec);
 int __mv_amf_init_AMFName2(__mv_amf_dt_AMFName** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_AMFName(const char* key, const __mv_amf_dt_AMFName* rec, int level);
 void __mv_amf_memfree_AMFName(__mv_amf_dt_AMFName* rec);
-int __mv_amf_Encode_AMFName(const __mv_amf_dt_AMFName* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AMFName(__mv_amf_dt_AMFName** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AMFName(const __mv_amf_dt_AMFName* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AMFName(__mv_amf_dt_AMFName** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AMFPagingTarget(__mv_amf_dt_AMFPagingTarget** rec);
 void __mv_amf_debug_AMFPagingTarget(const char* key, const __mv_amf_dt_AMFPagingTarget* rec, int level);
 void __mv_amf_memfree_AMFPagingTarget(__mv_amf_dt_AMFPagingTarget* rec);
-int __mv_amf_Encode_AMFPagingTarget(const __mv_amf_dt_AMFPagingTarget* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AMFPagingTarget(__mv_amf_dt_AMFPagingTarget** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AMFPagingTarget(const __mv_amf_dt_AMFPagingTarget* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AMFPagingTarget(__mv_amf_dt_AMFPagingTarget** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_GlobalRANNodeID(__mv_amf_dt_GlobalRANNodeID** rec);
 void __mv_amf_debug_GlobalRANNodeID(const char* key, const __mv_amf_dt_GlobalRANNodeID* rec, int level);
 void __mv_amf_memfree_GlobalRANNodeID(__mv_amf_dt_GlobalRANNodeID* rec);
-int __mv_amf_Encode_GlobalRANNodeID(const __mv_amf_dt_GlobalRANNodeID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_GlobalRANNodeID(__mv_amf_dt_GlobalRANNodeID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_GlobalRANNodeID(const __mv_amf_dt_GlobalRANNodeID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_GlobalRANNodeID(__mv_amf_dt_GlobalRANNodeID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_GlobalGNB_ID(__mv_amf_dt_GlobalGNB_ID** rec);
 void __mv_amf_debug_GlobalGNB_ID(const char* key, const __mv_amf_dt_GlobalGNB_ID* rec, int level);
 void __mv_amf_memfree_GlobalGNB_ID(__mv_amf_dt_GlobalGNB_ID* rec);
-int __mv_amf_Encode_GlobalGNB_ID(const __mv_amf_dt_GlobalGNB_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_GlobalGNB_ID(__mv_amf_dt_GlobalGNB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_GlobalGNB_ID(const __mv_amf_dt_GlobalGNB_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_GlobalGNB_ID(__mv_amf_dt_GlobalGNB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PLMNIdentity(__mv_amf_dt_PLMNIdentity** rec);
 int __mv_amf_init_PLMNIdentity2(__mv_amf_dt_PLMNIdentity** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PLMNIdentity(const char* key, const __mv_amf_dt_PLMNIdentity* rec, int level);
 void __mv_amf_memfree_PLMNIdentity(__mv_amf_dt_PLMNIdentity* rec);
-int __mv_amf_Encode_PLMNIdentity(const __mv_amf_dt_PLMNIdentity* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PLMNIdentity(__mv_amf_dt_PLMNIdentity** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PLMNIdentity(const __mv_amf_dt_PLMNIdentity* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PLMNIdentity(__mv_amf_dt_PLMNIdentity** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_GNB_ID(__mv_amf_dt_GNB_ID** rec);
 void __mv_amf_debug_GNB_ID(const char* key, const __mv_amf_dt_GNB_ID* rec, int level);
 void __mv_amf_memfree_GNB_ID(__mv_amf_dt_GNB_ID* rec);
-int __mv_amf_Encode_GNB_ID(const __mv_amf_dt_GNB_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_GNB_ID(__mv_amf_dt_GNB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_GNB_ID(const __mv_amf_dt_GNB_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_GNB_ID(__mv_amf_dt_GNB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_GNB_ID_gNB_ID(__mv_amf_dt_GNB_ID_gNB_ID** rec);
 int __mv_amf_init_GNB_ID_gNB_ID2(__mv_amf_dt_GNB_ID_gNB_ID** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_GNB_ID_gNB_ID(const char* key, const __mv_amf_dt_GNB_ID_gNB_ID* rec, int level);
 void __mv_amf_memfree_GNB_ID_gNB_ID(__mv_amf_dt_GNB_ID_gNB_ID* rec);
-int __mv_amf_Encode_GNB_ID_gNB_ID(const __mv_amf_dt_GNB_ID_gNB_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_GNB_ID_gNB_ID(__mv_amf_dt_GNB_ID_gNB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_GNB_ID_gNB_ID(const __mv_amf_dt_GNB_ID_gNB_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_GNB_ID_gNB_ID(__mv_amf_dt_GNB_ID_gNB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_GNB_ID_ExtIEs(__mv_amf_dt_GNB_ID_ExtIEs** rec);
 void __mv_amf_debug_GNB_ID_ExtIEs(const char* key, const __mv_amf_dt_GNB_ID_ExtIEs* rec, int level);
 void __mv_amf_memfree_GNB_ID_ExtIEs(__mv_amf_dt_GNB_ID_ExtIEs* rec);
-int __mv_amf_Encode_GNB_ID_ExtIEs(const __mv_amf_dt_GNB_ID_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_GNB_ID_ExtIEs(__mv_amf_dt_GNB_ID_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_GNB_ID_ExtIEs(const __mv_amf_dt_GNB_ID_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_GNB_ID_ExtIEs(__mv_amf_dt_GNB_ID_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_GlobalNgENB_ID(__mv_amf_dt_GlobalNgENB_ID** rec);
 void __mv_amf_debug_GlobalNgENB_ID(const char* key, const __mv_amf_dt_GlobalNgENB_ID* rec, int level);
 void __mv_amf_memfree_GlobalNgENB_ID(__mv_amf_dt_GlobalNgENB_ID* rec);
-int __mv_amf_Encode_GlobalNgENB_ID(const __mv_amf_dt_GlobalNgENB_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_GlobalNgENB_ID(__mv_amf_dt_GlobalNgENB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_GlobalNgENB_ID(const __mv_amf_dt_GlobalNgENB_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_GlobalNgENB_ID(__mv_amf_dt_GlobalNgENB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_NgENB_ID(__mv_amf_dt_NgENB_ID** rec);
 void __mv_amf_debug_NgENB_ID(const char* key, const __mv_amf_dt_NgENB_ID* rec, int level);
 void __mv_amf_memfree_NgENB_ID(__mv_amf_dt_NgENB_ID* rec);
-int __mv_amf_Encode_NgENB_ID(const __mv_amf_dt_NgENB_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NgENB_ID(__mv_amf_dt_NgENB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NgENB_ID(const __mv_amf_dt_NgENB_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NgENB_ID(__mv_amf_dt_NgENB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_NgENB_ID_macroNgENB_ID(__mv_amf_dt_NgENB_ID_macroNgENB_ID** rec);
 int __mv_amf_init_NgENB_ID_macroNgENB_ID2(__mv_amf_dt_NgENB_ID_macroNgENB_ID** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_NgENB_ID_macroNgENB_ID(const char* key, const __mv_amf_dt_NgENB_ID_macroNgENB_ID* rec, int level);
 void __mv_amf_memfree_NgENB_ID_macroNgENB_ID(__mv_amf_dt_NgENB_ID_macroNgENB_ID* rec);
-int __mv_amf_Encode_NgENB_ID_macroNgENB_ID(const __mv_amf_dt_NgENB_ID_macroNgENB_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NgENB_ID_macroNgENB_ID(__mv_amf_dt_NgENB_ID_macroNgENB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NgENB_ID_macroNgENB_ID(const __mv_amf_dt_NgENB_ID_macroNgENB_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NgENB_ID_macroNgENB_ID(__mv_amf_dt_NgENB_ID_macroNgENB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_NgENB_ID_shortMacroNgENB_ID(__mv_amf_dt_NgENB_ID_shortMacroNgENB_ID** rec);
 int __mv_amf_init_NgENB_ID_shortMacroNgENB_ID2(__mv_amf_dt_NgENB_ID_shortMacroNgENB_ID** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_NgENB_ID_shortMacroNgENB_ID(const char* key, const __mv_amf_dt_NgENB_ID_shortMacroNgENB_ID* rec, int level);
 void __mv_amf_memfree_NgENB_ID_shortMacroNgENB_ID(__mv_amf_dt_NgENB_ID_shortMacroNgENB_ID* rec);
-int __mv_amf_Encode_NgENB_ID_shortMacroNgENB_ID(const __mv_amf_dt_NgENB_ID_shortMacroNgENB_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NgENB_ID_shortMacroNgENB_ID(__mv_amf_dt_NgENB_ID_shortMacroNgENB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NgENB_ID_shortMacroNgENB_ID(const __mv_amf_dt_NgENB_ID_shortMacroNgENB_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NgENB_ID_shortMacroNgENB_ID(__mv_amf_dt_NgENB_ID_shortMacroNgENB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_NgENB_ID_longMacroNgENB_ID(__mv_amf_dt_NgENB_ID_longMacroNgENB_ID** rec);
 int __mv_amf_init_NgENB_ID_longMacroNgENB_ID2(__mv_amf_dt_NgENB_ID_longMacroNgENB_ID** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_NgENB_ID_longMacroNgENB_ID(const char* key, const __mv_amf_dt_NgENB_ID_longMacroNgENB_ID* rec, int level);
 void __mv_amf_memfree_NgENB_ID_longMacroNgENB_ID(__mv_amf_dt_NgENB_ID_longMacroNgENB_ID* rec);
-int __mv_amf_Encode_NgENB_ID_longMacroNgENB_ID(const __mv_amf_dt_NgENB_ID_longMacroNgENB_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NgENB_ID_longMacroNgENB_ID(__mv_amf_dt_NgENB_ID_longMacroNgENB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NgENB_ID_longMacroNgENB_ID(const __mv_amf_dt_NgENB_ID_longMacroNgENB_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NgENB_ID_longMacroNgENB_ID(__mv_amf_dt_NgENB_ID_longMacroNgENB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_NgENB_ID_ExtIEs(__mv_amf_dt_NgENB_ID_ExtIEs** rec);
 void __mv_amf_debug_NgENB_ID_ExtIEs(const char* key, const __mv_amf_dt_NgENB_ID_ExtIEs* rec, int level);
 void __mv_amf_memfree_NgENB_ID_ExtIEs(__mv_amf_dt_NgENB_ID_ExtIEs* rec);
-int __mv_amf_Encode_NgENB_ID_ExtIEs(const __mv_amf_dt_NgENB_ID_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NgENB_ID_ExtIEs(__mv_amf_dt_NgENB_ID_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NgENB_ID_ExtIEs(const __mv_amf_dt_NgENB_ID_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NgENB_ID_ExtIEs(__mv_amf_dt_NgENB_ID_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_GlobalN3IWF_ID(__mv_amf_dt_GlobalN3IWF_ID** rec);
 void __mv_amf_debug_GlobalN3IWF_ID(const char* key, const __mv_amf_dt_GlobalN3IWF_ID* rec, int level);
 void __mv_amf_memfree_GlobalN3IWF_ID(__mv_amf_dt_GlobalN3IWF_ID* rec);
-int __mv_amf_Encode_GlobalN3IWF_ID(const __mv_amf_dt_GlobalN3IWF_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_GlobalN3IWF_ID(__mv_amf_dt_GlobalN3IWF_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_GlobalN3IWF_ID(const __mv_amf_dt_GlobalN3IWF_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_GlobalN3IWF_ID(__mv_amf_dt_GlobalN3IWF_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_N3IWF_ID(__mv_amf_dt_N3IWF_ID** rec);
 void __mv_amf_debug_N3IWF_ID(const char* key, const __mv_amf_dt_N3IWF_ID* rec, int level);
 void __mv_amf_memfree_N3IWF_ID(__mv_amf_dt_N3IWF_ID* rec);
-int __mv_amf_Encode_N3IWF_ID(const __mv_amf_dt_N3IWF_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_N3IWF_ID(__mv_amf_dt_N3IWF_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_N3IWF_ID(const __mv_amf_dt_N3IWF_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_N3IWF_ID(__mv_amf_dt_N3IWF_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_N3IWF_ID_n3IWF_ID(__mv_amf_dt_N3IWF_ID_n3IWF_ID** rec);
 int __mv_amf_init_N3IWF_ID_n3IWF_ID2(__mv_amf_dt_N3IWF_ID_n3IWF_ID** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_N3IWF_ID_n3IWF_ID(const char* key, const __mv_amf_dt_N3IWF_ID_n3IWF_ID* rec, int level);
 void __mv_amf_memfree_N3IWF_ID_n3IWF_ID(__mv_amf_dt_N3IWF_ID_n3IWF_ID* rec);
-int __mv_amf_Encode_N3IWF_ID_n3IWF_ID(const __mv_amf_dt_N3IWF_ID_n3IWF_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_N3IWF_ID_n3IWF_ID(__mv_amf_dt_N3IWF_ID_n3IWF_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_N3IWF_ID_n3IWF_ID(const __mv_amf_dt_N3IWF_ID_n3IWF_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_N3IWF_ID_n3IWF_ID(__mv_amf_dt_N3IWF_ID_n3IWF_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_N3IWF_ID_ExtIEs(__mv_amf_dt_N3IWF_ID_ExtIEs** rec);
 void __mv_amf_debug_N3IWF_ID_ExtIEs(const char* key, const __mv_amf_dt_N3IWF_ID_ExtIEs* rec, int level);
 void __mv_amf_memfree_N3IWF_ID_ExtIEs(__mv_amf_dt_N3IWF_ID_ExtIEs* rec);
-int __mv_amf_Encode_N3IWF_ID_ExtIEs(const __mv_amf_dt_N3IWF_ID_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_N3IWF_ID_ExtIEs(__mv_amf_dt_N3IWF_ID_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_N3IWF_ID_ExtIEs(const __mv_amf_dt_N3IWF_ID_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_N3IWF_ID_ExtIEs(__mv_amf_dt_N3IWF_ID_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_GlobalRANNodeID_ExtIEs(__mv_amf_dt_GlobalRANNodeID_ExtIEs** rec);
 void __mv_amf_debug_GlobalRANNodeID_ExtIEs(const char* key, const __mv_amf_dt_GlobalRANNodeID_ExtIEs* rec, int level);
 void __mv_amf_memfree_GlobalRANNodeID_ExtIEs(__mv_amf_dt_GlobalRANNodeID_ExtIEs* rec);
-int __mv_amf_Encode_GlobalRANNodeID_ExtIEs(const __mv_amf_dt_GlobalRANNodeID_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_GlobalRANNodeID_ExtIEs(__mv_amf_dt_GlobalRANNodeID_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_GlobalRANNodeID_ExtIEs(const __mv_amf_dt_GlobalRANNodeID_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_GlobalRANNodeID_ExtIEs(__mv_amf_dt_GlobalRANNodeID_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_TAI(__mv_amf_dt_TAI** rec);
 void __mv_amf_debug_TAI(const char* key, const __mv_amf_dt_TAI* rec, int level);
 void __mv_amf_memfree_TAI(__mv_amf_dt_TAI* rec);
-int __mv_amf_Encode_TAI(const __mv_amf_dt_TAI* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TAI(__mv_amf_dt_TAI** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TAI(const __mv_amf_dt_TAI* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TAI(__mv_amf_dt_TAI** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AMFPagingTarget_ExtIEs(__mv_amf_dt_AMFPagingTarget_ExtIEs** rec);
 void __mv_amf_debug_AMFPagingTarget_ExtIEs(const char* key, const __mv_amf_dt_AMFPagingTarget_ExtIEs* rec, int level);
 void __mv_amf_memfree_AMFPagingTarget_ExtIEs(__mv_amf_dt_AMFPagingTarget_ExtIEs* rec);
-int __mv_amf_Encode_AMFPagingTarget_ExtIEs(const __mv_amf_dt_AMFPagingTarget_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AMFPagingTarget_ExtIEs(__mv_amf_dt_AMFPagingTarget_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AMFPagingTarget_ExtIEs(const __mv_amf_dt_AMFPagingTarget_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AMFPagingTarget_ExtIEs(__mv_amf_dt_AMFPagingTarget_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AMFPointer(__mv_amf_dt_AMFPointer** rec);
 int __mv_amf_init_AMFPointer2(__mv_amf_dt_AMFPointer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_AMFPointer(const char* key, const __mv_amf_dt_AMFPointer* rec, int level);
 void __mv_amf_memfree_AMFPointer(__mv_amf_dt_AMFPointer* rec);
-int __mv_amf_Encode_AMFPointer(const __mv_amf_dt_AMFPointer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AMFPointer(__mv_amf_dt_AMFPointer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AMFPointer(const __mv_amf_dt_AMFPointer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AMFPointer(__mv_amf_dt_AMFPointer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AMFRegionID(__mv_amf_dt_AMFRegionID** rec);
 int __mv_amf_init_AMFRegionID2(__mv_amf_dt_AMFRegionID** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_AMFRegionID(const char* key, const __mv_amf_dt_AMFRegionID* rec, int level);
 void __mv_amf_memfree_AMFRegionID(__mv_amf_dt_AMFRegionID* rec);
-int __mv_amf_Encode_AMFRegionID(const __mv_amf_dt_AMFRegionID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AMFRegionID(__mv_amf_dt_AMFRegionID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AMFRegionID(const __mv_amf_dt_AMFRegionID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AMFRegionID(__mv_amf_dt_AMFRegionID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AMFSetID(__mv_amf_dt_AMFSetID** rec);
 int __mv_amf_init_AMFSetID2(__mv_amf_dt_AMFSetID** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_AMFSetID(const char* key, const __mv_amf_dt_AMFSetID* rec, int level);
 void __mv_amf_memfree_AMFSetID(__mv_amf_dt_AMFSetID* rec);
-int __mv_amf_Encode_AMFSetID(const __mv_amf_dt_AMFSetID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AMFSetID(__mv_amf_dt_AMFSetID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AMFSetID(const __mv_amf_dt_AMFSetID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AMFSetID(__mv_amf_dt_AMFSetID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AMF_TNLAssociationSetupList(__mv_amf_dt_AMF_TNLAssociationSetupList** rec);
 void __mv_amf_debug_AMF_TNLAssociationSetupList(const char* key, const __mv_amf_dt_AMF_TNLAssociationSetupList* rec, int level);
 void __mv_amf_memfree_AMF_TNLAssociationSetupList(__mv_amf_dt_AMF_TNLAssociationSetupList* rec);
-int __mv_amf_Encode_AMF_TNLAssociationSetupList(const __mv_amf_dt_AMF_TNLAssociationSetupList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AMF_TNLAssociationSetupList(__mv_amf_dt_AMF_TNLAssociationSetupList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AMF_TNLAssociationSetupList(const __mv_amf_dt_AMF_TNLAssociationSetupList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AMF_TNLAssociationSetupList(__mv_amf_dt_AMF_TNLAssociationSetupList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AMF_TNLAssociationSetupItem(__mv_amf_dt_AMF_TNLAssociationSetupItem** rec);
 void __mv_amf_debug_AMF_TNLAssociationSetupItem(const char* key, const __mv_amf_dt_AMF_TNLAssociationSetupItem* rec, int level);
 void __mv_amf_memfree_AMF_TNLAssociationSetupItem(__mv_amf_dt_AMF_TNLAssociationSetupItem* rec);
-int __mv_amf_Encode_AMF_TNLAssociationSetupItem(const __mv_amf_dt_AMF_TNLAssociationSetupItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AMF_TNLAssociationSetupItem(__mv_amf_dt_AMF_TNLAssociationSetupItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AMF_TNLAssociationSetupItem(const __mv_amf_dt_AMF_TNLAssociationSetupItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AMF_TNLAssociationSetupItem(__mv_amf_dt_AMF_TNLAssociationSetupItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CPTransportLayerInformation(__mv_amf_dt_CPTransportLayerInformation** rec);
 void __mv_amf_debug_CPTransportLayerInformation(const char* key, const __mv_amf_dt_CPTransportLayerInformation* rec, int level);
 void __mv_amf_memfree_CPTransportLayerInformation(__mv_amf_dt_CPTransportLayerInformation* rec);
-int __mv_amf_Encode_CPTransportLayerInformation(const __mv_amf_dt_CPTransportLayerInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CPTransportLayerInformation(__mv_amf_dt_CPTransportLayerInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CPTransportLayerInformation(const __mv_amf_dt_CPTransportLayerInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CPTransportLayerInformation(__mv_amf_dt_CPTransportLayerInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CPTransportLayerInformation_ExtIEs(__mv_amf_dt_CPTransportLayerInformation_ExtIEs** rec);
 void __mv_amf_debug_CPTransportLayerInformation_ExtIEs(const char* key, const __mv_amf_dt_CPTransportLayerInformation_ExtIEs* rec, int level);
 void __mv_amf_memfree_CPTransportLayerInformation_ExtIEs(__mv_amf_dt_CPTransportLayerInformation_ExtIEs* rec);
-int __mv_amf_Encode_CPTransportLayerInformation_ExtIEs(const __mv_amf_dt_CPTransportLayerInformation_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CPTransportLayerInformation_ExtIEs(__mv_amf_dt_CPTransportLayerInformation_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CPTransportLayerInformation_ExtIEs(const __mv_amf_dt_CPTransportLayerInformation_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CPTransportLayerInformation_ExtIEs(__mv_amf_dt_CPTransportLayerInformation_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_EndpointIPAddressAndPort(__mv_amf_dt_EndpointIPAddressAndPort** rec);
 void __mv_amf_debug_EndpointIPAddressAndPort(const char* key, const __mv_amf_dt_EndpointIPAddressAndPort* rec, int level);
 void __mv_amf_memfree_EndpointIPAddressAndPort(__mv_amf_dt_EndpointIPAddressAndPort* rec);
-int __mv_amf_Encode_EndpointIPAddressAndPort(const __mv_amf_dt_EndpointIPAddressAndPort* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_EndpointIPAddressAndPort(__mv_amf_dt_EndpointIPAddressAndPort** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_EndpointIPAddressAndPort(const __mv_amf_dt_EndpointIPAddressAndPort* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_EndpointIPAddressAndPort(__mv_amf_dt_EndpointIPAddressAndPort** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PortNumber(__mv_amf_dt_PortNumber** rec);
 int __mv_amf_init_PortNumber2(__mv_amf_dt_PortNumber** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PortNumber(const char* key, const __mv_amf_dt_PortNumber* rec, int level);
 void __mv_amf_memfree_PortNumber(__mv_amf_dt_PortNumber* rec);
-int __mv_amf_Encode_PortNumber(const __mv_amf_dt_PortNumber* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PortNumber(__mv_amf_dt_PortNumber** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PortNumber(const __mv_amf_dt_PortNumber* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PortNumber(__mv_amf_dt_PortNumber** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AMF_TNLAssociationToAddList(__mv_amf_dt_AMF_TNLAssociationToAddList** rec);
 void __mv_amf_debug_AMF_TNLAssociationToAddList(const char* key, const __mv_amf_dt_AMF_TNLAssociationToAddList* rec, int level);
 void __mv_amf_memfree_AMF_TNLAssociationToAddList(__mv_amf_dt_AMF_TNLAssociationToAddList* rec);
-int __mv_amf_Encode_AMF_TNLAssociationToAddList(const __mv_amf_dt_AMF_TNLAssociationToAddList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AMF_TNLAssociationToAddList(__mv_amf_dt_AMF_TNLAssociationToAddList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AMF_TNLAssociationToAddList(const __mv_amf_dt_AMF_TNLAssociationToAddList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AMF_TNLAssociationToAddList(__mv_amf_dt_AMF_TNLAssociationToAddList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AMF_TNLAssociationToAddItem(__mv_amf_dt_AMF_TNLAssociationToAddItem** rec);
 void __mv_amf_debug_AMF_TNLAssociationToAddItem(const char* key, const __mv_amf_dt_AMF_TNLAssociationToAddItem* rec, int level);
 void __mv_amf_memfree_AMF_TNLAssociationToAddItem(__mv_amf_dt_AMF_TNLAssociationToAddItem* rec);
-int __mv_amf_Encode_AMF_TNLAssociationToAddItem(const __mv_amf_dt_AMF_TNLAssociationToAddItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AMF_TNLAssociationToAddItem(__mv_amf_dt_AMF_TNLAssociationToAddItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AMF_TNLAssociationToAddItem(const __mv_amf_dt_AMF_TNLAssociationToAddItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AMF_TNLAssociationToAddItem(__mv_amf_dt_AMF_TNLAssociationToAddItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_TNLAssociationUsage(const char* key, __mv_amf_dt_TNLAssociationUsage value, int level);
-int __mv_amf_Encode_TNLAssociationUsage(__mv_amf_dt_TNLAssociationUsage value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TNLAssociationUsage(__mv_amf_dt_TNLAssociationUsage* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TNLAssociationUsage(__mv_amf_dt_TNLAssociationUsage value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TNLAssociationUsage(__mv_amf_dt_TNLAssociationUsage* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_TNLAddressWeightFactor(const char* key, __mv_amf_dt_TNLAddressWeightFactor value, int level);
-int __mv_amf_Encode_TNLAddressWeightFactor(__mv_amf_dt_TNLAddressWeightFactor value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TNLAddressWeightFactor(__mv_amf_dt_TNLAddressWeightFactor* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TNLAddressWeightFactor(__mv_amf_dt_TNLAddressWeightFactor value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TNLAddressWeightFactor(__mv_amf_dt_TNLAddressWeightFactor* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AMF_TNLAssociationToRemoveList(__mv_amf_dt_AMF_TNLAssociationToRemoveList** rec);
 void __mv_amf_debug_AMF_TNLAssociationToRemoveList(const char* key, const __mv_amf_dt_AMF_TNLAssociationToRemoveList* rec, int level);
 void __mv_amf_memfree_AMF_TNLAssociationToRemoveList(__mv_amf_dt_AMF_TNLAssociationToRemoveList* rec);
-int __mv_amf_Encode_AMF_TNLAssociationToRemoveList(const __mv_amf_dt_AMF_TNLAssociationToRemoveList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AMF_TNLAssociationToRemoveList(__mv_amf_dt_AMF_TNLAssociationToRemoveList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AMF_TNLAssociationToRemoveList(const __mv_amf_dt_AMF_TNLAssociationToRemoveList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AMF_TNLAssociationToRemoveList(__mv_amf_dt_AMF_TNLAssociationToRemoveList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AMF_TNLAssociationToRemoveItem(__mv_amf_dt_AMF_TNLAssociationToRemoveItem** rec);
 void __mv_amf_debug_AMF_TNLAssociationToRemoveItem(const char* key, const __mv_amf_dt_AMF_TNLAssociationToRemoveItem* rec, int level);
 void __mv_amf_memfree_AMF_TNLAssociationToRemoveItem(__mv_amf_dt_AMF_TNLAssociationToRemoveItem* rec);
-int __mv_amf_Encode_AMF_TNLAssociationToRemoveItem(const __mv_amf_dt_AMF_TNLAssociationToRemoveItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AMF_TNLAssociationToRemoveItem(__mv_amf_dt_AMF_TNLAssociationToRemoveItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AMF_TNLAssociationToRemoveItem(const __mv_amf_dt_AMF_TNLAssociationToRemoveItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AMF_TNLAssociationToRemoveItem(__mv_amf_dt_AMF_TNLAssociationToRemoveItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AMF_TNLAssociationToUpdateList(__mv_amf_dt_AMF_TNLAssociationToUpdateList** rec);
 void __mv_amf_debug_AMF_TNLAssociationToUpdateList(const char* key, const __mv_amf_dt_AMF_TNLAssociationToUpdateList* rec, int level);
 void __mv_amf_memfree_AMF_TNLAssociationToUpdateList(__mv_amf_dt_AMF_TNLAssociationToUpdateList* rec);
-int __mv_amf_Encode_AMF_TNLAssociationToUpdateList(const __mv_amf_dt_AMF_TNLAssociationToUpdateList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AMF_TNLAssociationToUpdateList(__mv_amf_dt_AMF_TNLAssociationToUpdateList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AMF_TNLAssociationToUpdateList(const __mv_amf_dt_AMF_TNLAssociationToUpdateList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AMF_TNLAssociationToUpdateList(__mv_amf_dt_AMF_TNLAssociationToUpdateList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AMF_TNLAssociationToUpdateItem(__mv_amf_dt_AMF_TNLAssociationToUpdateItem** rec);
 void __mv_amf_debug_AMF_TNLAssociationToUpdateItem(const char* key, const __mv_amf_dt_AMF_TNLAssociationToUpdateItem* rec, int level);
 void __mv_amf_memfree_AMF_TNLAssociationToUpdateItem(__mv_amf_dt_AMF_TNLAssociationToUpdateItem* rec);
-int __mv_amf_Encode_AMF_TNLAssociationToUpdateItem(const __mv_amf_dt_AMF_TNLAssociationToUpdateItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AMF_TNLAssociationToUpdateItem(__mv_amf_dt_AMF_TNLAssociationToUpdateItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AMF_TNLAssociationToUpdateItem(const __mv_amf_dt_AMF_TNLAssociationToUpdateItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AMF_TNLAssociationToUpdateItem(__mv_amf_dt_AMF_TNLAssociationToUpdateItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_AMF_UE_NGAP_ID(const char* key, __mv_amf_dt_AMF_UE_NGAP_ID value, int level);
-int __mv_amf_Encode_AMF_UE_NGAP_ID(__mv_amf_dt_AMF_UE_NGAP_ID value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AMF_UE_NGAP_ID(__mv_amf_dt_AMF_UE_NGAP_ID* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AMF_UE_NGAP_ID(__mv_amf_dt_AMF_UE_NGAP_ID value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AMF_UE_NGAP_ID(__mv_amf_dt_AMF_UE_NGAP_ID* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AreaOfInterest(__mv_amf_dt_AreaOfInterest** rec);
 void __mv_amf_debug_AreaOfInterest(const char* key, const __mv_amf_dt_AreaOfInterest* rec, int level);
 void __mv_amf_memfree_AreaOfInterest(__mv_amf_dt_AreaOfInterest* rec);
-int __mv_amf_Encode_AreaOfInterest(const __mv_amf_dt_AreaOfInterest* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AreaOfInterest(__mv_amf_dt_AreaOfInterest** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AreaOfInterest(const __mv_amf_dt_AreaOfInterest* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AreaOfInterest(__mv_amf_dt_AreaOfInterest** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AreaOfInterestTAIList(__mv_amf_dt_AreaOfInterestTAIList** rec);
 void __mv_amf_debug_AreaOfInterestTAIList(const char* key, const __mv_amf_dt_AreaOfInterestTAIList* rec, int level);
 void __mv_amf_memfree_AreaOfInterestTAIList(__mv_amf_dt_AreaOfInterestTAIList* rec);
-int __mv_amf_Encode_AreaOfInterestTAIList(const __mv_amf_dt_AreaOfInterestTAIList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AreaOfInterestTAIList(__mv_amf_dt_AreaOfInterestTAIList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AreaOfInterestTAIList(const __mv_amf_dt_AreaOfInterestTAIList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AreaOfInterestTAIList(__mv_amf_dt_AreaOfInterestTAIList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AreaOfInterestTAIItem(__mv_amf_dt_AreaOfInterestTAIItem** rec);
 void __mv_amf_debug_AreaOfInterestTAIItem(const char* key, const __mv_amf_dt_AreaOfInterestTAIItem* rec, int level);
 void __mv_amf_memfree_AreaOfInterestTAIItem(__mv_amf_dt_AreaOfInterestTAIItem* rec);
-int __mv_amf_Encode_AreaOfInterestTAIItem(const __mv_amf_dt_AreaOfInterestTAIItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AreaOfInterestTAIItem(__mv_amf_dt_AreaOfInterestTAIItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AreaOfInterestTAIItem(const __mv_amf_dt_AreaOfInterestTAIItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AreaOfInterestTAIItem(__mv_amf_dt_AreaOfInterestTAIItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AreaOfInterestCellList(__mv_amf_dt_AreaOfInterestCellList** rec);
 void __mv_amf_debug_AreaOfInterestCellList(const char* key, const __mv_amf_dt_AreaOfInterestCellList* rec, int level);
 void __mv_amf_memfree_AreaOfInterestCellList(__mv_amf_dt_AreaOfInterestCellList* rec);
-int __mv_amf_Encode_AreaOfInterestCellList(const __mv_amf_dt_AreaOfInterestCellList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AreaOfInterestCellList(__mv_amf_dt_AreaOfInterestCellList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AreaOfInterestCellList(const __mv_amf_dt_AreaOfInterestCellList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AreaOfInterestCellList(__mv_amf_dt_AreaOfInterestCellList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AreaOfInterestCellItem(__mv_amf_dt_AreaOfInterestCellItem** rec);
 void __mv_amf_debug_AreaOfInterestCellItem(const char* key, const __mv_amf_dt_AreaOfInterestCellItem* rec, int level);
 void __mv_amf_memfree_AreaOfInterestCellItem(__mv_amf_dt_AreaOfInterestCellItem* rec);
-int __mv_amf_Encode_AreaOfInterestCellItem(const __mv_amf_dt_AreaOfInterestCellItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AreaOfInterestCellItem(__mv_amf_dt_AreaOfInterestCellItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AreaOfInterestCellItem(const __mv_amf_dt_AreaOfInterestCellItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AreaOfInterestCellItem(__mv_amf_dt_AreaOfInterestCellItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_NGRAN_CGI(__mv_amf_dt_NGRAN_CGI** rec);
 void __mv_amf_debug_NGRAN_CGI(const char* key, const __mv_amf_dt_NGRAN_CGI* rec, int level);
 void __mv_amf_memfree_NGRAN_CGI(__mv_amf_dt_NGRAN_CGI* rec);
-int __mv_amf_Encode_NGRAN_CGI(const __mv_amf_dt_NGRAN_CGI* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NGRAN_CGI(__mv_amf_dt_NGRAN_CGI** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NGRAN_CGI(const __mv_amf_dt_NGRAN_CGI* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NGRAN_CGI(__mv_amf_dt_NGRAN_CGI** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_NR_CGI(__mv_amf_dt_NR_CGI** rec);
 void __mv_amf_debug_NR_CGI(const char* key, const __mv_amf_dt_NR_CGI* rec, int level);
 void __mv_amf_memfree_NR_CGI(__mv_amf_dt_NR_CGI* rec);
-int __mv_amf_Encode_NR_CGI(const __mv_amf_dt_NR_CGI* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NR_CGI(__mv_amf_dt_NR_CGI** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NR_CGI(const __mv_amf_dt_NR_CGI* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NR_CGI(__mv_amf_dt_NR_CGI** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_NRCellIdentity(__mv_amf_dt_NRCellIdentity** rec);
 int __mv_amf_init_NRCellIdentity2(__mv_amf_dt_NRCellIdentity** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_NRCellIdentity(const char* key, const __mv_amf_dt_NRCellIdentity* rec, int level);
 void __mv_amf_memfree_NRCellIdentity(__mv_amf_dt_NRCellIdentity* rec);
-int __mv_amf_Encode_NRCellIdentity(const __mv_amf_dt_NRCellIdentity* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NRCellIdentity(__mv_amf_dt_NRCellIdentity** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NRCellIdentity(const __mv_amf_dt_NRCellIdentity* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NRCellIdentity(__mv_amf_dt_NRCellIdentity** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_EUTRA_CGI(__mv_amf_dt_EUTRA_CGI** rec);
 void __mv_amf_debug_EUTRA_CGI(const char* key, const __mv_amf_dt_EUTRA_CGI* rec, int level);
 void __mv_amf_memfree_EUTRA_CGI(__mv_amf_dt_EUTRA_CGI* rec);
-int __mv_amf_Encode_EUTRA_CGI(const __mv_amf_dt_EUTRA_CGI* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_EUTRA_CGI(__mv_amf_dt_EUTRA_CGI** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_EUTRA_CGI(const __mv_amf_dt_EUTRA_CGI* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_EUTRA_CGI(__mv_amf_dt_EUTRA_CGI** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_EUTRACellIdentity(__mv_amf_dt_EUTRACellIdentity** rec);
 int __mv_amf_init_EUTRACellIdentity2(__mv_amf_dt_EUTRACellIdentity** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_EUTRACellIdentity(const char* key, const __mv_amf_dt_EUTRACellIdentity* rec, int level);
 void __mv_amf_memfree_EUTRACellIdentity(__mv_amf_dt_EUTRACellIdentity* rec);
-int __mv_amf_Encode_EUTRACellIdentity(const __mv_amf_dt_EUTRACellIdentity* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_EUTRACellIdentity(__mv_amf_dt_EUTRACellIdentity** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_EUTRACellIdentity(const __mv_amf_dt_EUTRACellIdentity* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_EUTRACellIdentity(__mv_amf_dt_EUTRACellIdentity** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_NGRAN_CGI_ExtIEs(__mv_amf_dt_NGRAN_CGI_ExtIEs** rec);
 void __mv_amf_debug_NGRAN_CGI_ExtIEs(const char* key, const __mv_amf_dt_NGRAN_CGI_ExtIEs* rec, int level);
 void __mv_amf_memfree_NGRAN_CGI_ExtIEs(__mv_amf_dt_NGRAN_CGI_ExtIEs* rec);
-int __mv_amf_Encode_NGRAN_CGI_ExtIEs(const __mv_amf_dt_NGRAN_CGI_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NGRAN_CGI_ExtIEs(__mv_amf_dt_NGRAN_CGI_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NGRAN_CGI_ExtIEs(const __mv_amf_dt_NGRAN_CGI_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NGRAN_CGI_ExtIEs(__mv_amf_dt_NGRAN_CGI_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AreaOfInterestRANNodeList(__mv_amf_dt_AreaOfInterestRANNodeList** rec);
 void __mv_amf_debug_AreaOfInterestRANNodeList(const char* key, const __mv_amf_dt_AreaOfInterestRANNodeList* rec, int level);
 void __mv_amf_memfree_AreaOfInterestRANNodeList(__mv_amf_dt_AreaOfInterestRANNodeList* rec);
-int __mv_amf_Encode_AreaOfInterestRANNodeList(const __mv_amf_dt_AreaOfInterestRANNodeList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AreaOfInterestRANNodeList(__mv_amf_dt_AreaOfInterestRANNodeList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AreaOfInterestRANNodeList(const __mv_amf_dt_AreaOfInterestRANNodeList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AreaOfInterestRANNodeList(__mv_amf_dt_AreaOfInterestRANNodeList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AreaOfInterestRANNodeItem(__mv_amf_dt_AreaOfInterestRANNodeItem** rec);
 void __mv_amf_debug_AreaOfInterestRANNodeItem(const char* key, const __mv_amf_dt_AreaOfInterestRANNodeItem* rec, int level);
 void __mv_amf_memfree_AreaOfInterestRANNodeItem(__mv_amf_dt_AreaOfInterestRANNodeItem* rec);
-int __mv_amf_Encode_AreaOfInterestRANNodeItem(const __mv_amf_dt_AreaOfInterestRANNodeItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AreaOfInterestRANNodeItem(__mv_amf_dt_AreaOfInterestRANNodeItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AreaOfInterestRANNodeItem(const __mv_amf_dt_AreaOfInterestRANNodeItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AreaOfInterestRANNodeItem(__mv_amf_dt_AreaOfInterestRANNodeItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AreaOfInterestList(__mv_amf_dt_AreaOfInterestList** rec);
 void __mv_amf_debug_AreaOfInterestList(const char* key, const __mv_amf_dt_AreaOfInterestList* rec, int level);
 void __mv_amf_memfree_AreaOfInterestList(__mv_amf_dt_AreaOfInterestList* rec);
-int __mv_amf_Encode_AreaOfInterestList(const __mv_amf_dt_AreaOfInterestList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AreaOfInterestList(__mv_amf_dt_AreaOfInterestList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AreaOfInterestList(const __mv_amf_dt_AreaOfInterestList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AreaOfInterestList(__mv_amf_dt_AreaOfInterestList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AreaOfInterestItem(__mv_amf_dt_AreaOfInterestItem** rec);
 void __mv_amf_debug_AreaOfInterestItem(const char* key, const __mv_amf_dt_AreaOfInterestItem* rec, int level);
 void __mv_amf_memfree_AreaOfInterestItem(__mv_amf_dt_AreaOfInterestItem* rec);
-int __mv_amf_Encode_AreaOfInterestItem(const __mv_amf_dt_AreaOfInterestItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AreaOfInterestItem(__mv_amf_dt_AreaOfInterestItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AreaOfInterestItem(const __mv_amf_dt_AreaOfInterestItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AreaOfInterestItem(__mv_amf_dt_AreaOfInterestItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_LocationReportingReferenceID(const char* key, __mv_amf_dt_LocationReportingReferenceID value, int level);
-int __mv_amf_Encode_LocationReportingReferenceID(__mv_amf_dt_LocationReportingReferenceID value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_LocationReportingReferenceID(__mv_amf_dt_LocationReportingReferenceID* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_LocationReportingReferenceID(__mv_amf_dt_LocationReportingReferenceID value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_LocationReportingReferenceID(__mv_amf_dt_LocationReportingReferenceID* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AssistanceDataForPaging(__mv_amf_dt_AssistanceDataForPaging** rec);
 void __mv_amf_debug_AssistanceDataForPaging(const char* key, const __mv_amf_dt_AssistanceDataForPaging* rec, int level);
 void __mv_amf_memfree_AssistanceDataForPaging(__mv_amf_dt_AssistanceDataForPaging* rec);
-int __mv_amf_Encode_AssistanceDataForPaging(const __mv_amf_dt_AssistanceDataForPaging* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AssistanceDataForPaging(__mv_amf_dt_AssistanceDataForPaging** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AssistanceDataForPaging(const __mv_amf_dt_AssistanceDataForPaging* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AssistanceDataForPaging(__mv_amf_dt_AssistanceDataForPaging** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AssistanceDataForRecommendedCells(__mv_amf_dt_AssistanceDataForRecommendedCells** rec);
 void __mv_amf_debug_AssistanceDataForRecommendedCells(const char* key, const __mv_amf_dt_AssistanceDataForRecommendedCells* rec, int level);
 void __mv_amf_memfree_AssistanceDataForRecommendedCells(__mv_amf_dt_AssistanceDataForRecommendedCells* rec);
-int __mv_amf_Encode_AssistanceDataForRecommendedCells(const __mv_amf_dt_AssistanceDataForRecommendedCells* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AssistanceDataForRecommendedCells(__mv_amf_dt_AssistanceDataForRecommendedCells** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AssistanceDataForRecommendedCells(const __mv_amf_dt_AssistanceDataForRecommendedCells* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AssistanceDataForRecommendedCells(__mv_amf_dt_AssistanceDataForRecommendedCells** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_RecommendedCellsForPaging(__mv_amf_dt_RecommendedCellsForPaging** rec);
 void __mv_amf_debug_RecommendedCellsForPaging(const char* key, const __mv_amf_dt_RecommendedCellsForPaging* rec, int level);
 void __mv_amf_memfree_RecommendedCellsForPaging(__mv_amf_dt_RecommendedCellsForPaging* rec);
-int __mv_amf_Encode_RecommendedCellsForPaging(const __mv_amf_dt_RecommendedCellsForPaging* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_RecommendedCellsForPaging(__mv_amf_dt_RecommendedCellsForPaging** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_RecommendedCellsForPaging(const __mv_amf_dt_RecommendedCellsForPaging* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_RecommendedCellsForPaging(__mv_amf_dt_RecommendedCellsForPaging** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_RecommendedCellList(__mv_amf_dt_RecommendedCellList** rec);
 void __mv_amf_debug_RecommendedCellList(const char* key, const __mv_amf_dt_RecommendedCellList* rec, int level);
 void __mv_amf_memfree_RecommendedCellList(__mv_amf_dt_RecommendedCellList* rec);
-int __mv_amf_Encode_RecommendedCellList(const __mv_amf_dt_RecommendedCellList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_RecommendedCellList(__mv_amf_dt_RecommendedCellList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_RecommendedCellList(const __mv_amf_dt_RecommendedCellList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_RecommendedCellList(__mv_amf_dt_RecommendedCellList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_RecommendedCellItem(__mv_amf_dt_RecommendedCellItem** rec);
 void __mv_amf_debug_RecommendedCellItem(const char* key, const __mv_amf_dt_RecommendedCellItem* rec, int level);
 void __mv_amf_memfree_RecommendedCellItem(__mv_amf_dt_RecommendedCellItem* rec);
-int __mv_amf_Encode_RecommendedCellItem(const __mv_amf_dt_RecommendedCellItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_RecommendedCellItem(__mv_amf_dt_RecommendedCellItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_RecommendedCellItem(const __mv_amf_dt_RecommendedCellItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_RecommendedCellItem(__mv_amf_dt_RecommendedCellItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_RecommendedCellItem_timeStayedInCell(const char* key, __mv_amf_dt_RecommendedCellItem_timeStayedInCell value, int level);
-int __mv_amf_Encode_RecommendedCellItem_timeStayedInCell(__mv_amf_dt_RecommendedCellItem_timeStayedInCell value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_RecommendedCellItem_timeStayedInCell(__mv_amf_dt_RecommendedCellItem_timeStayedInCell* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_RecommendedCellItem_timeStayedInCell(__mv_amf_dt_RecommendedCellItem_timeStayedInCell value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_RecommendedCellItem_timeStayedInCell(__mv_amf_dt_RecommendedCellItem_timeStayedInCell* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PagingAttemptInformation(__mv_amf_dt_PagingAttemptInformation** rec);
 void __mv_amf_debug_PagingAttemptInformation(const char* key, const __mv_amf_dt_PagingAttemptInformation* rec, int level);
 void __mv_amf_memfree_PagingAttemptInformation(__mv_amf_dt_PagingAttemptInformation* rec);
-int __mv_amf_Encode_PagingAttemptInformation(const __mv_amf_dt_PagingAttemptInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PagingAttemptInformation(__mv_amf_dt_PagingAttemptInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PagingAttemptInformation(const __mv_amf_dt_PagingAttemptInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PagingAttemptInformation(__mv_amf_dt_PagingAttemptInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_PagingAttemptCount(const char* key, __mv_amf_dt_PagingAttemptCount value, int level);
-int __mv_amf_Encode_PagingAttemptCount(__mv_amf_dt_PagingAttemptCount value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PagingAttemptCount(__mv_amf_dt_PagingAttemptCount* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PagingAttemptCount(__mv_amf_dt_PagingAttemptCount value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PagingAttemptCount(__mv_amf_dt_PagingAttemptCount* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_IntendedNumberOfPagingAttempts(const char* key, __mv_amf_dt_IntendedNumberOfPagingAttempts value, int level);
-int __mv_amf_Encode_IntendedNumberOfPagingAttempts(__mv_amf_dt_IntendedNumberOfPagingAttempts value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_IntendedNumberOfPagingAttempts(__mv_amf_dt_IntendedNumberOfPagingAttempts* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_IntendedNumberOfPagingAttempts(__mv_amf_dt_IntendedNumberOfPagingAttempts value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_IntendedNumberOfPagingAttempts(__mv_amf_dt_IntendedNumberOfPagingAttempts* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_NextPagingAreaScope(const char* key, __mv_amf_dt_NextPagingAreaScope value, int level);
-int __mv_amf_Encode_NextPagingAreaScope(__mv_amf_dt_NextPagingAreaScope value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NextPagingAreaScope(__mv_amf_dt_NextPagingAreaScope* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NextPagingAreaScope(__mv_amf_dt_NextPagingAreaScope value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NextPagingAreaScope(__mv_amf_dt_NextPagingAreaScope* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AssociatedQosFlowList(__mv_amf_dt_AssociatedQosFlowList** rec);
 void __mv_amf_debug_AssociatedQosFlowList(const char* key, const __mv_amf_dt_AssociatedQosFlowList* rec, int level);
 void __mv_amf_memfree_AssociatedQosFlowList(__mv_amf_dt_AssociatedQosFlowList* rec);
-int __mv_amf_Encode_AssociatedQosFlowList(const __mv_amf_dt_AssociatedQosFlowList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AssociatedQosFlowList(__mv_amf_dt_AssociatedQosFlowList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AssociatedQosFlowList(const __mv_amf_dt_AssociatedQosFlowList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AssociatedQosFlowList(__mv_amf_dt_AssociatedQosFlowList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AssociatedQosFlowItem(__mv_amf_dt_AssociatedQosFlowItem** rec);
 void __mv_amf_debug_AssociatedQosFlowItem(const char* key, const __mv_amf_dt_AssociatedQosFlowItem* rec, int level);
 void __mv_amf_memfree_AssociatedQosFlowItem(__mv_amf_dt_AssociatedQosFlowItem* rec);
-int __mv_amf_Encode_AssociatedQosFlowItem(const __mv_amf_dt_AssociatedQosFlowItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AssociatedQosFlowItem(__mv_amf_dt_AssociatedQosFlowItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AssociatedQosFlowItem(const __mv_amf_dt_AssociatedQosFlowItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AssociatedQosFlowItem(__mv_amf_dt_AssociatedQosFlowItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_AssociatedQosFlowItem_qosFlowMappingIndication(const char* key, __mv_amf_dt_AssociatedQosFlowItem_qosFlowMappingIndication value, int level);
-int __mv_amf_Encode_AssociatedQosFlowItem_qosFlowMappingIndication(__mv_amf_dt_AssociatedQosFlowItem_qosFlowMappingIndication value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AssociatedQosFlowItem_qosFlowMappingIndication(__mv_amf_dt_AssociatedQosFlowItem_qosFlowMappingIndication* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AssociatedQosFlowItem_qosFlowMappingIndication(__mv_amf_dt_AssociatedQosFlowItem_qosFlowMappingIndication value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AssociatedQosFlowItem_qosFlowMappingIndication(__mv_amf_dt_AssociatedQosFlowItem_qosFlowMappingIndication* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_AveragingWindow(const char* key, __mv_amf_dt_AveragingWindow value, int level);
-int __mv_amf_Encode_AveragingWindow(__mv_amf_dt_AveragingWindow value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AveragingWindow(__mv_amf_dt_AveragingWindow* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AveragingWindow(__mv_amf_dt_AveragingWindow value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AveragingWindow(__mv_amf_dt_AveragingWindow* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_BitRate(const char* key, __mv_amf_dt_BitRate value, int level);
-int __mv_amf_Encode_BitRate(__mv_amf_dt_BitRate value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_BitRate(__mv_amf_dt_BitRate* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_BitRate(__mv_amf_dt_BitRate value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_BitRate(__mv_amf_dt_BitRate* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_BroadcastCancelledAreaList(__mv_amf_dt_BroadcastCancelledAreaList** rec);
 void __mv_amf_debug_BroadcastCancelledAreaList(const char* key, const __mv_amf_dt_BroadcastCancelledAreaList* rec, int level);
 void __mv_amf_memfree_BroadcastCancelledAreaList(__mv_amf_dt_BroadcastCancelledAreaList* rec);
-int __mv_amf_Encode_BroadcastCancelledAreaList(const __mv_amf_dt_BroadcastCancelledAreaList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_BroadcastCancelledAreaList(__mv_amf_dt_BroadcastCancelledAreaList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_BroadcastCancelledAreaList(const __mv_amf_dt_BroadcastCancelledAreaList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_BroadcastCancelledAreaList(__mv_amf_dt_BroadcastCancelledAreaList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CellIDCancelledEUTRA(__mv_amf_dt_CellIDCancelledEUTRA** rec);
 void __mv_amf_debug_CellIDCancelledEUTRA(const char* key, const __mv_amf_dt_CellIDCancelledEUTRA* rec, int level);
 void __mv_amf_memfree_CellIDCancelledEUTRA(__mv_amf_dt_CellIDCancelledEUTRA* rec);
-int __mv_amf_Encode_CellIDCancelledEUTRA(const __mv_amf_dt_CellIDCancelledEUTRA* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CellIDCancelledEUTRA(__mv_amf_dt_CellIDCancelledEUTRA** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CellIDCancelledEUTRA(const __mv_amf_dt_CellIDCancelledEUTRA* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CellIDCancelledEUTRA(__mv_amf_dt_CellIDCancelledEUTRA** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CellIDCancelledEUTRA_Item(__mv_amf_dt_CellIDCancelledEUTRA_Item** rec);
 void __mv_amf_debug_CellIDCancelledEUTRA_Item(const char* key, const __mv_amf_dt_CellIDCancelledEUTRA_Item* rec, int level);
 void __mv_amf_memfree_CellIDCancelledEUTRA_Item(__mv_amf_dt_CellIDCancelledEUTRA_Item* rec);
-int __mv_amf_Encode_CellIDCancelledEUTRA_Item(const __mv_amf_dt_CellIDCancelledEUTRA_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CellIDCancelledEUTRA_Item(__mv_amf_dt_CellIDCancelledEUTRA_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CellIDCancelledEUTRA_Item(const __mv_amf_dt_CellIDCancelledEUTRA_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CellIDCancelledEUTRA_Item(__mv_amf_dt_CellIDCancelledEUTRA_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_NumberOfBroadcasts(const char* key, __mv_amf_dt_NumberOfBroadcasts value, int level);
-int __mv_amf_Encode_NumberOfBroadcasts(__mv_amf_dt_NumberOfBroadcasts value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NumberOfBroadcasts(__mv_amf_dt_NumberOfBroadcasts* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NumberOfBroadcasts(__mv_amf_dt_NumberOfBroadcasts value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NumberOfBroadcasts(__mv_amf_dt_NumberOfBroadcasts* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_TAICancelledEUTRA(__mv_amf_dt_TAICancelledEUTRA** rec);
 void __mv_amf_debug_TAICancelledEUTRA(const char* key, const __mv_amf_dt_TAICancelledEUTRA* rec, int level);
 void __mv_amf_memfree_TAICancelledEUTRA(__mv_amf_dt_TAICancelledEUTRA* rec);
-int __mv_amf_Encode_TAICancelledEUTRA(const __mv_amf_dt_TAICancelledEUTRA* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TAICancelledEUTRA(__mv_amf_dt_TAICancelledEUTRA** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TAICancelledEUTRA(const __mv_amf_dt_TAICancelledEUTRA* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TAICancelledEUTRA(__mv_amf_dt_TAICancelledEUTRA** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_TAICancelledEUTRA_Item(__mv_amf_dt_TAICancelledEUTRA_Item** rec);
 void __mv_amf_debug_TAICancelledEUTRA_Item(const char* key, const __mv_amf_dt_TAICancelledEUTRA_Item* rec, int level);
 void __mv_amf_memfree_TAICancelledEUTRA_Item(__mv_amf_dt_TAICancelledEUTRA_Item* rec);
-int __mv_amf_Encode_TAICancelledEUTRA_Item(const __mv_amf_dt_TAICancelledEUTRA_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TAICancelledEUTRA_Item(__mv_amf_dt_TAICancelledEUTRA_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TAICancelledEUTRA_Item(const __mv_amf_dt_TAICancelledEUTRA_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TAICancelledEUTRA_Item(__mv_amf_dt_TAICancelledEUTRA_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CancelledCellsInTAI_EUTRA(__mv_amf_dt_CancelledCellsInTAI_EUTRA** rec);
 void __mv_amf_debug_CancelledCellsInTAI_EUTRA(const char* key, const __mv_amf_dt_CancelledCellsInTAI_EUTRA* rec, int level);
 void __mv_amf_memfree_CancelledCellsInTAI_EUTRA(__mv_amf_dt_CancelledCellsInTAI_EUTRA* rec);
-int __mv_amf_Encode_CancelledCellsInTAI_EUTRA(const __mv_amf_dt_CancelledCellsInTAI_EUTRA* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CancelledCellsInTAI_EUTRA(__mv_amf_dt_CancelledCellsInTAI_EUTRA** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CancelledCellsInTAI_EUTRA(const __mv_amf_dt_CancelledCellsInTAI_EUTRA* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CancelledCellsInTAI_EUTRA(__mv_amf_dt_CancelledCellsInTAI_EUTRA** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CancelledCellsInTAI_EUTRA_Item(__mv_amf_dt_CancelledCellsInTAI_EUTRA_Item** rec);
 void __mv_amf_debug_CancelledCellsInTAI_EUTRA_Item(const char* key, const __mv_amf_dt_CancelledCellsInTAI_EUTRA_Item* rec, int level);
 void __mv_amf_memfree_CancelledCellsInTAI_EUTRA_Item(__mv_amf_dt_CancelledCellsInTAI_EUTRA_Item* rec);
-int __mv_amf_Encode_CancelledCellsInTAI_EUTRA_Item(const __mv_amf_dt_CancelledCellsInTAI_EUTRA_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CancelledCellsInTAI_EUTRA_Item(__mv_amf_dt_CancelledCellsInTAI_EUTRA_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CancelledCellsInTAI_EUTRA_Item(const __mv_amf_dt_CancelledCellsInTAI_EUTRA_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CancelledCellsInTAI_EUTRA_Item(__mv_amf_dt_CancelledCellsInTAI_EUTRA_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_EmergencyAreaIDCancelledEUTRA(__mv_amf_dt_EmergencyAreaIDCancelledEUTRA** rec);
 void __mv_amf_debug_EmergencyAreaIDCancelledEUTRA(const char* key, const __mv_amf_dt_EmergencyAreaIDCancelledEUTRA* rec, int level);
 void __mv_amf_memfree_EmergencyAreaIDCancelledEUTRA(__mv_amf_dt_EmergencyAreaIDCancelledEUTRA* rec);
-int __mv_amf_Encode_EmergencyAreaIDCancelledEUTRA(const __mv_amf_dt_EmergencyAreaIDCancelledEUTRA* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_EmergencyAreaIDCancelledEUTRA(__mv_amf_dt_EmergencyAreaIDCancelledEUTRA** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_EmergencyAreaIDCancelledEUTRA(const __mv_amf_dt_EmergencyAreaIDCancelledEUTRA* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_EmergencyAreaIDCancelledEUTRA(__mv_amf_dt_EmergencyAreaIDCancelledEUTRA** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_EmergencyAreaIDCancelledEUTRA_Item(__mv_amf_dt_EmergencyAreaIDCancelledEUTRA_Item** rec);
 void __mv_amf_debug_EmergencyAreaIDCancelledEUTRA_Item(const char* key, const __mv_amf_dt_EmergencyAreaIDCancelledEUTRA_Item* rec, int level);
 void __mv_amf_memfree_EmergencyAreaIDCancelledEUTRA_Item(__mv_amf_dt_EmergencyAreaIDCancelledEUTRA_Item* rec);
-int __mv_amf_Encode_EmergencyAreaIDCancelledEUTRA_Item(const __mv_amf_dt_EmergencyAreaIDCancelledEUTRA_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_EmergencyAreaIDCancelledEUTRA_Item(__mv_amf_dt_EmergencyAreaIDCancelledEUTRA_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_EmergencyAreaIDCancelledEUTRA_Item(const __mv_amf_dt_EmergencyAreaIDCancelledEUTRA_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_EmergencyAreaIDCancelledEUTRA_Item(__mv_amf_dt_EmergencyAreaIDCancelledEUTRA_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_EmergencyAreaID(__mv_amf_dt_EmergencyAreaID** rec);
 int __mv_amf_init_EmergencyAreaID2(__mv_amf_dt_EmergencyAreaID** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_EmergencyAreaID(const char* key, const __mv_amf_dt_EmergencyAreaID* rec, int level);
 void __mv_amf_memfree_EmergencyAreaID(__mv_amf_dt_EmergencyAreaID* rec);
-int __mv_amf_Encode_EmergencyAreaID(const __mv_amf_dt_EmergencyAreaID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_EmergencyAreaID(__mv_amf_dt_EmergencyAreaID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_EmergencyAreaID(const __mv_amf_dt_EmergencyAreaID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_EmergencyAreaID(__mv_amf_dt_EmergencyAreaID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CancelledCellsInEAI_EUTRA(__mv_amf_dt_CancelledCellsInEAI_EUTRA** rec);
 void __mv_amf_debug_CancelledCellsInEAI_EUTRA(const char* key, const __mv_amf_dt_CancelledCellsInEAI_EUTRA* rec, int level);
 void __mv_amf_memfree_CancelledCellsInEAI_EUTRA(__mv_amf_dt_CancelledCellsInEAI_EUTRA* rec);
-int __mv_amf_Encode_CancelledCellsInEAI_EUTRA(const __mv_amf_dt_CancelledCellsInEAI_EUTRA* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CancelledCellsInEAI_EUTRA(__mv_amf_dt_CancelledCellsInEAI_EUTRA** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CancelledCellsInEAI_EUTRA(const __mv_amf_dt_CancelledCellsInEAI_EUTRA* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CancelledCellsInEAI_EUTRA(__mv_amf_dt_CancelledCellsInEAI_EUTRA** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CancelledCellsInEAI_EUTRA_Item(__mv_amf_dt_CancelledCellsInEAI_EUTRA_Item** rec);
 void __mv_amf_debug_CancelledCellsInEAI_EUTRA_Item(const char* key, const __mv_amf_dt_CancelledCellsInEAI_EUTRA_Item* rec, int level);
 void __mv_amf_memfree_CancelledCellsInEAI_EUTRA_Item(__mv_amf_dt_CancelledCellsInEAI_EUTRA_Item* rec);
-int __mv_amf_Encode_CancelledCellsInEAI_EUTRA_Item(const __mv_amf_dt_CancelledCellsInEAI_EUTRA_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CancelledCellsInEAI_EUTRA_Item(__mv_amf_dt_CancelledCellsInEAI_EUTRA_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CancelledCellsInEAI_EUTRA_Item(const __mv_amf_dt_CancelledCellsInEAI_EUTRA_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CancelledCellsInEAI_EUTRA_Item(__mv_amf_dt_CancelledCellsInEAI_EUTRA_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CellIDCancelledNR(__mv_amf_dt_CellIDCancelledNR** rec);
 void __mv_amf_debug_CellIDCancelledNR(const char* key, const __mv_amf_dt_CellIDCancelledNR* rec, int level);
 void __mv_amf_memfree_CellIDCancelledNR(__mv_amf_dt_CellIDCancelledNR* rec);
-int __mv_amf_Encode_CellIDCancelledNR(const __mv_amf_dt_CellIDCancelledNR* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CellIDCancelledNR(__mv_amf_dt_CellIDCancelledNR** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CellIDCancelledNR(const __mv_amf_dt_CellIDCancelledNR* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CellIDCancelledNR(__mv_amf_dt_CellIDCancelledNR** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CellIDCancelledNR_Item(__mv_amf_dt_CellIDCancelledNR_Item** rec);
 void __mv_amf_debug_CellIDCancelledNR_Item(const char* key, const __mv_amf_dt_CellIDCancelledNR_Item* rec, int level);
 void __mv_amf_memfree_CellIDCancelledNR_Item(__mv_amf_dt_CellIDCancelledNR_Item* rec);
-int __mv_amf_Encode_CellIDCancelledNR_Item(const __mv_amf_dt_CellIDCancelledNR_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CellIDCancelledNR_Item(__mv_amf_dt_CellIDCancelledNR_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CellIDCancelledNR_Item(const __mv_amf_dt_CellIDCancelledNR_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CellIDCancelledNR_Item(__mv_amf_dt_CellIDCancelledNR_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_TAICancelledNR(__mv_amf_dt_TAICancelledNR** rec);
 void __mv_amf_debug_TAICancelledNR(const char* key, const __mv_amf_dt_TAICancelledNR* rec, int level);
 void __mv_amf_memfree_TAICancelledNR(__mv_amf_dt_TAICancelledNR* rec);
-int __mv_amf_Encode_TAICancelledNR(const __mv_amf_dt_TAICancelledNR* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TAICancelledNR(__mv_amf_dt_TAICancelledNR** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TAICancelledNR(const __mv_amf_dt_TAICancelledNR* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TAICancelledNR(__mv_amf_dt_TAICancelledNR** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_TAICancelledNR_Item(__mv_amf_dt_TAICancelledNR_Item** rec);
 void __mv_amf_debug_TAICancelledNR_Item(const char* key, const __mv_amf_dt_TAICancelledNR_Item* rec, int level);
 void __mv_amf_memfree_TAICancelledNR_Item(__mv_amf_dt_TAICancelledNR_Item* rec);
-int __mv_amf_Encode_TAICancelledNR_Item(const __mv_amf_dt_TAICancelledNR_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TAICancelledNR_Item(__mv_amf_dt_TAICancelledNR_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TAICancelledNR_Item(const __mv_amf_dt_TAICancelledNR_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TAICancelledNR_Item(__mv_amf_dt_TAICancelledNR_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CancelledCellsInTAI_NR(__mv_amf_dt_CancelledCellsInTAI_NR** rec);
 void __mv_amf_debug_CancelledCellsInTAI_NR(const char* key, const __mv_amf_dt_CancelledCellsInTAI_NR* rec, int level);
 void __mv_amf_memfree_CancelledCellsInTAI_NR(__mv_amf_dt_CancelledCellsInTAI_NR* rec);
-int __mv_amf_Encode_CancelledCellsInTAI_NR(const __mv_amf_dt_CancelledCellsInTAI_NR* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CancelledCellsInTAI_NR(__mv_amf_dt_CancelledCellsInTAI_NR** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CancelledCellsInTAI_NR(const __mv_amf_dt_CancelledCellsInTAI_NR* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CancelledCellsInTAI_NR(__mv_amf_dt_CancelledCellsInTAI_NR** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CancelledCellsInTAI_NR_Item(__mv_amf_dt_CancelledCellsInTAI_NR_Item** rec);
 void __mv_amf_debug_CancelledCellsInTAI_NR_Item(const char* key, const __mv_amf_dt_CancelledCellsInTAI_NR_Item* rec, int level);
 void __mv_amf_memfree_CancelledCellsInTAI_NR_Item(__mv_amf_dt_CancelledCellsInTAI_NR_Item* rec);
-int __mv_amf_Encode_CancelledCellsInTAI_NR_Item(const __mv_amf_dt_CancelledCellsInTAI_NR_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CancelledCellsInTAI_NR_Item(__mv_amf_dt_CancelledCellsInTAI_NR_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CancelledCellsInTAI_NR_Item(const __mv_amf_dt_CancelledCellsInTAI_NR_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CancelledCellsInTAI_NR_Item(__mv_amf_dt_CancelledCellsInTAI_NR_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_EmergencyAreaIDCancelledNR(__mv_amf_dt_EmergencyAreaIDCancelledNR** rec);
 void __mv_amf_debug_EmergencyAreaIDCancelledNR(const char* key, const __mv_amf_dt_EmergencyAreaIDCancelledNR* rec, int level);
 void __mv_amf_memfree_EmergencyAreaIDCancelledNR(__mv_amf_dt_EmergencyAreaIDCancelledNR* rec);
-int __mv_amf_Encode_EmergencyAreaIDCancelledNR(const __mv_amf_dt_EmergencyAreaIDCancelledNR* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_EmergencyAreaIDCancelledNR(__mv_amf_dt_EmergencyAreaIDCancelledNR** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_EmergencyAreaIDCancelledNR(const __mv_amf_dt_EmergencyAreaIDCancelledNR* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_EmergencyAreaIDCancelledNR(__mv_amf_dt_EmergencyAreaIDCancelledNR** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_EmergencyAreaIDCancelledNR_Item(__mv_amf_dt_EmergencyAreaIDCancelledNR_Item** rec);
 void __mv_amf_debug_EmergencyAreaIDCancelledNR_Item(const char* key, const __mv_amf_dt_EmergencyAreaIDCancelledNR_Item* rec, int level);
 void __mv_amf_memfree_EmergencyAreaIDCancelledNR_Item(__mv_amf_dt_EmergencyAreaIDCancelledNR_Item* rec);
-int __mv_amf_Encode_EmergencyAreaIDCancelledNR_Item(const __mv_amf_dt_EmergencyAreaIDCancelledNR_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_EmergencyAreaIDCancelledNR_Item(__mv_amf_dt_EmergencyAreaIDCancelledNR_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_EmergencyAreaIDCancelledNR_Item(const __mv_amf_dt_EmergencyAreaIDCancelledNR_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_EmergencyAreaIDCancelledNR_Item(__mv_amf_dt_EmergencyAreaIDCancelledNR_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CancelledCellsInEAI_NR(__mv_amf_dt_CancelledCellsInEAI_NR** rec);
 void __mv_amf_debug_CancelledCellsInEAI_NR(const char* key, const __mv_amf_dt_CancelledCellsInEAI_NR* rec, int level);
 void __mv_amf_memfree_CancelledCellsInEAI_NR(__mv_amf_dt_CancelledCellsInEAI_NR* rec);
-int __mv_amf_Encode_CancelledCellsInEAI_NR(const __mv_amf_dt_CancelledCellsInEAI_NR* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CancelledCellsInEAI_NR(__mv_amf_dt_CancelledCellsInEAI_NR** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CancelledCellsInEAI_NR(const __mv_amf_dt_CancelledCellsInEAI_NR* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CancelledCellsInEAI_NR(__mv_amf_dt_CancelledCellsInEAI_NR** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CancelledCellsInEAI_NR_Item(__mv_amf_dt_CancelledCellsInEAI_NR_Item** rec);
 void __mv_amf_debug_CancelledCellsInEAI_NR_Item(const char* key, const __mv_amf_dt_CancelledCellsInEAI_NR_Item* rec, int level);
 void __mv_amf_memfree_CancelledCellsInEAI_NR_Item(__mv_amf_dt_CancelledCellsInEAI_NR_Item* rec);
-int __mv_amf_Encode_CancelledCellsInEAI_NR_Item(const __mv_amf_dt_CancelledCellsInEAI_NR_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CancelledCellsInEAI_NR_Item(__mv_amf_dt_CancelledCellsInEAI_NR_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CancelledCellsInEAI_NR_Item(const __mv_amf_dt_CancelledCellsInEAI_NR_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CancelledCellsInEAI_NR_Item(__mv_amf_dt_CancelledCellsInEAI_NR_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_BroadcastCancelledAreaList_ExtIEs(__mv_amf_dt_BroadcastCancelledAreaList_ExtIEs** rec);
 void __mv_amf_debug_BroadcastCancelledAreaList_ExtIEs(const char* key, const __mv_amf_dt_BroadcastCancelledAreaList_ExtIEs* rec, int level);
 void __mv_amf_memfree_BroadcastCancelledAreaList_ExtIEs(__mv_amf_dt_BroadcastCancelledAreaList_ExtIEs* rec);
-int __mv_amf_Encode_BroadcastCancelledAreaList_ExtIEs(const __mv_amf_dt_BroadcastCancelledAreaList_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_BroadcastCancelledAreaList_ExtIEs(__mv_amf_dt_BroadcastCancelledAreaList_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_BroadcastCancelledAreaList_ExtIEs(const __mv_amf_dt_BroadcastCancelledAreaList_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_BroadcastCancelledAreaList_ExtIEs(__mv_amf_dt_BroadcastCancelledAreaList_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_BroadcastCompletedAreaList(__mv_amf_dt_BroadcastCompletedAreaList** rec);
 void __mv_amf_debug_BroadcastCompletedAreaList(const char* key, const __mv_amf_dt_BroadcastCompletedAreaList* rec, int level);
 void __mv_amf_memfree_BroadcastCompletedAreaList(__mv_amf_dt_BroadcastCompletedAreaList* rec);
-int __mv_amf_Encode_BroadcastCompletedAreaList(const __mv_amf_dt_BroadcastCompletedAreaList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_BroadcastCompletedAreaList(__mv_amf_dt_BroadcastCompletedAreaList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_BroadcastCompletedAreaList(const __mv_amf_dt_BroadcastCompletedAreaList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_BroadcastCompletedAreaList(__mv_amf_dt_BroadcastCompletedAreaList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CellIDBroadcastEUTRA(__mv_amf_dt_CellIDBroadcastEUTRA** rec);
 void __mv_amf_debug_CellIDBroadcastEUTRA(const char* key, const __mv_amf_dt_CellIDBroadcastEUTRA* rec, int level);
 void __mv_amf_memfree_CellIDBroadcastEUTRA(__mv_amf_dt_CellIDBroadcastEUTRA* rec);
-int __mv_amf_Encode_CellIDBroadcastEUTRA(const __mv_amf_dt_CellIDBroadcastEUTRA* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CellIDBroadcastEUTRA(__mv_amf_dt_CellIDBroadcastEUTRA** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CellIDBroadcastEUTRA(const __mv_amf_dt_CellIDBroadcastEUTRA* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CellIDBroadcastEUTRA(__mv_amf_dt_CellIDBroadcastEUTRA** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CellIDBroadcastEUTRA_Item(__mv_amf_dt_CellIDBroadcastEUTRA_Item** rec);
 void __mv_amf_debug_CellIDBroadcastEUTRA_Item(const char* key, const __mv_amf_dt_CellIDBroadcastEUTRA_Item* rec, int level);
 void __mv_amf_memfree_CellIDBroadcastEUTRA_Item(__mv_amf_dt_CellIDBroadcastEUTRA_Item* rec);
-int __mv_amf_Encode_CellIDBroadcastEUTRA_Item(const __mv_amf_dt_CellIDBroadcastEUTRA_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CellIDBroadcastEUTRA_Item(__mv_amf_dt_CellIDBroadcastEUTRA_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CellIDBroadcastEUTRA_Item(const __mv_amf_dt_CellIDBroadcastEUTRA_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CellIDBroadcastEUTRA_Item(__mv_amf_dt_CellIDBroadcastEUTRA_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_TAIBroadcastEUTRA(__mv_amf_dt_TAIBroadcastEUTRA** rec);
 void __mv_amf_debug_TAIBroadcastEUTRA(const char* key, const __mv_amf_dt_TAIBroadcastEUTRA* rec, int level);
 void __mv_amf_memfree_TAIBroadcastEUTRA(__mv_amf_dt_TAIBroadcastEUTRA* rec);
-int __mv_amf_Encode_TAIBroadcastEUTRA(const __mv_amf_dt_TAIBroadcastEUTRA* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TAIBroadcastEUTRA(__mv_amf_dt_TAIBroadcastEUTRA** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TAIBroadcastEUTRA(const __mv_amf_dt_TAIBroadcastEUTRA* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TAIBroadcastEUTRA(__mv_amf_dt_TAIBroadcastEUTRA** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_TAIBroadcastEUTRA_Item(__mv_amf_dt_TAIBroadcastEUTRA_Item** rec);
 void __mv_amf_debug_TAIBroadcastEUTRA_Item(const char* key, const __mv_amf_dt_TAIBroadcastEUTRA_Item* rec, int level);
 void __mv_amf_memfree_TAIBroadcastEUTRA_Item(__mv_amf_dt_TAIBroadcastEUTRA_Item* rec);
-int __mv_amf_Encode_TAIBroadcastEUTRA_Item(const __mv_amf_dt_TAIBroadcastEUTRA_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TAIBroadcastEUTRA_Item(__mv_amf_dt_TAIBroadcastEUTRA_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TAIBroadcastEUTRA_Item(const __mv_amf_dt_TAIBroadcastEUTRA_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TAIBroadcastEUTRA_Item(__mv_amf_dt_TAIBroadcastEUTRA_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CompletedCellsInTAI_EUTRA(__mv_amf_dt_CompletedCellsInTAI_EUTRA** rec);
 void __mv_amf_debug_CompletedCellsInTAI_EUTRA(const char* key, const __mv_amf_dt_CompletedCellsInTAI_EUTRA* rec, int level);
 void __mv_amf_memfree_CompletedCellsInTAI_EUTRA(__mv_amf_dt_CompletedCellsInTAI_EUTRA* rec);
-int __mv_amf_Encode_CompletedCellsInTAI_EUTRA(const __mv_amf_dt_CompletedCellsInTAI_EUTRA* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CompletedCellsInTAI_EUTRA(__mv_amf_dt_CompletedCellsInTAI_EUTRA** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CompletedCellsInTAI_EUTRA(const __mv_amf_dt_CompletedCellsInTAI_EUTRA* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CompletedCellsInTAI_EUTRA(__mv_amf_dt_CompletedCellsInTAI_EUTRA** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CompletedCellsInTAI_EUTRA_Item(__mv_amf_dt_CompletedCellsInTAI_EUTRA_Item** rec);
 void __mv_amf_debug_CompletedCellsInTAI_EUTRA_Item(const char* key, const __mv_amf_dt_CompletedCellsInTAI_EUTRA_Item* rec, int level);
 void __mv_amf_memfree_CompletedCellsInTAI_EUTRA_Item(__mv_amf_dt_CompletedCellsInTAI_EUTRA_Item* rec);
-int __mv_amf_Encode_CompletedCellsInTAI_EUTRA_Item(const __mv_amf_dt_CompletedCellsInTAI_EUTRA_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CompletedCellsInTAI_EUTRA_Item(__mv_amf_dt_CompletedCellsInTAI_EUTRA_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CompletedCellsInTAI_EUTRA_Item(const __mv_amf_dt_CompletedCellsInTAI_EUTRA_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CompletedCellsInTAI_EUTRA_Item(__mv_amf_dt_CompletedCellsInTAI_EUTRA_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_EmergencyAreaIDBroadcastEUTRA(__mv_amf_dt_EmergencyAreaIDBroadcastEUTRA** rec);
 void __mv_amf_debug_EmergencyAreaIDBroadcastEUTRA(const char* key, const __mv_amf_dt_EmergencyAreaIDBroadcastEUTRA* rec, int level);
 void __mv_amf_memfree_EmergencyAreaIDBroadcastEUTRA(__mv_amf_dt_EmergencyAreaIDBroadcastEUTRA* rec);
-int __mv_amf_Encode_EmergencyAreaIDBroadcastEUTRA(const __mv_amf_dt_EmergencyAreaIDBroadcastEUTRA* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_EmergencyAreaIDBroadcastEUTRA(__mv_amf_dt_EmergencyAreaIDBroadcastEUTRA** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_EmergencyAreaIDBroadcastEUTRA(const __mv_amf_dt_EmergencyAreaIDBroadcastEUTRA* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_EmergencyAreaIDBroadcastEUTRA(__mv_amf_dt_EmergencyAreaIDBroadcastEUTRA** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_EmergencyAreaIDBroadcastEUTRA_Item(__mv_amf_dt_EmergencyAreaIDBroadcastEUTRA_Item** rec);
 void __mv_amf_debug_EmergencyAreaIDBroadcastEUTRA_Item(const char* key, const __mv_amf_dt_EmergencyAreaIDBroadcastEUTRA_Item* rec, int level);
 void __mv_amf_memfree_EmergencyAreaIDBroadcastEUTRA_Item(__mv_amf_dt_EmergencyAreaIDBroadcastEUTRA_Item* rec);
-int __mv_amf_Encode_EmergencyAreaIDBroadcastEUTRA_Item(const __mv_amf_dt_EmergencyAreaIDBroadcastEUTRA_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_EmergencyAreaIDBroadcastEUTRA_Item(__mv_amf_dt_EmergencyAreaIDBroadcastEUTRA_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_EmergencyAreaIDBroadcastEUTRA_Item(const __mv_amf_dt_EmergencyAreaIDBroadcastEUTRA_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_EmergencyAreaIDBroadcastEUTRA_Item(__mv_amf_dt_EmergencyAreaIDBroadcastEUTRA_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CompletedCellsInEAI_EUTRA(__mv_amf_dt_CompletedCellsInEAI_EUTRA** rec);
 void __mv_amf_debug_CompletedCellsInEAI_EUTRA(const char* key, const __mv_amf_dt_CompletedCellsInEAI_EUTRA* rec, int level);
 void __mv_amf_memfree_CompletedCellsInEAI_EUTRA(__mv_amf_dt_CompletedCellsInEAI_EUTRA* rec);
-int __mv_amf_Encode_CompletedCellsInEAI_EUTRA(const __mv_amf_dt_CompletedCellsInEAI_EUTRA* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CompletedCellsInEAI_EUTRA(__mv_amf_dt_CompletedCellsInEAI_EUTRA** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CompletedCellsInEAI_EUTRA(const __mv_amf_dt_CompletedCellsInEAI_EUTRA* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CompletedCellsInEAI_EUTRA(__mv_amf_dt_CompletedCellsInEAI_EUTRA** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CompletedCellsInEAI_EUTRA_Item(__mv_amf_dt_CompletedCellsInEAI_EUTRA_Item** rec);
 void __mv_amf_debug_CompletedCellsInEAI_EUTRA_Item(const char* key, const __mv_amf_dt_CompletedCellsInEAI_EUTRA_Item* rec, int level);
 void __mv_amf_memfree_CompletedCellsInEAI_EUTRA_Item(__mv_amf_dt_CompletedCellsInEAI_EUTRA_Item* rec);
-int __mv_amf_Encode_CompletedCellsInEAI_EUTRA_Item(const __mv_amf_dt_CompletedCellsInEAI_EUTRA_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CompletedCellsInEAI_EUTRA_Item(__mv_amf_dt_CompletedCellsInEAI_EUTRA_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CompletedCellsInEAI_EUTRA_Item(const __mv_amf_dt_CompletedCellsInEAI_EUTRA_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CompletedCellsInEAI_EUTRA_Item(__mv_amf_dt_CompletedCellsInEAI_EUTRA_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CellIDBroadcastNR(__mv_amf_dt_CellIDBroadcastNR** rec);
 void __mv_amf_debug_CellIDBroadcastNR(const char* key, const __mv_amf_dt_CellIDBroadcastNR* rec, int level);
 void __mv_amf_memfree_CellIDBroadcastNR(__mv_amf_dt_CellIDBroadcastNR* rec);
-int __mv_amf_Encode_CellIDBroadcastNR(const __mv_amf_dt_CellIDBroadcastNR* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CellIDBroadcastNR(__mv_amf_dt_CellIDBroadcastNR** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CellIDBroadcastNR(const __mv_amf_dt_CellIDBroadcastNR* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CellIDBroadcastNR(__mv_amf_dt_CellIDBroadcastNR** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CellIDBroadcastNR_Item(__mv_amf_dt_CellIDBroadcastNR_Item** rec);
 void __mv_amf_debug_CellIDBroadcastNR_Item(const char* key, const __mv_amf_dt_CellIDBroadcastNR_Item* rec, int level);
 void __mv_amf_memfree_CellIDBroadcastNR_Item(__mv_amf_dt_CellIDBroadcastNR_Item* rec);
-int __mv_amf_Encode_CellIDBroadcastNR_Item(const __mv_amf_dt_CellIDBroadcastNR_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CellIDBroadcastNR_Item(__mv_amf_dt_CellIDBroadcastNR_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CellIDBroadcastNR_Item(const __mv_amf_dt_CellIDBroadcastNR_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CellIDBroadcastNR_Item(__mv_amf_dt_CellIDBroadcastNR_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_TAIBroadcastNR(__mv_amf_dt_TAIBroadcastNR** rec);
 void __mv_amf_debug_TAIBroadcastNR(const char* key, const __mv_amf_dt_TAIBroadcastNR* rec, int level);
 void __mv_amf_memfree_TAIBroadcastNR(__mv_amf_dt_TAIBroadcastNR* rec);
-int __mv_amf_Encode_TAIBroadcastNR(const __mv_amf_dt_TAIBroadcastNR* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TAIBroadcastNR(__mv_amf_dt_TAIBroadcastNR** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TAIBroadcastNR(const __mv_amf_dt_TAIBroadcastNR* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TAIBroadcastNR(__mv_amf_dt_TAIBroadcastNR** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_TAIBroadcastNR_Item(__mv_amf_dt_TAIBroadcastNR_Item** rec);
 void __mv_amf_debug_TAIBroadcastNR_Item(const char* key, const __mv_amf_dt_TAIBroadcastNR_Item* rec, int level);
 void __mv_amf_memfree_TAIBroadcastNR_Item(__mv_amf_dt_TAIBroadcastNR_Item* rec);
-int __mv_amf_Encode_TAIBroadcastNR_Item(const __mv_amf_dt_TAIBroadcastNR_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TAIBroadcastNR_Item(__mv_amf_dt_TAIBroadcastNR_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TAIBroadcastNR_Item(const __mv_amf_dt_TAIBroadcastNR_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TAIBroadcastNR_Item(__mv_amf_dt_TAIBroadcastNR_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CompletedCellsInTAI_NR(__mv_amf_dt_CompletedCellsInTAI_NR** rec);
 void __mv_amf_debug_CompletedCellsInTAI_NR(const char* key, const __mv_amf_dt_CompletedCellsInTAI_NR* rec, int level);
 void __mv_amf_memfree_CompletedCellsInTAI_NR(__mv_amf_dt_CompletedCellsInTAI_NR* rec);
-int __mv_amf_Encode_CompletedCellsInTAI_NR(const __mv_amf_dt_CompletedCellsInTAI_NR* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CompletedCellsInTAI_NR(__mv_amf_dt_CompletedCellsInTAI_NR** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CompletedCellsInTAI_NR(const __mv_amf_dt_CompletedCellsInTAI_NR* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CompletedCellsInTAI_NR(__mv_amf_dt_CompletedCellsInTAI_NR** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CompletedCellsInTAI_NR_Item(__mv_amf_dt_CompletedCellsInTAI_NR_Item** rec);
 void __mv_amf_debug_CompletedCellsInTAI_NR_Item(const char* key, const __mv_amf_dt_CompletedCellsInTAI_NR_Item* rec, int level);
 void __mv_amf_memfree_CompletedCellsInTAI_NR_Item(__mv_amf_dt_CompletedCellsInTAI_NR_Item* rec);
-int __mv_amf_Encode_CompletedCellsInTAI_NR_Item(const __mv_amf_dt_CompletedCellsInTAI_NR_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CompletedCellsInTAI_NR_Item(__mv_amf_dt_CompletedCellsInTAI_NR_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CompletedCellsInTAI_NR_Item(const __mv_amf_dt_CompletedCellsInTAI_NR_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CompletedCellsInTAI_NR_Item(__mv_amf_dt_CompletedCellsInTAI_NR_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_EmergencyAreaIDBroadcastNR(__mv_amf_dt_EmergencyAreaIDBroadcastNR** rec);
 void __mv_amf_debug_EmergencyAreaIDBroadcastNR(const char* key, const __mv_amf_dt_EmergencyAreaIDBroadcastNR* rec, int level);
 void __mv_amf_memfree_EmergencyAreaIDBroadcastNR(__mv_amf_dt_EmergencyAreaIDBroadcastNR* rec);
-int __mv_amf_Encode_EmergencyAreaIDBroadcastNR(const __mv_amf_dt_EmergencyAreaIDBroadcastNR* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_EmergencyAreaIDBroadcastNR(__mv_amf_dt_EmergencyAreaIDBroadcastNR** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_EmergencyAreaIDBroadcastNR(const __mv_amf_dt_EmergencyAreaIDBroadcastNR* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_EmergencyAreaIDBroadcastNR(__mv_amf_dt_EmergencyAreaIDBroadcastNR** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_EmergencyAreaIDBroadcastNR_Item(__mv_amf_dt_EmergencyAreaIDBroadcastNR_Item** rec);
 void __mv_amf_debug_EmergencyAreaIDBroadcastNR_Item(const char* key, const __mv_amf_dt_EmergencyAreaIDBroadcastNR_Item* rec, int level);
 void __mv_amf_memfree_EmergencyAreaIDBroadcastNR_Item(__mv_amf_dt_EmergencyAreaIDBroadcastNR_Item* rec);
-int __mv_amf_Encode_EmergencyAreaIDBroadcastNR_Item(const __mv_amf_dt_EmergencyAreaIDBroadcastNR_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_EmergencyAreaIDBroadcastNR_Item(__mv_amf_dt_EmergencyAreaIDBroadcastNR_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_EmergencyAreaIDBroadcastNR_Item(const __mv_amf_dt_EmergencyAreaIDBroadcastNR_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_EmergencyAreaIDBroadcastNR_Item(__mv_amf_dt_EmergencyAreaIDBroadcastNR_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CompletedCellsInEAI_NR(__mv_amf_dt_CompletedCellsInEAI_NR** rec);
 void __mv_amf_debug_CompletedCellsInEAI_NR(const char* key, const __mv_amf_dt_CompletedCellsInEAI_NR* rec, int level);
 void __mv_amf_memfree_CompletedCellsInEAI_NR(__mv_amf_dt_CompletedCellsInEAI_NR* rec);
-int __mv_amf_Encode_CompletedCellsInEAI_NR(const __mv_amf_dt_CompletedCellsInEAI_NR* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CompletedCellsInEAI_NR(__mv_amf_dt_CompletedCellsInEAI_NR** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CompletedCellsInEAI_NR(const __mv_amf_dt_CompletedCellsInEAI_NR* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CompletedCellsInEAI_NR(__mv_amf_dt_CompletedCellsInEAI_NR** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CompletedCellsInEAI_NR_Item(__mv_amf_dt_CompletedCellsInEAI_NR_Item** rec);
 void __mv_amf_debug_CompletedCellsInEAI_NR_Item(const char* key, const __mv_amf_dt_CompletedCellsInEAI_NR_Item* rec, int level);
 void __mv_amf_memfree_CompletedCellsInEAI_NR_Item(__mv_amf_dt_CompletedCellsInEAI_NR_Item* rec);
-int __mv_amf_Encode_CompletedCellsInEAI_NR_Item(const __mv_amf_dt_CompletedCellsInEAI_NR_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CompletedCellsInEAI_NR_Item(__mv_amf_dt_CompletedCellsInEAI_NR_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CompletedCellsInEAI_NR_Item(const __mv_amf_dt_CompletedCellsInEAI_NR_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CompletedCellsInEAI_NR_Item(__mv_amf_dt_CompletedCellsInEAI_NR_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_BroadcastCompletedAreaList_ExtIEs(__mv_amf_dt_BroadcastCompletedAreaList_ExtIEs** rec);
 void __mv_amf_debug_BroadcastCompletedAreaList_ExtIEs(const char* key, const __mv_amf_dt_BroadcastCompletedAreaList_ExtIEs* rec, int level);
 void __mv_amf_memfree_BroadcastCompletedAreaList_ExtIEs(__mv_amf_dt_BroadcastCompletedAreaList_ExtIEs* rec);
-int __mv_amf_Encode_BroadcastCompletedAreaList_ExtIEs(const __mv_amf_dt_BroadcastCompletedAreaList_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_BroadcastCompletedAreaList_ExtIEs(__mv_amf_dt_BroadcastCompletedAreaList_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_BroadcastCompletedAreaList_ExtIEs(const __mv_amf_dt_BroadcastCompletedAreaList_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_BroadcastCompletedAreaList_ExtIEs(__mv_amf_dt_BroadcastCompletedAreaList_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_BroadcastPLMNList(__mv_amf_dt_BroadcastPLMNList** rec);
 void __mv_amf_debug_BroadcastPLMNList(const char* key, const __mv_amf_dt_BroadcastPLMNList* rec, int level);
 void __mv_amf_memfree_BroadcastPLMNList(__mv_amf_dt_BroadcastPLMNList* rec);
-int __mv_amf_Encode_BroadcastPLMNList(const __mv_amf_dt_BroadcastPLMNList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_BroadcastPLMNList(__mv_amf_dt_BroadcastPLMNList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_BroadcastPLMNList(const __mv_amf_dt_BroadcastPLMNList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_BroadcastPLMNList(__mv_amf_dt_BroadcastPLMNList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_BroadcastPLMNItem(__mv_amf_dt_BroadcastPLMNItem** rec);
 void __mv_amf_debug_BroadcastPLMNItem(const char* key, const __mv_amf_dt_BroadcastPLMNItem* rec, int level);
 void __mv_amf_memfree_BroadcastPLMNItem(__mv_amf_dt_BroadcastPLMNItem* rec);
-int __mv_amf_Encode_BroadcastPLMNItem(const __mv_amf_dt_BroadcastPLMNItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_BroadcastPLMNItem(__mv_amf_dt_BroadcastPLMNItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_BroadcastPLMNItem(const __mv_amf_dt_BroadcastPLMNItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_BroadcastPLMNItem(__mv_amf_dt_BroadcastPLMNItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_SliceSupportList(__mv_amf_dt_SliceSupportList** rec);
 void __mv_amf_debug_SliceSupportList(const char* key, const __mv_amf_dt_SliceSupportList* rec, int level);
 void __mv_amf_memfree_SliceSupportList(__mv_amf_dt_SliceSupportList* rec);
-int __mv_amf_Encode_SliceSupportList(const __mv_amf_dt_SliceSupportList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_SliceSupportList(__mv_amf_dt_SliceSupportList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_SliceSupportList(const __mv_amf_dt_SliceSupportList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_SliceSupportList(__mv_amf_dt_SliceSupportList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_SliceSupportItem(__mv_amf_dt_SliceSupportItem** rec);
 void __mv_amf_debug_SliceSupportItem(const char* key, const __mv_amf_dt_SliceSupportItem* rec, int level);
 void __mv_amf_memfree_SliceSupportItem(__mv_amf_dt_SliceSupportItem* rec);
-int __mv_amf_Encode_SliceSupportItem(const __mv_amf_dt_SliceSupportItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_SliceSupportItem(__mv_amf_dt_SliceSupportItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_SliceSupportItem(const __mv_amf_dt_SliceSupportItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_SliceSupportItem(__mv_amf_dt_SliceSupportItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_CancelAllWarningMessages(const char* key, __mv_amf_dt_CancelAllWarningMessages value, int level);
-int __mv_amf_Encode_CancelAllWarningMessages(__mv_amf_dt_CancelAllWarningMessages value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CancelAllWarningMessages(__mv_amf_dt_CancelAllWarningMessages* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CancelAllWarningMessages(__mv_amf_dt_CancelAllWarningMessages value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CancelAllWarningMessages(__mv_amf_dt_CancelAllWarningMessages* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_Cause(__mv_amf_dt_Cause** rec);
 void __mv_amf_debug_Cause(const char* key, const __mv_amf_dt_Cause* rec, int level);
 void __mv_amf_memfree_Cause(__mv_amf_dt_Cause* rec);
-int __mv_amf_Encode_Cause(const __mv_amf_dt_Cause* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_Cause(__mv_amf_dt_Cause** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_Cause(const __mv_amf_dt_Cause* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_Cause(__mv_amf_dt_Cause** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_CauseRadioNetwork(const char* key, __mv_amf_dt_CauseRadioNetwork value, int level);
-int __mv_amf_Encode_CauseRadioNetwork(__mv_amf_dt_CauseRadioNetwork value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CauseRadioNetwork(__mv_amf_dt_CauseRadioNetwork* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CauseRadioNetwork(__mv_amf_dt_CauseRadioNetwork value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CauseRadioNetwork(__mv_amf_dt_CauseRadioNetwork* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_CauseTransport(const char* key, __mv_amf_dt_CauseTransport value, int level);
-int __mv_amf_Encode_CauseTransport(__mv_amf_dt_CauseTransport value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CauseTransport(__mv_amf_dt_CauseTransport* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CauseTransport(__mv_amf_dt_CauseTransport value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CauseTransport(__mv_amf_dt_CauseTransport* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_CauseNas(const char* key, __mv_amf_dt_CauseNas value, int level);
-int __mv_amf_Encode_CauseNas(__mv_amf_dt_CauseNas value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CauseNas(__mv_amf_dt_CauseNas* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CauseNas(__mv_amf_dt_CauseNas value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CauseNas(__mv_amf_dt_CauseNas* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_CauseProtocol(const char* key, __mv_amf_dt_CauseProtocol value, int level);
-int __mv_amf_Encode_CauseProtocol(__mv_amf_dt_CauseProtocol value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CauseProtocol(__mv_amf_dt_CauseProtocol* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CauseProtocol(__mv_amf_dt_CauseProtocol value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CauseProtocol(__mv_amf_dt_CauseProtocol* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_CauseMisc(const char* key, __mv_amf_dt_CauseMisc value, int level);
-int __mv_amf_Encode_CauseMisc(__mv_amf_dt_CauseMisc value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CauseMisc(__mv_amf_dt_CauseMisc* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CauseMisc(__mv_amf_dt_CauseMisc value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CauseMisc(__mv_amf_dt_CauseMisc* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_Cause_ExtIEs(__mv_amf_dt_Cause_ExtIEs** rec);
 void __mv_amf_debug_Cause_ExtIEs(const char* key, const __mv_amf_dt_Cause_ExtIEs* rec, int level);
 void __mv_amf_memfree_Cause_ExtIEs(__mv_amf_dt_Cause_ExtIEs* rec);
-int __mv_amf_Encode_Cause_ExtIEs(const __mv_amf_dt_Cause_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_Cause_ExtIEs(__mv_amf_dt_Cause_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_Cause_ExtIEs(const __mv_amf_dt_Cause_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_Cause_ExtIEs(__mv_amf_dt_Cause_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CellIDListForRestart(__mv_amf_dt_CellIDListForRestart** rec);
 void __mv_amf_debug_CellIDListForRestart(const char* key, const __mv_amf_dt_CellIDListForRestart* rec, int level);
 void __mv_amf_memfree_CellIDListForRestart(__mv_amf_dt_CellIDListForRestart* rec);
-int __mv_amf_Encode_CellIDListForRestart(const __mv_amf_dt_CellIDListForRestart* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CellIDListForRestart(__mv_amf_dt_CellIDListForRestart** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CellIDListForRestart(const __mv_amf_dt_CellIDListForRestart* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CellIDListForRestart(__mv_amf_dt_CellIDListForRestart** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_EUTRA_CGIList(__mv_amf_dt_EUTRA_CGIList** rec);
 void __mv_amf_debug_EUTRA_CGIList(const char* key, const __mv_amf_dt_EUTRA_CGIList* rec, int level);
 void __mv_amf_memfree_EUTRA_CGIList(__mv_amf_dt_EUTRA_CGIList* rec);
-int __mv_amf_Encode_EUTRA_CGIList(const __mv_amf_dt_EUTRA_CGIList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_EUTRA_CGIList(__mv_amf_dt_EUTRA_CGIList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_EUTRA_CGIList(const __mv_amf_dt_EUTRA_CGIList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_EUTRA_CGIList(__mv_amf_dt_EUTRA_CGIList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_NR_CGIList(__mv_amf_dt_NR_CGIList** rec);
 void __mv_amf_debug_NR_CGIList(const char* key, const __mv_amf_dt_NR_CGIList* rec, int level);
 void __mv_amf_memfree_NR_CGIList(__mv_amf_dt_NR_CGIList* rec);
-int __mv_amf_Encode_NR_CGIList(const __mv_amf_dt_NR_CGIList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NR_CGIList(__mv_amf_dt_NR_CGIList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NR_CGIList(const __mv_amf_dt_NR_CGIList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NR_CGIList(__mv_amf_dt_NR_CGIList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CellIDListForRestart_ExtIEs(__mv_amf_dt_CellIDListForRestart_ExtIEs** rec);
 void __mv_amf_debug_CellIDListForRestart_ExtIEs(const char* key, const __mv_amf_dt_CellIDListForRestart_ExtIEs* rec, int level);
 void __mv_amf_memfree_CellIDListForRestart_ExtIEs(__mv_amf_dt_CellIDListForRestart_ExtIEs* rec);
-int __mv_amf_Encode_CellIDListForRestart_ExtIEs(const __mv_amf_dt_CellIDListForRestart_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CellIDListForRestart_ExtIEs(__mv_amf_dt_CellIDListForRestart_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CellIDListForRestart_ExtIEs(const __mv_amf_dt_CellIDListForRestart_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CellIDListForRestart_ExtIEs(__mv_amf_dt_CellIDListForRestart_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_CellSize(const char* key, __mv_amf_dt_CellSize value, int level);
-int __mv_amf_Encode_CellSize(__mv_amf_dt_CellSize value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CellSize(__mv_amf_dt_CellSize* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CellSize(__mv_amf_dt_CellSize value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CellSize(__mv_amf_dt_CellSize* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CellType(__mv_amf_dt_CellType** rec);
 void __mv_amf_debug_CellType(const char* key, const __mv_amf_dt_CellType* rec, int level);
 void __mv_amf_memfree_CellType(__mv_amf_dt_CellType* rec);
-int __mv_amf_Encode_CellType(const __mv_amf_dt_CellType* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CellType(__mv_amf_dt_CellType** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CellType(const __mv_amf_dt_CellType* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CellType(__mv_amf_dt_CellType** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CNAssistedRANTuning(__mv_amf_dt_CNAssistedRANTuning** rec);
 void __mv_amf_debug_CNAssistedRANTuning(const char* key, const __mv_amf_dt_CNAssistedRANTuning* rec, int level);
 void __mv_amf_memfree_CNAssistedRANTuning(__mv_amf_dt_CNAssistedRANTuning* rec);
-int __mv_amf_Encode_CNAssistedRANTuning(const __mv_amf_dt_CNAssistedRANTuning* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CNAssistedRANTuning(__mv_amf_dt_CNAssistedRANTuning** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CNAssistedRANTuning(const __mv_amf_dt_CNAssistedRANTuning* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CNAssistedRANTuning(__mv_amf_dt_CNAssistedRANTuning** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_ExpectedUEBehaviour(__mv_amf_dt_ExpectedUEBehaviour** rec);
 void __mv_amf_debug_ExpectedUEBehaviour(const char* key, const __mv_amf_dt_ExpectedUEBehaviour* rec, int level);
 void __mv_amf_memfree_ExpectedUEBehaviour(__mv_amf_dt_ExpectedUEBehaviour* rec);
-int __mv_amf_Encode_ExpectedUEBehaviour(const __mv_amf_dt_ExpectedUEBehaviour* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ExpectedUEBehaviour(__mv_amf_dt_ExpectedUEBehaviour** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ExpectedUEBehaviour(const __mv_amf_dt_ExpectedUEBehaviour* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ExpectedUEBehaviour(__mv_amf_dt_ExpectedUEBehaviour** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_ExpectedUEActivityBehaviour(__mv_amf_dt_ExpectedUEActivityBehaviour** rec);
 void __mv_amf_debug_ExpectedUEActivityBehaviour(const char* key, const __mv_amf_dt_ExpectedUEActivityBehaviour* rec, int level);
 void __mv_amf_memfree_ExpectedUEActivityBehaviour(__mv_amf_dt_ExpectedUEActivityBehaviour* rec);
-int __mv_amf_Encode_ExpectedUEActivityBehaviour(const __mv_amf_dt_ExpectedUEActivityBehaviour* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ExpectedUEActivityBehaviour(__mv_amf_dt_ExpectedUEActivityBehaviour** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ExpectedUEActivityBehaviour(const __mv_amf_dt_ExpectedUEActivityBehaviour* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ExpectedUEActivityBehaviour(__mv_amf_dt_ExpectedUEActivityBehaviour** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_ExpectedActivityPeriod(const char* key, __mv_amf_dt_ExpectedActivityPeriod value, int level);
-int __mv_amf_Encode_ExpectedActivityPeriod(__mv_amf_dt_ExpectedActivityPeriod value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ExpectedActivityPeriod(__mv_amf_dt_ExpectedActivityPeriod* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ExpectedActivityPeriod(__mv_amf_dt_ExpectedActivityPeriod value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ExpectedActivityPeriod(__mv_amf_dt_ExpectedActivityPeriod* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_ExpectedIdlePeriod(const char* key, __mv_amf_dt_ExpectedIdlePeriod value, int level);
-int __mv_amf_Encode_ExpectedIdlePeriod(__mv_amf_dt_ExpectedIdlePeriod value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ExpectedIdlePeriod(__mv_amf_dt_ExpectedIdlePeriod* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ExpectedIdlePeriod(__mv_amf_dt_ExpectedIdlePeriod value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ExpectedIdlePeriod(__mv_amf_dt_ExpectedIdlePeriod* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_SourceOfUEActivityBehaviourInformation(const char* key, __mv_amf_dt_SourceOfUEActivityBehaviourInformation value, int level);
-int __mv_amf_Encode_SourceOfUEActivityBehaviourInformation(__mv_amf_dt_SourceOfUEActivityBehaviourInformation value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_SourceOfUEActivityBehaviourInformation(__mv_amf_dt_SourceOfUEActivityBehaviourInformation* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_SourceOfUEActivityBehaviourInformation(__mv_amf_dt_SourceOfUEActivityBehaviourInformation value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_SourceOfUEActivityBehaviourInformation(__mv_amf_dt_SourceOfUEActivityBehaviourInformation* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_ExpectedHOInterval(const char* key, __mv_amf_dt_ExpectedHOInterval value, int level);
-int __mv_amf_Encode_ExpectedHOInterval(__mv_amf_dt_ExpectedHOInterval value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ExpectedHOInterval(__mv_amf_dt_ExpectedHOInterval* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ExpectedHOInterval(__mv_amf_dt_ExpectedHOInterval value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ExpectedHOInterval(__mv_amf_dt_ExpectedHOInterval* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_ExpectedUEMobility(const char* key, __mv_amf_dt_ExpectedUEMobility value, int level);
-int __mv_amf_Encode_ExpectedUEMobility(__mv_amf_dt_ExpectedUEMobility value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ExpectedUEMobility(__mv_amf_dt_ExpectedUEMobility* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ExpectedUEMobility(__mv_amf_dt_ExpectedUEMobility value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ExpectedUEMobility(__mv_amf_dt_ExpectedUEMobility* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_ExpectedUEMovingTrajectory(__mv_amf_dt_ExpectedUEMovingTrajectory** rec);
 void __mv_amf_debug_ExpectedUEMovingTrajectory(const char* key, const __mv_amf_dt_ExpectedUEMovingTrajectory* rec, int level);
 void __mv_amf_memfree_ExpectedUEMovingTrajectory(__mv_amf_dt_ExpectedUEMovingTrajectory* rec);
-int __mv_amf_Encode_ExpectedUEMovingTrajectory(const __mv_amf_dt_ExpectedUEMovingTrajectory* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ExpectedUEMovingTrajectory(__mv_amf_dt_ExpectedUEMovingTrajectory** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ExpectedUEMovingTrajectory(const __mv_amf_dt_ExpectedUEMovingTrajectory* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ExpectedUEMovingTrajectory(__mv_amf_dt_ExpectedUEMovingTrajectory** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_ExpectedUEMovingTrajectoryItem(__mv_amf_dt_ExpectedUEMovingTrajectoryItem** rec);
 void __mv_amf_debug_ExpectedUEMovingTrajectoryItem(const char* key, const __mv_amf_dt_ExpectedUEMovingTrajectoryItem* rec, int level);
 void __mv_amf_memfree_ExpectedUEMovingTrajectoryItem(__mv_amf_dt_ExpectedUEMovingTrajectoryItem* rec);
-int __mv_amf_Encode_ExpectedUEMovingTrajectoryItem(const __mv_amf_dt_ExpectedUEMovingTrajectoryItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ExpectedUEMovingTrajectoryItem(__mv_amf_dt_ExpectedUEMovingTrajectoryItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ExpectedUEMovingTrajectoryItem(const __mv_amf_dt_ExpectedUEMovingTrajectoryItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ExpectedUEMovingTrajectoryItem(__mv_amf_dt_ExpectedUEMovingTrajectoryItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_ExpectedUEMovingTrajectoryItem_timeStayedInCell(const char* key, __mv_amf_dt_ExpectedUEMovingTrajectoryItem_timeStayedInCell value, int level);
-int __mv_amf_Encode_ExpectedUEMovingTrajectoryItem_timeStayedInCell(__mv_amf_dt_ExpectedUEMovingTrajectoryItem_timeStayedInCell value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ExpectedUEMovingTrajectoryItem_timeStayedInCell(__mv_amf_dt_ExpectedUEMovingTrajectoryItem_timeStayedInCell* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ExpectedUEMovingTrajectoryItem_timeStayedInCell(__mv_amf_dt_ExpectedUEMovingTrajectoryItem_timeStayedInCell value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ExpectedUEMovingTrajectoryItem_timeStayedInCell(__mv_amf_dt_ExpectedUEMovingTrajectoryItem_timeStayedInCell* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CNTypeRestrictionsForEquivalent(__mv_amf_dt_CNTypeRestrictionsForEquivalent** rec);
 void __mv_amf_debug_CNTypeRestrictionsForEquivalent(const char* key, const __mv_amf_dt_CNTypeRestrictionsForEquivalent* rec, int level);
 void __mv_amf_memfree_CNTypeRestrictionsForEquivalent(__mv_amf_dt_CNTypeRestrictionsForEquivalent* rec);
-int __mv_amf_Encode_CNTypeRestrictionsForEquivalent(const __mv_amf_dt_CNTypeRestrictionsForEquivalent* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CNTypeRestrictionsForEquivalent(__mv_amf_dt_CNTypeRestrictionsForEquivalent** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CNTypeRestrictionsForEquivalent(const __mv_amf_dt_CNTypeRestrictionsForEquivalent* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CNTypeRestrictionsForEquivalent(__mv_amf_dt_CNTypeRestrictionsForEquivalent** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CNTypeRestrictionsForEquivalentItem(__mv_amf_dt_CNTypeRestrictionsForEquivalentItem** rec);
 void __mv_amf_debug_CNTypeRestrictionsForEquivalentItem(const char* key, const __mv_amf_dt_CNTypeRestrictionsForEquivalentItem* rec, int level);
 void __mv_amf_memfree_CNTypeRestrictionsForEquivalentItem(__mv_amf_dt_CNTypeRestrictionsForEquivalentItem* rec);
-int __mv_amf_Encode_CNTypeRestrictionsForEquivalentItem(const __mv_amf_dt_CNTypeRestrictionsForEquivalentItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CNTypeRestrictionsForEquivalentItem(__mv_amf_dt_CNTypeRestrictionsForEquivalentItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CNTypeRestrictionsForEquivalentItem(const __mv_amf_dt_CNTypeRestrictionsForEquivalentItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CNTypeRestrictionsForEquivalentItem(__mv_amf_dt_CNTypeRestrictionsForEquivalentItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_CNTypeRestrictionsForEquivalentItem_cn_Type(const char* key, __mv_amf_dt_CNTypeRestrictionsForEquivalentItem_cn_Type value, int level);
-int __mv_amf_Encode_CNTypeRestrictionsForEquivalentItem_cn_Type(__mv_amf_dt_CNTypeRestrictionsForEquivalentItem_cn_Type value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CNTypeRestrictionsForEquivalentItem_cn_Type(__mv_amf_dt_CNTypeRestrictionsForEquivalentItem_cn_Type* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CNTypeRestrictionsForEquivalentItem_cn_Type(__mv_amf_dt_CNTypeRestrictionsForEquivalentItem_cn_Type value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CNTypeRestrictionsForEquivalentItem_cn_Type(__mv_amf_dt_CNTypeRestrictionsForEquivalentItem_cn_Type* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_CNTypeRestrictionsForServing(const char* key, __mv_amf_dt_CNTypeRestrictionsForServing value, int level);
-int __mv_amf_Encode_CNTypeRestrictionsForServing(__mv_amf_dt_CNTypeRestrictionsForServing value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CNTypeRestrictionsForServing(__mv_amf_dt_CNTypeRestrictionsForServing* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CNTypeRestrictionsForServing(__mv_amf_dt_CNTypeRestrictionsForServing value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CNTypeRestrictionsForServing(__mv_amf_dt_CNTypeRestrictionsForServing* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CommonNetworkInstance(__mv_amf_dt_CommonNetworkInstance** rec);
 int __mv_amf_init_CommonNetworkInstance2(__mv_amf_dt_CommonNetworkInstance** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_CommonNetworkInstance(const char* key, const __mv_amf_dt_CommonNetworkInstance* rec, int level);
 void __mv_amf_memfree_CommonNetworkInstance(__mv_amf_dt_CommonNetworkInstance* rec);
-int __mv_amf_Encode_CommonNetworkInstance(const __mv_amf_dt_CommonNetworkInstance* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CommonNetworkInstance(__mv_amf_dt_CommonNetworkInstance** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CommonNetworkInstance(const __mv_amf_dt_CommonNetworkInstance* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CommonNetworkInstance(__mv_amf_dt_CommonNetworkInstance** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_ConcurrentWarningMessageInd(const char* key, __mv_amf_dt_ConcurrentWarningMessageInd value, int level);
-int __mv_amf_Encode_ConcurrentWarningMessageInd(__mv_amf_dt_ConcurrentWarningMessageInd value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ConcurrentWarningMessageInd(__mv_amf_dt_ConcurrentWarningMessageInd* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ConcurrentWarningMessageInd(__mv_amf_dt_ConcurrentWarningMessageInd value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ConcurrentWarningMessageInd(__mv_amf_dt_ConcurrentWarningMessageInd* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_ConfidentialityProtectionIndication(const char* key, __mv_amf_dt_ConfidentialityProtectionIndication value, int level);
-int __mv_amf_Encode_ConfidentialityProtectionIndication(__mv_amf_dt_ConfidentialityProtectionIndication value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ConfidentialityProtectionIndication(__mv_amf_dt_ConfidentialityProtectionIndication* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ConfidentialityProtectionIndication(__mv_amf_dt_ConfidentialityProtectionIndication value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ConfidentialityProtectionIndication(__mv_amf_dt_ConfidentialityProtectionIndication* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_ConfidentialityProtectionResult(const char* key, __mv_amf_dt_ConfidentialityProtectionResult value, int level);
-int __mv_amf_Encode_ConfidentialityProtectionResult(__mv_amf_dt_ConfidentialityProtectionResult value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ConfidentialityProtectionResult(__mv_amf_dt_ConfidentialityProtectionResult* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ConfidentialityProtectionResult(__mv_amf_dt_ConfidentialityProtectionResult value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ConfidentialityProtectionResult(__mv_amf_dt_ConfidentialityProtectionResult* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CoreNetworkAssistanceInformationForInactive(__mv_amf_dt_CoreNetworkAssistanceInformationForInactive** rec);
 void __mv_amf_debug_CoreNetworkAssistanceInformationForInactive(const char* key, const __mv_amf_dt_CoreNetworkAssistanceInformationForInactive* rec, int level);
 void __mv_amf_memfree_CoreNetworkAssistanceInformationForInactive(__mv_amf_dt_CoreNetworkAssistanceInformationForInactive* rec);
-int __mv_amf_Encode_CoreNetworkAssistanceInformationForInactive(const __mv_amf_dt_CoreNetworkAssistanceInformationForInactive* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CoreNetworkAssistanceInformationForInactive(__mv_amf_dt_CoreNetworkAssistanceInformationForInactive** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CoreNetworkAssistanceInformationForInactive(const __mv_amf_dt_CoreNetworkAssistanceInformationForInactive* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CoreNetworkAssistanceInformationForInactive(__mv_amf_dt_CoreNetworkAssistanceInformationForInactive** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UEIdentityIndexValue(__mv_amf_dt_UEIdentityIndexValue** rec);
 void __mv_amf_debug_UEIdentityIndexValue(const char* key, const __mv_amf_dt_UEIdentityIndexValue* rec, int level);
 void __mv_amf_memfree_UEIdentityIndexValue(__mv_amf_dt_UEIdentityIndexValue* rec);
-int __mv_amf_Encode_UEIdentityIndexValue(const __mv_amf_dt_UEIdentityIndexValue* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UEIdentityIndexValue(__mv_amf_dt_UEIdentityIndexValue** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UEIdentityIndexValue(const __mv_amf_dt_UEIdentityIndexValue* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UEIdentityIndexValue(__mv_amf_dt_UEIdentityIndexValue** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UEIdentityIndexValue_indexLength10(__mv_amf_dt_UEIdentityIndexValue_indexLength10** rec);
 int __mv_amf_init_UEIdentityIndexValue_indexLength102(__mv_amf_dt_UEIdentityIndexValue_indexLength10** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_UEIdentityIndexValue_indexLength10(const char* key, const __mv_amf_dt_UEIdentityIndexValue_indexLength10* rec, int level);
 void __mv_amf_memfree_UEIdentityIndexValue_indexLength10(__mv_amf_dt_UEIdentityIndexValue_indexLength10* rec);
-int __mv_amf_Encode_UEIdentityIndexValue_indexLength10(const __mv_amf_dt_UEIdentityIndexValue_indexLength10* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UEIdentityIndexValue_indexLength10(__mv_amf_dt_UEIdentityIndexValue_indexLength10** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UEIdentityIndexValue_indexLength10(const __mv_amf_dt_UEIdentityIndexValue_indexLength10* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UEIdentityIndexValue_indexLength10(__mv_amf_dt_UEIdentityIndexValue_indexLength10** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UEIdentityIndexValue_ExtIEs(__mv_amf_dt_UEIdentityIndexValue_ExtIEs** rec);
 void __mv_amf_debug_UEIdentityIndexValue_ExtIEs(const char* key, const __mv_amf_dt_UEIdentityIndexValue_ExtIEs* rec, int level);
 void __mv_amf_memfree_UEIdentityIndexValue_ExtIEs(__mv_amf_dt_UEIdentityIndexValue_ExtIEs* rec);
-int __mv_amf_Encode_UEIdentityIndexValue_ExtIEs(const __mv_amf_dt_UEIdentityIndexValue_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UEIdentityIndexValue_ExtIEs(__mv_amf_dt_UEIdentityIndexValue_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UEIdentityIndexValue_ExtIEs(const __mv_amf_dt_UEIdentityIndexValue_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UEIdentityIndexValue_ExtIEs(__mv_amf_dt_UEIdentityIndexValue_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_PagingDRX(const char* key, __mv_amf_dt_PagingDRX value, int level);
-int __mv_amf_Encode_PagingDRX(__mv_amf_dt_PagingDRX value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PagingDRX(__mv_amf_dt_PagingDRX* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PagingDRX(__mv_amf_dt_PagingDRX value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PagingDRX(__mv_amf_dt_PagingDRX* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PeriodicRegistrationUpdateTimer(__mv_amf_dt_PeriodicRegistrationUpdateTimer** rec);
 int __mv_amf_init_PeriodicRegistrationUpdateTimer2(__mv_amf_dt_PeriodicRegistrationUpdateTimer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PeriodicRegistrationUpdateTimer(const char* key, const __mv_amf_dt_PeriodicRegistrationUpdateTimer* rec, int level);
 void __mv_amf_memfree_PeriodicRegistrationUpdateTimer(__mv_amf_dt_PeriodicRegistrationUpdateTimer* rec);
-int __mv_amf_Encode_PeriodicRegistrationUpdateTimer(const __mv_amf_dt_PeriodicRegistrationUpdateTimer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PeriodicRegistrationUpdateTimer(__mv_amf_dt_PeriodicRegistrationUpdateTimer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PeriodicRegistrationUpdateTimer(const __mv_amf_dt_PeriodicRegistrationUpdateTimer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PeriodicRegistrationUpdateTimer(__mv_amf_dt_PeriodicRegistrationUpdateTimer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_MICOModeIndication(const char* key, __mv_amf_dt_MICOModeIndication value, int level);
-int __mv_amf_Encode_MICOModeIndication(__mv_amf_dt_MICOModeIndication value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_MICOModeIndication(__mv_amf_dt_MICOModeIndication* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_MICOModeIndication(__mv_amf_dt_MICOModeIndication value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_MICOModeIndication(__mv_amf_dt_MICOModeIndication* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_TAIListForInactive(__mv_amf_dt_TAIListForInactive** rec);
 void __mv_amf_debug_TAIListForInactive(const char* key, const __mv_amf_dt_TAIListForInactive* rec, int level);
 void __mv_amf_memfree_TAIListForInactive(__mv_amf_dt_TAIListForInactive* rec);
-int __mv_amf_Encode_TAIListForInactive(const __mv_amf_dt_TAIListForInactive* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TAIListForInactive(__mv_amf_dt_TAIListForInactive** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TAIListForInactive(const __mv_amf_dt_TAIListForInactive* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TAIListForInactive(__mv_amf_dt_TAIListForInactive** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_TAIListForInactiveItem(__mv_amf_dt_TAIListForInactiveItem** rec);
 void __mv_amf_debug_TAIListForInactiveItem(const char* key, const __mv_amf_dt_TAIListForInactiveItem* rec, int level);
 void __mv_amf_memfree_TAIListForInactiveItem(__mv_amf_dt_TAIListForInactiveItem* rec);
-int __mv_amf_Encode_TAIListForInactiveItem(const __mv_amf_dt_TAIListForInactiveItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TAIListForInactiveItem(__mv_amf_dt_TAIListForInactiveItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TAIListForInactiveItem(const __mv_amf_dt_TAIListForInactiveItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TAIListForInactiveItem(__mv_amf_dt_TAIListForInactiveItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_COUNTValueForPDCP_SN12(__mv_amf_dt_COUNTValueForPDCP_SN12** rec);
 void __mv_amf_debug_COUNTValueForPDCP_SN12(const char* key, const __mv_amf_dt_COUNTValueForPDCP_SN12* rec, int level);
 void __mv_amf_memfree_COUNTValueForPDCP_SN12(__mv_amf_dt_COUNTValueForPDCP_SN12* rec);
-int __mv_amf_Encode_COUNTValueForPDCP_SN12(const __mv_amf_dt_COUNTValueForPDCP_SN12* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_COUNTValueForPDCP_SN12(__mv_amf_dt_COUNTValueForPDCP_SN12** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_COUNTValueForPDCP_SN12(const __mv_amf_dt_COUNTValueForPDCP_SN12* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_COUNTValueForPDCP_SN12(__mv_amf_dt_COUNTValueForPDCP_SN12** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_COUNTValueForPDCP_SN12_pDCP_SN12(const char* key, __mv_amf_dt_COUNTValueForPDCP_SN12_pDCP_SN12 value, int level);
-int __mv_amf_Encode_COUNTValueForPDCP_SN12_pDCP_SN12(__mv_amf_dt_COUNTValueForPDCP_SN12_pDCP_SN12 value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_COUNTValueForPDCP_SN12_pDCP_SN12(__mv_amf_dt_COUNTValueForPDCP_SN12_pDCP_SN12* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_COUNTValueForPDCP_SN12_pDCP_SN12(__mv_amf_dt_COUNTValueForPDCP_SN12_pDCP_SN12 value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_COUNTValueForPDCP_SN12_pDCP_SN12(__mv_amf_dt_COUNTValueForPDCP_SN12_pDCP_SN12* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_COUNTValueForPDCP_SN12_hFN_PDCP_SN12(const char* key, __mv_amf_dt_COUNTValueForPDCP_SN12_hFN_PDCP_SN12 value, int level);
-int __mv_amf_Encode_COUNTValueForPDCP_SN12_hFN_PDCP_SN12(__mv_amf_dt_COUNTValueForPDCP_SN12_hFN_PDCP_SN12 value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_COUNTValueForPDCP_SN12_hFN_PDCP_SN12(__mv_amf_dt_COUNTValueForPDCP_SN12_hFN_PDCP_SN12* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_COUNTValueForPDCP_SN12_hFN_PDCP_SN12(__mv_amf_dt_COUNTValueForPDCP_SN12_hFN_PDCP_SN12 value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_COUNTValueForPDCP_SN12_hFN_PDCP_SN12(__mv_amf_dt_COUNTValueForPDCP_SN12_hFN_PDCP_SN12* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_COUNTValueForPDCP_SN18(__mv_amf_dt_COUNTValueForPDCP_SN18** rec);
 void __mv_amf_debug_COUNTValueForPDCP_SN18(const char* key, const __mv_amf_dt_COUNTValueForPDCP_SN18* rec, int level);
 void __mv_amf_memfree_COUNTValueForPDCP_SN18(__mv_amf_dt_COUNTValueForPDCP_SN18* rec);
-int __mv_amf_Encode_COUNTValueForPDCP_SN18(const __mv_amf_dt_COUNTValueForPDCP_SN18* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_COUNTValueForPDCP_SN18(__mv_amf_dt_COUNTValueForPDCP_SN18** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_COUNTValueForPDCP_SN18(const __mv_amf_dt_COUNTValueForPDCP_SN18* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_COUNTValueForPDCP_SN18(__mv_amf_dt_COUNTValueForPDCP_SN18** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_COUNTValueForPDCP_SN18_pDCP_SN18(const char* key, __mv_amf_dt_COUNTValueForPDCP_SN18_pDCP_SN18 value, int level);
-int __mv_amf_Encode_COUNTValueForPDCP_SN18_pDCP_SN18(__mv_amf_dt_COUNTValueForPDCP_SN18_pDCP_SN18 value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_COUNTValueForPDCP_SN18_pDCP_SN18(__mv_amf_dt_COUNTValueForPDCP_SN18_pDCP_SN18* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_COUNTValueForPDCP_SN18_pDCP_SN18(__mv_amf_dt_COUNTValueForPDCP_SN18_pDCP_SN18 value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_COUNTValueForPDCP_SN18_pDCP_SN18(__mv_amf_dt_COUNTValueForPDCP_SN18_pDCP_SN18* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_COUNTValueForPDCP_SN18_hFN_PDCP_SN18(const char* key, __mv_amf_dt_COUNTValueForPDCP_SN18_hFN_PDCP_SN18 value, int level);
-int __mv_amf_Encode_COUNTValueForPDCP_SN18_hFN_PDCP_SN18(__mv_amf_dt_COUNTValueForPDCP_SN18_hFN_PDCP_SN18 value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_COUNTValueForPDCP_SN18_hFN_PDCP_SN18(__mv_amf_dt_COUNTValueForPDCP_SN18_hFN_PDCP_SN18* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_COUNTValueForPDCP_SN18_hFN_PDCP_SN18(__mv_amf_dt_COUNTValueForPDCP_SN18_hFN_PDCP_SN18 value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_COUNTValueForPDCP_SN18_hFN_PDCP_SN18(__mv_amf_dt_COUNTValueForPDCP_SN18_hFN_PDCP_SN18* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CriticalityDiagnostics(__mv_amf_dt_CriticalityDiagnostics** rec);
 void __mv_amf_debug_CriticalityDiagnostics(const char* key, const __mv_amf_dt_CriticalityDiagnostics* rec, int level);
 void __mv_amf_memfree_CriticalityDiagnostics(__mv_amf_dt_CriticalityDiagnostics* rec);
-int __mv_amf_Encode_CriticalityDiagnostics(const __mv_amf_dt_CriticalityDiagnostics* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CriticalityDiagnostics(__mv_amf_dt_CriticalityDiagnostics** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CriticalityDiagnostics(const __mv_amf_dt_CriticalityDiagnostics* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CriticalityDiagnostics(__mv_amf_dt_CriticalityDiagnostics** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CriticalityDiagnostics_IE_List(__mv_amf_dt_CriticalityDiagnostics_IE_List** rec);
 void __mv_amf_debug_CriticalityDiagnostics_IE_List(const char* key, const __mv_amf_dt_CriticalityDiagnostics_IE_List* rec, int level);
 void __mv_amf_memfree_CriticalityDiagnostics_IE_List(__mv_amf_dt_CriticalityDiagnostics_IE_List* rec);
-int __mv_amf_Encode_CriticalityDiagnostics_IE_List(const __mv_amf_dt_CriticalityDiagnostics_IE_List* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CriticalityDiagnostics_IE_List(__mv_amf_dt_CriticalityDiagnostics_IE_List** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CriticalityDiagnostics_IE_List(const __mv_amf_dt_CriticalityDiagnostics_IE_List* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CriticalityDiagnostics_IE_List(__mv_amf_dt_CriticalityDiagnostics_IE_List** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CriticalityDiagnostics_IE_Item(__mv_amf_dt_CriticalityDiagnostics_IE_Item** rec);
 void __mv_amf_debug_CriticalityDiagnostics_IE_Item(const char* key, const __mv_amf_dt_CriticalityDiagnostics_IE_Item* rec, int level);
 void __mv_amf_memfree_CriticalityDiagnostics_IE_Item(__mv_amf_dt_CriticalityDiagnostics_IE_Item* rec);
-int __mv_amf_Encode_CriticalityDiagnostics_IE_Item(const __mv_amf_dt_CriticalityDiagnostics_IE_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CriticalityDiagnostics_IE_Item(__mv_amf_dt_CriticalityDiagnostics_IE_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CriticalityDiagnostics_IE_Item(const __mv_amf_dt_CriticalityDiagnostics_IE_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CriticalityDiagnostics_IE_Item(__mv_amf_dt_CriticalityDiagnostics_IE_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_TypeOfError(const char* key, __mv_amf_dt_TypeOfError value, int level);
-int __mv_amf_Encode_TypeOfError(__mv_amf_dt_TypeOfError value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TypeOfError(__mv_amf_dt_TypeOfError* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TypeOfError(__mv_amf_dt_TypeOfError value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TypeOfError(__mv_amf_dt_TypeOfError* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_DataCodingScheme(__mv_amf_dt_DataCodingScheme** rec);
 int __mv_amf_init_DataCodingScheme2(__mv_amf_dt_DataCodingScheme** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_DataCodingScheme(const char* key, const __mv_amf_dt_DataCodingScheme* rec, int level);
 void __mv_amf_memfree_DataCodingScheme(__mv_amf_dt_DataCodingScheme* rec);
-int __mv_amf_Encode_DataCodingScheme(const __mv_amf_dt_DataCodingScheme* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_DataCodingScheme(__mv_amf_dt_DataCodingScheme** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_DataCodingScheme(const __mv_amf_dt_DataCodingScheme* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_DataCodingScheme(__mv_amf_dt_DataCodingScheme** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_DataForwardingNotPossible(const char* key, __mv_amf_dt_DataForwardingNotPossible value, int level);
-int __mv_amf_Encode_DataForwardingNotPossible(__mv_amf_dt_DataForwardingNotPossible value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_DataForwardingNotPossible(__mv_amf_dt_DataForwardingNotPossible* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_DataForwardingNotPossible(__mv_amf_dt_DataForwardingNotPossible value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_DataForwardingNotPossible(__mv_amf_dt_DataForwardingNotPossible* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_DataForwardingResponseDRBList(__mv_amf_dt_DataForwardingResponseDRBList** rec);
 void __mv_amf_debug_DataForwardingResponseDRBList(const char* key, const __mv_amf_dt_DataForwardingResponseDRBList* rec, int level);
 void __mv_amf_memfree_DataForwardingResponseDRBList(__mv_amf_dt_DataForwardingResponseDRBList* rec);
-int __mv_amf_Encode_DataForwardingResponseDRBList(const __mv_amf_dt_DataForwardingResponseDRBList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_DataForwardingResponseDRBList(__mv_amf_dt_DataForwardingResponseDRBList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_DataForwardingResponseDRBList(const __mv_amf_dt_DataForwardingResponseDRBList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_DataForwardingResponseDRBList(__mv_amf_dt_DataForwardingResponseDRBList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_DataForwardingResponseDRBItem(__mv_amf_dt_DataForwardingResponseDRBItem** rec);
 void __mv_amf_debug_DataForwardingResponseDRBItem(const char* key, const __mv_amf_dt_DataForwardingResponseDRBItem* rec, int level);
 void __mv_amf_memfree_DataForwardingResponseDRBItem(__mv_amf_dt_DataForwardingResponseDRBItem* rec);
-int __mv_amf_Encode_DataForwardingResponseDRBItem(const __mv_amf_dt_DataForwardingResponseDRBItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_DataForwardingResponseDRBItem(__mv_amf_dt_DataForwardingResponseDRBItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_DataForwardingResponseDRBItem(const __mv_amf_dt_DataForwardingResponseDRBItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_DataForwardingResponseDRBItem(__mv_amf_dt_DataForwardingResponseDRBItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_DRB_ID(const char* key, __mv_amf_dt_DRB_ID value, int level);
-int __mv_amf_Encode_DRB_ID(__mv_amf_dt_DRB_ID value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_DRB_ID(__mv_amf_dt_DRB_ID* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_DRB_ID(__mv_amf_dt_DRB_ID value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_DRB_ID(__mv_amf_dt_DRB_ID* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_DelayCritical(const char* key, __mv_amf_dt_DelayCritical value, int level);
-int __mv_amf_Encode_DelayCritical(__mv_amf_dt_DelayCritical value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_DelayCritical(__mv_amf_dt_DelayCritical* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_DelayCritical(__mv_amf_dt_DelayCritical value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_DelayCritical(__mv_amf_dt_DelayCritical* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_DLForwarding(const char* key, __mv_amf_dt_DLForwarding value, int level);
-int __mv_amf_Encode_DLForwarding(__mv_amf_dt_DLForwarding value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_DLForwarding(__mv_amf_dt_DLForwarding* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_DLForwarding(__mv_amf_dt_DLForwarding value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_DLForwarding(__mv_amf_dt_DLForwarding* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_DL_NGU_TNLInformationReused(const char* key, __mv_amf_dt_DL_NGU_TNLInformationReused value, int level);
-int __mv_amf_Encode_DL_NGU_TNLInformationReused(__mv_amf_dt_DL_NGU_TNLInformationReused value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_DL_NGU_TNLInformationReused(__mv_amf_dt_DL_NGU_TNLInformationReused* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_DL_NGU_TNLInformationReused(__mv_amf_dt_DL_NGU_TNLInformationReused value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_DL_NGU_TNLInformationReused(__mv_amf_dt_DL_NGU_TNLInformationReused* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_DirectForwardingPathAvailability(const char* key, __mv_amf_dt_DirectForwardingPathAvailability value, int level);
-int __mv_amf_Encode_DirectForwardingPathAvailability(__mv_amf_dt_DirectForwardingPathAvailability value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_DirectForwardingPathAvailability(__mv_amf_dt_DirectForwardingPathAvailability* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_DirectForwardingPathAvailability(__mv_amf_dt_DirectForwardingPathAvailability value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_DirectForwardingPathAvailability(__mv_amf_dt_DirectForwardingPathAvailability* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_DRBsSubjectToStatusTransferList(__mv_amf_dt_DRBsSubjectToStatusTransferList** rec);
 void __mv_amf_debug_DRBsSubjectToStatusTransferList(const char* key, const __mv_amf_dt_DRBsSubjectToStatusTransferList* rec, int level);
 void __mv_amf_memfree_DRBsSubjectToStatusTransferList(__mv_amf_dt_DRBsSubjectToStatusTransferList* rec);
-int __mv_amf_Encode_DRBsSubjectToStatusTransferList(const __mv_amf_dt_DRBsSubjectToStatusTransferList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_DRBsSubjectToStatusTransferList(__mv_amf_dt_DRBsSubjectToStatusTransferList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_DRBsSubjectToStatusTransferList(const __mv_amf_dt_DRBsSubjectToStatusTransferList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_DRBsSubjectToStatusTransferList(__mv_amf_dt_DRBsSubjectToStatusTransferList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_DRBsSubjectToStatusTransferItem(__mv_amf_dt_DRBsSubjectToStatusTransferItem** rec);
 void __mv_amf_debug_DRBsSubjectToStatusTransferItem(const char* key, const __mv_amf_dt_DRBsSubjectToStatusTransferItem* rec, int level);
 void __mv_amf_memfree_DRBsSubjectToStatusTransferItem(__mv_amf_dt_DRBsSubjectToStatusTransferItem* rec);
-int __mv_amf_Encode_DRBsSubjectToStatusTransferItem(const __mv_amf_dt_DRBsSubjectToStatusTransferItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_DRBsSubjectToStatusTransferItem(__mv_amf_dt_DRBsSubjectToStatusTransferItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_DRBsSubjectToStatusTransferItem(const __mv_amf_dt_DRBsSubjectToStatusTransferItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_DRBsSubjectToStatusTransferItem(__mv_amf_dt_DRBsSubjectToStatusTransferItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_DRBStatusUL(__mv_amf_dt_DRBStatusUL** rec);
 void __mv_amf_debug_DRBStatusUL(const char* key, const __mv_amf_dt_DRBStatusUL* rec, int level);
 void __mv_amf_memfree_DRBStatusUL(__mv_amf_dt_DRBStatusUL* rec);
-int __mv_amf_Encode_DRBStatusUL(const __mv_amf_dt_DRBStatusUL* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_DRBStatusUL(__mv_amf_dt_DRBStatusUL** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_DRBStatusUL(const __mv_amf_dt_DRBStatusUL* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_DRBStatusUL(__mv_amf_dt_DRBStatusUL** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_DRBStatusUL12(__mv_amf_dt_DRBStatusUL12** rec);
 void __mv_amf_debug_DRBStatusUL12(const char* key, const __mv_amf_dt_DRBStatusUL12* rec, int level);
 void __mv_amf_memfree_DRBStatusUL12(__mv_amf_dt_DRBStatusUL12* rec);
-int __mv_amf_Encode_DRBStatusUL12(const __mv_amf_dt_DRBStatusUL12* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_DRBStatusUL12(__mv_amf_dt_DRBStatusUL12** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_DRBStatusUL12(const __mv_amf_dt_DRBStatusUL12* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_DRBStatusUL12(__mv_amf_dt_DRBStatusUL12** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_DRBStatusUL12_receiveStatusOfUL_PDCP_SDUs(__mv_amf_dt_DRBStatusUL12_receiveStatusOfUL_PDCP_SDUs** rec);
 int __mv_amf_init_DRBStatusUL12_receiveStatusOfUL_PDCP_SDUs2(__mv_amf_dt_DRBStatusUL12_receiveStatusOfUL_PDCP_SDUs** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_DRBStatusUL12_receiveStatusOfUL_PDCP_SDUs(const char* key, const __mv_amf_dt_DRBStatusUL12_receiveStatusOfUL_PDCP_SDUs* rec, int level);
 void __mv_amf_memfree_DRBStatusUL12_receiveStatusOfUL_PDCP_SDUs(__mv_amf_dt_DRBStatusUL12_receiveStatusOfUL_PDCP_SDUs* rec);
-int __mv_amf_Encode_DRBStatusUL12_receiveStatusOfUL_PDCP_SDUs(const __mv_amf_dt_DRBStatusUL12_receiveStatusOfUL_PDCP_SDUs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_DRBStatusUL12_receiveStatusOfUL_PDCP_SDUs(__mv_amf_dt_DRBStatusUL12_receiveStatusOfUL_PDCP_SDUs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_DRBStatusUL12_receiveStatusOfUL_PDCP_SDUs(const __mv_amf_dt_DRBStatusUL12_receiveStatusOfUL_PDCP_SDUs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_DRBStatusUL12_receiveStatusOfUL_PDCP_SDUs(__mv_amf_dt_DRBStatusUL12_receiveStatusOfUL_PDCP_SDUs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_DRBStatusUL18(__mv_amf_dt_DRBStatusUL18** rec);
 void __mv_amf_debug_DRBStatusUL18(const char* key, const __mv_amf_dt_DRBStatusUL18* rec, int level);
 void __mv_amf_memfree_DRBStatusUL18(__mv_amf_dt_DRBStatusUL18* rec);
-int __mv_amf_Encode_DRBStatusUL18(const __mv_amf_dt_DRBStatusUL18* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_DRBStatusUL18(__mv_amf_dt_DRBStatusUL18** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_DRBStatusUL18(const __mv_amf_dt_DRBStatusUL18* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_DRBStatusUL18(__mv_amf_dt_DRBStatusUL18** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_DRBStatusUL18_receiveStatusOfUL_PDCP_SDUs(__mv_amf_dt_DRBStatusUL18_receiveStatusOfUL_PDCP_SDUs** rec);
 int __mv_amf_init_DRBStatusUL18_receiveStatusOfUL_PDCP_SDUs2(__mv_amf_dt_DRBStatusUL18_receiveStatusOfUL_PDCP_SDUs** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_DRBStatusUL18_receiveStatusOfUL_PDCP_SDUs(const char* key, const __mv_amf_dt_DRBStatusUL18_receiveStatusOfUL_PDCP_SDUs* rec, int level);
 void __mv_amf_memfree_DRBStatusUL18_receiveStatusOfUL_PDCP_SDUs(__mv_amf_dt_DRBStatusUL18_receiveStatusOfUL_PDCP_SDUs* rec);
-int __mv_amf_Encode_DRBStatusUL18_receiveStatusOfUL_PDCP_SDUs(const __mv_amf_dt_DRBStatusUL18_receiveStatusOfUL_PDCP_SDUs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_DRBStatusUL18_receiveStatusOfUL_PDCP_SDUs(__mv_amf_dt_DRBStatusUL18_receiveStatusOfUL_PDCP_SDUs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_DRBStatusUL18_receiveStatusOfUL_PDCP_SDUs(const __mv_amf_dt_DRBStatusUL18_receiveStatusOfUL_PDCP_SDUs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_DRBStatusUL18_receiveStatusOfUL_PDCP_SDUs(__mv_amf_dt_DRBStatusUL18_receiveStatusOfUL_PDCP_SDUs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_DRBStatusUL_ExtIEs(__mv_amf_dt_DRBStatusUL_ExtIEs** rec);
 void __mv_amf_debug_DRBStatusUL_ExtIEs(const char* key, const __mv_amf_dt_DRBStatusUL_ExtIEs* rec, int level);
 void __mv_amf_memfree_DRBStatusUL_ExtIEs(__mv_amf_dt_DRBStatusUL_ExtIEs* rec);
-int __mv_amf_Encode_DRBStatusUL_ExtIEs(const __mv_amf_dt_DRBStatusUL_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_DRBStatusUL_ExtIEs(__mv_amf_dt_DRBStatusUL_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_DRBStatusUL_ExtIEs(const __mv_amf_dt_DRBStatusUL_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_DRBStatusUL_ExtIEs(__mv_amf_dt_DRBStatusUL_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_DRBStatusDL(__mv_amf_dt_DRBStatusDL** rec);
 void __mv_amf_debug_DRBStatusDL(const char* key, const __mv_amf_dt_DRBStatusDL* rec, int level);
 void __mv_amf_memfree_DRBStatusDL(__mv_amf_dt_DRBStatusDL* rec);
-int __mv_amf_Encode_DRBStatusDL(const __mv_amf_dt_DRBStatusDL* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_DRBStatusDL(__mv_amf_dt_DRBStatusDL** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_DRBStatusDL(const __mv_amf_dt_DRBStatusDL* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_DRBStatusDL(__mv_amf_dt_DRBStatusDL** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_DRBStatusDL12(__mv_amf_dt_DRBStatusDL12** rec);
 void __mv_amf_debug_DRBStatusDL12(const char* key, const __mv_amf_dt_DRBStatusDL12* rec, int level);
 void __mv_amf_memfree_DRBStatusDL12(__mv_amf_dt_DRBStatusDL12* rec);
-int __mv_amf_Encode_DRBStatusDL12(const __mv_amf_dt_DRBStatusDL12* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_DRBStatusDL12(__mv_amf_dt_DRBStatusDL12** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_DRBStatusDL12(const __mv_amf_dt_DRBStatusDL12* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_DRBStatusDL12(__mv_amf_dt_DRBStatusDL12** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_DRBStatusDL18(__mv_amf_dt_DRBStatusDL18** rec);
 void __mv_amf_debug_DRBStatusDL18(const char* key, const __mv_amf_dt_DRBStatusDL18* rec, int level);
 void __mv_amf_memfree_DRBStatusDL18(__mv_amf_dt_DRBStatusDL18* rec);
-int __mv_amf_Encode_DRBStatusDL18(const __mv_amf_dt_DRBStatusDL18* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_DRBStatusDL18(__mv_amf_dt_DRBStatusDL18** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_DRBStatusDL18(const __mv_amf_dt_DRBStatusDL18* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_DRBStatusDL18(__mv_amf_dt_DRBStatusDL18** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_DRBStatusDL_ExtIEs(__mv_amf_dt_DRBStatusDL_ExtIEs** rec);
 void __mv_amf_debug_DRBStatusDL_ExtIEs(const char* key, const __mv_amf_dt_DRBStatusDL_ExtIEs* rec, int level);
 void __mv_amf_memfree_DRBStatusDL_ExtIEs(__mv_amf_dt_DRBStatusDL_ExtIEs* rec);
-int __mv_amf_Encode_DRBStatusDL_ExtIEs(const __mv_amf_dt_DRBStatusDL_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_DRBStatusDL_ExtIEs(__mv_amf_dt_DRBStatusDL_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_DRBStatusDL_ExtIEs(const __mv_amf_dt_DRBStatusDL_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_DRBStatusDL_ExtIEs(__mv_amf_dt_DRBStatusDL_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_DRBsToQosFlowsMappingList(__mv_amf_dt_DRBsToQosFlowsMappingList** rec);
 void __mv_amf_debug_DRBsToQosFlowsMappingList(const char* key, const __mv_amf_dt_DRBsToQosFlowsMappingList* rec, int level);
 void __mv_amf_memfree_DRBsToQosFlowsMappingList(__mv_amf_dt_DRBsToQosFlowsMappingList* rec);
-int __mv_amf_Encode_DRBsToQosFlowsMappingList(const __mv_amf_dt_DRBsToQosFlowsMappingList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_DRBsToQosFlowsMappingList(__mv_amf_dt_DRBsToQosFlowsMappingList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_DRBsToQosFlowsMappingList(const __mv_amf_dt_DRBsToQosFlowsMappingList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_DRBsToQosFlowsMappingList(__mv_amf_dt_DRBsToQosFlowsMappingList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_DRBsToQosFlowsMappingItem(__mv_amf_dt_DRBsToQosFlowsMappingItem** rec);
 void __mv_amf_debug_DRBsToQosFlowsMappingItem(const char* key, const __mv_amf_dt_DRBsToQosFlowsMappingItem* rec, int level);
 void __mv_amf_memfree_DRBsToQosFlowsMappingItem(__mv_amf_dt_DRBsToQosFlowsMappingItem* rec);
-int __mv_amf_Encode_DRBsToQosFlowsMappingItem(const __mv_amf_dt_DRBsToQosFlowsMappingItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_DRBsToQosFlowsMappingItem(__mv_amf_dt_DRBsToQosFlowsMappingItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_DRBsToQosFlowsMappingItem(const __mv_amf_dt_DRBsToQosFlowsMappingItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_DRBsToQosFlowsMappingItem(__mv_amf_dt_DRBsToQosFlowsMappingItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_Dynamic5QIDescriptor(__mv_amf_dt_Dynamic5QIDescriptor** rec);
 void __mv_amf_debug_Dynamic5QIDescriptor(const char* key, const __mv_amf_dt_Dynamic5QIDescriptor* rec, int level);
 void __mv_amf_memfree_Dynamic5QIDescriptor(__mv_amf_dt_Dynamic5QIDescriptor* rec);
-int __mv_amf_Encode_Dynamic5QIDescriptor(const __mv_amf_dt_Dynamic5QIDescriptor* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_Dynamic5QIDescriptor(__mv_amf_dt_Dynamic5QIDescriptor** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_Dynamic5QIDescriptor(const __mv_amf_dt_Dynamic5QIDescriptor* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_Dynamic5QIDescriptor(__mv_amf_dt_Dynamic5QIDescriptor** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_PriorityLevelQos(const char* key, __mv_amf_dt_PriorityLevelQos value, int level);
-int __mv_amf_Encode_PriorityLevelQos(__mv_amf_dt_PriorityLevelQos value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PriorityLevelQos(__mv_amf_dt_PriorityLevelQos* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PriorityLevelQos(__mv_amf_dt_PriorityLevelQos value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PriorityLevelQos(__mv_amf_dt_PriorityLevelQos* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_PacketDelayBudget(const char* key, __mv_amf_dt_PacketDelayBudget value, int level);
-int __mv_amf_Encode_PacketDelayBudget(__mv_amf_dt_PacketDelayBudget value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PacketDelayBudget(__mv_amf_dt_PacketDelayBudget* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PacketDelayBudget(__mv_amf_dt_PacketDelayBudget value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PacketDelayBudget(__mv_amf_dt_PacketDelayBudget* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PacketErrorRate(__mv_amf_dt_PacketErrorRate** rec);
 void __mv_amf_debug_PacketErrorRate(const char* key, const __mv_amf_dt_PacketErrorRate* rec, int level);
 void __mv_amf_memfree_PacketErrorRate(__mv_amf_dt_PacketErrorRate* rec);
-int __mv_amf_Encode_PacketErrorRate(const __mv_amf_dt_PacketErrorRate* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PacketErrorRate(__mv_amf_dt_PacketErrorRate** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PacketErrorRate(const __mv_amf_dt_PacketErrorRate* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PacketErrorRate(__mv_amf_dt_PacketErrorRate** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_PacketErrorRate_pERScalar(const char* key, __mv_amf_dt_PacketErrorRate_pERScalar value, int level);
-int __mv_amf_Encode_PacketErrorRate_pERScalar(__mv_amf_dt_PacketErrorRate_pERScalar value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PacketErrorRate_pERScalar(__mv_amf_dt_PacketErrorRate_pERScalar* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PacketErrorRate_pERScalar(__mv_amf_dt_PacketErrorRate_pERScalar value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PacketErrorRate_pERScalar(__mv_amf_dt_PacketErrorRate_pERScalar* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_PacketErrorRate_pERExponent(const char* key, __mv_amf_dt_PacketErrorRate_pERExponent value, int level);
-int __mv_amf_Encode_PacketErrorRate_pERExponent(__mv_amf_dt_PacketErrorRate_pERExponent value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PacketErrorRate_pERExponent(__mv_amf_dt_PacketErrorRate_pERExponent* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PacketErrorRate_pERExponent(__mv_amf_dt_PacketErrorRate_pERExponent value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PacketErrorRate_pERExponent(__mv_amf_dt_PacketErrorRate_pERExponent* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_FiveQI(const char* key, __mv_amf_dt_FiveQI value, int level);
-int __mv_amf_Encode_FiveQI(__mv_amf_dt_FiveQI value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_FiveQI(__mv_amf_dt_FiveQI* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_FiveQI(__mv_amf_dt_FiveQI value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_FiveQI(__mv_amf_dt_FiveQI* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_MaximumDataBurstVolume(const char* key, __mv_amf_dt_MaximumDataBurstVolume value, int level);
-int __mv_amf_Encode_MaximumDataBurstVolume(__mv_amf_dt_MaximumDataBurstVolume value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_MaximumDataBurstVolume(__mv_amf_dt_MaximumDataBurstVolume* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_MaximumDataBurstVolume(__mv_amf_dt_MaximumDataBurstVolume value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_MaximumDataBurstVolume(__mv_amf_dt_MaximumDataBurstVolume* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_EmergencyAreaIDList(__mv_amf_dt_EmergencyAreaIDList** rec);
 void __mv_amf_debug_EmergencyAreaIDList(const char* key, const __mv_amf_dt_EmergencyAreaIDList* rec, int level);
 void __mv_amf_memfree_EmergencyAreaIDList(__mv_amf_dt_EmergencyAreaIDList* rec);
-int __mv_amf_Encode_EmergencyAreaIDList(const __mv_amf_dt_EmergencyAreaIDList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_EmergencyAreaIDList(__mv_amf_dt_EmergencyAreaIDList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_EmergencyAreaIDList(const __mv_amf_dt_EmergencyAreaIDList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_EmergencyAreaIDList(__mv_amf_dt_EmergencyAreaIDList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_EmergencyAreaIDListForRestart(__mv_amf_dt_EmergencyAreaIDListForRestart** rec);
 void __mv_amf_debug_EmergencyAreaIDListForRestart(const char* key, const __mv_amf_dt_EmergencyAreaIDListForRestart* rec, int level);
 void __mv_amf_memfree_EmergencyAreaIDListForRestart(__mv_amf_dt_EmergencyAreaIDListForRestart* rec);
-int __mv_amf_Encode_EmergencyAreaIDListForRestart(const __mv_amf_dt_EmergencyAreaIDListForRestart* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_EmergencyAreaIDListForRestart(__mv_amf_dt_EmergencyAreaIDListForRestart** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_EmergencyAreaIDListForRestart(const __mv_amf_dt_EmergencyAreaIDListForRestart* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_EmergencyAreaIDListForRestart(__mv_amf_dt_EmergencyAreaIDListForRestart** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_EmergencyFallbackIndicator(__mv_amf_dt_EmergencyFallbackIndicator** rec);
 void __mv_amf_debug_EmergencyFallbackIndicator(const char* key, const __mv_amf_dt_EmergencyFallbackIndicator* rec, int level);
 void __mv_amf_memfree_EmergencyFallbackIndicator(__mv_amf_dt_EmergencyFallbackIndicator* rec);
-int __mv_amf_Encode_EmergencyFallbackIndicator(const __mv_amf_dt_EmergencyFallbackIndicator* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_EmergencyFallbackIndicator(__mv_amf_dt_EmergencyFallbackIndicator** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_EmergencyFallbackIndicator(const __mv_amf_dt_EmergencyFallbackIndicator* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_EmergencyFallbackIndicator(__mv_amf_dt_EmergencyFallbackIndicator** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_EmergencyFallbackRequestIndicator(const char* key, __mv_amf_dt_EmergencyFallbackRequestIndicator value, int level);
-int __mv_amf_Encode_EmergencyFallbackRequestIndicator(__mv_amf_dt_EmergencyFallbackRequestIndicator value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_EmergencyFallbackRequestIndicator(__mv_amf_dt_EmergencyFallbackRequestIndicator* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_EmergencyFallbackRequestIndicator(__mv_amf_dt_EmergencyFallbackRequestIndicator value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_EmergencyFallbackRequestIndicator(__mv_amf_dt_EmergencyFallbackRequestIndicator* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_EmergencyServiceTargetCN(const char* key, __mv_amf_dt_EmergencyServiceTargetCN value, int level);
-int __mv_amf_Encode_EmergencyServiceTargetCN(__mv_amf_dt_EmergencyServiceTargetCN value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_EmergencyServiceTargetCN(__mv_amf_dt_EmergencyServiceTargetCN* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_EmergencyServiceTargetCN(__mv_amf_dt_EmergencyServiceTargetCN value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_EmergencyServiceTargetCN(__mv_amf_dt_EmergencyServiceTargetCN* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_EN_DCSONConfigurationTransfer(__mv_amf_dt_EN_DCSONConfigurationTransfer** rec);
 int __mv_amf_init_EN_DCSONConfigurationTransfer2(__mv_amf_dt_EN_DCSONConfigurationTransfer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_EN_DCSONConfigurationTransfer(const char* key, const __mv_amf_dt_EN_DCSONConfigurationTransfer* rec, int level);
 void __mv_amf_memfree_EN_DCSONConfigurationTransfer(__mv_amf_dt_EN_DCSONConfigurationTransfer* rec);
-int __mv_amf_Encode_EN_DCSONConfigurationTransfer(const __mv_amf_dt_EN_DCSONConfigurationTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_EN_DCSONConfigurationTransfer(__mv_amf_dt_EN_DCSONConfigurationTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_EN_DCSONConfigurationTransfer(const __mv_amf_dt_EN_DCSONConfigurationTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_EN_DCSONConfigurationTransfer(__mv_amf_dt_EN_DCSONConfigurationTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_EquivalentPLMNs(__mv_amf_dt_EquivalentPLMNs** rec);
 void __mv_amf_debug_EquivalentPLMNs(const char* key, const __mv_amf_dt_EquivalentPLMNs* rec, int level);
 void __mv_amf_memfree_EquivalentPLMNs(__mv_amf_dt_EquivalentPLMNs* rec);
-int __mv_amf_Encode_EquivalentPLMNs(const __mv_amf_dt_EquivalentPLMNs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_EquivalentPLMNs(__mv_amf_dt_EquivalentPLMNs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_EquivalentPLMNs(const __mv_amf_dt_EquivalentPLMNs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_EquivalentPLMNs(__mv_amf_dt_EquivalentPLMNs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_EPS_TAC(__mv_amf_dt_EPS_TAC** rec);
 int __mv_amf_init_EPS_TAC2(__mv_amf_dt_EPS_TAC** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_EPS_TAC(const char* key, const __mv_amf_dt_EPS_TAC* rec, int level);
 void __mv_amf_memfree_EPS_TAC(__mv_amf_dt_EPS_TAC* rec);
-int __mv_amf_Encode_EPS_TAC(const __mv_amf_dt_EPS_TAC* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_EPS_TAC(__mv_amf_dt_EPS_TAC** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_EPS_TAC(const __mv_amf_dt_EPS_TAC* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_EPS_TAC(__mv_amf_dt_EPS_TAC** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_EPS_TAI(__mv_amf_dt_EPS_TAI** rec);
 void __mv_amf_debug_EPS_TAI(const char* key, const __mv_amf_dt_EPS_TAI* rec, int level);
 void __mv_amf_memfree_EPS_TAI(__mv_amf_dt_EPS_TAI* rec);
-int __mv_amf_Encode_EPS_TAI(const __mv_amf_dt_EPS_TAI* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_EPS_TAI(__mv_amf_dt_EPS_TAI** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_EPS_TAI(const __mv_amf_dt_EPS_TAI* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_EPS_TAI(__mv_amf_dt_EPS_TAI** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_E_RAB_ID(const char* key, __mv_amf_dt_E_RAB_ID value, int level);
-int __mv_amf_Encode_E_RAB_ID(__mv_amf_dt_E_RAB_ID value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_E_RAB_ID(__mv_amf_dt_E_RAB_ID* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_E_RAB_ID(__mv_amf_dt_E_RAB_ID value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_E_RAB_ID(__mv_amf_dt_E_RAB_ID* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_E_RABInformationList(__mv_amf_dt_E_RABInformationList** rec);
 void __mv_amf_debug_E_RABInformationList(const char* key, const __mv_amf_dt_E_RABInformationList* rec, int level);
 void __mv_amf_memfree_E_RABInformationList(__mv_amf_dt_E_RABInformationList* rec);
-int __mv_amf_Encode_E_RABInformationList(const __mv_amf_dt_E_RABInformationList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_E_RABInformationList(__mv_amf_dt_E_RABInformationList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_E_RABInformationList(const __mv_amf_dt_E_RABInformationList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_E_RABInformationList(__mv_amf_dt_E_RABInformationList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_E_RABInformationItem(__mv_amf_dt_E_RABInformationItem** rec);
 void __mv_amf_debug_E_RABInformationItem(const char* key, const __mv_amf_dt_E_RABInformationItem* rec, int level);
 void __mv_amf_memfree_E_RABInformationItem(__mv_amf_dt_E_RABInformationItem* rec);
-int __mv_amf_Encode_E_RABInformationItem(const __mv_amf_dt_E_RABInformationItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_E_RABInformationItem(__mv_amf_dt_E_RABInformationItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_E_RABInformationItem(const __mv_amf_dt_E_RABInformationItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_E_RABInformationItem(__mv_amf_dt_E_RABInformationItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_EUTRA_CGIListForWarning(__mv_amf_dt_EUTRA_CGIListForWarning** rec);
 void __mv_amf_debug_EUTRA_CGIListForWarning(const char* key, const __mv_amf_dt_EUTRA_CGIListForWarning* rec, int level);
 void __mv_amf_memfree_EUTRA_CGIListForWarning(__mv_amf_dt_EUTRA_CGIListForWarning* rec);
-int __mv_amf_Encode_EUTRA_CGIListForWarning(const __mv_amf_dt_EUTRA_CGIListForWarning* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_EUTRA_CGIListForWarning(__mv_amf_dt_EUTRA_CGIListForWarning** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_EUTRA_CGIListForWarning(const __mv_amf_dt_EUTRA_CGIListForWarning* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_EUTRA_CGIListForWarning(__mv_amf_dt_EUTRA_CGIListForWarning** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_EUTRAencryptionAlgorithms(__mv_amf_dt_EUTRAencryptionAlgorithms** rec);
 int __mv_amf_init_EUTRAencryptionAlgorithms2(__mv_amf_dt_EUTRAencryptionAlgorithms** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_EUTRAencryptionAlgorithms(const char* key, const __mv_amf_dt_EUTRAencryptionAlgorithms* rec, int level);
 void __mv_amf_memfree_EUTRAencryptionAlgorithms(__mv_amf_dt_EUTRAencryptionAlgorithms* rec);
-int __mv_amf_Encode_EUTRAencryptionAlgorithms(const __mv_amf_dt_EUTRAencryptionAlgorithms* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_EUTRAencryptionAlgorithms(__mv_amf_dt_EUTRAencryptionAlgorithms** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_EUTRAencryptionAlgorithms(const __mv_amf_dt_EUTRAencryptionAlgorithms* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_EUTRAencryptionAlgorithms(__mv_amf_dt_EUTRAencryptionAlgorithms** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_EUTRAintegrityProtectionAlgorithms(__mv_amf_dt_EUTRAintegrityProtectionAlgorithms** rec);
 int __mv_amf_init_EUTRAintegrityProtectionAlgorithms2(__mv_amf_dt_EUTRAintegrityProtectionAlgorithms** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_EUTRAintegrityProtectionAlgorithms(const char* key, const __mv_amf_dt_EUTRAintegrityProtectionAlgorithms* rec, int level);
 void __mv_amf_memfree_EUTRAintegrityProtectionAlgorithms(__mv_amf_dt_EUTRAintegrityProtectionAlgorithms* rec);
-int __mv_amf_Encode_EUTRAintegrityProtectionAlgorithms(const __mv_amf_dt_EUTRAintegrityProtectionAlgorithms* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_EUTRAintegrityProtectionAlgorithms(__mv_amf_dt_EUTRAintegrityProtectionAlgorithms** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_EUTRAintegrityProtectionAlgorithms(const __mv_amf_dt_EUTRAintegrityProtectionAlgorithms* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_EUTRAintegrityProtectionAlgorithms(__mv_amf_dt_EUTRAintegrityProtectionAlgorithms** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_EventType(const char* key, __mv_amf_dt_EventType value, int level);
-int __mv_amf_Encode_EventType(__mv_amf_dt_EventType value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_EventType(__mv_amf_dt_EventType* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_EventType(__mv_amf_dt_EventType value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_EventType(__mv_amf_dt_EventType* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_FiveG_S_TMSI(__mv_amf_dt_FiveG_S_TMSI** rec);
 void __mv_amf_debug_FiveG_S_TMSI(const char* key, const __mv_amf_dt_FiveG_S_TMSI* rec, int level);
 void __mv_amf_memfree_FiveG_S_TMSI(__mv_amf_dt_FiveG_S_TMSI* rec);
-int __mv_amf_Encode_FiveG_S_TMSI(const __mv_amf_dt_FiveG_S_TMSI* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_FiveG_S_TMSI(__mv_amf_dt_FiveG_S_TMSI** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_FiveG_S_TMSI(const __mv_amf_dt_FiveG_S_TMSI* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_FiveG_S_TMSI(__mv_amf_dt_FiveG_S_TMSI** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_FiveG_TMSI(__mv_amf_dt_FiveG_TMSI** rec);
 int __mv_amf_init_FiveG_TMSI2(__mv_amf_dt_FiveG_TMSI** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_FiveG_TMSI(const char* key, const __mv_amf_dt_FiveG_TMSI* rec, int level);
 void __mv_amf_memfree_FiveG_TMSI(__mv_amf_dt_FiveG_TMSI* rec);
-int __mv_amf_Encode_FiveG_TMSI(const __mv_amf_dt_FiveG_TMSI* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_FiveG_TMSI(__mv_amf_dt_FiveG_TMSI** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_FiveG_TMSI(const __mv_amf_dt_FiveG_TMSI* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_FiveG_TMSI(__mv_amf_dt_FiveG_TMSI** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_ForbiddenAreaInformation(__mv_amf_dt_ForbiddenAreaInformation** rec);
 void __mv_amf_debug_ForbiddenAreaInformation(const char* key, const __mv_amf_dt_ForbiddenAreaInformation* rec, int level);
 void __mv_amf_memfree_ForbiddenAreaInformation(__mv_amf_dt_ForbiddenAreaInformation* rec);
-int __mv_amf_Encode_ForbiddenAreaInformation(const __mv_amf_dt_ForbiddenAreaInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ForbiddenAreaInformation(__mv_amf_dt_ForbiddenAreaInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ForbiddenAreaInformation(const __mv_amf_dt_ForbiddenAreaInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ForbiddenAreaInformation(__mv_amf_dt_ForbiddenAreaInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_ForbiddenAreaInformation_Item(__mv_amf_dt_ForbiddenAreaInformation_Item** rec);
 void __mv_amf_debug_ForbiddenAreaInformation_Item(const char* key, const __mv_amf_dt_ForbiddenAreaInformation_Item* rec, int level);
 void __mv_amf_memfree_ForbiddenAreaInformation_Item(__mv_amf_dt_ForbiddenAreaInformation_Item* rec);
-int __mv_amf_Encode_ForbiddenAreaInformation_Item(const __mv_amf_dt_ForbiddenAreaInformation_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ForbiddenAreaInformation_Item(__mv_amf_dt_ForbiddenAreaInformation_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ForbiddenAreaInformation_Item(const __mv_amf_dt_ForbiddenAreaInformation_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ForbiddenAreaInformation_Item(__mv_amf_dt_ForbiddenAreaInformation_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_ForbiddenTACs(__mv_amf_dt_ForbiddenTACs** rec);
 void __mv_amf_debug_ForbiddenTACs(const char* key, const __mv_amf_dt_ForbiddenTACs* rec, int level);
 void __mv_amf_memfree_ForbiddenTACs(__mv_amf_dt_ForbiddenTACs* rec);
-int __mv_amf_Encode_ForbiddenTACs(const __mv_amf_dt_ForbiddenTACs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ForbiddenTACs(__mv_amf_dt_ForbiddenTACs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ForbiddenTACs(const __mv_amf_dt_ForbiddenTACs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ForbiddenTACs(__mv_amf_dt_ForbiddenTACs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_GBR_QosInformation(__mv_amf_dt_GBR_QosInformation** rec);
 void __mv_amf_debug_GBR_QosInformation(const char* key, const __mv_amf_dt_GBR_QosInformation* rec, int level);
 void __mv_amf_memfree_GBR_QosInformation(__mv_amf_dt_GBR_QosInformation* rec);
-int __mv_amf_Encode_GBR_QosInformation(const __mv_amf_dt_GBR_QosInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_GBR_QosInformation(__mv_amf_dt_GBR_QosInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_GBR_QosInformation(const __mv_amf_dt_GBR_QosInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_GBR_QosInformation(__mv_amf_dt_GBR_QosInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_NotificationControl(const char* key, __mv_amf_dt_NotificationControl value, int level);
-int __mv_amf_Encode_NotificationControl(__mv_amf_dt_NotificationControl value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NotificationControl(__mv_amf_dt_NotificationControl* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NotificationControl(__mv_amf_dt_NotificationControl value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NotificationControl(__mv_amf_dt_NotificationControl* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_PacketLossRate(const char* key, __mv_amf_dt_PacketLossRate value, int level);
-int __mv_amf_Encode_PacketLossRate(__mv_amf_dt_PacketLossRate value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PacketLossRate(__mv_amf_dt_PacketLossRate* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PacketLossRate(__mv_amf_dt_PacketLossRate value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PacketLossRate(__mv_amf_dt_PacketLossRate* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_GUAMI(__mv_amf_dt_GUAMI** rec);
 void __mv_amf_debug_GUAMI(const char* key, const __mv_amf_dt_GUAMI* rec, int level);
 void __mv_amf_memfree_GUAMI(__mv_amf_dt_GUAMI* rec);
-int __mv_amf_Encode_GUAMI(const __mv_amf_dt_GUAMI* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_GUAMI(__mv_amf_dt_GUAMI** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_GUAMI(const __mv_amf_dt_GUAMI* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_GUAMI(__mv_amf_dt_GUAMI** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_HandoverCommandTransfer(__mv_amf_dt_HandoverCommandTransfer** rec);
 void __mv_amf_debug_HandoverCommandTransfer(const char* key, const __mv_amf_dt_HandoverCommandTransfer* rec, int level);
 void __mv_amf_memfree_HandoverCommandTransfer(__mv_amf_dt_HandoverCommandTransfer* rec);
-int __mv_amf_Encode_HandoverCommandTransfer(const __mv_amf_dt_HandoverCommandTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_HandoverCommandTransfer(__mv_amf_dt_HandoverCommandTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_HandoverCommandTransfer(const __mv_amf_dt_HandoverCommandTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_HandoverCommandTransfer(__mv_amf_dt_HandoverCommandTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_QosFlowToBeForwardedList(__mv_amf_dt_QosFlowToBeForwardedList** rec);
 void __mv_amf_debug_QosFlowToBeForwardedList(const char* key, const __mv_amf_dt_QosFlowToBeForwardedList* rec, int level);
 void __mv_amf_memfree_QosFlowToBeForwardedList(__mv_amf_dt_QosFlowToBeForwardedList* rec);
-int __mv_amf_Encode_QosFlowToBeForwardedList(const __mv_amf_dt_QosFlowToBeForwardedList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QosFlowToBeForwardedList(__mv_amf_dt_QosFlowToBeForwardedList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QosFlowToBeForwardedList(const __mv_amf_dt_QosFlowToBeForwardedList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QosFlowToBeForwardedList(__mv_amf_dt_QosFlowToBeForwardedList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_QosFlowToBeForwardedItem(__mv_amf_dt_QosFlowToBeForwardedItem** rec);
 void __mv_amf_debug_QosFlowToBeForwardedItem(const char* key, const __mv_amf_dt_QosFlowToBeForwardedItem* rec, int level);
 void __mv_amf_memfree_QosFlowToBeForwardedItem(__mv_amf_dt_QosFlowToBeForwardedItem* rec);
-int __mv_amf_Encode_QosFlowToBeForwardedItem(const __mv_amf_dt_QosFlowToBeForwardedItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QosFlowToBeForwardedItem(__mv_amf_dt_QosFlowToBeForwardedItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QosFlowToBeForwardedItem(const __mv_amf_dt_QosFlowToBeForwardedItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QosFlowToBeForwardedItem(__mv_amf_dt_QosFlowToBeForwardedItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_HandoverFlag(const char* key, __mv_amf_dt_HandoverFlag value, int level);
-int __mv_amf_Encode_HandoverFlag(__mv_amf_dt_HandoverFlag value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_HandoverFlag(__mv_amf_dt_HandoverFlag* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_HandoverFlag(__mv_amf_dt_HandoverFlag value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_HandoverFlag(__mv_amf_dt_HandoverFlag* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_HandoverPreparationUnsuccessfulTransfer(__mv_amf_dt_HandoverPreparationUnsuccessfulTransfer** rec);
 void __mv_amf_debug_HandoverPreparationUnsuccessfulTransfer(const char* key, const __mv_amf_dt_HandoverPreparationUnsuccessfulTransfer* rec, int level);
 void __mv_amf_memfree_HandoverPreparationUnsuccessfulTransfer(__mv_amf_dt_HandoverPreparationUnsuccessfulTransfer* rec);
-int __mv_amf_Encode_HandoverPreparationUnsuccessfulTransfer(const __mv_amf_dt_HandoverPreparationUnsuccessfulTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_HandoverPreparationUnsuccessfulTransfer(__mv_amf_dt_HandoverPreparationUnsuccessfulTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_HandoverPreparationUnsuccessfulTransfer(const __mv_amf_dt_HandoverPreparationUnsuccessfulTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_HandoverPreparationUnsuccessfulTransfer(__mv_amf_dt_HandoverPreparationUnsuccessfulTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_HandoverRequestAcknowledgeTransfer(__mv_amf_dt_HandoverRequestAcknowledgeTransfer** rec);
 void __mv_amf_debug_HandoverRequestAcknowledgeTransfer(const char* key, const __mv_amf_dt_HandoverRequestAcknowledgeTransfer* rec, int level);
 void __mv_amf_memfree_HandoverRequestAcknowledgeTransfer(__mv_amf_dt_HandoverRequestAcknowledgeTransfer* rec);
-int __mv_amf_Encode_HandoverRequestAcknowledgeTransfer(const __mv_amf_dt_HandoverRequestAcknowledgeTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_HandoverRequestAcknowledgeTransfer(__mv_amf_dt_HandoverRequestAcknowledgeTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_HandoverRequestAcknowledgeTransfer(const __mv_amf_dt_HandoverRequestAcknowledgeTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_HandoverRequestAcknowledgeTransfer(__mv_amf_dt_HandoverRequestAcknowledgeTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_SecurityResult(__mv_amf_dt_SecurityResult** rec);
 void __mv_amf_debug_SecurityResult(const char* key, const __mv_amf_dt_SecurityResult* rec, int level);
 void __mv_amf_memfree_SecurityResult(__mv_amf_dt_SecurityResult* rec);
-int __mv_amf_Encode_SecurityResult(const __mv_amf_dt_SecurityResult* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_SecurityResult(__mv_amf_dt_SecurityResult** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_SecurityResult(const __mv_amf_dt_SecurityResult* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_SecurityResult(__mv_amf_dt_SecurityResult** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_IntegrityProtectionResult(const char* key, __mv_amf_dt_IntegrityProtectionResult value, int level);
-int __mv_amf_Encode_IntegrityProtectionResult(__mv_amf_dt_IntegrityProtectionResult value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_IntegrityProtectionResult(__mv_amf_dt_IntegrityProtectionResult* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_IntegrityProtectionResult(__mv_amf_dt_IntegrityProtectionResult value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_IntegrityProtectionResult(__mv_amf_dt_IntegrityProtectionResult* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_QosFlowListWithCause(__mv_amf_dt_QosFlowListWithCause** rec);
 void __mv_amf_debug_QosFlowListWithCause(const char* key, const __mv_amf_dt_QosFlowListWithCause* rec, int level);
 void __mv_amf_memfree_QosFlowListWithCause(__mv_amf_dt_QosFlowListWithCause* rec);
-int __mv_amf_Encode_QosFlowListWithCause(const __mv_amf_dt_QosFlowListWithCause* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QosFlowListWithCause(__mv_amf_dt_QosFlowListWithCause** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QosFlowListWithCause(const __mv_amf_dt_QosFlowListWithCause* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QosFlowListWithCause(__mv_amf_dt_QosFlowListWithCause** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_QosFlowWithCauseItem(__mv_amf_dt_QosFlowWithCauseItem** rec);
 void __mv_amf_debug_QosFlowWithCauseItem(const char* key, const __mv_amf_dt_QosFlowWithCauseItem* rec, int level);
 void __mv_amf_memfree_QosFlowWithCauseItem(__mv_amf_dt_QosFlowWithCauseItem* rec);
-int __mv_amf_Encode_QosFlowWithCauseItem(const __mv_amf_dt_QosFlowWithCauseItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QosFlowWithCauseItem(__mv_amf_dt_QosFlowWithCauseItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QosFlowWithCauseItem(const __mv_amf_dt_QosFlowWithCauseItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QosFlowWithCauseItem(__mv_amf_dt_QosFlowWithCauseItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_HandoverRequiredTransfer(__mv_amf_dt_HandoverRequiredTransfer** rec);
 void __mv_amf_debug_HandoverRequiredTransfer(const char* key, const __mv_amf_dt_HandoverRequiredTransfer* rec, int level);
 void __mv_amf_memfree_HandoverRequiredTransfer(__mv_amf_dt_HandoverRequiredTransfer* rec);
-int __mv_amf_Encode_HandoverRequiredTransfer(const __mv_amf_dt_HandoverRequiredTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_HandoverRequiredTransfer(__mv_amf_dt_HandoverRequiredTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_HandoverRequiredTransfer(const __mv_amf_dt_HandoverRequiredTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_HandoverRequiredTransfer(__mv_amf_dt_HandoverRequiredTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_HandoverResourceAllocationUnsuccessfulTransfer(__mv_amf_dt_HandoverResourceAllocationUnsuccessfulTransfer** rec);
 void __mv_amf_debug_HandoverResourceAllocationUnsuccessfulTransfer(const char* key, const __mv_amf_dt_HandoverResourceAllocationUnsuccessfulTransfer* rec, int level);
 void __mv_amf_memfree_HandoverResourceAllocationUnsuccessfulTransfer(__mv_amf_dt_HandoverResourceAllocationUnsuccessfulTransfer* rec);
-int __mv_amf_Encode_HandoverResourceAllocationUnsuccessfulTransfer(const __mv_amf_dt_HandoverResourceAllocationUnsuccessfulTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_HandoverResourceAllocationUnsuccessfulTransfer(__mv_amf_dt_HandoverResourceAllocationUnsuccessfulTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_HandoverResourceAllocationUnsuccessfulTransfer(const __mv_amf_dt_HandoverResourceAllocationUnsuccessfulTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_HandoverResourceAllocationUnsuccessfulTransfer(__mv_amf_dt_HandoverResourceAllocationUnsuccessfulTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_HandoverType(const char* key, __mv_amf_dt_HandoverType value, int level);
-int __mv_amf_Encode_HandoverType(__mv_amf_dt_HandoverType value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_HandoverType(__mv_amf_dt_HandoverType* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_HandoverType(__mv_amf_dt_HandoverType value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_HandoverType(__mv_amf_dt_HandoverType* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_IMSVoiceSupportIndicator(const char* key, __mv_amf_dt_IMSVoiceSupportIndicator value, int level);
-int __mv_amf_Encode_IMSVoiceSupportIndicator(__mv_amf_dt_IMSVoiceSupportIndicator value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_IMSVoiceSupportIndicator(__mv_amf_dt_IMSVoiceSupportIndicator* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_IMSVoiceSupportIndicator(__mv_amf_dt_IMSVoiceSupportIndicator value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_IMSVoiceSupportIndicator(__mv_amf_dt_IMSVoiceSupportIndicator* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_IndexToRFSP(const char* key, __mv_amf_dt_IndexToRFSP value, int level);
-int __mv_amf_Encode_IndexToRFSP(__mv_amf_dt_IndexToRFSP value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_IndexToRFSP(__mv_amf_dt_IndexToRFSP* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_IndexToRFSP(__mv_amf_dt_IndexToRFSP value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_IndexToRFSP(__mv_amf_dt_IndexToRFSP* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_InfoOnRecommendedCellsAndRANNodesForPaging(__mv_amf_dt_InfoOnRecommendedCellsAndRANNodesForPaging** rec);
 void __mv_amf_debug_InfoOnRecommendedCellsAndRANNodesForPaging(const char* key, const __mv_amf_dt_InfoOnRecommendedCellsAndRANNodesForPaging* rec, int level);
 void __mv_amf_memfree_InfoOnRecommendedCellsAndRANNodesForPaging(__mv_amf_dt_InfoOnRecommendedCellsAndRANNodesForPaging* rec);
-int __mv_amf_Encode_InfoOnRecommendedCellsAndRANNodesForPaging(const __mv_amf_dt_InfoOnRecommendedCellsAndRANNodesForPaging* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_InfoOnRecommendedCellsAndRANNodesForPaging(__mv_amf_dt_InfoOnRecommendedCellsAndRANNodesForPaging** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_InfoOnRecommendedCellsAndRANNodesForPaging(const __mv_amf_dt_InfoOnRecommendedCellsAndRANNodesForPaging* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_InfoOnRecommendedCellsAndRANNodesForPaging(__mv_amf_dt_InfoOnRecommendedCellsAndRANNodesForPaging** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_RecommendedRANNodesForPaging(__mv_amf_dt_RecommendedRANNodesForPaging** rec);
 void __mv_amf_debug_RecommendedRANNodesForPaging(const char* key, const __mv_amf_dt_RecommendedRANNodesForPaging* rec, int level);
 void __mv_amf_memfree_RecommendedRANNodesForPaging(__mv_amf_dt_RecommendedRANNodesForPaging* rec);
-int __mv_amf_Encode_RecommendedRANNodesForPaging(const __mv_amf_dt_RecommendedRANNodesForPaging* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_RecommendedRANNodesForPaging(__mv_amf_dt_RecommendedRANNodesForPaging** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_RecommendedRANNodesForPaging(const __mv_amf_dt_RecommendedRANNodesForPaging* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_RecommendedRANNodesForPaging(__mv_amf_dt_RecommendedRANNodesForPaging** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_RecommendedRANNodeList(__mv_amf_dt_RecommendedRANNodeList** rec);
 void __mv_amf_debug_RecommendedRANNodeList(const char* key, const __mv_amf_dt_RecommendedRANNodeList* rec, int level);
 void __mv_amf_memfree_RecommendedRANNodeList(__mv_amf_dt_RecommendedRANNodeList* rec);
-int __mv_amf_Encode_RecommendedRANNodeList(const __mv_amf_dt_RecommendedRANNodeList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_RecommendedRANNodeList(__mv_amf_dt_RecommendedRANNodeList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_RecommendedRANNodeList(const __mv_amf_dt_RecommendedRANNodeList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_RecommendedRANNodeList(__mv_amf_dt_RecommendedRANNodeList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_RecommendedRANNodeItem(__mv_amf_dt_RecommendedRANNodeItem** rec);
 void __mv_amf_debug_RecommendedRANNodeItem(const char* key, const __mv_amf_dt_RecommendedRANNodeItem* rec, int level);
 void __mv_amf_memfree_RecommendedRANNodeItem(__mv_amf_dt_RecommendedRANNodeItem* rec);
-int __mv_amf_Encode_RecommendedRANNodeItem(const __mv_amf_dt_RecommendedRANNodeItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_RecommendedRANNodeItem(__mv_amf_dt_RecommendedRANNodeItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_RecommendedRANNodeItem(const __mv_amf_dt_RecommendedRANNodeItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_RecommendedRANNodeItem(__mv_amf_dt_RecommendedRANNodeItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_IntegrityProtectionIndication(const char* key, __mv_amf_dt_IntegrityProtectionIndication value, int level);
-int __mv_amf_Encode_IntegrityProtectionIndication(__mv_amf_dt_IntegrityProtectionIndication value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_IntegrityProtectionIndication(__mv_amf_dt_IntegrityProtectionIndication* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_IntegrityProtectionIndication(__mv_amf_dt_IntegrityProtectionIndication value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_IntegrityProtectionIndication(__mv_amf_dt_IntegrityProtectionIndication* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_InterfacesToTrace(__mv_amf_dt_InterfacesToTrace** rec);
 int __mv_amf_init_InterfacesToTrace2(__mv_amf_dt_InterfacesToTrace** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_InterfacesToTrace(const char* key, const __mv_amf_dt_InterfacesToTrace* rec, int level);
 void __mv_amf_memfree_InterfacesToTrace(__mv_amf_dt_InterfacesToTrace* rec);
-int __mv_amf_Encode_InterfacesToTrace(const __mv_amf_dt_InterfacesToTrace* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_InterfacesToTrace(__mv_amf_dt_InterfacesToTrace** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_InterfacesToTrace(const __mv_amf_dt_InterfacesToTrace* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_InterfacesToTrace(__mv_amf_dt_InterfacesToTrace** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_LastVisitedCellInformation(__mv_amf_dt_LastVisitedCellInformation** rec);
 void __mv_amf_debug_LastVisitedCellInformation(const char* key, const __mv_amf_dt_LastVisitedCellInformation* rec, int level);
 void __mv_amf_memfree_LastVisitedCellInformation(__mv_amf_dt_LastVisitedCellInformation* rec);
-int __mv_amf_Encode_LastVisitedCellInformation(const __mv_amf_dt_LastVisitedCellInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_LastVisitedCellInformation(__mv_amf_dt_LastVisitedCellInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_LastVisitedCellInformation(const __mv_amf_dt_LastVisitedCellInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_LastVisitedCellInformation(__mv_amf_dt_LastVisitedCellInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_LastVisitedNGRANCellInformation(__mv_amf_dt_LastVisitedNGRANCellInformation** rec);
 void __mv_amf_debug_LastVisitedNGRANCellInformation(const char* key, const __mv_amf_dt_LastVisitedNGRANCellInformation* rec, int level);
 void __mv_amf_memfree_LastVisitedNGRANCellInformation(__mv_amf_dt_LastVisitedNGRANCellInformation* rec);
-int __mv_amf_Encode_LastVisitedNGRANCellInformation(const __mv_amf_dt_LastVisitedNGRANCellInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_LastVisitedNGRANCellInformation(__mv_amf_dt_LastVisitedNGRANCellInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_LastVisitedNGRANCellInformation(const __mv_amf_dt_LastVisitedNGRANCellInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_LastVisitedNGRANCellInformation(__mv_amf_dt_LastVisitedNGRANCellInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_TimeUEStayedInCell(const char* key, __mv_amf_dt_TimeUEStayedInCell value, int level);
-int __mv_amf_Encode_TimeUEStayedInCell(__mv_amf_dt_TimeUEStayedInCell value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TimeUEStayedInCell(__mv_amf_dt_TimeUEStayedInCell* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TimeUEStayedInCell(__mv_amf_dt_TimeUEStayedInCell value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TimeUEStayedInCell(__mv_amf_dt_TimeUEStayedInCell* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_TimeUEStayedInCellEnhancedGranularity(const char* key, __mv_amf_dt_TimeUEStayedInCellEnhancedGranularity value, int level);
-int __mv_amf_Encode_TimeUEStayedInCellEnhancedGranularity(__mv_amf_dt_TimeUEStayedInCellEnhancedGranularity value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TimeUEStayedInCellEnhancedGranularity(__mv_amf_dt_TimeUEStayedInCellEnhancedGranularity* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TimeUEStayedInCellEnhancedGranularity(__mv_amf_dt_TimeUEStayedInCellEnhancedGranularity value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TimeUEStayedInCellEnhancedGranularity(__mv_amf_dt_TimeUEStayedInCellEnhancedGranularity* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_LastVisitedEUTRANCellInformation(__mv_amf_dt_LastVisitedEUTRANCellInformation** rec);
 int __mv_amf_init_LastVisitedEUTRANCellInformation2(__mv_amf_dt_LastVisitedEUTRANCellInformation** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_LastVisitedEUTRANCellInformation(const char* key, const __mv_amf_dt_LastVisitedEUTRANCellInformation* rec, int level);
 void __mv_amf_memfree_LastVisitedEUTRANCellInformation(__mv_amf_dt_LastVisitedEUTRANCellInformation* rec);
-int __mv_amf_Encode_LastVisitedEUTRANCellInformation(const __mv_amf_dt_LastVisitedEUTRANCellInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_LastVisitedEUTRANCellInformation(__mv_amf_dt_LastVisitedEUTRANCellInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_LastVisitedEUTRANCellInformation(const __mv_amf_dt_LastVisitedEUTRANCellInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_LastVisitedEUTRANCellInformation(__mv_amf_dt_LastVisitedEUTRANCellInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_LastVisitedUTRANCellInformation(__mv_amf_dt_LastVisitedUTRANCellInformation** rec);
 int __mv_amf_init_LastVisitedUTRANCellInformation2(__mv_amf_dt_LastVisitedUTRANCellInformation** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_LastVisitedUTRANCellInformation(const char* key, const __mv_amf_dt_LastVisitedUTRANCellInformation* rec, int level);
 void __mv_amf_memfree_LastVisitedUTRANCellInformation(__mv_amf_dt_LastVisitedUTRANCellInformation* rec);
-int __mv_amf_Encode_LastVisitedUTRANCellInformation(const __mv_amf_dt_LastVisitedUTRANCellInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_LastVisitedUTRANCellInformation(__mv_amf_dt_LastVisitedUTRANCellInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_LastVisitedUTRANCellInformation(const __mv_amf_dt_LastVisitedUTRANCellInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_LastVisitedUTRANCellInformation(__mv_amf_dt_LastVisitedUTRANCellInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_LastVisitedGERANCellInformation(__mv_amf_dt_LastVisitedGERANCellInformation** rec);
 int __mv_amf_init_LastVisitedGERANCellInformation2(__mv_amf_dt_LastVisitedGERANCellInformation** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_LastVisitedGERANCellInformation(const char* key, const __mv_amf_dt_LastVisitedGERANCellInformation* rec, int level);
 void __mv_amf_memfree_LastVisitedGERANCellInformation(__mv_amf_dt_LastVisitedGERANCellInformation* rec);
-int __mv_amf_Encode_LastVisitedGERANCellInformation(const __mv_amf_dt_LastVisitedGERANCellInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_LastVisitedGERANCellInformation(__mv_amf_dt_LastVisitedGERANCellInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_LastVisitedGERANCellInformation(const __mv_amf_dt_LastVisitedGERANCellInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_LastVisitedGERANCellInformation(__mv_amf_dt_LastVisitedGERANCellInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_LastVisitedCellInformation_ExtIEs(__mv_amf_dt_LastVisitedCellInformation_ExtIEs** rec);
 void __mv_amf_debug_LastVisitedCellInformation_ExtIEs(const char* key, const __mv_amf_dt_LastVisitedCellInformation_ExtIEs* rec, int level);
 void __mv_amf_memfree_LastVisitedCellInformation_ExtIEs(__mv_amf_dt_LastVisitedCellInformation_ExtIEs* rec);
-int __mv_amf_Encode_LastVisitedCellInformation_ExtIEs(const __mv_amf_dt_LastVisitedCellInformation_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_LastVisitedCellInformation_ExtIEs(__mv_amf_dt_LastVisitedCellInformation_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_LastVisitedCellInformation_ExtIEs(const __mv_amf_dt_LastVisitedCellInformation_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_LastVisitedCellInformation_ExtIEs(__mv_amf_dt_LastVisitedCellInformation_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_LastVisitedCellItem(__mv_amf_dt_LastVisitedCellItem** rec);
 void __mv_amf_debug_LastVisitedCellItem(const char* key, const __mv_amf_dt_LastVisitedCellItem* rec, int level);
 void __mv_amf_memfree_LastVisitedCellItem(__mv_amf_dt_LastVisitedCellItem* rec);
-int __mv_amf_Encode_LastVisitedCellItem(const __mv_amf_dt_LastVisitedCellItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_LastVisitedCellItem(__mv_amf_dt_LastVisitedCellItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_LastVisitedCellItem(const __mv_amf_dt_LastVisitedCellItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_LastVisitedCellItem(__mv_amf_dt_LastVisitedCellItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_LocationReportingAdditionalInfo(const char* key, __mv_amf_dt_LocationReportingAdditionalInfo value, int level);
-int __mv_amf_Encode_LocationReportingAdditionalInfo(__mv_amf_dt_LocationReportingAdditionalInfo value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_LocationReportingAdditionalInfo(__mv_amf_dt_LocationReportingAdditionalInfo* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_LocationReportingAdditionalInfo(__mv_amf_dt_LocationReportingAdditionalInfo value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_LocationReportingAdditionalInfo(__mv_amf_dt_LocationReportingAdditionalInfo* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_LocationReportingRequestType(__mv_amf_dt_LocationReportingRequestType** rec);
 void __mv_amf_debug_LocationReportingRequestType(const char* key, const __mv_amf_dt_LocationReportingRequestType* rec, int level);
 void __mv_amf_memfree_LocationReportingRequestType(__mv_amf_dt_LocationReportingRequestType* rec);
-int __mv_amf_Encode_LocationReportingRequestType(const __mv_amf_dt_LocationReportingRequestType* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_LocationReportingRequestType(__mv_amf_dt_LocationReportingRequestType** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_LocationReportingRequestType(const __mv_amf_dt_LocationReportingRequestType* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_LocationReportingRequestType(__mv_amf_dt_LocationReportingRequestType** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_ReportArea(const char* key, __mv_amf_dt_ReportArea value, int level);
-int __mv_amf_Encode_ReportArea(__mv_amf_dt_ReportArea value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ReportArea(__mv_amf_dt_ReportArea* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ReportArea(__mv_amf_dt_ReportArea value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ReportArea(__mv_amf_dt_ReportArea* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_MaskedIMEISV(__mv_amf_dt_MaskedIMEISV** rec);
 int __mv_amf_init_MaskedIMEISV2(__mv_amf_dt_MaskedIMEISV** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_MaskedIMEISV(const char* key, const __mv_amf_dt_MaskedIMEISV* rec, int level);
 void __mv_amf_memfree_MaskedIMEISV(__mv_amf_dt_MaskedIMEISV* rec);
-int __mv_amf_Encode_MaskedIMEISV(const __mv_amf_dt_MaskedIMEISV* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_MaskedIMEISV(__mv_amf_dt_MaskedIMEISV** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_MaskedIMEISV(const __mv_amf_dt_MaskedIMEISV* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_MaskedIMEISV(__mv_amf_dt_MaskedIMEISV** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_MessageIdentifier(__mv_amf_dt_MessageIdentifier** rec);
 int __mv_amf_init_MessageIdentifier2(__mv_amf_dt_MessageIdentifier** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_MessageIdentifier(const char* key, const __mv_amf_dt_MessageIdentifier* rec, int level);
 void __mv_amf_memfree_MessageIdentifier(__mv_amf_dt_MessageIdentifier* rec);
-int __mv_amf_Encode_MessageIdentifier(const __mv_amf_dt_MessageIdentifier* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_MessageIdentifier(__mv_amf_dt_MessageIdentifier** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_MessageIdentifier(const __mv_amf_dt_MessageIdentifier* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_MessageIdentifier(__mv_amf_dt_MessageIdentifier** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_MaximumIntegrityProtectedDataRate(const char* key, __mv_amf_dt_MaximumIntegrityProtectedDataRate value, int level);
-int __mv_amf_Encode_MaximumIntegrityProtectedDataRate(__mv_amf_dt_MaximumIntegrityProtectedDataRate value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_MaximumIntegrityProtectedDataRate(__mv_amf_dt_MaximumIntegrityProtectedDataRate* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_MaximumIntegrityProtectedDataRate(__mv_amf_dt_MaximumIntegrityProtectedDataRate value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_MaximumIntegrityProtectedDataRate(__mv_amf_dt_MaximumIntegrityProtectedDataRate* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_MobilityRestrictionList(__mv_amf_dt_MobilityRestrictionList** rec);
 void __mv_amf_debug_MobilityRestrictionList(const char* key, const __mv_amf_dt_MobilityRestrictionList* rec, int level);
 void __mv_amf_memfree_MobilityRestrictionList(__mv_amf_dt_MobilityRestrictionList* rec);
-int __mv_amf_Encode_MobilityRestrictionList(const __mv_amf_dt_MobilityRestrictionList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_MobilityRestrictionList(__mv_amf_dt_MobilityRestrictionList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_MobilityRestrictionList(const __mv_amf_dt_MobilityRestrictionList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_MobilityRestrictionList(__mv_amf_dt_MobilityRestrictionList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_RATRestrictions(__mv_amf_dt_RATRestrictions** rec);
 void __mv_amf_debug_RATRestrictions(const char* key, const __mv_amf_dt_RATRestrictions* rec, int level);
 void __mv_amf_memfree_RATRestrictions(__mv_amf_dt_RATRestrictions* rec);
-int __mv_amf_Encode_RATRestrictions(const __mv_amf_dt_RATRestrictions* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_RATRestrictions(__mv_amf_dt_RATRestrictions** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_RATRestrictions(const __mv_amf_dt_RATRestrictions* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_RATRestrictions(__mv_amf_dt_RATRestrictions** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_RATRestrictions_Item(__mv_amf_dt_RATRestrictions_Item** rec);
 void __mv_amf_debug_RATRestrictions_Item(const char* key, const __mv_amf_dt_RATRestrictions_Item* rec, int level);
 void __mv_amf_memfree_RATRestrictions_Item(__mv_amf_dt_RATRestrictions_Item* rec);
-int __mv_amf_Encode_RATRestrictions_Item(const __mv_amf_dt_RATRestrictions_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_RATRestrictions_Item(__mv_amf_dt_RATRestrictions_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_RATRestrictions_Item(const __mv_amf_dt_RATRestrictions_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_RATRestrictions_Item(__mv_amf_dt_RATRestrictions_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_RATRestrictionInformation(__mv_amf_dt_RATRestrictionInformation** rec);
 int __mv_amf_init_RATRestrictionInformation2(__mv_amf_dt_RATRestrictionInformation** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_RATRestrictionInformation(const char* key, const __mv_amf_dt_RATRestrictionInformation* rec, int level);
 void __mv_amf_memfree_RATRestrictionInformation(__mv_amf_dt_RATRestrictionInformation* rec);
-int __mv_amf_Encode_RATRestrictionInformation(const __mv_amf_dt_RATRestrictionInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_RATRestrictionInformation(__mv_amf_dt_RATRestrictionInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_RATRestrictionInformation(const __mv_amf_dt_RATRestrictionInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_RATRestrictionInformation(__mv_amf_dt_RATRestrictionInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_ServiceAreaInformation(__mv_amf_dt_ServiceAreaInformation** rec);
 void __mv_amf_debug_ServiceAreaInformation(const char* key, const __mv_amf_dt_ServiceAreaInformation* rec, int level);
 void __mv_amf_memfree_ServiceAreaInformation(__mv_amf_dt_ServiceAreaInformation* rec);
-int __mv_amf_Encode_ServiceAreaInformation(const __mv_amf_dt_ServiceAreaInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ServiceAreaInformation(__mv_amf_dt_ServiceAreaInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ServiceAreaInformation(const __mv_amf_dt_ServiceAreaInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ServiceAreaInformation(__mv_amf_dt_ServiceAreaInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_ServiceAreaInformation_Item(__mv_amf_dt_ServiceAreaInformation_Item** rec);
 void __mv_amf_debug_ServiceAreaInformation_Item(const char* key, const __mv_amf_dt_ServiceAreaInformation_Item* rec, int level);
 void __mv_amf_memfree_ServiceAreaInformation_Item(__mv_amf_dt_ServiceAreaInformation_Item* rec);
-int __mv_amf_Encode_ServiceAreaInformation_Item(const __mv_amf_dt_ServiceAreaInformation_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ServiceAreaInformation_Item(__mv_amf_dt_ServiceAreaInformation_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ServiceAreaInformation_Item(const __mv_amf_dt_ServiceAreaInformation_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ServiceAreaInformation_Item(__mv_amf_dt_ServiceAreaInformation_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_NotAllowedTACs(__mv_amf_dt_NotAllowedTACs** rec);
 void __mv_amf_debug_NotAllowedTACs(const char* key, const __mv_amf_dt_NotAllowedTACs* rec, int level);
 void __mv_amf_memfree_NotAllowedTACs(__mv_amf_dt_NotAllowedTACs* rec);
-int __mv_amf_Encode_NotAllowedTACs(const __mv_amf_dt_NotAllowedTACs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NotAllowedTACs(__mv_amf_dt_NotAllowedTACs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NotAllowedTACs(const __mv_amf_dt_NotAllowedTACs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NotAllowedTACs(__mv_amf_dt_NotAllowedTACs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_NAS_PDU(__mv_amf_dt_NAS_PDU** rec);
 int __mv_amf_init_NAS_PDU2(__mv_amf_dt_NAS_PDU** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_NAS_PDU(const char* key, const __mv_amf_dt_NAS_PDU* rec, int level);
 void __mv_amf_memfree_NAS_PDU(__mv_amf_dt_NAS_PDU* rec);
-int __mv_amf_Encode_NAS_PDU(const __mv_amf_dt_NAS_PDU* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NAS_PDU(__mv_amf_dt_NAS_PDU** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NAS_PDU(const __mv_amf_dt_NAS_PDU* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NAS_PDU(__mv_amf_dt_NAS_PDU** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_NASSecurityParametersFromNGRAN(__mv_amf_dt_NASSecurityParametersFromNGRAN** rec);
 int __mv_amf_init_NASSecurityParametersFromNGRAN2(__mv_amf_dt_NASSecurityParametersFromNGRAN** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_NASSecurityParametersFromNGRAN(const char* key, const __mv_amf_dt_NASSecurityParametersFromNGRAN* rec, int level);
 void __mv_amf_memfree_NASSecurityParametersFromNGRAN(__mv_amf_dt_NASSecurityParametersFromNGRAN* rec);
-int __mv_amf_Encode_NASSecurityParametersFromNGRAN(const __mv_amf_dt_NASSecurityParametersFromNGRAN* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NASSecurityParametersFromNGRAN(__mv_amf_dt_NASSecurityParametersFromNGRAN** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NASSecurityParametersFromNGRAN(const __mv_amf_dt_NASSecurityParametersFromNGRAN* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NASSecurityParametersFromNGRAN(__mv_amf_dt_NASSecurityParametersFromNGRAN** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_NetworkInstance(const char* key, __mv_amf_dt_NetworkInstance value, int level);
-int __mv_amf_Encode_NetworkInstance(__mv_amf_dt_NetworkInstance value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NetworkInstance(__mv_amf_dt_NetworkInstance* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NetworkInstance(__mv_amf_dt_NetworkInstance value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NetworkInstance(__mv_amf_dt_NetworkInstance* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_NewSecurityContextInd(const char* key, __mv_amf_dt_NewSecurityContextInd value, int level);
-int __mv_amf_Encode_NewSecurityContextInd(__mv_amf_dt_NewSecurityContextInd value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NewSecurityContextInd(__mv_amf_dt_NewSecurityContextInd* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NewSecurityContextInd(__mv_amf_dt_NewSecurityContextInd value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NewSecurityContextInd(__mv_amf_dt_NewSecurityContextInd* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_NextHopChainingCount(const char* key, __mv_amf_dt_NextHopChainingCount value, int level);
-int __mv_amf_Encode_NextHopChainingCount(__mv_amf_dt_NextHopChainingCount value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NextHopChainingCount(__mv_amf_dt_NextHopChainingCount* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NextHopChainingCount(__mv_amf_dt_NextHopChainingCount value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NextHopChainingCount(__mv_amf_dt_NextHopChainingCount* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_NGRAN_TNLAssociationToRemoveList(__mv_amf_dt_NGRAN_TNLAssociationToRemoveList** rec);
 void __mv_amf_debug_NGRAN_TNLAssociationToRemoveList(const char* key, const __mv_amf_dt_NGRAN_TNLAssociationToRemoveList* rec, int level);
 void __mv_amf_memfree_NGRAN_TNLAssociationToRemoveList(__mv_amf_dt_NGRAN_TNLAssociationToRemoveList* rec);
-int __mv_amf_Encode_NGRAN_TNLAssociationToRemoveList(const __mv_amf_dt_NGRAN_TNLAssociationToRemoveList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NGRAN_TNLAssociationToRemoveList(__mv_amf_dt_NGRAN_TNLAssociationToRemoveList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NGRAN_TNLAssociationToRemoveList(const __mv_amf_dt_NGRAN_TNLAssociationToRemoveList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NGRAN_TNLAssociationToRemoveList(__mv_amf_dt_NGRAN_TNLAssociationToRemoveList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_NGRAN_TNLAssociationToRemoveItem(__mv_amf_dt_NGRAN_TNLAssociationToRemoveItem** rec);
 void __mv_amf_debug_NGRAN_TNLAssociationToRemoveItem(const char* key, const __mv_amf_dt_NGRAN_TNLAssociationToRemoveItem* rec, int level);
 void __mv_amf_memfree_NGRAN_TNLAssociationToRemoveItem(__mv_amf_dt_NGRAN_TNLAssociationToRemoveItem* rec);
-int __mv_amf_Encode_NGRAN_TNLAssociationToRemoveItem(const __mv_amf_dt_NGRAN_TNLAssociationToRemoveItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NGRAN_TNLAssociationToRemoveItem(__mv_amf_dt_NGRAN_TNLAssociationToRemoveItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NGRAN_TNLAssociationToRemoveItem(const __mv_amf_dt_NGRAN_TNLAssociationToRemoveItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NGRAN_TNLAssociationToRemoveItem(__mv_amf_dt_NGRAN_TNLAssociationToRemoveItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_NGRANTraceID(__mv_amf_dt_NGRANTraceID** rec);
 int __mv_amf_init_NGRANTraceID2(__mv_amf_dt_NGRANTraceID** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_NGRANTraceID(const char* key, const __mv_amf_dt_NGRANTraceID* rec, int level);
 void __mv_amf_memfree_NGRANTraceID(__mv_amf_dt_NGRANTraceID* rec);
-int __mv_amf_Encode_NGRANTraceID(const __mv_amf_dt_NGRANTraceID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NGRANTraceID(__mv_amf_dt_NGRANTraceID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NGRANTraceID(const __mv_amf_dt_NGRANTraceID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NGRANTraceID(__mv_amf_dt_NGRANTraceID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_NonDynamic5QIDescriptor(__mv_amf_dt_NonDynamic5QIDescriptor** rec);
 void __mv_amf_debug_NonDynamic5QIDescriptor(const char* key, const __mv_amf_dt_NonDynamic5QIDescriptor* rec, int level);
 void __mv_amf_memfree_NonDynamic5QIDescriptor(__mv_amf_dt_NonDynamic5QIDescriptor* rec);
-int __mv_amf_Encode_NonDynamic5QIDescriptor(const __mv_amf_dt_NonDynamic5QIDescriptor* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NonDynamic5QIDescriptor(__mv_amf_dt_NonDynamic5QIDescriptor** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NonDynamic5QIDescriptor(const __mv_amf_dt_NonDynamic5QIDescriptor* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NonDynamic5QIDescriptor(__mv_amf_dt_NonDynamic5QIDescriptor** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_NotificationCause(const char* key, __mv_amf_dt_NotificationCause value, int level);
-int __mv_amf_Encode_NotificationCause(__mv_amf_dt_NotificationCause value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NotificationCause(__mv_amf_dt_NotificationCause* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NotificationCause(__mv_amf_dt_NotificationCause value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NotificationCause(__mv_amf_dt_NotificationCause* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_NR_CGIListForWarning(__mv_amf_dt_NR_CGIListForWarning** rec);
 void __mv_amf_debug_NR_CGIListForWarning(const char* key, const __mv_amf_dt_NR_CGIListForWarning* rec, int level);
 void __mv_amf_memfree_NR_CGIListForWarning(__mv_amf_dt_NR_CGIListForWarning* rec);
-int __mv_amf_Encode_NR_CGIListForWarning(const __mv_amf_dt_NR_CGIListForWarning* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NR_CGIListForWarning(__mv_amf_dt_NR_CGIListForWarning** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NR_CGIListForWarning(const __mv_amf_dt_NR_CGIListForWarning* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NR_CGIListForWarning(__mv_amf_dt_NR_CGIListForWarning** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_NRencryptionAlgorithms(__mv_amf_dt_NRencryptionAlgorithms** rec);
 int __mv_amf_init_NRencryptionAlgorithms2(__mv_amf_dt_NRencryptionAlgorithms** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_NRencryptionAlgorithms(const char* key, const __mv_amf_dt_NRencryptionAlgorithms* rec, int level);
 void __mv_amf_memfree_NRencryptionAlgorithms(__mv_amf_dt_NRencryptionAlgorithms* rec);
-int __mv_amf_Encode_NRencryptionAlgorithms(const __mv_amf_dt_NRencryptionAlgorithms* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NRencryptionAlgorithms(__mv_amf_dt_NRencryptionAlgorithms** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NRencryptionAlgorithms(const __mv_amf_dt_NRencryptionAlgorithms* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NRencryptionAlgorithms(__mv_amf_dt_NRencryptionAlgorithms** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_NRintegrityProtectionAlgorithms(__mv_amf_dt_NRintegrityProtectionAlgorithms** rec);
 int __mv_amf_init_NRintegrityProtectionAlgorithms2(__mv_amf_dt_NRintegrityProtectionAlgorithms** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_NRintegrityProtectionAlgorithms(const char* key, const __mv_amf_dt_NRintegrityProtectionAlgorithms* rec, int level);
 void __mv_amf_memfree_NRintegrityProtectionAlgorithms(__mv_amf_dt_NRintegrityProtectionAlgorithms* rec);
-int __mv_amf_Encode_NRintegrityProtectionAlgorithms(const __mv_amf_dt_NRintegrityProtectionAlgorithms* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NRintegrityProtectionAlgorithms(__mv_amf_dt_NRintegrityProtectionAlgorithms** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NRintegrityProtectionAlgorithms(const __mv_amf_dt_NRintegrityProtectionAlgorithms* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NRintegrityProtectionAlgorithms(__mv_amf_dt_NRintegrityProtectionAlgorithms** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_NRPPa_PDU(__mv_amf_dt_NRPPa_PDU** rec);
 int __mv_amf_init_NRPPa_PDU2(__mv_amf_dt_NRPPa_PDU** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_NRPPa_PDU(const char* key, const __mv_amf_dt_NRPPa_PDU* rec, int level);
 void __mv_amf_memfree_NRPPa_PDU(__mv_amf_dt_NRPPa_PDU* rec);
-int __mv_amf_Encode_NRPPa_PDU(const __mv_amf_dt_NRPPa_PDU* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NRPPa_PDU(__mv_amf_dt_NRPPa_PDU** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NRPPa_PDU(const __mv_amf_dt_NRPPa_PDU* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NRPPa_PDU(__mv_amf_dt_NRPPa_PDU** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_NumberOfBroadcastsRequested(const char* key, __mv_amf_dt_NumberOfBroadcastsRequested value, int level);
-int __mv_amf_Encode_NumberOfBroadcastsRequested(__mv_amf_dt_NumberOfBroadcastsRequested value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NumberOfBroadcastsRequested(__mv_amf_dt_NumberOfBroadcastsRequested* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NumberOfBroadcastsRequested(__mv_amf_dt_NumberOfBroadcastsRequested value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NumberOfBroadcastsRequested(__mv_amf_dt_NumberOfBroadcastsRequested* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_OverloadAction(const char* key, __mv_amf_dt_OverloadAction value, int level);
-int __mv_amf_Encode_OverloadAction(__mv_amf_dt_OverloadAction value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_OverloadAction(__mv_amf_dt_OverloadAction* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_OverloadAction(__mv_amf_dt_OverloadAction value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_OverloadAction(__mv_amf_dt_OverloadAction* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_OverloadResponse(__mv_amf_dt_OverloadResponse** rec);
 void __mv_amf_debug_OverloadResponse(const char* key, const __mv_amf_dt_OverloadResponse* rec, int level);
 void __mv_amf_memfree_OverloadResponse(__mv_amf_dt_OverloadResponse* rec);
-int __mv_amf_Encode_OverloadResponse(const __mv_amf_dt_OverloadResponse* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_OverloadResponse(__mv_amf_dt_OverloadResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_OverloadResponse(const __mv_amf_dt_OverloadResponse* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_OverloadResponse(__mv_amf_dt_OverloadResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_OverloadResponse_ExtIEs(__mv_amf_dt_OverloadResponse_ExtIEs** rec);
 void __mv_amf_debug_OverloadResponse_ExtIEs(const char* key, const __mv_amf_dt_OverloadResponse_ExtIEs* rec, int level);
 void __mv_amf_memfree_OverloadResponse_ExtIEs(__mv_amf_dt_OverloadResponse_ExtIEs* rec);
-int __mv_amf_Encode_OverloadResponse_ExtIEs(const __mv_amf_dt_OverloadResponse_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_OverloadResponse_ExtIEs(__mv_amf_dt_OverloadResponse_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_OverloadResponse_ExtIEs(const __mv_amf_dt_OverloadResponse_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_OverloadResponse_ExtIEs(__mv_amf_dt_OverloadResponse_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_OverloadStartNSSAIList(__mv_amf_dt_OverloadStartNSSAIList** rec);
 void __mv_amf_debug_OverloadStartNSSAIList(const char* key, const __mv_amf_dt_OverloadStartNSSAIList* rec, int level);
 void __mv_amf_memfree_OverloadStartNSSAIList(__mv_amf_dt_OverloadStartNSSAIList* rec);
-int __mv_amf_Encode_OverloadStartNSSAIList(const __mv_amf_dt_OverloadStartNSSAIList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_OverloadStartNSSAIList(__mv_amf_dt_OverloadStartNSSAIList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_OverloadStartNSSAIList(const __mv_amf_dt_OverloadStartNSSAIList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_OverloadStartNSSAIList(__mv_amf_dt_OverloadStartNSSAIList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_OverloadStartNSSAIItem(__mv_amf_dt_OverloadStartNSSAIItem** rec);
 void __mv_amf_debug_OverloadStartNSSAIItem(const char* key, const __mv_amf_dt_OverloadStartNSSAIItem* rec, int level);
 void __mv_amf_memfree_OverloadStartNSSAIItem(__mv_amf_dt_OverloadStartNSSAIItem* rec);
-int __mv_amf_Encode_OverloadStartNSSAIItem(const __mv_amf_dt_OverloadStartNSSAIItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_OverloadStartNSSAIItem(__mv_amf_dt_OverloadStartNSSAIItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_OverloadStartNSSAIItem(const __mv_amf_dt_OverloadStartNSSAIItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_OverloadStartNSSAIItem(__mv_amf_dt_OverloadStartNSSAIItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_SliceOverloadList(__mv_amf_dt_SliceOverloadList** rec);
 void __mv_amf_debug_SliceOverloadList(const char* key, const __mv_amf_dt_SliceOverloadList* rec, int level);
 void __mv_amf_memfree_SliceOverloadList(__mv_amf_dt_SliceOverloadList* rec);
-int __mv_amf_Encode_SliceOverloadList(const __mv_amf_dt_SliceOverloadList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_SliceOverloadList(__mv_amf_dt_SliceOverloadList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_SliceOverloadList(const __mv_amf_dt_SliceOverloadList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_SliceOverloadList(__mv_amf_dt_SliceOverloadList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_SliceOverloadItem(__mv_amf_dt_SliceOverloadItem** rec);
 void __mv_amf_debug_SliceOverloadItem(const char* key, const __mv_amf_dt_SliceOverloadItem* rec, int level);
 void __mv_amf_memfree_SliceOverloadItem(__mv_amf_dt_SliceOverloadItem* rec);
-int __mv_amf_Encode_SliceOverloadItem(const __mv_amf_dt_SliceOverloadItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_SliceOverloadItem(__mv_amf_dt_SliceOverloadItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_SliceOverloadItem(const __mv_amf_dt_SliceOverloadItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_SliceOverloadItem(__mv_amf_dt_SliceOverloadItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_TrafficLoadReductionIndication(const char* key, __mv_amf_dt_TrafficLoadReductionIndication value, int level);
-int __mv_amf_Encode_TrafficLoadReductionIndication(__mv_amf_dt_TrafficLoadReductionIndication value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TrafficLoadReductionIndication(__mv_amf_dt_TrafficLoadReductionIndication* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TrafficLoadReductionIndication(__mv_amf_dt_TrafficLoadReductionIndication value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TrafficLoadReductionIndication(__mv_amf_dt_TrafficLoadReductionIndication* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_PagingOrigin(const char* key, __mv_amf_dt_PagingOrigin value, int level);
-int __mv_amf_Encode_PagingOrigin(__mv_amf_dt_PagingOrigin value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PagingOrigin(__mv_amf_dt_PagingOrigin* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PagingOrigin(__mv_amf_dt_PagingOrigin value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PagingOrigin(__mv_amf_dt_PagingOrigin* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_PagingPriority(const char* key, __mv_amf_dt_PagingPriority value, int level);
-int __mv_amf_Encode_PagingPriority(__mv_amf_dt_PagingPriority value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PagingPriority(__mv_amf_dt_PagingPriority* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PagingPriority(__mv_amf_dt_PagingPriority value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PagingPriority(__mv_amf_dt_PagingPriority* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PathSwitchRequestAcknowledgeTransfer(__mv_amf_dt_PathSwitchRequestAcknowledgeTransfer** rec);
 void __mv_amf_debug_PathSwitchRequestAcknowledgeTransfer(const char* key, const __mv_amf_dt_PathSwitchRequestAcknowledgeTransfer* rec, int level);
 void __mv_amf_memfree_PathSwitchRequestAcknowledgeTransfer(__mv_amf_dt_PathSwitchRequestAcknowledgeTransfer* rec);
-int __mv_amf_Encode_PathSwitchRequestAcknowledgeTransfer(const __mv_amf_dt_PathSwitchRequestAcknowledgeTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PathSwitchRequestAcknowledgeTransfer(__mv_amf_dt_PathSwitchRequestAcknowledgeTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PathSwitchRequestAcknowledgeTransfer(const __mv_amf_dt_PathSwitchRequestAcknowledgeTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PathSwitchRequestAcknowledgeTransfer(__mv_amf_dt_PathSwitchRequestAcknowledgeTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_SecurityIndication(__mv_amf_dt_SecurityIndication** rec);
 void __mv_amf_debug_SecurityIndication(const char* key, const __mv_amf_dt_SecurityIndication* rec, int level);
 void __mv_amf_memfree_SecurityIndication(__mv_amf_dt_SecurityIndication* rec);
-int __mv_amf_Encode_SecurityIndication(const __mv_amf_dt_SecurityIndication* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_SecurityIndication(__mv_amf_dt_SecurityIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_SecurityIndication(const __mv_amf_dt_SecurityIndication* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_SecurityIndication(__mv_amf_dt_SecurityIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PathSwitchRequestSetupFailedTransfer(__mv_amf_dt_PathSwitchRequestSetupFailedTransfer** rec);
 void __mv_amf_debug_PathSwitchRequestSetupFailedTransfer(const char* key, const __mv_amf_dt_PathSwitchRequestSetupFailedTransfer* rec, int level);
 void __mv_amf_memfree_PathSwitchRequestSetupFailedTransfer(__mv_amf_dt_PathSwitchRequestSetupFailedTransfer* rec);
-int __mv_amf_Encode_PathSwitchRequestSetupFailedTransfer(const __mv_amf_dt_PathSwitchRequestSetupFailedTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PathSwitchRequestSetupFailedTransfer(__mv_amf_dt_PathSwitchRequestSetupFailedTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PathSwitchRequestSetupFailedTransfer(const __mv_amf_dt_PathSwitchRequestSetupFailedTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PathSwitchRequestSetupFailedTransfer(__mv_amf_dt_PathSwitchRequestSetupFailedTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PathSwitchRequestTransfer(__mv_amf_dt_PathSwitchRequestTransfer** rec);
 void __mv_amf_debug_PathSwitchRequestTransfer(const char* key, const __mv_amf_dt_PathSwitchRequestTransfer* rec, int level);
 void __mv_amf_memfree_PathSwitchRequestTransfer(__mv_amf_dt_PathSwitchRequestTransfer* rec);
-int __mv_amf_Encode_PathSwitchRequestTransfer(const __mv_amf_dt_PathSwitchRequestTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PathSwitchRequestTransfer(__mv_amf_dt_PathSwitchRequestTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PathSwitchRequestTransfer(const __mv_amf_dt_PathSwitchRequestTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PathSwitchRequestTransfer(__mv_amf_dt_PathSwitchRequestTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UserPlaneSecurityInformation(__mv_amf_dt_UserPlaneSecurityInformation** rec);
 void __mv_amf_debug_UserPlaneSecurityInformation(const char* key, const __mv_amf_dt_UserPlaneSecurityInformation* rec, int level);
 void __mv_amf_memfree_UserPlaneSecurityInformation(__mv_amf_dt_UserPlaneSecurityInformation* rec);
-int __mv_amf_Encode_UserPlaneSecurityInformation(const __mv_amf_dt_UserPlaneSecurityInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UserPlaneSecurityInformation(__mv_amf_dt_UserPlaneSecurityInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UserPlaneSecurityInformation(const __mv_amf_dt_UserPlaneSecurityInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UserPlaneSecurityInformation(__mv_amf_dt_UserPlaneSecurityInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_QosFlowAcceptedList(__mv_amf_dt_QosFlowAcceptedList** rec);
 void __mv_amf_debug_QosFlowAcceptedList(const char* key, const __mv_amf_dt_QosFlowAcceptedList* rec, int level);
 void __mv_amf_memfree_QosFlowAcceptedList(__mv_amf_dt_QosFlowAcceptedList* rec);
-int __mv_amf_Encode_QosFlowAcceptedList(const __mv_amf_dt_QosFlowAcceptedList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QosFlowAcceptedList(__mv_amf_dt_QosFlowAcceptedList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QosFlowAcceptedList(const __mv_amf_dt_QosFlowAcceptedList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QosFlowAcceptedList(__mv_amf_dt_QosFlowAcceptedList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_QosFlowAcceptedItem(__mv_amf_dt_QosFlowAcceptedItem** rec);
 void __mv_amf_debug_QosFlowAcceptedItem(const char* key, const __mv_amf_dt_QosFlowAcceptedItem* rec, int level);
 void __mv_amf_memfree_QosFlowAcceptedItem(__mv_amf_dt_QosFlowAcceptedItem* rec);
-int __mv_amf_Encode_QosFlowAcceptedItem(const __mv_amf_dt_QosFlowAcceptedItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QosFlowAcceptedItem(__mv_amf_dt_QosFlowAcceptedItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QosFlowAcceptedItem(const __mv_amf_dt_QosFlowAcceptedItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QosFlowAcceptedItem(__mv_amf_dt_QosFlowAcceptedItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PathSwitchRequestUnsuccessfulTransfer(__mv_amf_dt_PathSwitchRequestUnsuccessfulTransfer** rec);
 void __mv_amf_debug_PathSwitchRequestUnsuccessfulTransfer(const char* key, const __mv_amf_dt_PathSwitchRequestUnsuccessfulTransfer* rec, int level);
 void __mv_amf_memfree_PathSwitchRequestUnsuccessfulTransfer(__mv_amf_dt_PathSwitchRequestUnsuccessfulTransfer* rec);
-int __mv_amf_Encode_PathSwitchRequestUnsuccessfulTransfer(const __mv_amf_dt_PathSwitchRequestUnsuccessfulTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PathSwitchRequestUnsuccessfulTransfer(__mv_amf_dt_PathSwitchRequestUnsuccessfulTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PathSwitchRequestUnsuccessfulTransfer(const __mv_amf_dt_PathSwitchRequestUnsuccessfulTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PathSwitchRequestUnsuccessfulTransfer(__mv_amf_dt_PathSwitchRequestUnsuccessfulTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionAggregateMaximumBitRate(__mv_amf_dt_PDUSessionAggregateMaximumBitRate** rec);
 void __mv_amf_debug_PDUSessionAggregateMaximumBitRate(const char* key, const __mv_amf_dt_PDUSessionAggregateMaximumBitRate* rec, int level);
 void __mv_amf_memfree_PDUSessionAggregateMaximumBitRate(__mv_amf_dt_PDUSessionAggregateMaximumBitRate* rec);
-int __mv_amf_Encode_PDUSessionAggregateMaximumBitRate(const __mv_amf_dt_PDUSessionAggregateMaximumBitRate* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionAggregateMaximumBitRate(__mv_amf_dt_PDUSessionAggregateMaximumBitRate** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionAggregateMaximumBitRate(const __mv_amf_dt_PDUSessionAggregateMaximumBitRate* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionAggregateMaximumBitRate(__mv_amf_dt_PDUSessionAggregateMaximumBitRate** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_PDUSessionID(const char* key, __mv_amf_dt_PDUSessionID value, int level);
-int __mv_amf_Encode_PDUSessionID(__mv_amf_dt_PDUSessionID value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionID(__mv_amf_dt_PDUSessionID* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionID(__mv_amf_dt_PDUSessionID value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionID(__mv_amf_dt_PDUSessionID* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceAdmittedList(__mv_amf_dt_PDUSessionResourceAdmittedList** rec);
 void __mv_amf_debug_PDUSessionResourceAdmittedList(const char* key, const __mv_amf_dt_PDUSessionResourceAdmittedList* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceAdmittedList(__mv_amf_dt_PDUSessionResourceAdmittedList* rec);
-int __mv_amf_Encode_PDUSessionResourceAdmittedList(const __mv_amf_dt_PDUSessionResourceAdmittedList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceAdmittedList(__mv_amf_dt_PDUSessionResourceAdmittedList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceAdmittedList(const __mv_amf_dt_PDUSessionResourceAdmittedList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceAdmittedList(__mv_amf_dt_PDUSessionResourceAdmittedList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceAdmittedItem(__mv_amf_dt_PDUSessionResourceAdmittedItem** rec);
 void __mv_amf_debug_PDUSessionResourceAdmittedItem(const char* key, const __mv_amf_dt_PDUSessionResourceAdmittedItem* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceAdmittedItem(__mv_amf_dt_PDUSessionResourceAdmittedItem* rec);
-int __mv_amf_Encode_PDUSessionResourceAdmittedItem(const __mv_amf_dt_PDUSessionResourceAdmittedItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceAdmittedItem(__mv_amf_dt_PDUSessionResourceAdmittedItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceAdmittedItem(const __mv_amf_dt_PDUSessionResourceAdmittedItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceAdmittedItem(__mv_amf_dt_PDUSessionResourceAdmittedItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceAdmittedItem_handoverRequestAcknowledgeTransfer(__mv_amf_dt_PDUSessionResourceAdmittedItem_handoverRequestAcknowledgeTransfer** rec);
 int __mv_amf_init_PDUSessionResourceAdmittedItem_handoverRequestAcknowledgeTransfer2(__mv_amf_dt_PDUSessionResourceAdmittedItem_handoverRequestAcknowledgeTransfer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PDUSessionResourceAdmittedItem_handoverRequestAcknowledgeTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceAdmittedItem_handoverRequestAcknowledgeTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceAdmittedItem_handoverRequestAcknowledgeTransfer(__mv_amf_dt_PDUSessionResourceAdmittedItem_handoverRequestAcknowledgeTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceAdmittedItem_handoverRequestAcknowledgeTransfer(const __mv_amf_dt_PDUSessionResourceAdmittedItem_handoverRequestAcknowledgeTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceAdmittedItem_handoverRequestAcknowledgeTransfer(__mv_amf_dt_PDUSessionResourceAdmittedItem_handoverRequestAcknowledgeTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceAdmittedItem_handoverRequestAcknowledgeTransfer(const __mv_amf_dt_PDUSessionResourceAdmittedItem_handoverRequestAcknowledgeTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceAdmittedItem_handoverRequestAcknowledgeTransfer(__mv_amf_dt_PDUSessionResourceAdmittedItem_handoverRequestAcknowledgeTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceFailedToModifyListModCfm(__mv_amf_dt_PDUSessionResourceFailedToModifyListModCfm** rec);
 void __mv_amf_debug_PDUSessionResourceFailedToModifyListModCfm(const char* key, const __mv_amf_dt_PDUSessionResourceFailedToModifyListModCfm* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceFailedToModifyListModCfm(__mv_amf_dt_PDUSessionResourceFailedToModifyListModCfm* rec);
-int __mv_amf_Encode_PDUSessionResourceFailedToModifyListModCfm(const __mv_amf_dt_PDUSessionResourceFailedToModifyListModCfm* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceFailedToModifyListModCfm(__mv_amf_dt_PDUSessionResourceFailedToModifyListModCfm** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceFailedToModifyListModCfm(const __mv_amf_dt_PDUSessionResourceFailedToModifyListModCfm* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceFailedToModifyListModCfm(__mv_amf_dt_PDUSessionResourceFailedToModifyListModCfm** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceFailedToModifyItemModCfm(__mv_amf_dt_PDUSessionResourceFailedToModifyItemModCfm** rec);
 void __mv_amf_debug_PDUSessionResourceFailedToModifyItemModCfm(const char* key, const __mv_amf_dt_PDUSessionResourceFailedToModifyItemModCfm* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceFailedToModifyItemModCfm(__mv_amf_dt_PDUSessionResourceFailedToModifyItemModCfm* rec);
-int __mv_amf_Encode_PDUSessionResourceFailedToModifyItemModCfm(const __mv_amf_dt_PDUSessionResourceFailedToModifyItemModCfm* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceFailedToModifyItemModCfm(__mv_amf_dt_PDUSessionResourceFailedToModifyItemModCfm** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceFailedToModifyItemModCfm(const __mv_amf_dt_PDUSessionResourceFailedToModifyItemModCfm* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceFailedToModifyItemModCfm(__mv_amf_dt_PDUSessionResourceFailedToModifyItemModCfm** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceFailedToModifyItemModCfm_pDUSessionResourceModifyIndicationUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceFailedToModifyItemModCfm_pDUSessionResourceModifyIndicationUnsuccessfulTransfer** rec);
 int __mv_amf_init_PDUSessionResourceFailedToModifyItemModCfm_pDUSessionResourceModifyIndicationUnsuccessfulTransfer2(__mv_amf_dt_PDUSessionResourceFailedToModifyItemModCfm_pDUSessionResourceModifyIndicationUnsuccessfulTransfer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PDUSessionResourceFailedToModifyItemModCfm_pDUSessionResourceModifyIndicationUnsuccessfulTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceFailedToModifyItemModCfm_pDUSessionResourceModifyIndicationUnsuccessfulTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceFailedToModifyItemModCfm_pDUSessionResourceModifyIndicationUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceFailedToModifyItemModCfm_pDUSessionResourceModifyIndicationUnsuccessfulTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceFailedToModifyItemModCfm_pDUSessionResourceModifyIndicationUnsuccessfulTransfer(const __mv_amf_dt_PDUSessionResourceFailedToModifyItemModCfm_pDUSessionResourceModifyIndicationUnsuccessfulTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceFailedToModifyItemModCfm_pDUSessionResourceModifyIndicationUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceFailedToModifyItemModCfm_pDUSessionResourceModifyIndicationUnsuccessfulTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceFailedToModifyItemModCfm_pDUSessionResourceModifyIndicationUnsuccessfulTransfer(const __mv_amf_dt_PDUSessionResourceFailedToModifyItemModCfm_pDUSessionResourceModifyIndicationUnsuccessfulTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceFailedToModifyItemModCfm_pDUSessionResourceModifyIndicationUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceFailedToModifyItemModCfm_pDUSessionResourceModifyIndicationUnsuccessfulTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceModifyIndicationUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceModifyIndicationUnsuccessfulTransfer** rec);
 void __mv_amf_debug_PDUSessionResourceModifyIndicationUnsuccessfulTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceModifyIndicationUnsuccessfulTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceModifyIndicationUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceModifyIndicationUnsuccessfulTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceModifyIndicationUnsuccessfulTransfer(const __mv_amf_dt_PDUSessionResourceModifyIndicationUnsuccessfulTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceModifyIndicationUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceModifyIndicationUnsuccessfulTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceModifyIndicationUnsuccessfulTransfer(const __mv_amf_dt_PDUSessionResourceModifyIndicationUnsuccessfulTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceModifyIndicationUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceModifyIndicationUnsuccessfulTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceFailedToModifyListModRes(__mv_amf_dt_PDUSessionResourceFailedToModifyListModRes** rec);
 void __mv_amf_debug_PDUSessionResourceFailedToModifyListModRes(const char* key, const __mv_amf_dt_PDUSessionResourceFailedToModifyListModRes* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceFailedToModifyListModRes(__mv_amf_dt_PDUSessionResourceFailedToModifyListModRes* rec);
-int __mv_amf_Encode_PDUSessionResourceFailedToModifyListModRes(const __mv_amf_dt_PDUSessionResourceFailedToModifyListModRes* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceFailedToModifyListModRes(__mv_amf_dt_PDUSessionResourceFailedToModifyListModRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceFailedToModifyListModRes(const __mv_amf_dt_PDUSessionResourceFailedToModifyListModRes* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceFailedToModifyListModRes(__mv_amf_dt_PDUSessionResourceFailedToModifyListModRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceFailedToModifyItemModRes(__mv_amf_dt_PDUSessionResourceFailedToModifyItemModRes** rec);
 void __mv_amf_debug_PDUSessionResourceFailedToModifyItemModRes(const char* key, const __mv_amf_dt_PDUSessionResourceFailedToModifyItemModRes* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceFailedToModifyItemModRes(__mv_amf_dt_PDUSessionResourceFailedToModifyItemModRes* rec);
-int __mv_amf_Encode_PDUSessionResourceFailedToModifyItemModRes(const __mv_amf_dt_PDUSessionResourceFailedToModifyItemModRes* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceFailedToModifyItemModRes(__mv_amf_dt_PDUSessionResourceFailedToModifyItemModRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceFailedToModifyItemModRes(const __mv_amf_dt_PDUSessionResourceFailedToModifyItemModRes* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceFailedToModifyItemModRes(__mv_amf_dt_PDUSessionResourceFailedToModifyItemModRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceFailedToModifyItemModRes_pDUSessionResourceModifyUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceFailedToModifyItemModRes_pDUSessionResourceModifyUnsuccessfulTransfer** rec);
 int __mv_amf_init_PDUSessionResourceFailedToModifyItemModRes_pDUSessionResourceModifyUnsuccessfulTransfer2(__mv_amf_dt_PDUSessionResourceFailedToModifyItemModRes_pDUSessionResourceModifyUnsuccessfulTransfer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PDUSessionResourceFailedToModifyItemModRes_pDUSessionResourceModifyUnsuccessfulTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceFailedToModifyItemModRes_pDUSessionResourceModifyUnsuccessfulTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceFailedToModifyItemModRes_pDUSessionResourceModifyUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceFailedToModifyItemModRes_pDUSessionResourceModifyUnsuccessfulTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceFailedToModifyItemModRes_pDUSessionResourceModifyUnsuccessfulTransfer(const __mv_amf_dt_PDUSessionResourceFailedToModifyItemModRes_pDUSessionResourceModifyUnsuccessfulTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceFailedToModifyItemModRes_pDUSessionResourceModifyUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceFailedToModifyItemModRes_pDUSessionResourceModifyUnsuccessfulTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceFailedToModifyItemModRes_pDUSessionResourceModifyUnsuccessfulTransfer(const __mv_amf_dt_PDUSessionResourceFailedToModifyItemModRes_pDUSessionResourceModifyUnsuccessfulTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceFailedToModifyItemModRes_pDUSessionResourceModifyUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceFailedToModifyItemModRes_pDUSessionResourceModifyUnsuccessfulTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceModifyUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceModifyUnsuccessfulTransfer** rec);
 void __mv_amf_debug_PDUSessionResourceModifyUnsuccessfulTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceModifyUnsuccessfulTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceModifyUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceModifyUnsuccessfulTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceModifyUnsuccessfulTransfer(const __mv_amf_dt_PDUSessionResourceModifyUnsuccessfulTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceModifyUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceModifyUnsuccessfulTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceModifyUnsuccessfulTransfer(const __mv_amf_dt_PDUSessionResourceModifyUnsuccessfulTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceModifyUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceModifyUnsuccessfulTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceFailedToSetupListCxtFail(__mv_amf_dt_PDUSessionResourceFailedToSetupListCxtFail** rec);
 void __mv_amf_debug_PDUSessionResourceFailedToSetupListCxtFail(const char* key, const __mv_amf_dt_PDUSessionResourceFailedToSetupListCxtFail* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceFailedToSetupListCxtFail(__mv_amf_dt_PDUSessionResourceFailedToSetupListCxtFail* rec);
-int __mv_amf_Encode_PDUSessionResourceFailedToSetupListCxtFail(const __mv_amf_dt_PDUSessionResourceFailedToSetupListCxtFail* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceFailedToSetupListCxtFail(__mv_amf_dt_PDUSessionResourceFailedToSetupListCxtFail** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceFailedToSetupListCxtFail(const __mv_amf_dt_PDUSessionResourceFailedToSetupListCxtFail* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceFailedToSetupListCxtFail(__mv_amf_dt_PDUSessionResourceFailedToSetupListCxtFail** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceFailedToSetupItemCxtFail(__mv_amf_dt_PDUSessionResourceFailedToSetupItemCxtFail** rec);
 void __mv_amf_debug_PDUSessionResourceFailedToSetupItemCxtFail(const char* key, const __mv_amf_dt_PDUSessionResourceFailedToSetupItemCxtFail* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceFailedToSetupItemCxtFail(__mv_amf_dt_PDUSessionResourceFailedToSetupItemCxtFail* rec);
-int __mv_amf_Encode_PDUSessionResourceFailedToSetupItemCxtFail(const __mv_amf_dt_PDUSessionResourceFailedToSetupItemCxtFail* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceFailedToSetupItemCxtFail(__mv_amf_dt_PDUSessionResourceFailedToSetupItemCxtFail** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceFailedToSetupItemCxtFail(const __mv_amf_dt_PDUSessionResourceFailedToSetupItemCxtFail* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceFailedToSetupItemCxtFail(__mv_amf_dt_PDUSessionResourceFailedToSetupItemCxtFail** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceFailedToSetupItemCxtFail_pDUSessionResourceSetupUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceFailedToSetupItemCxtFail_pDUSessionResourceSetupUnsuccessfulTransfer** rec);
 int __mv_amf_init_PDUSessionResourceFailedToSetupItemCxtFail_pDUSessionResourceSetupUnsuccessfulTransfer2(__mv_amf_dt_PDUSessionResourceFailedToSetupItemCxtFail_pDUSessionResourceSetupUnsuccessfulTransfer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PDUSessionResourceFailedToSetupItemCxtFail_pDUSessionResourceSetupUnsuccessfulTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceFailedToSetupItemCxtFail_pDUSessionResourceSetupUnsuccessfulTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceFailedToSetupItemCxtFail_pDUSessionResourceSetupUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceFailedToSetupItemCxtFail_pDUSessionResourceSetupUnsuccessfulTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceFailedToSetupItemCxtFail_pDUSessionResourceSetupUnsuccessfulTransfer(const __mv_amf_dt_PDUSessionResourceFailedToSetupItemCxtFail_pDUSessionResourceSetupUnsuccessfulTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceFailedToSetupItemCxtFail_pDUSessionResourceSetupUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceFailedToSetupItemCxtFail_pDUSessionResourceSetupUnsuccessfulTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceFailedToSetupItemCxtFail_pDUSessionResourceSetupUnsuccessfulTransfer(const __mv_amf_dt_PDUSessionResourceFailedToSetupItemCxtFail_pDUSessionResourceSetupUnsuccessfulTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceFailedToSetupItemCxtFail_pDUSessionResourceSetupUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceFailedToSetupItemCxtFail_pDUSessionResourceSetupUnsuccessfulTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceSetupUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceSetupUnsuccessfulTransfer** rec);
 void __mv_amf_debug_PDUSessionResourceSetupUnsuccessfulTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceSetupUnsuccessfulTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceSetupUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceSetupUnsuccessfulTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceSetupUnsuccessfulTransfer(const __mv_amf_dt_PDUSessionResourceSetupUnsuccessfulTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceSetupUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceSetupUnsuccessfulTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceSetupUnsuccessfulTransfer(const __mv_amf_dt_PDUSessionResourceSetupUnsuccessfulTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceSetupUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceSetupUnsuccessfulTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceFailedToSetupListCxtRes(__mv_amf_dt_PDUSessionResourceFailedToSetupListCxtRes** rec);
 void __mv_amf_debug_PDUSessionResourceFailedToSetupListCxtRes(const char* key, const __mv_amf_dt_PDUSessionResourceFailedToSetupListCxtRes* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceFailedToSetupListCxtRes(__mv_amf_dt_PDUSessionResourceFailedToSetupListCxtRes* rec);
-int __mv_amf_Encode_PDUSessionResourceFailedToSetupListCxtRes(const __mv_amf_dt_PDUSessionResourceFailedToSetupListCxtRes* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceFailedToSetupListCxtRes(__mv_amf_dt_PDUSessionResourceFailedToSetupListCxtRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceFailedToSetupListCxtRes(const __mv_amf_dt_PDUSessionResourceFailedToSetupListCxtRes* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceFailedToSetupListCxtRes(__mv_amf_dt_PDUSessionResourceFailedToSetupListCxtRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceFailedToSetupItemCxtRes(__mv_amf_dt_PDUSessionResourceFailedToSetupItemCxtRes** rec);
 void __mv_amf_debug_PDUSessionResourceFailedToSetupItemCxtRes(const char* key, const __mv_amf_dt_PDUSessionResourceFailedToSetupItemCxtRes* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceFailedToSetupItemCxtRes(__mv_amf_dt_PDUSessionResourceFailedToSetupItemCxtRes* rec);
-int __mv_amf_Encode_PDUSessionResourceFailedToSetupItemCxtRes(const __mv_amf_dt_PDUSessionResourceFailedToSetupItemCxtRes* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceFailedToSetupItemCxtRes(__mv_amf_dt_PDUSessionResourceFailedToSetupItemCxtRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceFailedToSetupItemCxtRes(const __mv_amf_dt_PDUSessionResourceFailedToSetupItemCxtRes* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceFailedToSetupItemCxtRes(__mv_amf_dt_PDUSessionResourceFailedToSetupItemCxtRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceFailedToSetupItemCxtRes_pDUSessionResourceSetupUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceFailedToSetupItemCxtRes_pDUSessionResourceSetupUnsuccessfulTransfer** rec);
 int __mv_amf_init_PDUSessionResourceFailedToSetupItemCxtRes_pDUSessionResourceSetupUnsuccessfulTransfer2(__mv_amf_dt_PDUSessionResourceFailedToSetupItemCxtRes_pDUSessionResourceSetupUnsuccessfulTransfer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PDUSessionResourceFailedToSetupItemCxtRes_pDUSessionResourceSetupUnsuccessfulTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceFailedToSetupItemCxtRes_pDUSessionResourceSetupUnsuccessfulTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceFailedToSetupItemCxtRes_pDUSessionResourceSetupUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceFailedToSetupItemCxtRes_pDUSessionResourceSetupUnsuccessfulTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceFailedToSetupItemCxtRes_pDUSessionResourceSetupUnsuccessfulTransfer(const __mv_amf_dt_PDUSessionResourceFailedToSetupItemCxtRes_pDUSessionResourceSetupUnsuccessfulTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceFailedToSetupItemCxtRes_pDUSessionResourceSetupUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceFailedToSetupItemCxtRes_pDUSessionResourceSetupUnsuccessfulTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceFailedToSetupItemCxtRes_pDUSessionResourceSetupUnsuccessfulTransfer(const __mv_amf_dt_PDUSessionResourceFailedToSetupItemCxtRes_pDUSessionResourceSetupUnsuccessfulTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceFailedToSetupItemCxtRes_pDUSessionResourceSetupUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceFailedToSetupItemCxtRes_pDUSessionResourceSetupUnsuccessfulTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceFailedToSetupListHOAck(__mv_amf_dt_PDUSessionResourceFailedToSetupListHOAck** rec);
 void __mv_amf_debug_PDUSessionResourceFailedToSetupListHOAck(const char* key, const __mv_amf_dt_PDUSessionResourceFailedToSetupListHOAck* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceFailedToSetupListHOAck(__mv_amf_dt_PDUSessionResourceFailedToSetupListHOAck* rec);
-int __mv_amf_Encode_PDUSessionResourceFailedToSetupListHOAck(const __mv_amf_dt_PDUSessionResourceFailedToSetupListHOAck* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceFailedToSetupListHOAck(__mv_amf_dt_PDUSessionResourceFailedToSetupListHOAck** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceFailedToSetupListHOAck(const __mv_amf_dt_PDUSessionResourceFailedToSetupListHOAck* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceFailedToSetupListHOAck(__mv_amf_dt_PDUSessionResourceFailedToSetupListHOAck** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceFailedToSetupItemHOAck(__mv_amf_dt_PDUSessionResourceFailedToSetupItemHOAck** rec);
 void __mv_amf_debug_PDUSessionResourceFailedToSetupItemHOAck(const char* key, const __mv_amf_dt_PDUSessionResourceFailedToSetupItemHOAck* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceFailedToSetupItemHOAck(__mv_amf_dt_PDUSessionResourceFailedToSetupItemHOAck* rec);
-int __mv_amf_Encode_PDUSessionResourceFailedToSetupItemHOAck(const __mv_amf_dt_PDUSessionResourceFailedToSetupItemHOAck* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceFailedToSetupItemHOAck(__mv_amf_dt_PDUSessionResourceFailedToSetupItemHOAck** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceFailedToSetupItemHOAck(const __mv_amf_dt_PDUSessionResourceFailedToSetupItemHOAck* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceFailedToSetupItemHOAck(__mv_amf_dt_PDUSessionResourceFailedToSetupItemHOAck** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceFailedToSetupItemHOAck_handoverResourceAllocationUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceFailedToSetupItemHOAck_handoverResourceAllocationUnsuccessfulTransfer** rec);
 int __mv_amf_init_PDUSessionResourceFailedToSetupItemHOAck_handoverResourceAllocationUnsuccessfulTransfer2(__mv_amf_dt_PDUSessionResourceFailedToSetupItemHOAck_handoverResourceAllocationUnsuccessfulTransfer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PDUSessionResourceFailedToSetupItemHOAck_handoverResourceAllocationUnsuccessfulTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceFailedToSetupItemHOAck_handoverResourceAllocationUnsuccessfulTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceFailedToSetupItemHOAck_handoverResourceAllocationUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceFailedToSetupItemHOAck_handoverResourceAllocationUnsuccessfulTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceFailedToSetupItemHOAck_handoverResourceAllocationUnsuccessfulTransfer(const __mv_amf_dt_PDUSessionResourceFailedToSetupItemHOAck_handoverResourceAllocationUnsuccessfulTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceFailedToSetupItemHOAck_handoverResourceAllocationUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceFailedToSetupItemHOAck_handoverResourceAllocationUnsuccessfulTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceFailedToSetupItemHOAck_handoverResourceAllocationUnsuccessfulTransfer(const __mv_amf_dt_PDUSessionResourceFailedToSetupItemHOAck_handoverResourceAllocationUnsuccessfulTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceFailedToSetupItemHOAck_handoverResourceAllocationUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceFailedToSetupItemHOAck_handoverResourceAllocationUnsuccessfulTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceFailedToSetupListPSReq(__mv_amf_dt_PDUSessionResourceFailedToSetupListPSReq** rec);
 void __mv_amf_debug_PDUSessionResourceFailedToSetupListPSReq(const char* key, const __mv_amf_dt_PDUSessionResourceFailedToSetupListPSReq* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceFailedToSetupListPSReq(__mv_amf_dt_PDUSessionResourceFailedToSetupListPSReq* rec);
-int __mv_amf_Encode_PDUSessionResourceFailedToSetupListPSReq(const __mv_amf_dt_PDUSessionResourceFailedToSetupListPSReq* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceFailedToSetupListPSReq(__mv_amf_dt_PDUSessionResourceFailedToSetupListPSReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceFailedToSetupListPSReq(const __mv_amf_dt_PDUSessionResourceFailedToSetupListPSReq* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceFailedToSetupListPSReq(__mv_amf_dt_PDUSessionResourceFailedToSetupListPSReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceFailedToSetupItemPSReq(__mv_amf_dt_PDUSessionResourceFailedToSetupItemPSReq** rec);
 void __mv_amf_debug_PDUSessionResourceFailedToSetupItemPSReq(const char* key, const __mv_amf_dt_PDUSessionResourceFailedToSetupItemPSReq* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceFailedToSetupItemPSReq(__mv_amf_dt_PDUSessionResourceFailedToSetupItemPSReq* rec);
-int __mv_amf_Encode_PDUSessionResourceFailedToSetupItemPSReq(const __mv_amf_dt_PDUSessionResourceFailedToSetupItemPSReq* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceFailedToSetupItemPSReq(__mv_amf_dt_PDUSessionResourceFailedToSetupItemPSReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceFailedToSetupItemPSReq(const __mv_amf_dt_PDUSessionResourceFailedToSetupItemPSReq* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceFailedToSetupItemPSReq(__mv_amf_dt_PDUSessionResourceFailedToSetupItemPSReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceFailedToSetupItemPSReq_pathSwitchRequestSetupFailedTransfer(__mv_amf_dt_PDUSessionResourceFailedToSetupItemPSReq_pathSwitchRequestSetupFailedTransfer** rec);
 int __mv_amf_init_PDUSessionResourceFailedToSetupItemPSReq_pathSwitchRequestSetupFailedTransfer2(__mv_amf_dt_PDUSessionResourceFailedToSetupItemPSReq_pathSwitchRequestSetupFailedTransfer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PDUSessionResourceFailedToSetupItemPSReq_pathSwitchRequestSetupFailedTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceFailedToSetupItemPSReq_pathSwitchRequestSetupFailedTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceFailedToSetupItemPSReq_pathSwitchRequestSetupFailedTransfer(__mv_amf_dt_PDUSessionResourceFailedToSetupItemPSReq_pathSwitchRequestSetupFailedTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceFailedToSetupItemPSReq_pathSwitchRequestSetupFailedTransfer(const __mv_amf_dt_PDUSessionResourceFailedToSetupItemPSReq_pathSwitchRequestSetupFailedTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceFailedToSetupItemPSReq_pathSwitchRequestSetupFailedTransfer(__mv_amf_dt_PDUSessionResourceFailedToSetupItemPSReq_pathSwitchRequestSetupFailedTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceFailedToSetupItemPSReq_pathSwitchRequestSetupFailedTransfer(const __mv_amf_dt_PDUSessionResourceFailedToSetupItemPSReq_pathSwitchRequestSetupFailedTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceFailedToSetupItemPSReq_pathSwitchRequestSetupFailedTransfer(__mv_amf_dt_PDUSessionResourceFailedToSetupItemPSReq_pathSwitchRequestSetupFailedTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceFailedToSetupListSURes(__mv_amf_dt_PDUSessionResourceFailedToSetupListSURes** rec);
 void __mv_amf_debug_PDUSessionResourceFailedToSetupListSURes(const char* key, const __mv_amf_dt_PDUSessionResourceFailedToSetupListSURes* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceFailedToSetupListSURes(__mv_amf_dt_PDUSessionResourceFailedToSetupListSURes* rec);
-int __mv_amf_Encode_PDUSessionResourceFailedToSetupListSURes(const __mv_amf_dt_PDUSessionResourceFailedToSetupListSURes* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceFailedToSetupListSURes(__mv_amf_dt_PDUSessionResourceFailedToSetupListSURes** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceFailedToSetupListSURes(const __mv_amf_dt_PDUSessionResourceFailedToSetupListSURes* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceFailedToSetupListSURes(__mv_amf_dt_PDUSessionResourceFailedToSetupListSURes** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceFailedToSetupItemSURes(__mv_amf_dt_PDUSessionResourceFailedToSetupItemSURes** rec);
 void __mv_amf_debug_PDUSessionResourceFailedToSetupItemSURes(const char* key, const __mv_amf_dt_PDUSessionResourceFailedToSetupItemSURes* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceFailedToSetupItemSURes(__mv_amf_dt_PDUSessionResourceFailedToSetupItemSURes* rec);
-int __mv_amf_Encode_PDUSessionResourceFailedToSetupItemSURes(const __mv_amf_dt_PDUSessionResourceFailedToSetupItemSURes* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceFailedToSetupItemSURes(__mv_amf_dt_PDUSessionResourceFailedToSetupItemSURes** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceFailedToSetupItemSURes(const __mv_amf_dt_PDUSessionResourceFailedToSetupItemSURes* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceFailedToSetupItemSURes(__mv_amf_dt_PDUSessionResourceFailedToSetupItemSURes** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceFailedToSetupItemSURes_pDUSessionResourceSetupUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceFailedToSetupItemSURes_pDUSessionResourceSetupUnsuccessfulTransfer** rec);
 int __mv_amf_init_PDUSessionResourceFailedToSetupItemSURes_pDUSessionResourceSetupUnsuccessfulTransfer2(__mv_amf_dt_PDUSessionResourceFailedToSetupItemSURes_pDUSessionResourceSetupUnsuccessfulTransfer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PDUSessionResourceFailedToSetupItemSURes_pDUSessionResourceSetupUnsuccessfulTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceFailedToSetupItemSURes_pDUSessionResourceSetupUnsuccessfulTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceFailedToSetupItemSURes_pDUSessionResourceSetupUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceFailedToSetupItemSURes_pDUSessionResourceSetupUnsuccessfulTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceFailedToSetupItemSURes_pDUSessionResourceSetupUnsuccessfulTransfer(const __mv_amf_dt_PDUSessionResourceFailedToSetupItemSURes_pDUSessionResourceSetupUnsuccessfulTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceFailedToSetupItemSURes_pDUSessionResourceSetupUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceFailedToSetupItemSURes_pDUSessionResourceSetupUnsuccessfulTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceFailedToSetupItemSURes_pDUSessionResourceSetupUnsuccessfulTransfer(const __mv_amf_dt_PDUSessionResourceFailedToSetupItemSURes_pDUSessionResourceSetupUnsuccessfulTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceFailedToSetupItemSURes_pDUSessionResourceSetupUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceFailedToSetupItemSURes_pDUSessionResourceSetupUnsuccessfulTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceHandoverList(__mv_amf_dt_PDUSessionResourceHandoverList** rec);
 void __mv_amf_debug_PDUSessionResourceHandoverList(const char* key, const __mv_amf_dt_PDUSessionResourceHandoverList* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceHandoverList(__mv_amf_dt_PDUSessionResourceHandoverList* rec);
-int __mv_amf_Encode_PDUSessionResourceHandoverList(const __mv_amf_dt_PDUSessionResourceHandoverList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceHandoverList(__mv_amf_dt_PDUSessionResourceHandoverList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceHandoverList(const __mv_amf_dt_PDUSessionResourceHandoverList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceHandoverList(__mv_amf_dt_PDUSessionResourceHandoverList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceHandoverItem(__mv_amf_dt_PDUSessionResourceHandoverItem** rec);
 void __mv_amf_debug_PDUSessionResourceHandoverItem(const char* key, const __mv_amf_dt_PDUSessionResourceHandoverItem* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceHandoverItem(__mv_amf_dt_PDUSessionResourceHandoverItem* rec);
-int __mv_amf_Encode_PDUSessionResourceHandoverItem(const __mv_amf_dt_PDUSessionResourceHandoverItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceHandoverItem(__mv_amf_dt_PDUSessionResourceHandoverItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceHandoverItem(const __mv_amf_dt_PDUSessionResourceHandoverItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceHandoverItem(__mv_amf_dt_PDUSessionResourceHandoverItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceHandoverItem_handoverCommandTransfer(__mv_amf_dt_PDUSessionResourceHandoverItem_handoverCommandTransfer** rec);
 int __mv_amf_init_PDUSessionResourceHandoverItem_handoverCommandTransfer2(__mv_amf_dt_PDUSessionResourceHandoverItem_handoverCommandTransfer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PDUSessionResourceHandoverItem_handoverCommandTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceHandoverItem_handoverCommandTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceHandoverItem_handoverCommandTransfer(__mv_amf_dt_PDUSessionResourceHandoverItem_handoverCommandTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceHandoverItem_handoverCommandTransfer(const __mv_amf_dt_PDUSessionResourceHandoverItem_handoverCommandTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceHandoverItem_handoverCommandTransfer(__mv_amf_dt_PDUSessionResourceHandoverItem_handoverCommandTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceHandoverItem_handoverCommandTransfer(const __mv_amf_dt_PDUSessionResourceHandoverItem_handoverCommandTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceHandoverItem_handoverCommandTransfer(__mv_amf_dt_PDUSessionResourceHandoverItem_handoverCommandTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceInformationList(__mv_amf_dt_PDUSessionResourceInformationList** rec);
 void __mv_amf_debug_PDUSessionResourceInformationList(const char* key, const __mv_amf_dt_PDUSessionResourceInformationList* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceInformationList(__mv_amf_dt_PDUSessionResourceInformationList* rec);
-int __mv_amf_Encode_PDUSessionResourceInformationList(const __mv_amf_dt_PDUSessionResourceInformationList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceInformationList(__mv_amf_dt_PDUSessionResourceInformationList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceInformationList(const __mv_amf_dt_PDUSessionResourceInformationList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceInformationList(__mv_amf_dt_PDUSessionResourceInformationList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceInformationItem(__mv_amf_dt_PDUSessionResourceInformationItem** rec);
 void __mv_amf_debug_PDUSessionResourceInformationItem(const char* key, const __mv_amf_dt_PDUSessionResourceInformationItem* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceInformationItem(__mv_amf_dt_PDUSessionResourceInformationItem* rec);
-int __mv_amf_Encode_PDUSessionResourceInformationItem(const __mv_amf_dt_PDUSessionResourceInformationItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceInformationItem(__mv_amf_dt_PDUSessionResourceInformationItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceInformationItem(const __mv_amf_dt_PDUSessionResourceInformationItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceInformationItem(__mv_amf_dt_PDUSessionResourceInformationItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_QosFlowInformationList(__mv_amf_dt_QosFlowInformationList** rec);
 void __mv_amf_debug_QosFlowInformationList(const char* key, const __mv_amf_dt_QosFlowInformationList* rec, int level);
 void __mv_amf_memfree_QosFlowInformationList(__mv_amf_dt_QosFlowInformationList* rec);
-int __mv_amf_Encode_QosFlowInformationList(const __mv_amf_dt_QosFlowInformationList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QosFlowInformationList(__mv_amf_dt_QosFlowInformationList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QosFlowInformationList(const __mv_amf_dt_QosFlowInformationList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QosFlowInformationList(__mv_amf_dt_QosFlowInformationList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_QosFlowInformationItem(__mv_amf_dt_QosFlowInformationItem** rec);
 void __mv_amf_debug_QosFlowInformationItem(const char* key, const __mv_amf_dt_QosFlowInformationItem* rec, int level);
 void __mv_amf_memfree_QosFlowInformationItem(__mv_amf_dt_QosFlowInformationItem* rec);
-int __mv_amf_Encode_QosFlowInformationItem(const __mv_amf_dt_QosFlowInformationItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QosFlowInformationItem(__mv_amf_dt_QosFlowInformationItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QosFlowInformationItem(const __mv_amf_dt_QosFlowInformationItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QosFlowInformationItem(__mv_amf_dt_QosFlowInformationItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceListCxtRelCpl(__mv_amf_dt_PDUSessionResourceListCxtRelCpl** rec);
 void __mv_amf_debug_PDUSessionResourceListCxtRelCpl(const char* key, const __mv_amf_dt_PDUSessionResourceListCxtRelCpl* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceListCxtRelCpl(__mv_amf_dt_PDUSessionResourceListCxtRelCpl* rec);
-int __mv_amf_Encode_PDUSessionResourceListCxtRelCpl(const __mv_amf_dt_PDUSessionResourceListCxtRelCpl* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceListCxtRelCpl(__mv_amf_dt_PDUSessionResourceListCxtRelCpl** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceListCxtRelCpl(const __mv_amf_dt_PDUSessionResourceListCxtRelCpl* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceListCxtRelCpl(__mv_amf_dt_PDUSessionResourceListCxtRelCpl** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceItemCxtRelCpl(__mv_amf_dt_PDUSessionResourceItemCxtRelCpl** rec);
 void __mv_amf_debug_PDUSessionResourceItemCxtRelCpl(const char* key, const __mv_amf_dt_PDUSessionResourceItemCxtRelCpl* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceItemCxtRelCpl(__mv_amf_dt_PDUSessionResourceItemCxtRelCpl* rec);
-int __mv_amf_Encode_PDUSessionResourceItemCxtRelCpl(const __mv_amf_dt_PDUSessionResourceItemCxtRelCpl* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceItemCxtRelCpl(__mv_amf_dt_PDUSessionResourceItemCxtRelCpl** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceItemCxtRelCpl(const __mv_amf_dt_PDUSessionResourceItemCxtRelCpl* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceItemCxtRelCpl(__mv_amf_dt_PDUSessionResourceItemCxtRelCpl** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceListCxtRelReq(__mv_amf_dt_PDUSessionResourceListCxtRelReq** rec);
 void __mv_amf_debug_PDUSessionResourceListCxtRelReq(const char* key, const __mv_amf_dt_PDUSessionResourceListCxtRelReq* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceListCxtRelReq(__mv_amf_dt_PDUSessionResourceListCxtRelReq* rec);
-int __mv_amf_Encode_PDUSessionResourceListCxtRelReq(const __mv_amf_dt_PDUSessionResourceListCxtRelReq* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceListCxtRelReq(__mv_amf_dt_PDUSessionResourceListCxtRelReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceListCxtRelReq(const __mv_amf_dt_PDUSessionResourceListCxtRelReq* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceListCxtRelReq(__mv_amf_dt_PDUSessionResourceListCxtRelReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceItemCxtRelReq(__mv_amf_dt_PDUSessionResourceItemCxtRelReq** rec);
 void __mv_amf_debug_PDUSessionResourceItemCxtRelReq(const char* key, const __mv_amf_dt_PDUSessionResourceItemCxtRelReq* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceItemCxtRelReq(__mv_amf_dt_PDUSessionResourceItemCxtRelReq* rec);
-int __mv_amf_Encode_PDUSessionResourceItemCxtRelReq(const __mv_amf_dt_PDUSessionResourceItemCxtRelReq* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceItemCxtRelReq(__mv_amf_dt_PDUSessionResourceItemCxtRelReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceItemCxtRelReq(const __mv_amf_dt_PDUSessionResourceItemCxtRelReq* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceItemCxtRelReq(__mv_amf_dt_PDUSessionResourceItemCxtRelReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceListHORqd(__mv_amf_dt_PDUSessionResourceListHORqd** rec);
 void __mv_amf_debug_PDUSessionResourceListHORqd(const char* key, const __mv_amf_dt_PDUSessionResourceListHORqd* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceListHORqd(__mv_amf_dt_PDUSessionResourceListHORqd* rec);
-int __mv_amf_Encode_PDUSessionResourceListHORqd(const __mv_amf_dt_PDUSessionResourceListHORqd* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceListHORqd(__mv_amf_dt_PDUSessionResourceListHORqd** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceListHORqd(const __mv_amf_dt_PDUSessionResourceListHORqd* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceListHORqd(__mv_amf_dt_PDUSessionResourceListHORqd** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceItemHORqd(__mv_amf_dt_PDUSessionResourceItemHORqd** rec);
 void __mv_amf_debug_PDUSessionResourceItemHORqd(const char* key, const __mv_amf_dt_PDUSessionResourceItemHORqd* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceItemHORqd(__mv_amf_dt_PDUSessionResourceItemHORqd* rec);
-int __mv_amf_Encode_PDUSessionResourceItemHORqd(const __mv_amf_dt_PDUSessionResourceItemHORqd* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceItemHORqd(__mv_amf_dt_PDUSessionResourceItemHORqd** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceItemHORqd(const __mv_amf_dt_PDUSessionResourceItemHORqd* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceItemHORqd(__mv_amf_dt_PDUSessionResourceItemHORqd** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceItemHORqd_handoverRequiredTransfer(__mv_amf_dt_PDUSessionResourceItemHORqd_handoverRequiredTransfer** rec);
 int __mv_amf_init_PDUSessionResourceItemHORqd_handoverRequiredTransfer2(__mv_amf_dt_PDUSessionResourceItemHORqd_handoverRequiredTransfer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PDUSessionResourceItemHORqd_handoverRequiredTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceItemHORqd_handoverRequiredTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceItemHORqd_handoverRequiredTransfer(__mv_amf_dt_PDUSessionResourceItemHORqd_handoverRequiredTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceItemHORqd_handoverRequiredTransfer(const __mv_amf_dt_PDUSessionResourceItemHORqd_handoverRequiredTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceItemHORqd_handoverRequiredTransfer(__mv_amf_dt_PDUSessionResourceItemHORqd_handoverRequiredTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceItemHORqd_handoverRequiredTransfer(const __mv_amf_dt_PDUSessionResourceItemHORqd_handoverRequiredTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceItemHORqd_handoverRequiredTransfer(__mv_amf_dt_PDUSessionResourceItemHORqd_handoverRequiredTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceModifyConfirmTransfer(__mv_amf_dt_PDUSessionResourceModifyConfirmTransfer** rec);
 void __mv_amf_debug_PDUSessionResourceModifyConfirmTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceModifyConfirmTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceModifyConfirmTransfer(__mv_amf_dt_PDUSessionResourceModifyConfirmTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceModifyConfirmTransfer(const __mv_amf_dt_PDUSessionResourceModifyConfirmTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceModifyConfirmTransfer(__mv_amf_dt_PDUSessionResourceModifyConfirmTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceModifyConfirmTransfer(const __mv_amf_dt_PDUSessionResourceModifyConfirmTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceModifyConfirmTransfer(__mv_amf_dt_PDUSessionResourceModifyConfirmTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_QosFlowModifyConfirmList(__mv_amf_dt_QosFlowModifyConfirmList** rec);
 void __mv_amf_debug_QosFlowModifyConfirmList(const char* key, const __mv_amf_dt_QosFlowModifyConfirmList* rec, int level);
 void __mv_amf_memfree_QosFlowModifyConfirmList(__mv_amf_dt_QosFlowModifyConfirmList* rec);
-int __mv_amf_Encode_QosFlowModifyConfirmList(const __mv_amf_dt_QosFlowModifyConfirmList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QosFlowModifyConfirmList(__mv_amf_dt_QosFlowModifyConfirmList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QosFlowModifyConfirmList(const __mv_amf_dt_QosFlowModifyConfirmList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QosFlowModifyConfirmList(__mv_amf_dt_QosFlowModifyConfirmList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_QosFlowModifyConfirmItem(__mv_amf_dt_QosFlowModifyConfirmItem** rec);
 void __mv_amf_debug_QosFlowModifyConfirmItem(const char* key, const __mv_amf_dt_QosFlowModifyConfirmItem* rec, int level);
 void __mv_amf_memfree_QosFlowModifyConfirmItem(__mv_amf_dt_QosFlowModifyConfirmItem* rec);
-int __mv_amf_Encode_QosFlowModifyConfirmItem(const __mv_amf_dt_QosFlowModifyConfirmItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QosFlowModifyConfirmItem(__mv_amf_dt_QosFlowModifyConfirmItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QosFlowModifyConfirmItem(const __mv_amf_dt_QosFlowModifyConfirmItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QosFlowModifyConfirmItem(__mv_amf_dt_QosFlowModifyConfirmItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UPTransportLayerInformationPairList(__mv_amf_dt_UPTransportLayerInformationPairList** rec);
 void __mv_amf_debug_UPTransportLayerInformationPairList(const char* key, const __mv_amf_dt_UPTransportLayerInformationPairList* rec, int level);
 void __mv_amf_memfree_UPTransportLayerInformationPairList(__mv_amf_dt_UPTransportLayerInformationPairList* rec);
-int __mv_amf_Encode_UPTransportLayerInformationPairList(const __mv_amf_dt_UPTransportLayerInformationPairList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UPTransportLayerInformationPairList(__mv_amf_dt_UPTransportLayerInformationPairList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UPTransportLayerInformationPairList(const __mv_amf_dt_UPTransportLayerInformationPairList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UPTransportLayerInformationPairList(__mv_amf_dt_UPTransportLayerInformationPairList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UPTransportLayerInformationPairItem(__mv_amf_dt_UPTransportLayerInformationPairItem** rec);
 void __mv_amf_debug_UPTransportLayerInformationPairItem(const char* key, const __mv_amf_dt_UPTransportLayerInformationPairItem* rec, int level);
 void __mv_amf_memfree_UPTransportLayerInformationPairItem(__mv_amf_dt_UPTransportLayerInformationPairItem* rec);
-int __mv_amf_Encode_UPTransportLayerInformationPairItem(const __mv_amf_dt_UPTransportLayerInformationPairItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UPTransportLayerInformationPairItem(__mv_amf_dt_UPTransportLayerInformationPairItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UPTransportLayerInformationPairItem(const __mv_amf_dt_UPTransportLayerInformationPairItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UPTransportLayerInformationPairItem(__mv_amf_dt_UPTransportLayerInformationPairItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceModifyRequestTransfer(__mv_amf_dt_PDUSessionResourceModifyRequestTransfer** rec);
 void __mv_amf_debug_PDUSessionResourceModifyRequestTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceModifyRequestTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceModifyRequestTransfer(__mv_amf_dt_PDUSessionResourceModifyRequestTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceModifyRequestTransfer(const __mv_amf_dt_PDUSessionResourceModifyRequestTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceModifyRequestTransfer(__mv_amf_dt_PDUSessionResourceModifyRequestTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceModifyRequestTransfer(const __mv_amf_dt_PDUSessionResourceModifyRequestTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceModifyRequestTransfer(__mv_amf_dt_PDUSessionResourceModifyRequestTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UL_NGU_UP_TNLModifyList(__mv_amf_dt_UL_NGU_UP_TNLModifyList** rec);
 void __mv_amf_debug_UL_NGU_UP_TNLModifyList(const char* key, const __mv_amf_dt_UL_NGU_UP_TNLModifyList* rec, int level);
 void __mv_amf_memfree_UL_NGU_UP_TNLModifyList(__mv_amf_dt_UL_NGU_UP_TNLModifyList* rec);
-int __mv_amf_Encode_UL_NGU_UP_TNLModifyList(const __mv_amf_dt_UL_NGU_UP_TNLModifyList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UL_NGU_UP_TNLModifyList(__mv_amf_dt_UL_NGU_UP_TNLModifyList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UL_NGU_UP_TNLModifyList(const __mv_amf_dt_UL_NGU_UP_TNLModifyList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UL_NGU_UP_TNLModifyList(__mv_amf_dt_UL_NGU_UP_TNLModifyList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UL_NGU_UP_TNLModifyItem(__mv_amf_dt_UL_NGU_UP_TNLModifyItem** rec);
 void __mv_amf_debug_UL_NGU_UP_TNLModifyItem(const char* key, const __mv_amf_dt_UL_NGU_UP_TNLModifyItem* rec, int level);
 void __mv_amf_memfree_UL_NGU_UP_TNLModifyItem(__mv_amf_dt_UL_NGU_UP_TNLModifyItem* rec);
-int __mv_amf_Encode_UL_NGU_UP_TNLModifyItem(const __mv_amf_dt_UL_NGU_UP_TNLModifyItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UL_NGU_UP_TNLModifyItem(__mv_amf_dt_UL_NGU_UP_TNLModifyItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UL_NGU_UP_TNLModifyItem(const __mv_amf_dt_UL_NGU_UP_TNLModifyItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UL_NGU_UP_TNLModifyItem(__mv_amf_dt_UL_NGU_UP_TNLModifyItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_QosFlowAddOrModifyRequestList(__mv_amf_dt_QosFlowAddOrModifyRequestList** rec);
 void __mv_amf_debug_QosFlowAddOrModifyRequestList(const char* key, const __mv_amf_dt_QosFlowAddOrModifyRequestList* rec, int level);
 void __mv_amf_memfree_QosFlowAddOrModifyRequestList(__mv_amf_dt_QosFlowAddOrModifyRequestList* rec);
-int __mv_amf_Encode_QosFlowAddOrModifyRequestList(const __mv_amf_dt_QosFlowAddOrModifyRequestList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QosFlowAddOrModifyRequestList(__mv_amf_dt_QosFlowAddOrModifyRequestList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QosFlowAddOrModifyRequestList(const __mv_amf_dt_QosFlowAddOrModifyRequestList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QosFlowAddOrModifyRequestList(__mv_amf_dt_QosFlowAddOrModifyRequestList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_QosFlowAddOrModifyRequestItem(__mv_amf_dt_QosFlowAddOrModifyRequestItem** rec);
 void __mv_amf_debug_QosFlowAddOrModifyRequestItem(const char* key, const __mv_amf_dt_QosFlowAddOrModifyRequestItem* rec, int level);
 void __mv_amf_memfree_QosFlowAddOrModifyRequestItem(__mv_amf_dt_QosFlowAddOrModifyRequestItem* rec);
-int __mv_amf_Encode_QosFlowAddOrModifyRequestItem(const __mv_amf_dt_QosFlowAddOrModifyRequestItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QosFlowAddOrModifyRequestItem(__mv_amf_dt_QosFlowAddOrModifyRequestItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QosFlowAddOrModifyRequestItem(const __mv_amf_dt_QosFlowAddOrModifyRequestItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QosFlowAddOrModifyRequestItem(__mv_amf_dt_QosFlowAddOrModifyRequestItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_QosFlowLevelQosParameters(__mv_amf_dt_QosFlowLevelQosParameters** rec);
 void __mv_amf_debug_QosFlowLevelQosParameters(const char* key, const __mv_amf_dt_QosFlowLevelQosParameters* rec, int level);
 void __mv_amf_memfree_QosFlowLevelQosParameters(__mv_amf_dt_QosFlowLevelQosParameters* rec);
-int __mv_amf_Encode_QosFlowLevelQosParameters(const __mv_amf_dt_QosFlowLevelQosParameters* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QosFlowLevelQosParameters(__mv_amf_dt_QosFlowLevelQosParameters** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QosFlowLevelQosParameters(const __mv_amf_dt_QosFlowLevelQosParameters* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QosFlowLevelQosParameters(__mv_amf_dt_QosFlowLevelQosParameters** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_QosCharacteristics(__mv_amf_dt_QosCharacteristics** rec);
 void __mv_amf_debug_QosCharacteristics(const char* key, const __mv_amf_dt_QosCharacteristics* rec, int level);
 void __mv_amf_memfree_QosCharacteristics(__mv_amf_dt_QosCharacteristics* rec);
-int __mv_amf_Encode_QosCharacteristics(const __mv_amf_dt_QosCharacteristics* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QosCharacteristics(__mv_amf_dt_QosCharacteristics** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QosCharacteristics(const __mv_amf_dt_QosCharacteristics* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QosCharacteristics(__mv_amf_dt_QosCharacteristics** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_QosCharacteristics_ExtIEs(__mv_amf_dt_QosCharacteristics_ExtIEs** rec);
 void __mv_amf_debug_QosCharacteristics_ExtIEs(const char* key, const __mv_amf_dt_QosCharacteristics_ExtIEs* rec, int level);
 void __mv_amf_memfree_QosCharacteristics_ExtIEs(__mv_amf_dt_QosCharacteristics_ExtIEs* rec);
-int __mv_amf_Encode_QosCharacteristics_ExtIEs(const __mv_amf_dt_QosCharacteristics_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QosCharacteristics_ExtIEs(__mv_amf_dt_QosCharacteristics_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QosCharacteristics_ExtIEs(const __mv_amf_dt_QosCharacteristics_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QosCharacteristics_ExtIEs(__mv_amf_dt_QosCharacteristics_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_ReflectiveQosAttribute(const char* key, __mv_amf_dt_ReflectiveQosAttribute value, int level);
-int __mv_amf_Encode_ReflectiveQosAttribute(__mv_amf_dt_ReflectiveQosAttribute value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ReflectiveQosAttribute(__mv_amf_dt_ReflectiveQosAttribute* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ReflectiveQosAttribute(__mv_amf_dt_ReflectiveQosAttribute value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ReflectiveQosAttribute(__mv_amf_dt_ReflectiveQosAttribute* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UPTransportLayerInformationList(__mv_amf_dt_UPTransportLayerInformationList** rec);
 void __mv_amf_debug_UPTransportLayerInformationList(const char* key, const __mv_amf_dt_UPTransportLayerInformationList* rec, int level);
 void __mv_amf_memfree_UPTransportLayerInformationList(__mv_amf_dt_UPTransportLayerInformationList* rec);
-int __mv_amf_Encode_UPTransportLayerInformationList(const __mv_amf_dt_UPTransportLayerInformationList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UPTransportLayerInformationList(__mv_amf_dt_UPTransportLayerInformationList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UPTransportLayerInformationList(const __mv_amf_dt_UPTransportLayerInformationList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UPTransportLayerInformationList(__mv_amf_dt_UPTransportLayerInformationList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UPTransportLayerInformationItem(__mv_amf_dt_UPTransportLayerInformationItem** rec);
 void __mv_amf_debug_UPTransportLayerInformationItem(const char* key, const __mv_amf_dt_UPTransportLayerInformationItem* rec, int level);
 void __mv_amf_memfree_UPTransportLayerInformationItem(__mv_amf_dt_UPTransportLayerInformationItem* rec);
-int __mv_amf_Encode_UPTransportLayerInformationItem(const __mv_amf_dt_UPTransportLayerInformationItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UPTransportLayerInformationItem(__mv_amf_dt_UPTransportLayerInformationItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UPTransportLayerInformationItem(const __mv_amf_dt_UPTransportLayerInformationItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UPTransportLayerInformationItem(__mv_amf_dt_UPTransportLayerInformationItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceModifyResponseTransfer(__mv_amf_dt_PDUSessionResourceModifyResponseTransfer** rec);
 void __mv_amf_debug_PDUSessionResourceModifyResponseTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceModifyResponseTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceModifyResponseTransfer(__mv_amf_dt_PDUSessionResourceModifyResponseTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceModifyResponseTransfer(const __mv_amf_dt_PDUSessionResourceModifyResponseTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceModifyResponseTransfer(__mv_amf_dt_PDUSessionResourceModifyResponseTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceModifyResponseTransfer(const __mv_amf_dt_PDUSessionResourceModifyResponseTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceModifyResponseTransfer(__mv_amf_dt_PDUSessionResourceModifyResponseTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_QosFlowAddOrModifyResponseList(__mv_amf_dt_QosFlowAddOrModifyResponseList** rec);
 void __mv_amf_debug_QosFlowAddOrModifyResponseList(const char* key, const __mv_amf_dt_QosFlowAddOrModifyResponseList* rec, int level);
 void __mv_amf_memfree_QosFlowAddOrModifyResponseList(__mv_amf_dt_QosFlowAddOrModifyResponseList* rec);
-int __mv_amf_Encode_QosFlowAddOrModifyResponseList(const __mv_amf_dt_QosFlowAddOrModifyResponseList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QosFlowAddOrModifyResponseList(__mv_amf_dt_QosFlowAddOrModifyResponseList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QosFlowAddOrModifyResponseList(const __mv_amf_dt_QosFlowAddOrModifyResponseList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QosFlowAddOrModifyResponseList(__mv_amf_dt_QosFlowAddOrModifyResponseList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_QosFlowAddOrModifyResponseItem(__mv_amf_dt_QosFlowAddOrModifyResponseItem** rec);
 void __mv_amf_debug_QosFlowAddOrModifyResponseItem(const char* key, const __mv_amf_dt_QosFlowAddOrModifyResponseItem* rec, int level);
 void __mv_amf_memfree_QosFlowAddOrModifyResponseItem(__mv_amf_dt_QosFlowAddOrModifyResponseItem* rec);
-int __mv_amf_Encode_QosFlowAddOrModifyResponseItem(const __mv_amf_dt_QosFlowAddOrModifyResponseItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QosFlowAddOrModifyResponseItem(__mv_amf_dt_QosFlowAddOrModifyResponseItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QosFlowAddOrModifyResponseItem(const __mv_amf_dt_QosFlowAddOrModifyResponseItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QosFlowAddOrModifyResponseItem(__mv_amf_dt_QosFlowAddOrModifyResponseItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_QosFlowPerTNLInformationList(__mv_amf_dt_QosFlowPerTNLInformationList** rec);
 void __mv_amf_debug_QosFlowPerTNLInformationList(const char* key, const __mv_amf_dt_QosFlowPerTNLInformationList* rec, int level);
 void __mv_amf_memfree_QosFlowPerTNLInformationList(__mv_amf_dt_QosFlowPerTNLInformationList* rec);
-int __mv_amf_Encode_QosFlowPerTNLInformationList(const __mv_amf_dt_QosFlowPerTNLInformationList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QosFlowPerTNLInformationList(__mv_amf_dt_QosFlowPerTNLInformationList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QosFlowPerTNLInformationList(const __mv_amf_dt_QosFlowPerTNLInformationList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QosFlowPerTNLInformationList(__mv_amf_dt_QosFlowPerTNLInformationList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_QosFlowPerTNLInformationItem(__mv_amf_dt_QosFlowPerTNLInformationItem** rec);
 void __mv_amf_debug_QosFlowPerTNLInformationItem(const char* key, const __mv_amf_dt_QosFlowPerTNLInformationItem* rec, int level);
 void __mv_amf_memfree_QosFlowPerTNLInformationItem(__mv_amf_dt_QosFlowPerTNLInformationItem* rec);
-int __mv_amf_Encode_QosFlowPerTNLInformationItem(const __mv_amf_dt_QosFlowPerTNLInformationItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QosFlowPerTNLInformationItem(__mv_amf_dt_QosFlowPerTNLInformationItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QosFlowPerTNLInformationItem(const __mv_amf_dt_QosFlowPerTNLInformationItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QosFlowPerTNLInformationItem(__mv_amf_dt_QosFlowPerTNLInformationItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_QosFlowPerTNLInformation(__mv_amf_dt_QosFlowPerTNLInformation** rec);
 void __mv_amf_debug_QosFlowPerTNLInformation(const char* key, const __mv_amf_dt_QosFlowPerTNLInformation* rec, int level);
 void __mv_amf_memfree_QosFlowPerTNLInformation(__mv_amf_dt_QosFlowPerTNLInformation* rec);
-int __mv_amf_Encode_QosFlowPerTNLInformation(const __mv_amf_dt_QosFlowPerTNLInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QosFlowPerTNLInformation(__mv_amf_dt_QosFlowPerTNLInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QosFlowPerTNLInformation(const __mv_amf_dt_QosFlowPerTNLInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QosFlowPerTNLInformation(__mv_amf_dt_QosFlowPerTNLInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceModifyIndicationTransfer(__mv_amf_dt_PDUSessionResourceModifyIndicationTransfer** rec);
 void __mv_amf_debug_PDUSessionResourceModifyIndicationTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceModifyIndicationTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceModifyIndicationTransfer(__mv_amf_dt_PDUSessionResourceModifyIndicationTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceModifyIndicationTransfer(const __mv_amf_dt_PDUSessionResourceModifyIndicationTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceModifyIndicationTransfer(__mv_amf_dt_PDUSessionResourceModifyIndicationTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceModifyIndicationTransfer(const __mv_amf_dt_PDUSessionResourceModifyIndicationTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceModifyIndicationTransfer(__mv_amf_dt_PDUSessionResourceModifyIndicationTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceModifyListModCfm(__mv_amf_dt_PDUSessionResourceModifyListModCfm** rec);
 void __mv_amf_debug_PDUSessionResourceModifyListModCfm(const char* key, const __mv_amf_dt_PDUSessionResourceModifyListModCfm* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceModifyListModCfm(__mv_amf_dt_PDUSessionResourceModifyListModCfm* rec);
-int __mv_amf_Encode_PDUSessionResourceModifyListModCfm(const __mv_amf_dt_PDUSessionResourceModifyListModCfm* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceModifyListModCfm(__mv_amf_dt_PDUSessionResourceModifyListModCfm** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceModifyListModCfm(const __mv_amf_dt_PDUSessionResourceModifyListModCfm* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceModifyListModCfm(__mv_amf_dt_PDUSessionResourceModifyListModCfm** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceModifyItemModCfm(__mv_amf_dt_PDUSessionResourceModifyItemModCfm** rec);
 void __mv_amf_debug_PDUSessionResourceModifyItemModCfm(const char* key, const __mv_amf_dt_PDUSessionResourceModifyItemModCfm* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceModifyItemModCfm(__mv_amf_dt_PDUSessionResourceModifyItemModCfm* rec);
-int __mv_amf_Encode_PDUSessionResourceModifyItemModCfm(const __mv_amf_dt_PDUSessionResourceModifyItemModCfm* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceModifyItemModCfm(__mv_amf_dt_PDUSessionResourceModifyItemModCfm** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceModifyItemModCfm(const __mv_amf_dt_PDUSessionResourceModifyItemModCfm* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceModifyItemModCfm(__mv_amf_dt_PDUSessionResourceModifyItemModCfm** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceModifyItemModCfm_pDUSessionResourceModifyConfirmTransfer(__mv_amf_dt_PDUSessionResourceModifyItemModCfm_pDUSessionResourceModifyConfirmTransfer** rec);
 int __mv_amf_init_PDUSessionResourceModifyItemModCfm_pDUSessionResourceModifyConfirmTransfer2(__mv_amf_dt_PDUSessionResourceModifyItemModCfm_pDUSessionResourceModifyConfirmTransfer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PDUSessionResourceModifyItemModCfm_pDUSessionResourceModifyConfirmTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceModifyItemModCfm_pDUSessionResourceModifyConfirmTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceModifyItemModCfm_pDUSessionResourceModifyConfirmTransfer(__mv_amf_dt_PDUSessionResourceModifyItemModCfm_pDUSessionResourceModifyConfirmTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceModifyItemModCfm_pDUSessionResourceModifyConfirmTransfer(const __mv_amf_dt_PDUSessionResourceModifyItemModCfm_pDUSessionResourceModifyConfirmTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceModifyItemModCfm_pDUSessionResourceModifyConfirmTransfer(__mv_amf_dt_PDUSessionResourceModifyItemModCfm_pDUSessionResourceModifyConfirmTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceModifyItemModCfm_pDUSessionResourceModifyConfirmTransfer(const __mv_amf_dt_PDUSessionResourceModifyItemModCfm_pDUSessionResourceModifyConfirmTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceModifyItemModCfm_pDUSessionResourceModifyConfirmTransfer(__mv_amf_dt_PDUSessionResourceModifyItemModCfm_pDUSessionResourceModifyConfirmTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceModifyListModInd(__mv_amf_dt_PDUSessionResourceModifyListModInd** rec);
 void __mv_amf_debug_PDUSessionResourceModifyListModInd(const char* key, const __mv_amf_dt_PDUSessionResourceModifyListModInd* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceModifyListModInd(__mv_amf_dt_PDUSessionResourceModifyListModInd* rec);
-int __mv_amf_Encode_PDUSessionResourceModifyListModInd(const __mv_amf_dt_PDUSessionResourceModifyListModInd* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceModifyListModInd(__mv_amf_dt_PDUSessionResourceModifyListModInd** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceModifyListModInd(const __mv_amf_dt_PDUSessionResourceModifyListModInd* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceModifyListModInd(__mv_amf_dt_PDUSessionResourceModifyListModInd** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceModifyItemModInd(__mv_amf_dt_PDUSessionResourceModifyItemModInd** rec);
 void __mv_amf_debug_PDUSessionResourceModifyItemModInd(const char* key, const __mv_amf_dt_PDUSessionResourceModifyItemModInd* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceModifyItemModInd(__mv_amf_dt_PDUSessionResourceModifyItemModInd* rec);
-int __mv_amf_Encode_PDUSessionResourceModifyItemModInd(const __mv_amf_dt_PDUSessionResourceModifyItemModInd* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceModifyItemModInd(__mv_amf_dt_PDUSessionResourceModifyItemModInd** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceModifyItemModInd(const __mv_amf_dt_PDUSessionResourceModifyItemModInd* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceModifyItemModInd(__mv_amf_dt_PDUSessionResourceModifyItemModInd** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceModifyItemModInd_pDUSessionResourceModifyIndicationTransfer(__mv_amf_dt_PDUSessionResourceModifyItemModInd_pDUSessionResourceModifyIndicationTransfer** rec);
 int __mv_amf_init_PDUSessionResourceModifyItemModInd_pDUSessionResourceModifyIndicationTransfer2(__mv_amf_dt_PDUSessionResourceModifyItemModInd_pDUSessionResourceModifyIndicationTransfer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PDUSessionResourceModifyItemModInd_pDUSessionResourceModifyIndicationTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceModifyItemModInd_pDUSessionResourceModifyIndicationTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceModifyItemModInd_pDUSessionResourceModifyIndicationTransfer(__mv_amf_dt_PDUSessionResourceModifyItemModInd_pDUSessionResourceModifyIndicationTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceModifyItemModInd_pDUSessionResourceModifyIndicationTransfer(const __mv_amf_dt_PDUSessionResourceModifyItemModInd_pDUSessionResourceModifyIndicationTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceModifyItemModInd_pDUSessionResourceModifyIndicationTransfer(__mv_amf_dt_PDUSessionResourceModifyItemModInd_pDUSessionResourceModifyIndicationTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceModifyItemModInd_pDUSessionResourceModifyIndicationTransfer(const __mv_amf_dt_PDUSessionResourceModifyItemModInd_pDUSessionResourceModifyIndicationTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceModifyItemModInd_pDUSessionResourceModifyIndicationTransfer(__mv_amf_dt_PDUSessionResourceModifyItemModInd_pDUSessionResourceModifyIndicationTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceModifyListModReq(__mv_amf_dt_PDUSessionResourceModifyListModReq** rec);
 void __mv_amf_debug_PDUSessionResourceModifyListModReq(const char* key, const __mv_amf_dt_PDUSessionResourceModifyListModReq* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceModifyListModReq(__mv_amf_dt_PDUSessionResourceModifyListModReq* rec);
-int __mv_amf_Encode_PDUSessionResourceModifyListModReq(const __mv_amf_dt_PDUSessionResourceModifyListModReq* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceModifyListModReq(__mv_amf_dt_PDUSessionResourceModifyListModReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceModifyListModReq(const __mv_amf_dt_PDUSessionResourceModifyListModReq* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceModifyListModReq(__mv_amf_dt_PDUSessionResourceModifyListModReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceModifyItemModReq(__mv_amf_dt_PDUSessionResourceModifyItemModReq** rec);
 void __mv_amf_debug_PDUSessionResourceModifyItemModReq(const char* key, const __mv_amf_dt_PDUSessionResourceModifyItemModReq* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceModifyItemModReq(__mv_amf_dt_PDUSessionResourceModifyItemModReq* rec);
-int __mv_amf_Encode_PDUSessionResourceModifyItemModReq(const __mv_amf_dt_PDUSessionResourceModifyItemModReq* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceModifyItemModReq(__mv_amf_dt_PDUSessionResourceModifyItemModReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceModifyItemModReq(const __mv_amf_dt_PDUSessionResourceModifyItemModReq* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceModifyItemModReq(__mv_amf_dt_PDUSessionResourceModifyItemModReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceModifyItemModReq_pDUSessionResourceModifyRequestTransfer(__mv_amf_dt_PDUSessionResourceModifyItemModReq_pDUSessionResourceModifyRequestTransfer** rec);
 int __mv_amf_init_PDUSessionResourceModifyItemModReq_pDUSessionResourceModifyRequestTransfer2(__mv_amf_dt_PDUSessionResourceModifyItemModReq_pDUSessionResourceModifyRequestTransfer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PDUSessionResourceModifyItemModReq_pDUSessionResourceModifyRequestTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceModifyItemModReq_pDUSessionResourceModifyRequestTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceModifyItemModReq_pDUSessionResourceModifyRequestTransfer(__mv_amf_dt_PDUSessionResourceModifyItemModReq_pDUSessionResourceModifyRequestTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceModifyItemModReq_pDUSessionResourceModifyRequestTransfer(const __mv_amf_dt_PDUSessionResourceModifyItemModReq_pDUSessionResourceModifyRequestTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceModifyItemModReq_pDUSessionResourceModifyRequestTransfer(__mv_amf_dt_PDUSessionResourceModifyItemModReq_pDUSessionResourceModifyRequestTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceModifyItemModReq_pDUSessionResourceModifyRequestTransfer(const __mv_amf_dt_PDUSessionResourceModifyItemModReq_pDUSessionResourceModifyRequestTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceModifyItemModReq_pDUSessionResourceModifyRequestTransfer(__mv_amf_dt_PDUSessionResourceModifyItemModReq_pDUSessionResourceModifyRequestTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceModifyListModRes(__mv_amf_dt_PDUSessionResourceModifyListModRes** rec);
 void __mv_amf_debug_PDUSessionResourceModifyListModRes(const char* key, const __mv_amf_dt_PDUSessionResourceModifyListModRes* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceModifyListModRes(__mv_amf_dt_PDUSessionResourceModifyListModRes* rec);
-int __mv_amf_Encode_PDUSessionResourceModifyListModRes(const __mv_amf_dt_PDUSessionResourceModifyListModRes* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceModifyListModRes(__mv_amf_dt_PDUSessionResourceModifyListModRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceModifyListModRes(const __mv_amf_dt_PDUSessionResourceModifyListModRes* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceModifyListModRes(__mv_amf_dt_PDUSessionResourceModifyListModRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceModifyItemModRes(__mv_amf_dt_PDUSessionResourceModifyItemModRes** rec);
 void __mv_amf_debug_PDUSessionResourceModifyItemModRes(const char* key, const __mv_amf_dt_PDUSessionResourceModifyItemModRes* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceModifyItemModRes(__mv_amf_dt_PDUSessionResourceModifyItemModRes* rec);
-int __mv_amf_Encode_PDUSessionResourceModifyItemModRes(const __mv_amf_dt_PDUSessionResourceModifyItemModRes* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceModifyItemModRes(__mv_amf_dt_PDUSessionResourceModifyItemModRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceModifyItemModRes(const __mv_amf_dt_PDUSessionResourceModifyItemModRes* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceModifyItemModRes(__mv_amf_dt_PDUSessionResourceModifyItemModRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceModifyItemModRes_pDUSessionResourceModifyResponseTransfer(__mv_amf_dt_PDUSessionResourceModifyItemModRes_pDUSessionResourceModifyResponseTransfer** rec);
 int __mv_amf_init_PDUSessionResourceModifyItemModRes_pDUSessionResourceModifyResponseTransfer2(__mv_amf_dt_PDUSessionResourceModifyItemModRes_pDUSessionResourceModifyResponseTransfer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PDUSessionResourceModifyItemModRes_pDUSessionResourceModifyResponseTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceModifyItemModRes_pDUSessionResourceModifyResponseTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceModifyItemModRes_pDUSessionResourceModifyResponseTransfer(__mv_amf_dt_PDUSessionResourceModifyItemModRes_pDUSessionResourceModifyResponseTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceModifyItemModRes_pDUSessionResourceModifyResponseTransfer(const __mv_amf_dt_PDUSessionResourceModifyItemModRes_pDUSessionResourceModifyResponseTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceModifyItemModRes_pDUSessionResourceModifyResponseTransfer(__mv_amf_dt_PDUSessionResourceModifyItemModRes_pDUSessionResourceModifyResponseTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceModifyItemModRes_pDUSessionResourceModifyResponseTransfer(const __mv_amf_dt_PDUSessionResourceModifyItemModRes_pDUSessionResourceModifyResponseTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceModifyItemModRes_pDUSessionResourceModifyResponseTransfer(__mv_amf_dt_PDUSessionResourceModifyItemModRes_pDUSessionResourceModifyResponseTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceNotifyList(__mv_amf_dt_PDUSessionResourceNotifyList** rec);
 void __mv_amf_debug_PDUSessionResourceNotifyList(const char* key, const __mv_amf_dt_PDUSessionResourceNotifyList* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceNotifyList(__mv_amf_dt_PDUSessionResourceNotifyList* rec);
-int __mv_amf_Encode_PDUSessionResourceNotifyList(const __mv_amf_dt_PDUSessionResourceNotifyList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceNotifyList(__mv_amf_dt_PDUSessionResourceNotifyList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceNotifyList(const __mv_amf_dt_PDUSessionResourceNotifyList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceNotifyList(__mv_amf_dt_PDUSessionResourceNotifyList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceNotifyItem(__mv_amf_dt_PDUSessionResourceNotifyItem** rec);
 void __mv_amf_debug_PDUSessionResourceNotifyItem(const char* key, const __mv_amf_dt_PDUSessionResourceNotifyItem* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceNotifyItem(__mv_amf_dt_PDUSessionResourceNotifyItem* rec);
-int __mv_amf_Encode_PDUSessionResourceNotifyItem(const __mv_amf_dt_PDUSessionResourceNotifyItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceNotifyItem(__mv_amf_dt_PDUSessionResourceNotifyItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceNotifyItem(const __mv_amf_dt_PDUSessionResourceNotifyItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceNotifyItem(__mv_amf_dt_PDUSessionResourceNotifyItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceNotifyItem_pDUSessionResourceNotifyTransfer(__mv_amf_dt_PDUSessionResourceNotifyItem_pDUSessionResourceNotifyTransfer** rec);
 int __mv_amf_init_PDUSessionResourceNotifyItem_pDUSessionResourceNotifyTransfer2(__mv_amf_dt_PDUSessionResourceNotifyItem_pDUSessionResourceNotifyTransfer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PDUSessionResourceNotifyItem_pDUSessionResourceNotifyTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceNotifyItem_pDUSessionResourceNotifyTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceNotifyItem_pDUSessionResourceNotifyTransfer(__mv_amf_dt_PDUSessionResourceNotifyItem_pDUSessionResourceNotifyTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceNotifyItem_pDUSessionResourceNotifyTransfer(const __mv_amf_dt_PDUSessionResourceNotifyItem_pDUSessionResourceNotifyTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceNotifyItem_pDUSessionResourceNotifyTransfer(__mv_amf_dt_PDUSessionResourceNotifyItem_pDUSessionResourceNotifyTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceNotifyItem_pDUSessionResourceNotifyTransfer(const __mv_amf_dt_PDUSessionResourceNotifyItem_pDUSessionResourceNotifyTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceNotifyItem_pDUSessionResourceNotifyTransfer(__mv_amf_dt_PDUSessionResourceNotifyItem_pDUSessionResourceNotifyTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceNotifyTransfer(__mv_amf_dt_PDUSessionResourceNotifyTransfer** rec);
 void __mv_amf_debug_PDUSessionResourceNotifyTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceNotifyTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceNotifyTransfer(__mv_amf_dt_PDUSessionResourceNotifyTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceNotifyTransfer(const __mv_amf_dt_PDUSessionResourceNotifyTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceNotifyTransfer(__mv_amf_dt_PDUSessionResourceNotifyTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceNotifyTransfer(const __mv_amf_dt_PDUSessionResourceNotifyTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceNotifyTransfer(__mv_amf_dt_PDUSessionResourceNotifyTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_QosFlowNotifyList(__mv_amf_dt_QosFlowNotifyList** rec);
 void __mv_amf_debug_QosFlowNotifyList(const char* key, const __mv_amf_dt_QosFlowNotifyList* rec, int level);
 void __mv_amf_memfree_QosFlowNotifyList(__mv_amf_dt_QosFlowNotifyList* rec);
-int __mv_amf_Encode_QosFlowNotifyList(const __mv_amf_dt_QosFlowNotifyList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QosFlowNotifyList(__mv_amf_dt_QosFlowNotifyList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QosFlowNotifyList(const __mv_amf_dt_QosFlowNotifyList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QosFlowNotifyList(__mv_amf_dt_QosFlowNotifyList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_QosFlowNotifyItem(__mv_amf_dt_QosFlowNotifyItem** rec);
 void __mv_amf_debug_QosFlowNotifyItem(const char* key, const __mv_amf_dt_QosFlowNotifyItem* rec, int level);
 void __mv_amf_memfree_QosFlowNotifyItem(__mv_amf_dt_QosFlowNotifyItem* rec);
-int __mv_amf_Encode_QosFlowNotifyItem(const __mv_amf_dt_QosFlowNotifyItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QosFlowNotifyItem(__mv_amf_dt_QosFlowNotifyItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QosFlowNotifyItem(const __mv_amf_dt_QosFlowNotifyItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QosFlowNotifyItem(__mv_amf_dt_QosFlowNotifyItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceNotifyReleasedTransfer(__mv_amf_dt_PDUSessionResourceNotifyReleasedTransfer** rec);
 void __mv_amf_debug_PDUSessionResourceNotifyReleasedTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceNotifyReleasedTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceNotifyReleasedTransfer(__mv_amf_dt_PDUSessionResourceNotifyReleasedTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceNotifyReleasedTransfer(const __mv_amf_dt_PDUSessionResourceNotifyReleasedTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceNotifyReleasedTransfer(__mv_amf_dt_PDUSessionResourceNotifyReleasedTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceNotifyReleasedTransfer(const __mv_amf_dt_PDUSessionResourceNotifyReleasedTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceNotifyReleasedTransfer(__mv_amf_dt_PDUSessionResourceNotifyReleasedTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceReleaseCommandTransfer(__mv_amf_dt_PDUSessionResourceReleaseCommandTransfer** rec);
 void __mv_amf_debug_PDUSessionResourceReleaseCommandTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceReleaseCommandTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceReleaseCommandTransfer(__mv_amf_dt_PDUSessionResourceReleaseCommandTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceReleaseCommandTransfer(const __mv_amf_dt_PDUSessionResourceReleaseCommandTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceReleaseCommandTransfer(__mv_amf_dt_PDUSessionResourceReleaseCommandTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceReleaseCommandTransfer(const __mv_amf_dt_PDUSessionResourceReleaseCommandTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceReleaseCommandTransfer(__mv_amf_dt_PDUSessionResourceReleaseCommandTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceReleasedListNot(__mv_amf_dt_PDUSessionResourceReleasedListNot** rec);
 void __mv_amf_debug_PDUSessionResourceReleasedListNot(const char* key, const __mv_amf_dt_PDUSessionResourceReleasedListNot* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceReleasedListNot(__mv_amf_dt_PDUSessionResourceReleasedListNot* rec);
-int __mv_amf_Encode_PDUSessionResourceReleasedListNot(const __mv_amf_dt_PDUSessionResourceReleasedListNot* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceReleasedListNot(__mv_amf_dt_PDUSessionResourceReleasedListNot** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceReleasedListNot(const __mv_amf_dt_PDUSessionResourceReleasedListNot* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceReleasedListNot(__mv_amf_dt_PDUSessionResourceReleasedListNot** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceReleasedItemNot(__mv_amf_dt_PDUSessionResourceReleasedItemNot** rec);
 void __mv_amf_debug_PDUSessionResourceReleasedItemNot(const char* key, const __mv_amf_dt_PDUSessionResourceReleasedItemNot* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceReleasedItemNot(__mv_amf_dt_PDUSessionResourceReleasedItemNot* rec);
-int __mv_amf_Encode_PDUSessionResourceReleasedItemNot(const __mv_amf_dt_PDUSessionResourceReleasedItemNot* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceReleasedItemNot(__mv_amf_dt_PDUSessionResourceReleasedItemNot** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceReleasedItemNot(const __mv_amf_dt_PDUSessionResourceReleasedItemNot* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceReleasedItemNot(__mv_amf_dt_PDUSessionResourceReleasedItemNot** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceReleasedItemNot_pDUSessionResourceNotifyReleasedTransfer(__mv_amf_dt_PDUSessionResourceReleasedItemNot_pDUSessionResourceNotifyReleasedTransfer** rec);
 int __mv_amf_init_PDUSessionResourceReleasedItemNot_pDUSessionResourceNotifyReleasedTransfer2(__mv_amf_dt_PDUSessionResourceReleasedItemNot_pDUSessionResourceNotifyReleasedTransfer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PDUSessionResourceReleasedItemNot_pDUSessionResourceNotifyReleasedTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceReleasedItemNot_pDUSessionResourceNotifyReleasedTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceReleasedItemNot_pDUSessionResourceNotifyReleasedTransfer(__mv_amf_dt_PDUSessionResourceReleasedItemNot_pDUSessionResourceNotifyReleasedTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceReleasedItemNot_pDUSessionResourceNotifyReleasedTransfer(const __mv_amf_dt_PDUSessionResourceReleasedItemNot_pDUSessionResourceNotifyReleasedTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceReleasedItemNot_pDUSessionResourceNotifyReleasedTransfer(__mv_amf_dt_PDUSessionResourceReleasedItemNot_pDUSessionResourceNotifyReleasedTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceReleasedItemNot_pDUSessionResourceNotifyReleasedTransfer(const __mv_amf_dt_PDUSessionResourceReleasedItemNot_pDUSessionResourceNotifyReleasedTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceReleasedItemNot_pDUSessionResourceNotifyReleasedTransfer(__mv_amf_dt_PDUSessionResourceReleasedItemNot_pDUSessionResourceNotifyReleasedTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceReleasedListPSAck(__mv_amf_dt_PDUSessionResourceReleasedListPSAck** rec);
 void __mv_amf_debug_PDUSessionResourceReleasedListPSAck(const char* key, const __mv_amf_dt_PDUSessionResourceReleasedListPSAck* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceReleasedListPSAck(__mv_amf_dt_PDUSessionResourceReleasedListPSAck* rec);
-int __mv_amf_Encode_PDUSessionResourceReleasedListPSAck(const __mv_amf_dt_PDUSessionResourceReleasedListPSAck* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceReleasedListPSAck(__mv_amf_dt_PDUSessionResourceReleasedListPSAck** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceReleasedListPSAck(const __mv_amf_dt_PDUSessionResourceReleasedListPSAck* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceReleasedListPSAck(__mv_amf_dt_PDUSessionResourceReleasedListPSAck** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceReleasedItemPSAck(__mv_amf_dt_PDUSessionResourceReleasedItemPSAck** rec);
 void __mv_amf_debug_PDUSessionResourceReleasedItemPSAck(const char* key, const __mv_amf_dt_PDUSessionResourceReleasedItemPSAck* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceReleasedItemPSAck(__mv_amf_dt_PDUSessionResourceReleasedItemPSAck* rec);
-int __mv_amf_Encode_PDUSessionResourceReleasedItemPSAck(const __mv_amf_dt_PDUSessionResourceReleasedItemPSAck* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceReleasedItemPSAck(__mv_amf_dt_PDUSessionResourceReleasedItemPSAck** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceReleasedItemPSAck(const __mv_amf_dt_PDUSessionResourceReleasedItemPSAck* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceReleasedItemPSAck(__mv_amf_dt_PDUSessionResourceReleasedItemPSAck** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceReleasedItemPSAck_pathSwitchRequestUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceReleasedItemPSAck_pathSwitchRequestUnsuccessfulTransfer** rec);
 int __mv_amf_init_PDUSessionResourceReleasedItemPSAck_pathSwitchRequestUnsuccessfulTransfer2(__mv_amf_dt_PDUSessionResourceReleasedItemPSAck_pathSwitchRequestUnsuccessfulTransfer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PDUSessionResourceReleasedItemPSAck_pathSwitchRequestUnsuccessfulTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceReleasedItemPSAck_pathSwitchRequestUnsuccessfulTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceReleasedItemPSAck_pathSwitchRequestUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceReleasedItemPSAck_pathSwitchRequestUnsuccessfulTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceReleasedItemPSAck_pathSwitchRequestUnsuccessfulTransfer(const __mv_amf_dt_PDUSessionResourceReleasedItemPSAck_pathSwitchRequestUnsuccessfulTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceReleasedItemPSAck_pathSwitchRequestUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceReleasedItemPSAck_pathSwitchRequestUnsuccessfulTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceReleasedItemPSAck_pathSwitchRequestUnsuccessfulTransfer(const __mv_amf_dt_PDUSessionResourceReleasedItemPSAck_pathSwitchRequestUnsuccessfulTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceReleasedItemPSAck_pathSwitchRequestUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceReleasedItemPSAck_pathSwitchRequestUnsuccessfulTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceReleasedListPSFail(__mv_amf_dt_PDUSessionResourceReleasedListPSFail** rec);
 void __mv_amf_debug_PDUSessionResourceReleasedListPSFail(const char* key, const __mv_amf_dt_PDUSessionResourceReleasedListPSFail* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceReleasedListPSFail(__mv_amf_dt_PDUSessionResourceReleasedListPSFail* rec);
-int __mv_amf_Encode_PDUSessionResourceReleasedListPSFail(const __mv_amf_dt_PDUSessionResourceReleasedListPSFail* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceReleasedListPSFail(__mv_amf_dt_PDUSessionResourceReleasedListPSFail** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceReleasedListPSFail(const __mv_amf_dt_PDUSessionResourceReleasedListPSFail* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceReleasedListPSFail(__mv_amf_dt_PDUSessionResourceReleasedListPSFail** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceReleasedItemPSFail(__mv_amf_dt_PDUSessionResourceReleasedItemPSFail** rec);
 void __mv_amf_debug_PDUSessionResourceReleasedItemPSFail(const char* key, const __mv_amf_dt_PDUSessionResourceReleasedItemPSFail* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceReleasedItemPSFail(__mv_amf_dt_PDUSessionResourceReleasedItemPSFail* rec);
-int __mv_amf_Encode_PDUSessionResourceReleasedItemPSFail(const __mv_amf_dt_PDUSessionResourceReleasedItemPSFail* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceReleasedItemPSFail(__mv_amf_dt_PDUSessionResourceReleasedItemPSFail** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceReleasedItemPSFail(const __mv_amf_dt_PDUSessionResourceReleasedItemPSFail* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceReleasedItemPSFail(__mv_amf_dt_PDUSessionResourceReleasedItemPSFail** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceReleasedItemPSFail_pathSwitchRequestUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceReleasedItemPSFail_pathSwitchRequestUnsuccessfulTransfer** rec);
 int __mv_amf_init_PDUSessionResourceReleasedItemPSFail_pathSwitchRequestUnsuccessfulTransfer2(__mv_amf_dt_PDUSessionResourceReleasedItemPSFail_pathSwitchRequestUnsuccessfulTransfer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PDUSessionResourceReleasedItemPSFail_pathSwitchRequestUnsuccessfulTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceReleasedItemPSFail_pathSwitchRequestUnsuccessfulTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceReleasedItemPSFail_pathSwitchRequestUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceReleasedItemPSFail_pathSwitchRequestUnsuccessfulTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceReleasedItemPSFail_pathSwitchRequestUnsuccessfulTransfer(const __mv_amf_dt_PDUSessionResourceReleasedItemPSFail_pathSwitchRequestUnsuccessfulTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceReleasedItemPSFail_pathSwitchRequestUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceReleasedItemPSFail_pathSwitchRequestUnsuccessfulTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceReleasedItemPSFail_pathSwitchRequestUnsuccessfulTransfer(const __mv_amf_dt_PDUSessionResourceReleasedItemPSFail_pathSwitchRequestUnsuccessfulTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceReleasedItemPSFail_pathSwitchRequestUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceReleasedItemPSFail_pathSwitchRequestUnsuccessfulTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceReleasedListRelRes(__mv_amf_dt_PDUSessionResourceReleasedListRelRes** rec);
 void __mv_amf_debug_PDUSessionResourceReleasedListRelRes(const char* key, const __mv_amf_dt_PDUSessionResourceReleasedListRelRes* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceReleasedListRelRes(__mv_amf_dt_PDUSessionResourceReleasedListRelRes* rec);
-int __mv_amf_Encode_PDUSessionResourceReleasedListRelRes(const __mv_amf_dt_PDUSessionResourceReleasedListRelRes* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceReleasedListRelRes(__mv_amf_dt_PDUSessionResourceReleasedListRelRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceReleasedListRelRes(const __mv_amf_dt_PDUSessionResourceReleasedListRelRes* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceReleasedListRelRes(__mv_amf_dt_PDUSessionResourceReleasedListRelRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceReleasedItemRelRes(__mv_amf_dt_PDUSessionResourceReleasedItemRelRes** rec);
 void __mv_amf_debug_PDUSessionResourceReleasedItemRelRes(const char* key, const __mv_amf_dt_PDUSessionResourceReleasedItemRelRes* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceReleasedItemRelRes(__mv_amf_dt_PDUSessionResourceReleasedItemRelRes* rec);
-int __mv_amf_Encode_PDUSessionResourceReleasedItemRelRes(const __mv_amf_dt_PDUSessionResourceReleasedItemRelRes* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceReleasedItemRelRes(__mv_amf_dt_PDUSessionResourceReleasedItemRelRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceReleasedItemRelRes(const __mv_amf_dt_PDUSessionResourceReleasedItemRelRes* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceReleasedItemRelRes(__mv_amf_dt_PDUSessionResourceReleasedItemRelRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceReleasedItemRelRes_pDUSessionResourceReleaseResponseTransfer(__mv_amf_dt_PDUSessionResourceReleasedItemRelRes_pDUSessionResourceReleaseResponseTransfer** rec);
 int __mv_amf_init_PDUSessionResourceReleasedItemRelRes_pDUSessionResourceReleaseResponseTransfer2(__mv_amf_dt_PDUSessionResourceReleasedItemRelRes_pDUSessionResourceReleaseResponseTransfer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PDUSessionResourceReleasedItemRelRes_pDUSessionResourceReleaseResponseTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceReleasedItemRelRes_pDUSessionResourceReleaseResponseTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceReleasedItemRelRes_pDUSessionResourceReleaseResponseTransfer(__mv_amf_dt_PDUSessionResourceReleasedItemRelRes_pDUSessionResourceReleaseResponseTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceReleasedItemRelRes_pDUSessionResourceReleaseResponseTransfer(const __mv_amf_dt_PDUSessionResourceReleasedItemRelRes_pDUSessionResourceReleaseResponseTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceReleasedItemRelRes_pDUSessionResourceReleaseResponseTransfer(__mv_amf_dt_PDUSessionResourceReleasedItemRelRes_pDUSessionResourceReleaseResponseTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceReleasedItemRelRes_pDUSessionResourceReleaseResponseTransfer(const __mv_amf_dt_PDUSessionResourceReleasedItemRelRes_pDUSessionResourceReleaseResponseTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceReleasedItemRelRes_pDUSessionResourceReleaseResponseTransfer(__mv_amf_dt_PDUSessionResourceReleasedItemRelRes_pDUSessionResourceReleaseResponseTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceReleaseResponseTransfer(__mv_amf_dt_PDUSessionResourceReleaseResponseTransfer** rec);
 void __mv_amf_debug_PDUSessionResourceReleaseResponseTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceReleaseResponseTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceReleaseResponseTransfer(__mv_amf_dt_PDUSessionResourceReleaseResponseTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceReleaseResponseTransfer(const __mv_amf_dt_PDUSessionResourceReleaseResponseTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceReleaseResponseTransfer(__mv_amf_dt_PDUSessionResourceReleaseResponseTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceReleaseResponseTransfer(const __mv_amf_dt_PDUSessionResourceReleaseResponseTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceReleaseResponseTransfer(__mv_amf_dt_PDUSessionResourceReleaseResponseTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceSecondaryRATUsageList(__mv_amf_dt_PDUSessionResourceSecondaryRATUsageList** rec);
 void __mv_amf_debug_PDUSessionResourceSecondaryRATUsageList(const char* key, const __mv_amf_dt_PDUSessionResourceSecondaryRATUsageList* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceSecondaryRATUsageList(__mv_amf_dt_PDUSessionResourceSecondaryRATUsageList* rec);
-int __mv_amf_Encode_PDUSessionResourceSecondaryRATUsageList(const __mv_amf_dt_PDUSessionResourceSecondaryRATUsageList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceSecondaryRATUsageList(__mv_amf_dt_PDUSessionResourceSecondaryRATUsageList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceSecondaryRATUsageList(const __mv_amf_dt_PDUSessionResourceSecondaryRATUsageList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceSecondaryRATUsageList(__mv_amf_dt_PDUSessionResourceSecondaryRATUsageList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceSecondaryRATUsageItem(__mv_amf_dt_PDUSessionResourceSecondaryRATUsageItem** rec);
 void __mv_amf_debug_PDUSessionResourceSecondaryRATUsageItem(const char* key, const __mv_amf_dt_PDUSessionResourceSecondaryRATUsageItem* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceSecondaryRATUsageItem(__mv_amf_dt_PDUSessionResourceSecondaryRATUsageItem* rec);
-int __mv_amf_Encode_PDUSessionResourceSecondaryRATUsageItem(const __mv_amf_dt_PDUSessionResourceSecondaryRATUsageItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceSecondaryRATUsageItem(__mv_amf_dt_PDUSessionResourceSecondaryRATUsageItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceSecondaryRATUsageItem(const __mv_amf_dt_PDUSessionResourceSecondaryRATUsageItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceSecondaryRATUsageItem(__mv_amf_dt_PDUSessionResourceSecondaryRATUsageItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceSecondaryRATUsageItem_secondaryRATDataUsageReportTransfer(__mv_amf_dt_PDUSessionResourceSecondaryRATUsageItem_secondaryRATDataUsageReportTransfer** rec);
 int __mv_amf_init_PDUSessionResourceSecondaryRATUsageItem_secondaryRATDataUsageReportTransfer2(__mv_amf_dt_PDUSessionResourceSecondaryRATUsageItem_secondaryRATDataUsageReportTransfer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PDUSessionResourceSecondaryRATUsageItem_secondaryRATDataUsageReportTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceSecondaryRATUsageItem_secondaryRATDataUsageReportTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceSecondaryRATUsageItem_secondaryRATDataUsageReportTransfer(__mv_amf_dt_PDUSessionResourceSecondaryRATUsageItem_secondaryRATDataUsageReportTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceSecondaryRATUsageItem_secondaryRATDataUsageReportTransfer(const __mv_amf_dt_PDUSessionResourceSecondaryRATUsageItem_secondaryRATDataUsageReportTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceSecondaryRATUsageItem_secondaryRATDataUsageReportTransfer(__mv_amf_dt_PDUSessionResourceSecondaryRATUsageItem_secondaryRATDataUsageReportTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceSecondaryRATUsageItem_secondaryRATDataUsageReportTransfer(const __mv_amf_dt_PDUSessionResourceSecondaryRATUsageItem_secondaryRATDataUsageReportTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceSecondaryRATUsageItem_secondaryRATDataUsageReportTransfer(__mv_amf_dt_PDUSessionResourceSecondaryRATUsageItem_secondaryRATDataUsageReportTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_SecondaryRATDataUsageReportTransfer(__mv_amf_dt_SecondaryRATDataUsageReportTransfer** rec);
 void __mv_amf_debug_SecondaryRATDataUsageReportTransfer(const char* key, const __mv_amf_dt_SecondaryRATDataUsageReportTransfer* rec, int level);
 void __mv_amf_memfree_SecondaryRATDataUsageReportTransfer(__mv_amf_dt_SecondaryRATDataUsageReportTransfer* rec);
-int __mv_amf_Encode_SecondaryRATDataUsageReportTransfer(const __mv_amf_dt_SecondaryRATDataUsageReportTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_SecondaryRATDataUsageReportTransfer(__mv_amf_dt_SecondaryRATDataUsageReportTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_SecondaryRATDataUsageReportTransfer(const __mv_amf_dt_SecondaryRATDataUsageReportTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_SecondaryRATDataUsageReportTransfer(__mv_amf_dt_SecondaryRATDataUsageReportTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_SecondaryRATUsageInformation(__mv_amf_dt_SecondaryRATUsageInformation** rec);
 void __mv_amf_debug_SecondaryRATUsageInformation(const char* key, const __mv_amf_dt_SecondaryRATUsageInformation* rec, int level);
 void __mv_amf_memfree_SecondaryRATUsageInformation(__mv_amf_dt_SecondaryRATUsageInformation* rec);
-int __mv_amf_Encode_SecondaryRATUsageInformation(const __mv_amf_dt_SecondaryRATUsageInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_SecondaryRATUsageInformation(__mv_amf_dt_SecondaryRATUsageInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_SecondaryRATUsageInformation(const __mv_amf_dt_SecondaryRATUsageInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_SecondaryRATUsageInformation(__mv_amf_dt_SecondaryRATUsageInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionUsageReport(__mv_amf_dt_PDUSessionUsageReport** rec);
 void __mv_amf_debug_PDUSessionUsageReport(const char* key, const __mv_amf_dt_PDUSessionUsageReport* rec, int level);
 void __mv_amf_memfree_PDUSessionUsageReport(__mv_amf_dt_PDUSessionUsageReport* rec);
-int __mv_amf_Encode_PDUSessionUsageReport(const __mv_amf_dt_PDUSessionUsageReport* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionUsageReport(__mv_amf_dt_PDUSessionUsageReport** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionUsageReport(const __mv_amf_dt_PDUSessionUsageReport* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionUsageReport(__mv_amf_dt_PDUSessionUsageReport** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_PDUSessionUsageReport_rATType(const char* key, __mv_amf_dt_PDUSessionUsageReport_rATType value, int level);
-int __mv_amf_Encode_PDUSessionUsageReport_rATType(__mv_amf_dt_PDUSessionUsageReport_rATType value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionUsageReport_rATType(__mv_amf_dt_PDUSessionUsageReport_rATType* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionUsageReport_rATType(__mv_amf_dt_PDUSessionUsageReport_rATType value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionUsageReport_rATType(__mv_amf_dt_PDUSessionUsageReport_rATType* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_VolumeTimedReportList(__mv_amf_dt_VolumeTimedReportList** rec);
 void __mv_amf_debug_VolumeTimedReportList(const char* key, const __mv_amf_dt_VolumeTimedReportList* rec, int level);
 void __mv_amf_memfree_VolumeTimedReportList(__mv_amf_dt_VolumeTimedReportList* rec);
-int __mv_amf_Encode_VolumeTimedReportList(const __mv_amf_dt_VolumeTimedReportList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_VolumeTimedReportList(__mv_amf_dt_VolumeTimedReportList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_VolumeTimedReportList(const __mv_amf_dt_VolumeTimedReportList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_VolumeTimedReportList(__mv_amf_dt_VolumeTimedReportList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_VolumeTimedReport_Item(__mv_amf_dt_VolumeTimedReport_Item** rec);
 void __mv_amf_debug_VolumeTimedReport_Item(const char* key, const __mv_amf_dt_VolumeTimedReport_Item* rec, int level);
 void __mv_amf_memfree_VolumeTimedReport_Item(__mv_amf_dt_VolumeTimedReport_Item* rec);
-int __mv_amf_Encode_VolumeTimedReport_Item(const __mv_amf_dt_VolumeTimedReport_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_VolumeTimedReport_Item(__mv_amf_dt_VolumeTimedReport_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_VolumeTimedReport_Item(const __mv_amf_dt_VolumeTimedReport_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_VolumeTimedReport_Item(__mv_amf_dt_VolumeTimedReport_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_VolumeTimedReport_Item_startTimeStamp(__mv_amf_dt_VolumeTimedReport_Item_startTimeStamp** rec);
 int __mv_amf_init_VolumeTimedReport_Item_startTimeStamp2(__mv_amf_dt_VolumeTimedReport_Item_startTimeStamp** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_VolumeTimedReport_Item_startTimeStamp(const char* key, const __mv_amf_dt_VolumeTimedReport_Item_startTimeStamp* rec, int level);
 void __mv_amf_memfree_VolumeTimedReport_Item_startTimeStamp(__mv_amf_dt_VolumeTimedReport_Item_startTimeStamp* rec);
-int __mv_amf_Encode_VolumeTimedReport_Item_startTimeStamp(const __mv_amf_dt_VolumeTimedReport_Item_startTimeStamp* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_VolumeTimedReport_Item_startTimeStamp(__mv_amf_dt_VolumeTimedReport_Item_startTimeStamp** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_VolumeTimedReport_Item_startTimeStamp(const __mv_amf_dt_VolumeTimedReport_Item_startTimeStamp* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_VolumeTimedReport_Item_startTimeStamp(__mv_amf_dt_VolumeTimedReport_Item_startTimeStamp** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_VolumeTimedReport_Item_endTimeStamp(__mv_amf_dt_VolumeTimedReport_Item_endTimeStamp** rec);
 int __mv_amf_init_VolumeTimedReport_Item_endTimeStamp2(__mv_amf_dt_VolumeTimedReport_Item_endTimeStamp** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_VolumeTimedReport_Item_endTimeStamp(const char* key, const __mv_amf_dt_VolumeTimedReport_Item_endTimeStamp* rec, int level);
 void __mv_amf_memfree_VolumeTimedReport_Item_endTimeStamp(__mv_amf_dt_VolumeTimedReport_Item_endTimeStamp* rec);
-int __mv_amf_Encode_VolumeTimedReport_Item_endTimeStamp(const __mv_amf_dt_VolumeTimedReport_Item_endTimeStamp* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_VolumeTimedReport_Item_endTimeStamp(__mv_amf_dt_VolumeTimedReport_Item_endTimeStamp** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_VolumeTimedReport_Item_endTimeStamp(const __mv_amf_dt_VolumeTimedReport_Item_endTimeStamp* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_VolumeTimedReport_Item_endTimeStamp(__mv_amf_dt_VolumeTimedReport_Item_endTimeStamp** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_VolumeTimedReport_Item_usageCountUL(const char* key, __mv_amf_dt_VolumeTimedReport_Item_usageCountUL value, int level);
-int __mv_amf_Encode_VolumeTimedReport_Item_usageCountUL(__mv_amf_dt_VolumeTimedReport_Item_usageCountUL value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_VolumeTimedReport_Item_usageCountUL(__mv_amf_dt_VolumeTimedReport_Item_usageCountUL* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_VolumeTimedReport_Item_usageCountUL(__mv_amf_dt_VolumeTimedReport_Item_usageCountUL value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_VolumeTimedReport_Item_usageCountUL(__mv_amf_dt_VolumeTimedReport_Item_usageCountUL* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_VolumeTimedReport_Item_usageCountDL(const char* key, __mv_amf_dt_VolumeTimedReport_Item_usageCountDL value, int level);
-int __mv_amf_Encode_VolumeTimedReport_Item_usageCountDL(__mv_amf_dt_VolumeTimedReport_Item_usageCountDL value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_VolumeTimedReport_Item_usageCountDL(__mv_amf_dt_VolumeTimedReport_Item_usageCountDL* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_VolumeTimedReport_Item_usageCountDL(__mv_amf_dt_VolumeTimedReport_Item_usageCountDL value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_VolumeTimedReport_Item_usageCountDL(__mv_amf_dt_VolumeTimedReport_Item_usageCountDL* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_QoSFlowsUsageReportList(__mv_amf_dt_QoSFlowsUsageReportList** rec);
 void __mv_amf_debug_QoSFlowsUsageReportList(const char* key, const __mv_amf_dt_QoSFlowsUsageReportList* rec, int level);
 void __mv_amf_memfree_QoSFlowsUsageReportList(__mv_amf_dt_QoSFlowsUsageReportList* rec);
-int __mv_amf_Encode_QoSFlowsUsageReportList(const __mv_amf_dt_QoSFlowsUsageReportList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QoSFlowsUsageReportList(__mv_amf_dt_QoSFlowsUsageReportList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QoSFlowsUsageReportList(const __mv_amf_dt_QoSFlowsUsageReportList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QoSFlowsUsageReportList(__mv_amf_dt_QoSFlowsUsageReportList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_QoSFlowsUsageReport_Item(__mv_amf_dt_QoSFlowsUsageReport_Item** rec);
 void __mv_amf_debug_QoSFlowsUsageReport_Item(const char* key, const __mv_amf_dt_QoSFlowsUsageReport_Item* rec, int level);
 void __mv_amf_memfree_QoSFlowsUsageReport_Item(__mv_amf_dt_QoSFlowsUsageReport_Item* rec);
-int __mv_amf_Encode_QoSFlowsUsageReport_Item(const __mv_amf_dt_QoSFlowsUsageReport_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QoSFlowsUsageReport_Item(__mv_amf_dt_QoSFlowsUsageReport_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QoSFlowsUsageReport_Item(const __mv_amf_dt_QoSFlowsUsageReport_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QoSFlowsUsageReport_Item(__mv_amf_dt_QoSFlowsUsageReport_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_QoSFlowsUsageReport_Item_rATType(const char* key, __mv_amf_dt_QoSFlowsUsageReport_Item_rATType value, int level);
-int __mv_amf_Encode_QoSFlowsUsageReport_Item_rATType(__mv_amf_dt_QoSFlowsUsageReport_Item_rATType value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QoSFlowsUsageReport_Item_rATType(__mv_amf_dt_QoSFlowsUsageReport_Item_rATType* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QoSFlowsUsageReport_Item_rATType(__mv_amf_dt_QoSFlowsUsageReport_Item_rATType value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QoSFlowsUsageReport_Item_rATType(__mv_amf_dt_QoSFlowsUsageReport_Item_rATType* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceSetupListCxtReq(__mv_amf_dt_PDUSessionResourceSetupListCxtReq** rec);
 void __mv_amf_debug_PDUSessionResourceSetupListCxtReq(const char* key, const __mv_amf_dt_PDUSessionResourceSetupListCxtReq* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceSetupListCxtReq(__mv_amf_dt_PDUSessionResourceSetupListCxtReq* rec);
-int __mv_amf_Encode_PDUSessionResourceSetupListCxtReq(const __mv_amf_dt_PDUSessionResourceSetupListCxtReq* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceSetupListCxtReq(__mv_amf_dt_PDUSessionResourceSetupListCxtReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceSetupListCxtReq(const __mv_amf_dt_PDUSessionResourceSetupListCxtReq* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceSetupListCxtReq(__mv_amf_dt_PDUSessionResourceSetupListCxtReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceSetupItemCxtReq(__mv_amf_dt_PDUSessionResourceSetupItemCxtReq** rec);
 void __mv_amf_debug_PDUSessionResourceSetupItemCxtReq(const char* key, const __mv_amf_dt_PDUSessionResourceSetupItemCxtReq* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceSetupItemCxtReq(__mv_amf_dt_PDUSessionResourceSetupItemCxtReq* rec);
-int __mv_amf_Encode_PDUSessionResourceSetupItemCxtReq(const __mv_amf_dt_PDUSessionResourceSetupItemCxtReq* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceSetupItemCxtReq(__mv_amf_dt_PDUSessionResourceSetupItemCxtReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceSetupItemCxtReq(const __mv_amf_dt_PDUSessionResourceSetupItemCxtReq* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceSetupItemCxtReq(__mv_amf_dt_PDUSessionResourceSetupItemCxtReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceSetupItemCxtReq_pDUSessionResourceSetupRequestTransfer(__mv_amf_dt_PDUSessionResourceSetupItemCxtReq_pDUSessionResourceSetupRequestTransfer** rec);
 int __mv_amf_init_PDUSessionResourceSetupItemCxtReq_pDUSessionResourceSetupRequestTransfer2(__mv_amf_dt_PDUSessionResourceSetupItemCxtReq_pDUSessionResourceSetupRequestTransfer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PDUSessionResourceSetupItemCxtReq_pDUSessionResourceSetupRequestTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceSetupItemCxtReq_pDUSessionResourceSetupRequestTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceSetupItemCxtReq_pDUSessionResourceSetupRequestTransfer(__mv_amf_dt_PDUSessionResourceSetupItemCxtReq_pDUSessionResourceSetupRequestTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceSetupItemCxtReq_pDUSessionResourceSetupRequestTransfer(const __mv_amf_dt_PDUSessionResourceSetupItemCxtReq_pDUSessionResourceSetupRequestTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceSetupItemCxtReq_pDUSessionResourceSetupRequestTransfer(__mv_amf_dt_PDUSessionResourceSetupItemCxtReq_pDUSessionResourceSetupRequestTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceSetupItemCxtReq_pDUSessionResourceSetupRequestTransfer(const __mv_amf_dt_PDUSessionResourceSetupItemCxtReq_pDUSessionResourceSetupRequestTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceSetupItemCxtReq_pDUSessionResourceSetupRequestTransfer(__mv_amf_dt_PDUSessionResourceSetupItemCxtReq_pDUSessionResourceSetupRequestTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceSetupRequestTransfer(__mv_amf_dt_PDUSessionResourceSetupRequestTransfer** rec);
 void __mv_amf_debug_PDUSessionResourceSetupRequestTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceSetupRequestTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceSetupRequestTransfer(__mv_amf_dt_PDUSessionResourceSetupRequestTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceSetupRequestTransfer(const __mv_amf_dt_PDUSessionResourceSetupRequestTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceSetupRequestTransfer(__mv_amf_dt_PDUSessionResourceSetupRequestTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceSetupRequestTransfer(const __mv_amf_dt_PDUSessionResourceSetupRequestTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceSetupRequestTransfer(__mv_amf_dt_PDUSessionResourceSetupRequestTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_PDUSessionType(const char* key, __mv_amf_dt_PDUSessionType value, int level);
-int __mv_amf_Encode_PDUSessionType(__mv_amf_dt_PDUSessionType value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionType(__mv_amf_dt_PDUSessionType* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionType(__mv_amf_dt_PDUSessionType value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionType(__mv_amf_dt_PDUSessionType* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_QosFlowSetupRequestList(__mv_amf_dt_QosFlowSetupRequestList** rec);
 void __mv_amf_debug_QosFlowSetupRequestList(const char* key, const __mv_amf_dt_QosFlowSetupRequestList* rec, int level);
 void __mv_amf_memfree_QosFlowSetupRequestList(__mv_amf_dt_QosFlowSetupRequestList* rec);
-int __mv_amf_Encode_QosFlowSetupRequestList(const __mv_amf_dt_QosFlowSetupRequestList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QosFlowSetupRequestList(__mv_amf_dt_QosFlowSetupRequestList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QosFlowSetupRequestList(const __mv_amf_dt_QosFlowSetupRequestList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QosFlowSetupRequestList(__mv_amf_dt_QosFlowSetupRequestList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_QosFlowSetupRequestItem(__mv_amf_dt_QosFlowSetupRequestItem** rec);
 void __mv_amf_debug_QosFlowSetupRequestItem(const char* key, const __mv_amf_dt_QosFlowSetupRequestItem* rec, int level);
 void __mv_amf_memfree_QosFlowSetupRequestItem(__mv_amf_dt_QosFlowSetupRequestItem* rec);
-int __mv_amf_Encode_QosFlowSetupRequestItem(const __mv_amf_dt_QosFlowSetupRequestItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QosFlowSetupRequestItem(__mv_amf_dt_QosFlowSetupRequestItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QosFlowSetupRequestItem(const __mv_amf_dt_QosFlowSetupRequestItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QosFlowSetupRequestItem(__mv_amf_dt_QosFlowSetupRequestItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceSetupListCxtRes(__mv_amf_dt_PDUSessionResourceSetupListCxtRes** rec);
 void __mv_amf_debug_PDUSessionResourceSetupListCxtRes(const char* key, const __mv_amf_dt_PDUSessionResourceSetupListCxtRes* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceSetupListCxtRes(__mv_amf_dt_PDUSessionResourceSetupListCxtRes* rec);
-int __mv_amf_Encode_PDUSessionResourceSetupListCxtRes(const __mv_amf_dt_PDUSessionResourceSetupListCxtRes* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceSetupListCxtRes(__mv_amf_dt_PDUSessionResourceSetupListCxtRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceSetupListCxtRes(const __mv_amf_dt_PDUSessionResourceSetupListCxtRes* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceSetupListCxtRes(__mv_amf_dt_PDUSessionResourceSetupListCxtRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceSetupItemCxtRes(__mv_amf_dt_PDUSessionResourceSetupItemCxtRes** rec);
 void __mv_amf_debug_PDUSessionResourceSetupItemCxtRes(const char* key, const __mv_amf_dt_PDUSessionResourceSetupItemCxtRes* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceSetupItemCxtRes(__mv_amf_dt_PDUSessionResourceSetupItemCxtRes* rec);
-int __mv_amf_Encode_PDUSessionResourceSetupItemCxtRes(const __mv_amf_dt_PDUSessionResourceSetupItemCxtRes* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceSetupItemCxtRes(__mv_amf_dt_PDUSessionResourceSetupItemCxtRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceSetupItemCxtRes(const __mv_amf_dt_PDUSessionResourceSetupItemCxtRes* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceSetupItemCxtRes(__mv_amf_dt_PDUSessionResourceSetupItemCxtRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceSetupItemCxtRes_pDUSessionResourceSetupResponseTransfer(__mv_amf_dt_PDUSessionResourceSetupItemCxtRes_pDUSessionResourceSetupResponseTransfer** rec);
 int __mv_amf_init_PDUSessionResourceSetupItemCxtRes_pDUSessionResourceSetupResponseTransfer2(__mv_amf_dt_PDUSessionResourceSetupItemCxtRes_pDUSessionResourceSetupResponseTransfer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PDUSessionResourceSetupItemCxtRes_pDUSessionResourceSetupResponseTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceSetupItemCxtRes_pDUSessionResourceSetupResponseTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceSetupItemCxtRes_pDUSessionResourceSetupResponseTransfer(__mv_amf_dt_PDUSessionResourceSetupItemCxtRes_pDUSessionResourceSetupResponseTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceSetupItemCxtRes_pDUSessionResourceSetupResponseTransfer(const __mv_amf_dt_PDUSessionResourceSetupItemCxtRes_pDUSessionResourceSetupResponseTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceSetupItemCxtRes_pDUSessionResourceSetupResponseTransfer(__mv_amf_dt_PDUSessionResourceSetupItemCxtRes_pDUSessionResourceSetupResponseTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceSetupItemCxtRes_pDUSessionResourceSetupResponseTransfer(const __mv_amf_dt_PDUSessionResourceSetupItemCxtRes_pDUSessionResourceSetupResponseTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceSetupItemCxtRes_pDUSessionResourceSetupResponseTransfer(__mv_amf_dt_PDUSessionResourceSetupItemCxtRes_pDUSessionResourceSetupResponseTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceSetupResponseTransfer(__mv_amf_dt_PDUSessionResourceSetupResponseTransfer** rec);
 void __mv_amf_debug_PDUSessionResourceSetupResponseTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceSetupResponseTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceSetupResponseTransfer(__mv_amf_dt_PDUSessionResourceSetupResponseTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceSetupResponseTransfer(const __mv_amf_dt_PDUSessionResourceSetupResponseTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceSetupResponseTransfer(__mv_amf_dt_PDUSessionResourceSetupResponseTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceSetupResponseTransfer(const __mv_amf_dt_PDUSessionResourceSetupResponseTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceSetupResponseTransfer(__mv_amf_dt_PDUSessionResourceSetupResponseTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceSetupListHOReq(__mv_amf_dt_PDUSessionResourceSetupListHOReq** rec);
 void __mv_amf_debug_PDUSessionResourceSetupListHOReq(const char* key, const __mv_amf_dt_PDUSessionResourceSetupListHOReq* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceSetupListHOReq(__mv_amf_dt_PDUSessionResourceSetupListHOReq* rec);
-int __mv_amf_Encode_PDUSessionResourceSetupListHOReq(const __mv_amf_dt_PDUSessionResourceSetupListHOReq* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceSetupListHOReq(__mv_amf_dt_PDUSessionResourceSetupListHOReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceSetupListHOReq(const __mv_amf_dt_PDUSessionResourceSetupListHOReq* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceSetupListHOReq(__mv_amf_dt_PDUSessionResourceSetupListHOReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceSetupItemHOReq(__mv_amf_dt_PDUSessionResourceSetupItemHOReq** rec);
 void __mv_amf_debug_PDUSessionResourceSetupItemHOReq(const char* key, const __mv_amf_dt_PDUSessionResourceSetupItemHOReq* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceSetupItemHOReq(__mv_amf_dt_PDUSessionResourceSetupItemHOReq* rec);
-int __mv_amf_Encode_PDUSessionResourceSetupItemHOReq(const __mv_amf_dt_PDUSessionResourceSetupItemHOReq* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceSetupItemHOReq(__mv_amf_dt_PDUSessionResourceSetupItemHOReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceSetupItemHOReq(const __mv_amf_dt_PDUSessionResourceSetupItemHOReq* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceSetupItemHOReq(__mv_amf_dt_PDUSessionResourceSetupItemHOReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceSetupItemHOReq_handoverRequestTransfer(__mv_amf_dt_PDUSessionResourceSetupItemHOReq_handoverRequestTransfer** rec);
 int __mv_amf_init_PDUSessionResourceSetupItemHOReq_handoverRequestTransfer2(__mv_amf_dt_PDUSessionResourceSetupItemHOReq_handoverRequestTransfer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PDUSessionResourceSetupItemHOReq_handoverRequestTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceSetupItemHOReq_handoverRequestTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceSetupItemHOReq_handoverRequestTransfer(__mv_amf_dt_PDUSessionResourceSetupItemHOReq_handoverRequestTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceSetupItemHOReq_handoverRequestTransfer(const __mv_amf_dt_PDUSessionResourceSetupItemHOReq_handoverRequestTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceSetupItemHOReq_handoverRequestTransfer(__mv_amf_dt_PDUSessionResourceSetupItemHOReq_handoverRequestTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceSetupItemHOReq_handoverRequestTransfer(const __mv_amf_dt_PDUSessionResourceSetupItemHOReq_handoverRequestTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceSetupItemHOReq_handoverRequestTransfer(__mv_amf_dt_PDUSessionResourceSetupItemHOReq_handoverRequestTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceSetupListSUReq(__mv_amf_dt_PDUSessionResourceSetupListSUReq** rec);
 void __mv_amf_debug_PDUSessionResourceSetupListSUReq(const char* key, const __mv_amf_dt_PDUSessionResourceSetupListSUReq* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceSetupListSUReq(__mv_amf_dt_PDUSessionResourceSetupListSUReq* rec);
-int __mv_amf_Encode_PDUSessionResourceSetupListSUReq(const __mv_amf_dt_PDUSessionResourceSetupListSUReq* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceSetupListSUReq(__mv_amf_dt_PDUSessionResourceSetupListSUReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceSetupListSUReq(const __mv_amf_dt_PDUSessionResourceSetupListSUReq* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceSetupListSUReq(__mv_amf_dt_PDUSessionResourceSetupListSUReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceSetupItemSUReq(__mv_amf_dt_PDUSessionResourceSetupItemSUReq** rec);
 void __mv_amf_debug_PDUSessionResourceSetupItemSUReq(const char* key, const __mv_amf_dt_PDUSessionResourceSetupItemSUReq* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceSetupItemSUReq(__mv_amf_dt_PDUSessionResourceSetupItemSUReq* rec);
-int __mv_amf_Encode_PDUSessionResourceSetupItemSUReq(const __mv_amf_dt_PDUSessionResourceSetupItemSUReq* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceSetupItemSUReq(__mv_amf_dt_PDUSessionResourceSetupItemSUReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceSetupItemSUReq(const __mv_amf_dt_PDUSessionResourceSetupItemSUReq* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceSetupItemSUReq(__mv_amf_dt_PDUSessionResourceSetupItemSUReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceSetupItemSUReq_pDUSessionResourceSetupRequestTransfer(__mv_amf_dt_PDUSessionResourceSetupItemSUReq_pDUSessionResourceSetupRequestTransfer** rec);
 int __mv_amf_init_PDUSessionResourceSetupItemSUReq_pDUSessionResourceSetupRequestTransfer2(__mv_amf_dt_PDUSessionResourceSetupItemSUReq_pDUSessionResourceSetupRequestTransfer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PDUSessionResourceSetupItemSUReq_pDUSessionResourceSetupRequestTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceSetupItemSUReq_pDUSessionResourceSetupRequestTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceSetupItemSUReq_pDUSessionResourceSetupRequestTransfer(__mv_amf_dt_PDUSessionResourceSetupItemSUReq_pDUSessionResourceSetupRequestTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceSetupItemSUReq_pDUSessionResourceSetupRequestTransfer(const __mv_amf_dt_PDUSessionResourceSetupItemSUReq_pDUSessionResourceSetupRequestTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceSetupItemSUReq_pDUSessionResourceSetupRequestTransfer(__mv_amf_dt_PDUSessionResourceSetupItemSUReq_pDUSessionResourceSetupRequestTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceSetupItemSUReq_pDUSessionResourceSetupRequestTransfer(const __mv_amf_dt_PDUSessionResourceSetupItemSUReq_pDUSessionResourceSetupRequestTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceSetupItemSUReq_pDUSessionResourceSetupRequestTransfer(__mv_amf_dt_PDUSessionResourceSetupItemSUReq_pDUSessionResourceSetupRequestTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceSetupListSURes(__mv_amf_dt_PDUSessionResourceSetupListSURes** rec);
 void __mv_amf_debug_PDUSessionResourceSetupListSURes(const char* key, const __mv_amf_dt_PDUSessionResourceSetupListSURes* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceSetupListSURes(__mv_amf_dt_PDUSessionResourceSetupListSURes* rec);
-int __mv_amf_Encode_PDUSessionResourceSetupListSURes(const __mv_amf_dt_PDUSessionResourceSetupListSURes* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceSetupListSURes(__mv_amf_dt_PDUSessionResourceSetupListSURes** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceSetupListSURes(const __mv_amf_dt_PDUSessionResourceSetupListSURes* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceSetupListSURes(__mv_amf_dt_PDUSessionResourceSetupListSURes** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceSetupItemSURes(__mv_amf_dt_PDUSessionResourceSetupItemSURes** rec);
 void __mv_amf_debug_PDUSessionResourceSetupItemSURes(const char* key, const __mv_amf_dt_PDUSessionResourceSetupItemSURes* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceSetupItemSURes(__mv_amf_dt_PDUSessionResourceSetupItemSURes* rec);
-int __mv_amf_Encode_PDUSessionResourceSetupItemSURes(const __mv_amf_dt_PDUSessionResourceSetupItemSURes* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceSetupItemSURes(__mv_amf_dt_PDUSessionResourceSetupItemSURes** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceSetupItemSURes(const __mv_amf_dt_PDUSessionResourceSetupItemSURes* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceSetupItemSURes(__mv_amf_dt_PDUSessionResourceSetupItemSURes** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceSetupItemSURes_pDUSessionResourceSetupResponseTransfer(__mv_amf_dt_PDUSessionResourceSetupItemSURes_pDUSessionResourceSetupResponseTransfer** rec);
 int __mv_amf_init_PDUSessionResourceSetupItemSURes_pDUSessionResourceSetupResponseTransfer2(__mv_amf_dt_PDUSessionResourceSetupItemSURes_pDUSessionResourceSetupResponseTransfer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PDUSessionResourceSetupItemSURes_pDUSessionResourceSetupResponseTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceSetupItemSURes_pDUSessionResourceSetupResponseTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceSetupItemSURes_pDUSessionResourceSetupResponseTransfer(__mv_amf_dt_PDUSessionResourceSetupItemSURes_pDUSessionResourceSetupResponseTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceSetupItemSURes_pDUSessionResourceSetupResponseTransfer(const __mv_amf_dt_PDUSessionResourceSetupItemSURes_pDUSessionResourceSetupResponseTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceSetupItemSURes_pDUSessionResourceSetupResponseTransfer(__mv_amf_dt_PDUSessionResourceSetupItemSURes_pDUSessionResourceSetupResponseTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceSetupItemSURes_pDUSessionResourceSetupResponseTransfer(const __mv_amf_dt_PDUSessionResourceSetupItemSURes_pDUSessionResourceSetupResponseTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceSetupItemSURes_pDUSessionResourceSetupResponseTransfer(__mv_amf_dt_PDUSessionResourceSetupItemSURes_pDUSessionResourceSetupResponseTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceSwitchedList(__mv_amf_dt_PDUSessionResourceSwitchedList** rec);
 void __mv_amf_debug_PDUSessionResourceSwitchedList(const char* key, const __mv_amf_dt_PDUSessionResourceSwitchedList* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceSwitchedList(__mv_amf_dt_PDUSessionResourceSwitchedList* rec);
-int __mv_amf_Encode_PDUSessionResourceSwitchedList(const __mv_amf_dt_PDUSessionResourceSwitchedList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceSwitchedList(__mv_amf_dt_PDUSessionResourceSwitchedList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceSwitchedList(const __mv_amf_dt_PDUSessionResourceSwitchedList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceSwitchedList(__mv_amf_dt_PDUSessionResourceSwitchedList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceSwitchedItem(__mv_amf_dt_PDUSessionResourceSwitchedItem** rec);
 void __mv_amf_debug_PDUSessionResourceSwitchedItem(const char* key, const __mv_amf_dt_PDUSessionResourceSwitchedItem* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceSwitchedItem(__mv_amf_dt_PDUSessionResourceSwitchedItem* rec);
-int __mv_amf_Encode_PDUSessionResourceSwitchedItem(const __mv_amf_dt_PDUSessionResourceSwitchedItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceSwitchedItem(__mv_amf_dt_PDUSessionResourceSwitchedItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceSwitchedItem(const __mv_amf_dt_PDUSessionResourceSwitchedItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceSwitchedItem(__mv_amf_dt_PDUSessionResourceSwitchedItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceSwitchedItem_pathSwitchRequestAcknowledgeTransfer(__mv_amf_dt_PDUSessionResourceSwitchedItem_pathSwitchRequestAcknowledgeTransfer** rec);
 int __mv_amf_init_PDUSessionResourceSwitchedItem_pathSwitchRequestAcknowledgeTransfer2(__mv_amf_dt_PDUSessionResourceSwitchedItem_pathSwitchRequestAcknowledgeTransfer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PDUSessionResourceSwitchedItem_pathSwitchRequestAcknowledgeTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceSwitchedItem_pathSwitchRequestAcknowledgeTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceSwitchedItem_pathSwitchRequestAcknowledgeTransfer(__mv_amf_dt_PDUSessionResourceSwitchedItem_pathSwitchRequestAcknowledgeTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceSwitchedItem_pathSwitchRequestAcknowledgeTransfer(const __mv_amf_dt_PDUSessionResourceSwitchedItem_pathSwitchRequestAcknowledgeTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceSwitchedItem_pathSwitchRequestAcknowledgeTransfer(__mv_amf_dt_PDUSessionResourceSwitchedItem_pathSwitchRequestAcknowledgeTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceSwitchedItem_pathSwitchRequestAcknowledgeTransfer(const __mv_amf_dt_PDUSessionResourceSwitchedItem_pathSwitchRequestAcknowledgeTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceSwitchedItem_pathSwitchRequestAcknowledgeTransfer(__mv_amf_dt_PDUSessionResourceSwitchedItem_pathSwitchRequestAcknowledgeTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceToBeSwitchedDLList(__mv_amf_dt_PDUSessionResourceToBeSwitchedDLList** rec);
 void __mv_amf_debug_PDUSessionResourceToBeSwitchedDLList(const char* key, const __mv_amf_dt_PDUSessionResourceToBeSwitchedDLList* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceToBeSwitchedDLList(__mv_amf_dt_PDUSessionResourceToBeSwitchedDLList* rec);
-int __mv_amf_Encode_PDUSessionResourceToBeSwitchedDLList(const __mv_amf_dt_PDUSessionResourceToBeSwitchedDLList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceToBeSwitchedDLList(__mv_amf_dt_PDUSessionResourceToBeSwitchedDLList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceToBeSwitchedDLList(const __mv_amf_dt_PDUSessionResourceToBeSwitchedDLList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceToBeSwitchedDLList(__mv_amf_dt_PDUSessionResourceToBeSwitchedDLList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceToBeSwitchedDLItem(__mv_amf_dt_PDUSessionResourceToBeSwitchedDLItem** rec);
 void __mv_amf_debug_PDUSessionResourceToBeSwitchedDLItem(const char* key, const __mv_amf_dt_PDUSessionResourceToBeSwitchedDLItem* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceToBeSwitchedDLItem(__mv_amf_dt_PDUSessionResourceToBeSwitchedDLItem* rec);
-int __mv_amf_Encode_PDUSessionResourceToBeSwitchedDLItem(const __mv_amf_dt_PDUSessionResourceToBeSwitchedDLItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceToBeSwitchedDLItem(__mv_amf_dt_PDUSessionResourceToBeSwitchedDLItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceToBeSwitchedDLItem(const __mv_amf_dt_PDUSessionResourceToBeSwitchedDLItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceToBeSwitchedDLItem(__mv_amf_dt_PDUSessionResourceToBeSwitchedDLItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceToBeSwitchedDLItem_pathSwitchRequestTransfer(__mv_amf_dt_PDUSessionResourceToBeSwitchedDLItem_pathSwitchRequestTransfer** rec);
 int __mv_amf_init_PDUSessionResourceToBeSwitchedDLItem_pathSwitchRequestTransfer2(__mv_amf_dt_PDUSessionResourceToBeSwitchedDLItem_pathSwitchRequestTransfer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PDUSessionResourceToBeSwitchedDLItem_pathSwitchRequestTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceToBeSwitchedDLItem_pathSwitchRequestTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceToBeSwitchedDLItem_pathSwitchRequestTransfer(__mv_amf_dt_PDUSessionResourceToBeSwitchedDLItem_pathSwitchRequestTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceToBeSwitchedDLItem_pathSwitchRequestTransfer(const __mv_amf_dt_PDUSessionResourceToBeSwitchedDLItem_pathSwitchRequestTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceToBeSwitchedDLItem_pathSwitchRequestTransfer(__mv_amf_dt_PDUSessionResourceToBeSwitchedDLItem_pathSwitchRequestTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceToBeSwitchedDLItem_pathSwitchRequestTransfer(const __mv_amf_dt_PDUSessionResourceToBeSwitchedDLItem_pathSwitchRequestTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceToBeSwitchedDLItem_pathSwitchRequestTransfer(__mv_amf_dt_PDUSessionResourceToBeSwitchedDLItem_pathSwitchRequestTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceToReleaseListHOCmd(__mv_amf_dt_PDUSessionResourceToReleaseListHOCmd** rec);
 void __mv_amf_debug_PDUSessionResourceToReleaseListHOCmd(const char* key, const __mv_amf_dt_PDUSessionResourceToReleaseListHOCmd* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceToReleaseListHOCmd(__mv_amf_dt_PDUSessionResourceToReleaseListHOCmd* rec);
-int __mv_amf_Encode_PDUSessionResourceToReleaseListHOCmd(const __mv_amf_dt_PDUSessionResourceToReleaseListHOCmd* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceToReleaseListHOCmd(__mv_amf_dt_PDUSessionResourceToReleaseListHOCmd** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceToReleaseListHOCmd(const __mv_amf_dt_PDUSessionResourceToReleaseListHOCmd* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceToReleaseListHOCmd(__mv_amf_dt_PDUSessionResourceToReleaseListHOCmd** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceToReleaseItemHOCmd(__mv_amf_dt_PDUSessionResourceToReleaseItemHOCmd** rec);
 void __mv_amf_debug_PDUSessionResourceToReleaseItemHOCmd(const char* key, const __mv_amf_dt_PDUSessionResourceToReleaseItemHOCmd* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceToReleaseItemHOCmd(__mv_amf_dt_PDUSessionResourceToReleaseItemHOCmd* rec);
-int __mv_amf_Encode_PDUSessionResourceToReleaseItemHOCmd(const __mv_amf_dt_PDUSessionResourceToReleaseItemHOCmd* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceToReleaseItemHOCmd(__mv_amf_dt_PDUSessionResourceToReleaseItemHOCmd** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceToReleaseItemHOCmd(const __mv_amf_dt_PDUSessionResourceToReleaseItemHOCmd* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceToReleaseItemHOCmd(__mv_amf_dt_PDUSessionResourceToReleaseItemHOCmd** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceToReleaseItemHOCmd_handoverPreparationUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceToReleaseItemHOCmd_handoverPreparationUnsuccessfulTransfer** rec);
 int __mv_amf_init_PDUSessionResourceToReleaseItemHOCmd_handoverPreparationUnsuccessfulTransfer2(__mv_amf_dt_PDUSessionResourceToReleaseItemHOCmd_handoverPreparationUnsuccessfulTransfer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PDUSessionResourceToReleaseItemHOCmd_handoverPreparationUnsuccessfulTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceToReleaseItemHOCmd_handoverPreparationUnsuccessfulTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceToReleaseItemHOCmd_handoverPreparationUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceToReleaseItemHOCmd_handoverPreparationUnsuccessfulTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceToReleaseItemHOCmd_handoverPreparationUnsuccessfulTransfer(const __mv_amf_dt_PDUSessionResourceToReleaseItemHOCmd_handoverPreparationUnsuccessfulTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceToReleaseItemHOCmd_handoverPreparationUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceToReleaseItemHOCmd_handoverPreparationUnsuccessfulTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceToReleaseItemHOCmd_handoverPreparationUnsuccessfulTransfer(const __mv_amf_dt_PDUSessionResourceToReleaseItemHOCmd_handoverPreparationUnsuccessfulTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceToReleaseItemHOCmd_handoverPreparationUnsuccessfulTransfer(__mv_amf_dt_PDUSessionResourceToReleaseItemHOCmd_handoverPreparationUnsuccessfulTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceToReleaseListRelCmd(__mv_amf_dt_PDUSessionResourceToReleaseListRelCmd** rec);
 void __mv_amf_debug_PDUSessionResourceToReleaseListRelCmd(const char* key, const __mv_amf_dt_PDUSessionResourceToReleaseListRelCmd* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceToReleaseListRelCmd(__mv_amf_dt_PDUSessionResourceToReleaseListRelCmd* rec);
-int __mv_amf_Encode_PDUSessionResourceToReleaseListRelCmd(const __mv_amf_dt_PDUSessionResourceToReleaseListRelCmd* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceToReleaseListRelCmd(__mv_amf_dt_PDUSessionResourceToReleaseListRelCmd** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceToReleaseListRelCmd(const __mv_amf_dt_PDUSessionResourceToReleaseListRelCmd* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceToReleaseListRelCmd(__mv_amf_dt_PDUSessionResourceToReleaseListRelCmd** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceToReleaseItemRelCmd(__mv_amf_dt_PDUSessionResourceToReleaseItemRelCmd** rec);
 void __mv_amf_debug_PDUSessionResourceToReleaseItemRelCmd(const char* key, const __mv_amf_dt_PDUSessionResourceToReleaseItemRelCmd* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceToReleaseItemRelCmd(__mv_amf_dt_PDUSessionResourceToReleaseItemRelCmd* rec);
-int __mv_amf_Encode_PDUSessionResourceToReleaseItemRelCmd(const __mv_amf_dt_PDUSessionResourceToReleaseItemRelCmd* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceToReleaseItemRelCmd(__mv_amf_dt_PDUSessionResourceToReleaseItemRelCmd** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceToReleaseItemRelCmd(const __mv_amf_dt_PDUSessionResourceToReleaseItemRelCmd* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceToReleaseItemRelCmd(__mv_amf_dt_PDUSessionResourceToReleaseItemRelCmd** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceToReleaseItemRelCmd_pDUSessionResourceReleaseCommandTransfer(__mv_amf_dt_PDUSessionResourceToReleaseItemRelCmd_pDUSessionResourceReleaseCommandTransfer** rec);
 int __mv_amf_init_PDUSessionResourceToReleaseItemRelCmd_pDUSessionResourceReleaseCommandTransfer2(__mv_amf_dt_PDUSessionResourceToReleaseItemRelCmd_pDUSessionResourceReleaseCommandTransfer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_PDUSessionResourceToReleaseItemRelCmd_pDUSessionResourceReleaseCommandTransfer(const char* key, const __mv_amf_dt_PDUSessionResourceToReleaseItemRelCmd_pDUSessionResourceReleaseCommandTransfer* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceToReleaseItemRelCmd_pDUSessionResourceReleaseCommandTransfer(__mv_amf_dt_PDUSessionResourceToReleaseItemRelCmd_pDUSessionResourceReleaseCommandTransfer* rec);
-int __mv_amf_Encode_PDUSessionResourceToReleaseItemRelCmd_pDUSessionResourceReleaseCommandTransfer(const __mv_amf_dt_PDUSessionResourceToReleaseItemRelCmd_pDUSessionResourceReleaseCommandTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceToReleaseItemRelCmd_pDUSessionResourceReleaseCommandTransfer(__mv_amf_dt_PDUSessionResourceToReleaseItemRelCmd_pDUSessionResourceReleaseCommandTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceToReleaseItemRelCmd_pDUSessionResourceReleaseCommandTransfer(const __mv_amf_dt_PDUSessionResourceToReleaseItemRelCmd_pDUSessionResourceReleaseCommandTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceToReleaseItemRelCmd_pDUSessionResourceReleaseCommandTransfer(__mv_amf_dt_PDUSessionResourceToReleaseItemRelCmd_pDUSessionResourceReleaseCommandTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PLMNSupportList(__mv_amf_dt_PLMNSupportList** rec);
 void __mv_amf_debug_PLMNSupportList(const char* key, const __mv_amf_dt_PLMNSupportList* rec, int level);
 void __mv_amf_memfree_PLMNSupportList(__mv_amf_dt_PLMNSupportList* rec);
-int __mv_amf_Encode_PLMNSupportList(const __mv_amf_dt_PLMNSupportList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PLMNSupportList(__mv_amf_dt_PLMNSupportList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PLMNSupportList(const __mv_amf_dt_PLMNSupportList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PLMNSupportList(__mv_amf_dt_PLMNSupportList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PLMNSupportItem(__mv_amf_dt_PLMNSupportItem** rec);
 void __mv_amf_debug_PLMNSupportItem(const char* key, const __mv_amf_dt_PLMNSupportItem* rec, int level);
 void __mv_amf_memfree_PLMNSupportItem(__mv_amf_dt_PLMNSupportItem* rec);
-int __mv_amf_Encode_PLMNSupportItem(const __mv_amf_dt_PLMNSupportItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PLMNSupportItem(__mv_amf_dt_PLMNSupportItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PLMNSupportItem(const __mv_amf_dt_PLMNSupportItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PLMNSupportItem(__mv_amf_dt_PLMNSupportItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PWSFailedCellIDList(__mv_amf_dt_PWSFailedCellIDList** rec);
 void __mv_amf_debug_PWSFailedCellIDList(const char* key, const __mv_amf_dt_PWSFailedCellIDList* rec, int level);
 void __mv_amf_memfree_PWSFailedCellIDList(__mv_amf_dt_PWSFailedCellIDList* rec);
-int __mv_amf_Encode_PWSFailedCellIDList(const __mv_amf_dt_PWSFailedCellIDList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PWSFailedCellIDList(__mv_amf_dt_PWSFailedCellIDList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PWSFailedCellIDList(const __mv_amf_dt_PWSFailedCellIDList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PWSFailedCellIDList(__mv_amf_dt_PWSFailedCellIDList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PWSFailedCellIDList_ExtIEs(__mv_amf_dt_PWSFailedCellIDList_ExtIEs** rec);
 void __mv_amf_debug_PWSFailedCellIDList_ExtIEs(const char* key, const __mv_amf_dt_PWSFailedCellIDList_ExtIEs* rec, int level);
 void __mv_amf_memfree_PWSFailedCellIDList_ExtIEs(__mv_amf_dt_PWSFailedCellIDList_ExtIEs* rec);
-int __mv_amf_Encode_PWSFailedCellIDList_ExtIEs(const __mv_amf_dt_PWSFailedCellIDList_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PWSFailedCellIDList_ExtIEs(__mv_amf_dt_PWSFailedCellIDList_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PWSFailedCellIDList_ExtIEs(const __mv_amf_dt_PWSFailedCellIDList_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PWSFailedCellIDList_ExtIEs(__mv_amf_dt_PWSFailedCellIDList_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_QosFlowSetupResponseListSURes(__mv_amf_dt_QosFlowSetupResponseListSURes** rec);
 void __mv_amf_debug_QosFlowSetupResponseListSURes(const char* key, const __mv_amf_dt_QosFlowSetupResponseListSURes* rec, int level);
 void __mv_amf_memfree_QosFlowSetupResponseListSURes(__mv_amf_dt_QosFlowSetupResponseListSURes* rec);
-int __mv_amf_Encode_QosFlowSetupResponseListSURes(const __mv_amf_dt_QosFlowSetupResponseListSURes* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QosFlowSetupResponseListSURes(__mv_amf_dt_QosFlowSetupResponseListSURes** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QosFlowSetupResponseListSURes(const __mv_amf_dt_QosFlowSetupResponseListSURes* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QosFlowSetupResponseListSURes(__mv_amf_dt_QosFlowSetupResponseListSURes** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_QosFlowSetupResponseItemSURes(__mv_amf_dt_QosFlowSetupResponseItemSURes** rec);
 void __mv_amf_debug_QosFlowSetupResponseItemSURes(const char* key, const __mv_amf_dt_QosFlowSetupResponseItemSURes* rec, int level);
 void __mv_amf_memfree_QosFlowSetupResponseItemSURes(__mv_amf_dt_QosFlowSetupResponseItemSURes* rec);
-int __mv_amf_Encode_QosFlowSetupResponseItemSURes(const __mv_amf_dt_QosFlowSetupResponseItemSURes* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_QosFlowSetupResponseItemSURes(__mv_amf_dt_QosFlowSetupResponseItemSURes** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_QosFlowSetupResponseItemSURes(const __mv_amf_dt_QosFlowSetupResponseItemSURes* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_QosFlowSetupResponseItemSURes(__mv_amf_dt_QosFlowSetupResponseItemSURes** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_RANNodeName(__mv_amf_dt_RANNodeName** rec);
 int __mv_amf_init_RANNodeName2(__mv_amf_dt_RANNodeName** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_RANNodeName(const char* key, const __mv_amf_dt_RANNodeName* rec, int level);
 void __mv_amf_memfree_RANNodeName(__mv_amf_dt_RANNodeName* rec);
-int __mv_amf_Encode_RANNodeName(const __mv_amf_dt_RANNodeName* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_RANNodeName(__mv_amf_dt_RANNodeName** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_RANNodeName(const __mv_amf_dt_RANNodeName* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_RANNodeName(__mv_amf_dt_RANNodeName** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_RANPagingPriority(const char* key, __mv_amf_dt_RANPagingPriority value, int level);
-int __mv_amf_Encode_RANPagingPriority(__mv_amf_dt_RANPagingPriority value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_RANPagingPriority(__mv_amf_dt_RANPagingPriority* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_RANPagingPriority(__mv_amf_dt_RANPagingPriority value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_RANPagingPriority(__mv_amf_dt_RANPagingPriority* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_RANStatusTransfer_TransparentContainer(__mv_amf_dt_RANStatusTransfer_TransparentContainer** rec);
 void __mv_amf_debug_RANStatusTransfer_TransparentContainer(const char* key, const __mv_amf_dt_RANStatusTransfer_TransparentContainer* rec, int level);
 void __mv_amf_memfree_RANStatusTransfer_TransparentContainer(__mv_amf_dt_RANStatusTransfer_TransparentContainer* rec);
-int __mv_amf_Encode_RANStatusTransfer_TransparentContainer(const __mv_amf_dt_RANStatusTransfer_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_RANStatusTransfer_TransparentContainer(__mv_amf_dt_RANStatusTransfer_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_RANStatusTransfer_TransparentContainer(const __mv_amf_dt_RANStatusTransfer_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_RANStatusTransfer_TransparentContainer(__mv_amf_dt_RANStatusTransfer_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_RAN_UE_NGAP_ID(const char* key, __mv_amf_dt_RAN_UE_NGAP_ID value, int level);
-int __mv_amf_Encode_RAN_UE_NGAP_ID(__mv_amf_dt_RAN_UE_NGAP_ID value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_RAN_UE_NGAP_ID(__mv_amf_dt_RAN_UE_NGAP_ID* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_RAN_UE_NGAP_ID(__mv_amf_dt_RAN_UE_NGAP_ID value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_RAN_UE_NGAP_ID(__mv_amf_dt_RAN_UE_NGAP_ID* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_RedirectionVoiceFallback(const char* key, __mv_amf_dt_RedirectionVoiceFallback value, int level);
-int __mv_amf_Encode_RedirectionVoiceFallback(__mv_amf_dt_RedirectionVoiceFallback value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_RedirectionVoiceFallback(__mv_amf_dt_RedirectionVoiceFallback* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_RedirectionVoiceFallback(__mv_amf_dt_RedirectionVoiceFallback value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_RedirectionVoiceFallback(__mv_amf_dt_RedirectionVoiceFallback* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_ReferenceID(const char* key, __mv_amf_dt_ReferenceID value, int level);
-int __mv_amf_Encode_ReferenceID(__mv_amf_dt_ReferenceID value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ReferenceID(__mv_amf_dt_ReferenceID* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ReferenceID(__mv_amf_dt_ReferenceID value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ReferenceID(__mv_amf_dt_ReferenceID* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_RelativeAMFCapacity(const char* key, __mv_amf_dt_RelativeAMFCapacity value, int level);
-int __mv_amf_Encode_RelativeAMFCapacity(__mv_amf_dt_RelativeAMFCapacity value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_RelativeAMFCapacity(__mv_amf_dt_RelativeAMFCapacity* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_RelativeAMFCapacity(__mv_amf_dt_RelativeAMFCapacity value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_RelativeAMFCapacity(__mv_amf_dt_RelativeAMFCapacity* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_RepetitionPeriod(const char* key, __mv_amf_dt_RepetitionPeriod value, int level);
-int __mv_amf_Encode_RepetitionPeriod(__mv_amf_dt_RepetitionPeriod value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_RepetitionPeriod(__mv_amf_dt_RepetitionPeriod* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_RepetitionPeriod(__mv_amf_dt_RepetitionPeriod value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_RepetitionPeriod(__mv_amf_dt_RepetitionPeriod* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_ResetAll(const char* key, __mv_amf_dt_ResetAll value, int level);
-int __mv_amf_Encode_ResetAll(__mv_amf_dt_ResetAll value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ResetAll(__mv_amf_dt_ResetAll* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ResetAll(__mv_amf_dt_ResetAll value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ResetAll(__mv_amf_dt_ResetAll* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_ResetType(__mv_amf_dt_ResetType** rec);
 void __mv_amf_debug_ResetType(const char* key, const __mv_amf_dt_ResetType* rec, int level);
 void __mv_amf_memfree_ResetType(__mv_amf_dt_ResetType* rec);
-int __mv_amf_Encode_ResetType(const __mv_amf_dt_ResetType* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ResetType(__mv_amf_dt_ResetType** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ResetType(const __mv_amf_dt_ResetType* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ResetType(__mv_amf_dt_ResetType** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UE_associatedLogicalNG_connectionList(__mv_amf_dt_UE_associatedLogicalNG_connectionList** rec);
 void __mv_amf_debug_UE_associatedLogicalNG_connectionList(const char* key, const __mv_amf_dt_UE_associatedLogicalNG_connectionList* rec, int level);
 void __mv_amf_memfree_UE_associatedLogicalNG_connectionList(__mv_amf_dt_UE_associatedLogicalNG_connectionList* rec);
-int __mv_amf_Encode_UE_associatedLogicalNG_connectionList(const __mv_amf_dt_UE_associatedLogicalNG_connectionList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UE_associatedLogicalNG_connectionList(__mv_amf_dt_UE_associatedLogicalNG_connectionList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UE_associatedLogicalNG_connectionList(const __mv_amf_dt_UE_associatedLogicalNG_connectionList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UE_associatedLogicalNG_connectionList(__mv_amf_dt_UE_associatedLogicalNG_connectionList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UE_associatedLogicalNG_connectionItem(__mv_amf_dt_UE_associatedLogicalNG_connectionItem** rec);
 void __mv_amf_debug_UE_associatedLogicalNG_connectionItem(const char* key, const __mv_amf_dt_UE_associatedLogicalNG_connectionItem* rec, int level);
 void __mv_amf_memfree_UE_associatedLogicalNG_connectionItem(__mv_amf_dt_UE_associatedLogicalNG_connectionItem* rec);
-int __mv_amf_Encode_UE_associatedLogicalNG_connectionItem(const __mv_amf_dt_UE_associatedLogicalNG_connectionItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UE_associatedLogicalNG_connectionItem(__mv_amf_dt_UE_associatedLogicalNG_connectionItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UE_associatedLogicalNG_connectionItem(const __mv_amf_dt_UE_associatedLogicalNG_connectionItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UE_associatedLogicalNG_connectionItem(__mv_amf_dt_UE_associatedLogicalNG_connectionItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_ResetType_ExtIEs(__mv_amf_dt_ResetType_ExtIEs** rec);
 void __mv_amf_debug_ResetType_ExtIEs(const char* key, const __mv_amf_dt_ResetType_ExtIEs* rec, int level);
 void __mv_amf_memfree_ResetType_ExtIEs(__mv_amf_dt_ResetType_ExtIEs* rec);
-int __mv_amf_Encode_ResetType_ExtIEs(const __mv_amf_dt_ResetType_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ResetType_ExtIEs(__mv_amf_dt_ResetType_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ResetType_ExtIEs(const __mv_amf_dt_ResetType_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ResetType_ExtIEs(__mv_amf_dt_ResetType_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_RoutingID(__mv_amf_dt_RoutingID** rec);
 int __mv_amf_init_RoutingID2(__mv_amf_dt_RoutingID** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_RoutingID(const char* key, const __mv_amf_dt_RoutingID* rec, int level);
 void __mv_amf_memfree_RoutingID(__mv_amf_dt_RoutingID* rec);
-int __mv_amf_Encode_RoutingID(const __mv_amf_dt_RoutingID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_RoutingID(__mv_amf_dt_RoutingID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_RoutingID(const __mv_amf_dt_RoutingID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_RoutingID(__mv_amf_dt_RoutingID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_RRCContainer(__mv_amf_dt_RRCContainer** rec);
 int __mv_amf_init_RRCContainer2(__mv_amf_dt_RRCContainer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_RRCContainer(const char* key, const __mv_amf_dt_RRCContainer* rec, int level);
 void __mv_amf_memfree_RRCContainer(__mv_amf_dt_RRCContainer* rec);
-int __mv_amf_Encode_RRCContainer(const __mv_amf_dt_RRCContainer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_RRCContainer(__mv_amf_dt_RRCContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_RRCContainer(const __mv_amf_dt_RRCContainer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_RRCContainer(__mv_amf_dt_RRCContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_RRCEstablishmentCause(const char* key, __mv_amf_dt_RRCEstablishmentCause value, int level);
-int __mv_amf_Encode_RRCEstablishmentCause(__mv_amf_dt_RRCEstablishmentCause value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_RRCEstablishmentCause(__mv_amf_dt_RRCEstablishmentCause* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_RRCEstablishmentCause(__mv_amf_dt_RRCEstablishmentCause value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_RRCEstablishmentCause(__mv_amf_dt_RRCEstablishmentCause* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_RRCInactiveTransitionReportRequest(const char* key, __mv_amf_dt_RRCInactiveTransitionReportRequest value, int level);
-int __mv_amf_Encode_RRCInactiveTransitionReportRequest(__mv_amf_dt_RRCInactiveTransitionReportRequest value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_RRCInactiveTransitionReportRequest(__mv_amf_dt_RRCInactiveTransitionReportRequest* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_RRCInactiveTransitionReportRequest(__mv_amf_dt_RRCInactiveTransitionReportRequest value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_RRCInactiveTransitionReportRequest(__mv_amf_dt_RRCInactiveTransitionReportRequest* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_RRCState(const char* key, __mv_amf_dt_RRCState value, int level);
-int __mv_amf_Encode_RRCState(__mv_amf_dt_RRCState value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_RRCState(__mv_amf_dt_RRCState* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_RRCState(__mv_amf_dt_RRCState value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_RRCState(__mv_amf_dt_RRCState* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_SCTP_TLAs(__mv_amf_dt_SCTP_TLAs** rec);
 void __mv_amf_debug_SCTP_TLAs(const char* key, const __mv_amf_dt_SCTP_TLAs* rec, int level);
 void __mv_amf_memfree_SCTP_TLAs(__mv_amf_dt_SCTP_TLAs* rec);
-int __mv_amf_Encode_SCTP_TLAs(const __mv_amf_dt_SCTP_TLAs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_SCTP_TLAs(__mv_amf_dt_SCTP_TLAs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_SCTP_TLAs(const __mv_amf_dt_SCTP_TLAs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_SCTP_TLAs(__mv_amf_dt_SCTP_TLAs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_SecurityContext(__mv_amf_dt_SecurityContext** rec);
 void __mv_amf_debug_SecurityContext(const char* key, const __mv_amf_dt_SecurityContext* rec, int level);
 void __mv_amf_memfree_SecurityContext(__mv_amf_dt_SecurityContext* rec);
-int __mv_amf_Encode_SecurityContext(const __mv_amf_dt_SecurityContext* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_SecurityContext(__mv_amf_dt_SecurityContext** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_SecurityContext(const __mv_amf_dt_SecurityContext* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_SecurityContext(__mv_amf_dt_SecurityContext** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_SecurityKey(__mv_amf_dt_SecurityKey** rec);
 int __mv_amf_init_SecurityKey2(__mv_amf_dt_SecurityKey** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_SecurityKey(const char* key, const __mv_amf_dt_SecurityKey* rec, int level);
 void __mv_amf_memfree_SecurityKey(__mv_amf_dt_SecurityKey* rec);
-int __mv_amf_Encode_SecurityKey(const __mv_amf_dt_SecurityKey* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_SecurityKey(__mv_amf_dt_SecurityKey** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_SecurityKey(const __mv_amf_dt_SecurityKey* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_SecurityKey(__mv_amf_dt_SecurityKey** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_SerialNumber(__mv_amf_dt_SerialNumber** rec);
 int __mv_amf_init_SerialNumber2(__mv_amf_dt_SerialNumber** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_SerialNumber(const char* key, const __mv_amf_dt_SerialNumber* rec, int level);
 void __mv_amf_memfree_SerialNumber(__mv_amf_dt_SerialNumber* rec);
-int __mv_amf_Encode_SerialNumber(const __mv_amf_dt_SerialNumber* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_SerialNumber(__mv_amf_dt_SerialNumber** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_SerialNumber(const __mv_amf_dt_SerialNumber* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_SerialNumber(__mv_amf_dt_SerialNumber** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_ServedGUAMIList(__mv_amf_dt_ServedGUAMIList** rec);
 void __mv_amf_debug_ServedGUAMIList(const char* key, const __mv_amf_dt_ServedGUAMIList* rec, int level);
 void __mv_amf_memfree_ServedGUAMIList(__mv_amf_dt_ServedGUAMIList* rec);
-int __mv_amf_Encode_ServedGUAMIList(const __mv_amf_dt_ServedGUAMIList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ServedGUAMIList(__mv_amf_dt_ServedGUAMIList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ServedGUAMIList(const __mv_amf_dt_ServedGUAMIList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ServedGUAMIList(__mv_amf_dt_ServedGUAMIList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_ServedGUAMIItem(__mv_amf_dt_ServedGUAMIItem** rec);
 void __mv_amf_debug_ServedGUAMIItem(const char* key, const __mv_amf_dt_ServedGUAMIItem* rec, int level);
 void __mv_amf_memfree_ServedGUAMIItem(__mv_amf_dt_ServedGUAMIItem* rec);
-int __mv_amf_Encode_ServedGUAMIItem(const __mv_amf_dt_ServedGUAMIItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ServedGUAMIItem(__mv_amf_dt_ServedGUAMIItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ServedGUAMIItem(const __mv_amf_dt_ServedGUAMIItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ServedGUAMIItem(__mv_amf_dt_ServedGUAMIItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_SONConfigurationTransfer(__mv_amf_dt_SONConfigurationTransfer** rec);
 void __mv_amf_debug_SONConfigurationTransfer(const char* key, const __mv_amf_dt_SONConfigurationTransfer* rec, int level);
 void __mv_amf_memfree_SONConfigurationTransfer(__mv_amf_dt_SONConfigurationTransfer* rec);
-int __mv_amf_Encode_SONConfigurationTransfer(const __mv_amf_dt_SONConfigurationTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_SONConfigurationTransfer(__mv_amf_dt_SONConfigurationTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_SONConfigurationTransfer(const __mv_amf_dt_SONConfigurationTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_SONConfigurationTransfer(__mv_amf_dt_SONConfigurationTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_TargetRANNodeID(__mv_amf_dt_TargetRANNodeID** rec);
 void __mv_amf_debug_TargetRANNodeID(const char* key, const __mv_amf_dt_TargetRANNodeID* rec, int level);
 void __mv_amf_memfree_TargetRANNodeID(__mv_amf_dt_TargetRANNodeID* rec);
-int __mv_amf_Encode_TargetRANNodeID(const __mv_amf_dt_TargetRANNodeID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TargetRANNodeID(__mv_amf_dt_TargetRANNodeID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TargetRANNodeID(const __mv_amf_dt_TargetRANNodeID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TargetRANNodeID(__mv_amf_dt_TargetRANNodeID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_SourceRANNodeID(__mv_amf_dt_SourceRANNodeID** rec);
 void __mv_amf_debug_SourceRANNodeID(const char* key, const __mv_amf_dt_SourceRANNodeID* rec, int level);
 void __mv_amf_memfree_SourceRANNodeID(__mv_amf_dt_SourceRANNodeID* rec);
-int __mv_amf_Encode_SourceRANNodeID(const __mv_amf_dt_SourceRANNodeID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_SourceRANNodeID(__mv_amf_dt_SourceRANNodeID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_SourceRANNodeID(const __mv_amf_dt_SourceRANNodeID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_SourceRANNodeID(__mv_amf_dt_SourceRANNodeID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_SONInformation(__mv_amf_dt_SONInformation** rec);
 void __mv_amf_debug_SONInformation(const char* key, const __mv_amf_dt_SONInformation* rec, int level);
 void __mv_amf_memfree_SONInformation(__mv_amf_dt_SONInformation* rec);
-int __mv_amf_Encode_SONInformation(const __mv_amf_dt_SONInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_SONInformation(__mv_amf_dt_SONInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_SONInformation(const __mv_amf_dt_SONInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_SONInformation(__mv_amf_dt_SONInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_SONInformationRequest(const char* key, __mv_amf_dt_SONInformationRequest value, int level);
-int __mv_amf_Encode_SONInformationRequest(__mv_amf_dt_SONInformationRequest value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_SONInformationRequest(__mv_amf_dt_SONInformationRequest* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_SONInformationRequest(__mv_amf_dt_SONInformationRequest value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_SONInformationRequest(__mv_amf_dt_SONInformationRequest* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_SONInformationReply(__mv_amf_dt_SONInformationReply** rec);
 void __mv_amf_debug_SONInformationReply(const char* key, const __mv_amf_dt_SONInformationReply* rec, int level);
 void __mv_amf_memfree_SONInformationReply(__mv_amf_dt_SONInformationReply* rec);
-int __mv_amf_Encode_SONInformationReply(const __mv_amf_dt_SONInformationReply* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_SONInformationReply(__mv_amf_dt_SONInformationReply** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_SONInformationReply(const __mv_amf_dt_SONInformationReply* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_SONInformationReply(__mv_amf_dt_SONInformationReply** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_XnTNLConfigurationInfo(__mv_amf_dt_XnTNLConfigurationInfo** rec);
 void __mv_amf_debug_XnTNLConfigurationInfo(const char* key, const __mv_amf_dt_XnTNLConfigurationInfo* rec, int level);
 void __mv_amf_memfree_XnTNLConfigurationInfo(__mv_amf_dt_XnTNLConfigurationInfo* rec);
-int __mv_amf_Encode_XnTNLConfigurationInfo(const __mv_amf_dt_XnTNLConfigurationInfo* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_XnTNLConfigurationInfo(__mv_amf_dt_XnTNLConfigurationInfo** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_XnTNLConfigurationInfo(const __mv_amf_dt_XnTNLConfigurationInfo* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_XnTNLConfigurationInfo(__mv_amf_dt_XnTNLConfigurationInfo** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_XnTLAs(__mv_amf_dt_XnTLAs** rec);
 void __mv_amf_debug_XnTLAs(const char* key, const __mv_amf_dt_XnTLAs* rec, int level);
 void __mv_amf_memfree_XnTLAs(__mv_amf_dt_XnTLAs* rec);
-int __mv_amf_Encode_XnTLAs(const __mv_amf_dt_XnTLAs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_XnTLAs(__mv_amf_dt_XnTLAs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_XnTLAs(const __mv_amf_dt_XnTLAs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_XnTLAs(__mv_amf_dt_XnTLAs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_XnExtTLAs(__mv_amf_dt_XnExtTLAs** rec);
 void __mv_amf_debug_XnExtTLAs(const char* key, const __mv_amf_dt_XnExtTLAs* rec, int level);
 void __mv_amf_memfree_XnExtTLAs(__mv_amf_dt_XnExtTLAs* rec);
-int __mv_amf_Encode_XnExtTLAs(const __mv_amf_dt_XnExtTLAs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_XnExtTLAs(__mv_amf_dt_XnExtTLAs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_XnExtTLAs(const __mv_amf_dt_XnExtTLAs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_XnExtTLAs(__mv_amf_dt_XnExtTLAs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_XnExtTLA_Item(__mv_amf_dt_XnExtTLA_Item** rec);
 void __mv_amf_debug_XnExtTLA_Item(const char* key, const __mv_amf_dt_XnExtTLA_Item* rec, int level);
 void __mv_amf_memfree_XnExtTLA_Item(__mv_amf_dt_XnExtTLA_Item* rec);
-int __mv_amf_Encode_XnExtTLA_Item(const __mv_amf_dt_XnExtTLA_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_XnExtTLA_Item(__mv_amf_dt_XnExtTLA_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_XnExtTLA_Item(const __mv_amf_dt_XnExtTLA_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_XnExtTLA_Item(__mv_amf_dt_XnExtTLA_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_XnGTP_TLAs(__mv_amf_dt_XnGTP_TLAs** rec);
 void __mv_amf_debug_XnGTP_TLAs(const char* key, const __mv_amf_dt_XnGTP_TLAs* rec, int level);
 void __mv_amf_memfree_XnGTP_TLAs(__mv_amf_dt_XnGTP_TLAs* rec);
-int __mv_amf_Encode_XnGTP_TLAs(const __mv_amf_dt_XnGTP_TLAs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_XnGTP_TLAs(__mv_amf_dt_XnGTP_TLAs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_XnGTP_TLAs(const __mv_amf_dt_XnGTP_TLAs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_XnGTP_TLAs(__mv_amf_dt_XnGTP_TLAs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_SONInformation_ExtIEs(__mv_amf_dt_SONInformation_ExtIEs** rec);
 void __mv_amf_debug_SONInformation_ExtIEs(const char* key, const __mv_amf_dt_SONInformation_ExtIEs* rec, int level);
 void __mv_amf_memfree_SONInformation_ExtIEs(__mv_amf_dt_SONInformation_ExtIEs* rec);
-int __mv_amf_Encode_SONInformation_ExtIEs(const __mv_amf_dt_SONInformation_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_SONInformation_ExtIEs(__mv_amf_dt_SONInformation_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_SONInformation_ExtIEs(const __mv_amf_dt_SONInformation_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_SONInformation_ExtIEs(__mv_amf_dt_SONInformation_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_SourceNGRANNode_ToTargetNGRANNode_TransparentContainer(__mv_amf_dt_SourceNGRANNode_ToTargetNGRANNode_TransparentContainer** rec);
 void __mv_amf_debug_SourceNGRANNode_ToTargetNGRANNode_TransparentContainer(const char* key, const __mv_amf_dt_SourceNGRANNode_ToTargetNGRANNode_TransparentContainer* rec, int level);
 void __mv_amf_memfree_SourceNGRANNode_ToTargetNGRANNode_TransparentContainer(__mv_amf_dt_SourceNGRANNode_ToTargetNGRANNode_TransparentContainer* rec);
-int __mv_amf_Encode_SourceNGRANNode_ToTargetNGRANNode_TransparentContainer(const __mv_amf_dt_SourceNGRANNode_ToTargetNGRANNode_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_SourceNGRANNode_ToTargetNGRANNode_TransparentContainer(__mv_amf_dt_SourceNGRANNode_ToTargetNGRANNode_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_SourceNGRANNode_ToTargetNGRANNode_TransparentContainer(const __mv_amf_dt_SourceNGRANNode_ToTargetNGRANNode_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_SourceNGRANNode_ToTargetNGRANNode_TransparentContainer(__mv_amf_dt_SourceNGRANNode_ToTargetNGRANNode_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UEHistoryInformation(__mv_amf_dt_UEHistoryInformation** rec);
 void __mv_amf_debug_UEHistoryInformation(const char* key, const __mv_amf_dt_UEHistoryInformation* rec, int level);
 void __mv_amf_memfree_UEHistoryInformation(__mv_amf_dt_UEHistoryInformation* rec);
-int __mv_amf_Encode_UEHistoryInformation(const __mv_amf_dt_UEHistoryInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UEHistoryInformation(__mv_amf_dt_UEHistoryInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UEHistoryInformation(const __mv_amf_dt_UEHistoryInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UEHistoryInformation(__mv_amf_dt_UEHistoryInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_SourceToTarget_TransparentContainer(__mv_amf_dt_SourceToTarget_TransparentContainer** rec);
 int __mv_amf_init_SourceToTarget_TransparentContainer2(__mv_amf_dt_SourceToTarget_TransparentContainer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_SourceToTarget_TransparentContainer(const char* key, const __mv_amf_dt_SourceToTarget_TransparentContainer* rec, int level);
 void __mv_amf_memfree_SourceToTarget_TransparentContainer(__mv_amf_dt_SourceToTarget_TransparentContainer* rec);
-int __mv_amf_Encode_SourceToTarget_TransparentContainer(const __mv_amf_dt_SourceToTarget_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_SourceToTarget_TransparentContainer(__mv_amf_dt_SourceToTarget_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_SourceToTarget_TransparentContainer(const __mv_amf_dt_SourceToTarget_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_SourceToTarget_TransparentContainer(__mv_amf_dt_SourceToTarget_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_SourceToTarget_AMFInformationReroute(__mv_amf_dt_SourceToTarget_AMFInformationReroute** rec);
 void __mv_amf_debug_SourceToTarget_AMFInformationReroute(const char* key, const __mv_amf_dt_SourceToTarget_AMFInformationReroute* rec, int level);
 void __mv_amf_memfree_SourceToTarget_AMFInformationReroute(__mv_amf_dt_SourceToTarget_AMFInformationReroute* rec);
-int __mv_amf_Encode_SourceToTarget_AMFInformationReroute(const __mv_amf_dt_SourceToTarget_AMFInformationReroute* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_SourceToTarget_AMFInformationReroute(__mv_amf_dt_SourceToTarget_AMFInformationReroute** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_SourceToTarget_AMFInformationReroute(const __mv_amf_dt_SourceToTarget_AMFInformationReroute* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_SourceToTarget_AMFInformationReroute(__mv_amf_dt_SourceToTarget_AMFInformationReroute** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_ConfiguredNSSAI(__mv_amf_dt_ConfiguredNSSAI** rec);
 int __mv_amf_init_ConfiguredNSSAI2(__mv_amf_dt_ConfiguredNSSAI** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_ConfiguredNSSAI(const char* key, const __mv_amf_dt_ConfiguredNSSAI* rec, int level);
 void __mv_amf_memfree_ConfiguredNSSAI(__mv_amf_dt_ConfiguredNSSAI* rec);
-int __mv_amf_Encode_ConfiguredNSSAI(const __mv_amf_dt_ConfiguredNSSAI* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ConfiguredNSSAI(__mv_amf_dt_ConfiguredNSSAI** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ConfiguredNSSAI(const __mv_amf_dt_ConfiguredNSSAI* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ConfiguredNSSAI(__mv_amf_dt_ConfiguredNSSAI** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_RejectedNSSAIinPLMN(__mv_amf_dt_RejectedNSSAIinPLMN** rec);
 int __mv_amf_init_RejectedNSSAIinPLMN2(__mv_amf_dt_RejectedNSSAIinPLMN** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_RejectedNSSAIinPLMN(const char* key, const __mv_amf_dt_RejectedNSSAIinPLMN* rec, int level);
 void __mv_amf_memfree_RejectedNSSAIinPLMN(__mv_amf_dt_RejectedNSSAIinPLMN* rec);
-int __mv_amf_Encode_RejectedNSSAIinPLMN(const __mv_amf_dt_RejectedNSSAIinPLMN* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_RejectedNSSAIinPLMN(__mv_amf_dt_RejectedNSSAIinPLMN** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_RejectedNSSAIinPLMN(const __mv_amf_dt_RejectedNSSAIinPLMN* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_RejectedNSSAIinPLMN(__mv_amf_dt_RejectedNSSAIinPLMN** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_RejectedNSSAIinTA(__mv_amf_dt_RejectedNSSAIinTA** rec);
 int __mv_amf_init_RejectedNSSAIinTA2(__mv_amf_dt_RejectedNSSAIinTA** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_RejectedNSSAIinTA(const char* key, const __mv_amf_dt_RejectedNSSAIinTA* rec, int level);
 void __mv_amf_memfree_RejectedNSSAIinTA(__mv_amf_dt_RejectedNSSAIinTA* rec);
-int __mv_amf_Encode_RejectedNSSAIinTA(const __mv_amf_dt_RejectedNSSAIinTA* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_RejectedNSSAIinTA(__mv_amf_dt_RejectedNSSAIinTA** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_RejectedNSSAIinTA(const __mv_amf_dt_RejectedNSSAIinTA* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_RejectedNSSAIinTA(__mv_amf_dt_RejectedNSSAIinTA** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_SupportedTAList(__mv_amf_dt_SupportedTAList** rec);
 void __mv_amf_debug_SupportedTAList(const char* key, const __mv_amf_dt_SupportedTAList* rec, int level);
 void __mv_amf_memfree_SupportedTAList(__mv_amf_dt_SupportedTAList* rec);
-int __mv_amf_Encode_SupportedTAList(const __mv_amf_dt_SupportedTAList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_SupportedTAList(__mv_amf_dt_SupportedTAList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_SupportedTAList(const __mv_amf_dt_SupportedTAList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_SupportedTAList(__mv_amf_dt_SupportedTAList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_SupportedTAItem(__mv_amf_dt_SupportedTAItem** rec);
 void __mv_amf_debug_SupportedTAItem(const char* key, const __mv_amf_dt_SupportedTAItem* rec, int level);
 void __mv_amf_memfree_SupportedTAItem(__mv_amf_dt_SupportedTAItem* rec);
-int __mv_amf_Encode_SupportedTAItem(const __mv_amf_dt_SupportedTAItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_SupportedTAItem(__mv_amf_dt_SupportedTAItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_SupportedTAItem(const __mv_amf_dt_SupportedTAItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_SupportedTAItem(__mv_amf_dt_SupportedTAItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_TAIListForPaging(__mv_amf_dt_TAIListForPaging** rec);
 void __mv_amf_debug_TAIListForPaging(const char* key, const __mv_amf_dt_TAIListForPaging* rec, int level);
 void __mv_amf_memfree_TAIListForPaging(__mv_amf_dt_TAIListForPaging* rec);
-int __mv_amf_Encode_TAIListForPaging(const __mv_amf_dt_TAIListForPaging* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TAIListForPaging(__mv_amf_dt_TAIListForPaging** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TAIListForPaging(const __mv_amf_dt_TAIListForPaging* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TAIListForPaging(__mv_amf_dt_TAIListForPaging** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_TAIListForPagingItem(__mv_amf_dt_TAIListForPagingItem** rec);
 void __mv_amf_debug_TAIListForPagingItem(const char* key, const __mv_amf_dt_TAIListForPagingItem* rec, int level);
 void __mv_amf_memfree_TAIListForPagingItem(__mv_amf_dt_TAIListForPagingItem* rec);
-int __mv_amf_Encode_TAIListForPagingItem(const __mv_amf_dt_TAIListForPagingItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TAIListForPagingItem(__mv_amf_dt_TAIListForPagingItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TAIListForPagingItem(const __mv_amf_dt_TAIListForPagingItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TAIListForPagingItem(__mv_amf_dt_TAIListForPagingItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_TAIListForRestart(__mv_amf_dt_TAIListForRestart** rec);
 void __mv_amf_debug_TAIListForRestart(const char* key, const __mv_amf_dt_TAIListForRestart* rec, int level);
 void __mv_amf_memfree_TAIListForRestart(__mv_amf_dt_TAIListForRestart* rec);
-int __mv_amf_Encode_TAIListForRestart(const __mv_amf_dt_TAIListForRestart* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TAIListForRestart(__mv_amf_dt_TAIListForRestart** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TAIListForRestart(const __mv_amf_dt_TAIListForRestart* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TAIListForRestart(__mv_amf_dt_TAIListForRestart** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_TAIListForWarning(__mv_amf_dt_TAIListForWarning** rec);
 void __mv_amf_debug_TAIListForWarning(const char* key, const __mv_amf_dt_TAIListForWarning* rec, int level);
 void __mv_amf_memfree_TAIListForWarning(__mv_amf_dt_TAIListForWarning* rec);
-int __mv_amf_Encode_TAIListForWarning(const __mv_amf_dt_TAIListForWarning* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TAIListForWarning(__mv_amf_dt_TAIListForWarning** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TAIListForWarning(const __mv_amf_dt_TAIListForWarning* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TAIListForWarning(__mv_amf_dt_TAIListForWarning** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_TargeteNB_ID(__mv_amf_dt_TargeteNB_ID** rec);
 void __mv_amf_debug_TargeteNB_ID(const char* key, const __mv_amf_dt_TargeteNB_ID* rec, int level);
 void __mv_amf_memfree_TargeteNB_ID(__mv_amf_dt_TargeteNB_ID* rec);
-int __mv_amf_Encode_TargeteNB_ID(const __mv_amf_dt_TargeteNB_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TargeteNB_ID(__mv_amf_dt_TargeteNB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TargeteNB_ID(const __mv_amf_dt_TargeteNB_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TargeteNB_ID(__mv_amf_dt_TargeteNB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_TargetID(__mv_amf_dt_TargetID** rec);
 void __mv_amf_debug_TargetID(const char* key, const __mv_amf_dt_TargetID* rec, int level);
 void __mv_amf_memfree_TargetID(__mv_amf_dt_TargetID* rec);
-int __mv_amf_Encode_TargetID(const __mv_amf_dt_TargetID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TargetID(__mv_amf_dt_TargetID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TargetID(const __mv_amf_dt_TargetID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TargetID(__mv_amf_dt_TargetID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_TargetID_ExtIEs(__mv_amf_dt_TargetID_ExtIEs** rec);
 void __mv_amf_debug_TargetID_ExtIEs(const char* key, const __mv_amf_dt_TargetID_ExtIEs* rec, int level);
 void __mv_amf_memfree_TargetID_ExtIEs(__mv_amf_dt_TargetID_ExtIEs* rec);
-int __mv_amf_Encode_TargetID_ExtIEs(const __mv_amf_dt_TargetID_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TargetID_ExtIEs(__mv_amf_dt_TargetID_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TargetID_ExtIEs(const __mv_amf_dt_TargetID_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TargetID_ExtIEs(__mv_amf_dt_TargetID_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_TargetNGRANNode_ToSourceNGRANNode_TransparentContainer(__mv_amf_dt_TargetNGRANNode_ToSourceNGRANNode_TransparentContainer** rec);
 void __mv_amf_debug_TargetNGRANNode_ToSourceNGRANNode_TransparentContainer(const char* key, const __mv_amf_dt_TargetNGRANNode_ToSourceNGRANNode_TransparentContainer* rec, int level);
 void __mv_amf_memfree_TargetNGRANNode_ToSourceNGRANNode_TransparentContainer(__mv_amf_dt_TargetNGRANNode_ToSourceNGRANNode_TransparentContainer* rec);
-int __mv_amf_Encode_TargetNGRANNode_ToSourceNGRANNode_TransparentContainer(const __mv_amf_dt_TargetNGRANNode_ToSourceNGRANNode_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TargetNGRANNode_ToSourceNGRANNode_TransparentContainer(__mv_amf_dt_TargetNGRANNode_ToSourceNGRANNode_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TargetNGRANNode_ToSourceNGRANNode_TransparentContainer(const __mv_amf_dt_TargetNGRANNode_ToSourceNGRANNode_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TargetNGRANNode_ToSourceNGRANNode_TransparentContainer(__mv_amf_dt_TargetNGRANNode_ToSourceNGRANNode_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_TargetToSource_TransparentContainer(__mv_amf_dt_TargetToSource_TransparentContainer** rec);
 int __mv_amf_init_TargetToSource_TransparentContainer2(__mv_amf_dt_TargetToSource_TransparentContainer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_TargetToSource_TransparentContainer(const char* key, const __mv_amf_dt_TargetToSource_TransparentContainer* rec, int level);
 void __mv_amf_memfree_TargetToSource_TransparentContainer(__mv_amf_dt_TargetToSource_TransparentContainer* rec);
-int __mv_amf_Encode_TargetToSource_TransparentContainer(const __mv_amf_dt_TargetToSource_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TargetToSource_TransparentContainer(__mv_amf_dt_TargetToSource_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TargetToSource_TransparentContainer(const __mv_amf_dt_TargetToSource_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TargetToSource_TransparentContainer(__mv_amf_dt_TargetToSource_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_TimerApproachForGUAMIRemoval(const char* key, __mv_amf_dt_TimerApproachForGUAMIRemoval value, int level);
-int __mv_amf_Encode_TimerApproachForGUAMIRemoval(__mv_amf_dt_TimerApproachForGUAMIRemoval value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TimerApproachForGUAMIRemoval(__mv_amf_dt_TimerApproachForGUAMIRemoval* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TimerApproachForGUAMIRemoval(__mv_amf_dt_TimerApproachForGUAMIRemoval value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TimerApproachForGUAMIRemoval(__mv_amf_dt_TimerApproachForGUAMIRemoval* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_TimeStamp(__mv_amf_dt_TimeStamp** rec);
 int __mv_amf_init_TimeStamp2(__mv_amf_dt_TimeStamp** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_TimeStamp(const char* key, const __mv_amf_dt_TimeStamp* rec, int level);
 void __mv_amf_memfree_TimeStamp(__mv_amf_dt_TimeStamp* rec);
-int __mv_amf_Encode_TimeStamp(const __mv_amf_dt_TimeStamp* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TimeStamp(__mv_amf_dt_TimeStamp** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TimeStamp(const __mv_amf_dt_TimeStamp* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TimeStamp(__mv_amf_dt_TimeStamp** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_TimeToWait(const char* key, __mv_amf_dt_TimeToWait value, int level);
-int __mv_amf_Encode_TimeToWait(__mv_amf_dt_TimeToWait value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TimeToWait(__mv_amf_dt_TimeToWait* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TimeToWait(__mv_amf_dt_TimeToWait value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TimeToWait(__mv_amf_dt_TimeToWait* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_TNLAssociationList(__mv_amf_dt_TNLAssociationList** rec);
 void __mv_amf_debug_TNLAssociationList(const char* key, const __mv_amf_dt_TNLAssociationList* rec, int level);
 void __mv_amf_memfree_TNLAssociationList(__mv_amf_dt_TNLAssociationList* rec);
-int __mv_amf_Encode_TNLAssociationList(const __mv_amf_dt_TNLAssociationList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TNLAssociationList(__mv_amf_dt_TNLAssociationList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TNLAssociationList(const __mv_amf_dt_TNLAssociationList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TNLAssociationList(__mv_amf_dt_TNLAssociationList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_TNLAssociationItem(__mv_amf_dt_TNLAssociationItem** rec);
 void __mv_amf_debug_TNLAssociationItem(const char* key, const __mv_amf_dt_TNLAssociationItem* rec, int level);
 void __mv_amf_memfree_TNLAssociationItem(__mv_amf_dt_TNLAssociationItem* rec);
-int __mv_amf_Encode_TNLAssociationItem(const __mv_amf_dt_TNLAssociationItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TNLAssociationItem(__mv_amf_dt_TNLAssociationItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TNLAssociationItem(const __mv_amf_dt_TNLAssociationItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TNLAssociationItem(__mv_amf_dt_TNLAssociationItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_TraceActivation(__mv_amf_dt_TraceActivation** rec);
 void __mv_amf_debug_TraceActivation(const char* key, const __mv_amf_dt_TraceActivation* rec, int level);
 void __mv_amf_memfree_TraceActivation(__mv_amf_dt_TraceActivation* rec);
-int __mv_amf_Encode_TraceActivation(const __mv_amf_dt_TraceActivation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TraceActivation(__mv_amf_dt_TraceActivation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TraceActivation(const __mv_amf_dt_TraceActivation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TraceActivation(__mv_amf_dt_TraceActivation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_TraceDepth(const char* key, __mv_amf_dt_TraceDepth value, int level);
-int __mv_amf_Encode_TraceDepth(__mv_amf_dt_TraceDepth value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TraceDepth(__mv_amf_dt_TraceDepth* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TraceDepth(__mv_amf_dt_TraceDepth value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TraceDepth(__mv_amf_dt_TraceDepth* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UEAggregateMaximumBitRate(__mv_amf_dt_UEAggregateMaximumBitRate** rec);
 void __mv_amf_debug_UEAggregateMaximumBitRate(const char* key, const __mv_amf_dt_UEAggregateMaximumBitRate* rec, int level);
 void __mv_amf_memfree_UEAggregateMaximumBitRate(__mv_amf_dt_UEAggregateMaximumBitRate* rec);
-int __mv_amf_Encode_UEAggregateMaximumBitRate(const __mv_amf_dt_UEAggregateMaximumBitRate* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UEAggregateMaximumBitRate(__mv_amf_dt_UEAggregateMaximumBitRate** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UEAggregateMaximumBitRate(const __mv_amf_dt_UEAggregateMaximumBitRate* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UEAggregateMaximumBitRate(__mv_amf_dt_UEAggregateMaximumBitRate** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_UEContextRequest(const char* key, __mv_amf_dt_UEContextRequest value, int level);
-int __mv_amf_Encode_UEContextRequest(__mv_amf_dt_UEContextRequest value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UEContextRequest(__mv_amf_dt_UEContextRequest* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UEContextRequest(__mv_amf_dt_UEContextRequest value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UEContextRequest(__mv_amf_dt_UEContextRequest* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UE_NGAP_IDs(__mv_amf_dt_UE_NGAP_IDs** rec);
 void __mv_amf_debug_UE_NGAP_IDs(const char* key, const __mv_amf_dt_UE_NGAP_IDs* rec, int level);
 void __mv_amf_memfree_UE_NGAP_IDs(__mv_amf_dt_UE_NGAP_IDs* rec);
-int __mv_amf_Encode_UE_NGAP_IDs(const __mv_amf_dt_UE_NGAP_IDs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UE_NGAP_IDs(__mv_amf_dt_UE_NGAP_IDs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UE_NGAP_IDs(const __mv_amf_dt_UE_NGAP_IDs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UE_NGAP_IDs(__mv_amf_dt_UE_NGAP_IDs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UE_NGAP_ID_pair(__mv_amf_dt_UE_NGAP_ID_pair** rec);
 void __mv_amf_debug_UE_NGAP_ID_pair(const char* key, const __mv_amf_dt_UE_NGAP_ID_pair* rec, int level);
 void __mv_amf_memfree_UE_NGAP_ID_pair(__mv_amf_dt_UE_NGAP_ID_pair* rec);
-int __mv_amf_Encode_UE_NGAP_ID_pair(const __mv_amf_dt_UE_NGAP_ID_pair* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UE_NGAP_ID_pair(__mv_amf_dt_UE_NGAP_ID_pair** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UE_NGAP_ID_pair(const __mv_amf_dt_UE_NGAP_ID_pair* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UE_NGAP_ID_pair(__mv_amf_dt_UE_NGAP_ID_pair** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UE_NGAP_IDs_ExtIEs(__mv_amf_dt_UE_NGAP_IDs_ExtIEs** rec);
 void __mv_amf_debug_UE_NGAP_IDs_ExtIEs(const char* key, const __mv_amf_dt_UE_NGAP_IDs_ExtIEs* rec, int level);
 void __mv_amf_memfree_UE_NGAP_IDs_ExtIEs(__mv_amf_dt_UE_NGAP_IDs_ExtIEs* rec);
-int __mv_amf_Encode_UE_NGAP_IDs_ExtIEs(const __mv_amf_dt_UE_NGAP_IDs_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UE_NGAP_IDs_ExtIEs(__mv_amf_dt_UE_NGAP_IDs_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UE_NGAP_IDs_ExtIEs(const __mv_amf_dt_UE_NGAP_IDs_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UE_NGAP_IDs_ExtIEs(__mv_amf_dt_UE_NGAP_IDs_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UEPagingIdentity(__mv_amf_dt_UEPagingIdentity** rec);
 void __mv_amf_debug_UEPagingIdentity(const char* key, const __mv_amf_dt_UEPagingIdentity* rec, int level);
 void __mv_amf_memfree_UEPagingIdentity(__mv_amf_dt_UEPagingIdentity* rec);
-int __mv_amf_Encode_UEPagingIdentity(const __mv_amf_dt_UEPagingIdentity* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UEPagingIdentity(__mv_amf_dt_UEPagingIdentity** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UEPagingIdentity(const __mv_amf_dt_UEPagingIdentity* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UEPagingIdentity(__mv_amf_dt_UEPagingIdentity** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UEPagingIdentity_ExtIEs(__mv_amf_dt_UEPagingIdentity_ExtIEs** rec);
 void __mv_amf_debug_UEPagingIdentity_ExtIEs(const char* key, const __mv_amf_dt_UEPagingIdentity_ExtIEs* rec, int level);
 void __mv_amf_memfree_UEPagingIdentity_ExtIEs(__mv_amf_dt_UEPagingIdentity_ExtIEs* rec);
-int __mv_amf_Encode_UEPagingIdentity_ExtIEs(const __mv_amf_dt_UEPagingIdentity_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UEPagingIdentity_ExtIEs(__mv_amf_dt_UEPagingIdentity_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UEPagingIdentity_ExtIEs(const __mv_amf_dt_UEPagingIdentity_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UEPagingIdentity_ExtIEs(__mv_amf_dt_UEPagingIdentity_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_UEPresence(const char* key, __mv_amf_dt_UEPresence value, int level);
-int __mv_amf_Encode_UEPresence(__mv_amf_dt_UEPresence value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UEPresence(__mv_amf_dt_UEPresence* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UEPresence(__mv_amf_dt_UEPresence value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UEPresence(__mv_amf_dt_UEPresence* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UEPresenceInAreaOfInterestList(__mv_amf_dt_UEPresenceInAreaOfInterestList** rec);
 void __mv_amf_debug_UEPresenceInAreaOfInterestList(const char* key, const __mv_amf_dt_UEPresenceInAreaOfInterestList* rec, int level);
 void __mv_amf_memfree_UEPresenceInAreaOfInterestList(__mv_amf_dt_UEPresenceInAreaOfInterestList* rec);
-int __mv_amf_Encode_UEPresenceInAreaOfInterestList(const __mv_amf_dt_UEPresenceInAreaOfInterestList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UEPresenceInAreaOfInterestList(__mv_amf_dt_UEPresenceInAreaOfInterestList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UEPresenceInAreaOfInterestList(const __mv_amf_dt_UEPresenceInAreaOfInterestList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UEPresenceInAreaOfInterestList(__mv_amf_dt_UEPresenceInAreaOfInterestList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UEPresenceInAreaOfInterestItem(__mv_amf_dt_UEPresenceInAreaOfInterestItem** rec);
 void __mv_amf_debug_UEPresenceInAreaOfInterestItem(const char* key, const __mv_amf_dt_UEPresenceInAreaOfInterestItem* rec, int level);
 void __mv_amf_memfree_UEPresenceInAreaOfInterestItem(__mv_amf_dt_UEPresenceInAreaOfInterestItem* rec);
-int __mv_amf_Encode_UEPresenceInAreaOfInterestItem(const __mv_amf_dt_UEPresenceInAreaOfInterestItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UEPresenceInAreaOfInterestItem(__mv_amf_dt_UEPresenceInAreaOfInterestItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UEPresenceInAreaOfInterestItem(const __mv_amf_dt_UEPresenceInAreaOfInterestItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UEPresenceInAreaOfInterestItem(__mv_amf_dt_UEPresenceInAreaOfInterestItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UERadioCapability(__mv_amf_dt_UERadioCapability** rec);
 int __mv_amf_init_UERadioCapability2(__mv_amf_dt_UERadioCapability** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_UERadioCapability(const char* key, const __mv_amf_dt_UERadioCapability* rec, int level);
 void __mv_amf_memfree_UERadioCapability(__mv_amf_dt_UERadioCapability* rec);
-int __mv_amf_Encode_UERadioCapability(const __mv_amf_dt_UERadioCapability* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UERadioCapability(__mv_amf_dt_UERadioCapability** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UERadioCapability(const __mv_amf_dt_UERadioCapability* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UERadioCapability(__mv_amf_dt_UERadioCapability** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UERadioCapabilityForPaging(__mv_amf_dt_UERadioCapabilityForPaging** rec);
 void __mv_amf_debug_UERadioCapabilityForPaging(const char* key, const __mv_amf_dt_UERadioCapabilityForPaging* rec, int level);
 void __mv_amf_memfree_UERadioCapabilityForPaging(__mv_amf_dt_UERadioCapabilityForPaging* rec);
-int __mv_amf_Encode_UERadioCapabilityForPaging(const __mv_amf_dt_UERadioCapabilityForPaging* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UERadioCapabilityForPaging(__mv_amf_dt_UERadioCapabilityForPaging** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UERadioCapabilityForPaging(const __mv_amf_dt_UERadioCapabilityForPaging* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UERadioCapabilityForPaging(__mv_amf_dt_UERadioCapabilityForPaging** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UERadioCapabilityForPagingOfNR(__mv_amf_dt_UERadioCapabilityForPagingOfNR** rec);
 int __mv_amf_init_UERadioCapabilityForPagingOfNR2(__mv_amf_dt_UERadioCapabilityForPagingOfNR** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_UERadioCapabilityForPagingOfNR(const char* key, const __mv_amf_dt_UERadioCapabilityForPagingOfNR* rec, int level);
 void __mv_amf_memfree_UERadioCapabilityForPagingOfNR(__mv_amf_dt_UERadioCapabilityForPagingOfNR* rec);
-int __mv_amf_Encode_UERadioCapabilityForPagingOfNR(const __mv_amf_dt_UERadioCapabilityForPagingOfNR* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UERadioCapabilityForPagingOfNR(__mv_amf_dt_UERadioCapabilityForPagingOfNR** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UERadioCapabilityForPagingOfNR(const __mv_amf_dt_UERadioCapabilityForPagingOfNR* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UERadioCapabilityForPagingOfNR(__mv_amf_dt_UERadioCapabilityForPagingOfNR** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UERadioCapabilityForPagingOfEUTRA(__mv_amf_dt_UERadioCapabilityForPagingOfEUTRA** rec);
 int __mv_amf_init_UERadioCapabilityForPagingOfEUTRA2(__mv_amf_dt_UERadioCapabilityForPagingOfEUTRA** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_UERadioCapabilityForPagingOfEUTRA(const char* key, const __mv_amf_dt_UERadioCapabilityForPagingOfEUTRA* rec, int level);
 void __mv_amf_memfree_UERadioCapabilityForPagingOfEUTRA(__mv_amf_dt_UERadioCapabilityForPagingOfEUTRA* rec);
-int __mv_amf_Encode_UERadioCapabilityForPagingOfEUTRA(const __mv_amf_dt_UERadioCapabilityForPagingOfEUTRA* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UERadioCapabilityForPagingOfEUTRA(__mv_amf_dt_UERadioCapabilityForPagingOfEUTRA** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UERadioCapabilityForPagingOfEUTRA(const __mv_amf_dt_UERadioCapabilityForPagingOfEUTRA* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UERadioCapabilityForPagingOfEUTRA(__mv_amf_dt_UERadioCapabilityForPagingOfEUTRA** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_UERetentionInformation(const char* key, __mv_amf_dt_UERetentionInformation value, int level);
-int __mv_amf_Encode_UERetentionInformation(__mv_amf_dt_UERetentionInformation value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UERetentionInformation(__mv_amf_dt_UERetentionInformation* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UERetentionInformation(__mv_amf_dt_UERetentionInformation value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UERetentionInformation(__mv_amf_dt_UERetentionInformation* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UESecurityCapabilities(__mv_amf_dt_UESecurityCapabilities** rec);
 void __mv_amf_debug_UESecurityCapabilities(const char* key, const __mv_amf_dt_UESecurityCapabilities* rec, int level);
 void __mv_amf_memfree_UESecurityCapabilities(__mv_amf_dt_UESecurityCapabilities* rec);
-int __mv_amf_Encode_UESecurityCapabilities(const __mv_amf_dt_UESecurityCapabilities* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UESecurityCapabilities(__mv_amf_dt_UESecurityCapabilities** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UESecurityCapabilities(const __mv_amf_dt_UESecurityCapabilities* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UESecurityCapabilities(__mv_amf_dt_UESecurityCapabilities** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UnavailableGUAMIList(__mv_amf_dt_UnavailableGUAMIList** rec);
 void __mv_amf_debug_UnavailableGUAMIList(const char* key, const __mv_amf_dt_UnavailableGUAMIList* rec, int level);
 void __mv_amf_memfree_UnavailableGUAMIList(__mv_amf_dt_UnavailableGUAMIList* rec);
-int __mv_amf_Encode_UnavailableGUAMIList(const __mv_amf_dt_UnavailableGUAMIList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UnavailableGUAMIList(__mv_amf_dt_UnavailableGUAMIList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UnavailableGUAMIList(const __mv_amf_dt_UnavailableGUAMIList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UnavailableGUAMIList(__mv_amf_dt_UnavailableGUAMIList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UnavailableGUAMIItem(__mv_amf_dt_UnavailableGUAMIItem** rec);
 void __mv_amf_debug_UnavailableGUAMIItem(const char* key, const __mv_amf_dt_UnavailableGUAMIItem* rec, int level);
 void __mv_amf_memfree_UnavailableGUAMIItem(__mv_amf_dt_UnavailableGUAMIItem* rec);
-int __mv_amf_Encode_UnavailableGUAMIItem(const __mv_amf_dt_UnavailableGUAMIItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UnavailableGUAMIItem(__mv_amf_dt_UnavailableGUAMIItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UnavailableGUAMIItem(const __mv_amf_dt_UnavailableGUAMIItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UnavailableGUAMIItem(__mv_amf_dt_UnavailableGUAMIItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_ULForwarding(const char* key, __mv_amf_dt_ULForwarding value, int level);
-int __mv_amf_Encode_ULForwarding(__mv_amf_dt_ULForwarding value, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ULForwarding(__mv_amf_dt_ULForwarding* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ULForwarding(__mv_amf_dt_ULForwarding value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ULForwarding(__mv_amf_dt_ULForwarding* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UserLocationInformation(__mv_amf_dt_UserLocationInformation** rec);
 void __mv_amf_debug_UserLocationInformation(const char* key, const __mv_amf_dt_UserLocationInformation* rec, int level);
 void __mv_amf_memfree_UserLocationInformation(__mv_amf_dt_UserLocationInformation* rec);
-int __mv_amf_Encode_UserLocationInformation(const __mv_amf_dt_UserLocationInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UserLocationInformation(__mv_amf_dt_UserLocationInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UserLocationInformation(const __mv_amf_dt_UserLocationInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UserLocationInformation(__mv_amf_dt_UserLocationInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UserLocationInformationEUTRA(__mv_amf_dt_UserLocationInformationEUTRA** rec);
 void __mv_amf_debug_UserLocationInformationEUTRA(const char* key, const __mv_amf_dt_UserLocationInformationEUTRA* rec, int level);
 void __mv_amf_memfree_UserLocationInformationEUTRA(__mv_amf_dt_UserLocationInformationEUTRA* rec);
-int __mv_amf_Encode_UserLocationInformationEUTRA(const __mv_amf_dt_UserLocationInformationEUTRA* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UserLocationInformationEUTRA(__mv_amf_dt_UserLocationInformationEUTRA** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UserLocationInformationEUTRA(const __mv_amf_dt_UserLocationInformationEUTRA* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UserLocationInformationEUTRA(__mv_amf_dt_UserLocationInformationEUTRA** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UserLocationInformationNR(__mv_amf_dt_UserLocationInformationNR** rec);
 void __mv_amf_debug_UserLocationInformationNR(const char* key, const __mv_amf_dt_UserLocationInformationNR* rec, int level);
 void __mv_amf_memfree_UserLocationInformationNR(__mv_amf_dt_UserLocationInformationNR* rec);
-int __mv_amf_Encode_UserLocationInformationNR(const __mv_amf_dt_UserLocationInformationNR* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UserLocationInformationNR(__mv_amf_dt_UserLocationInformationNR** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UserLocationInformationNR(const __mv_amf_dt_UserLocationInformationNR* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UserLocationInformationNR(__mv_amf_dt_UserLocationInformationNR** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UserLocationInformationN3IWF(__mv_amf_dt_UserLocationInformationN3IWF** rec);
 void __mv_amf_debug_UserLocationInformationN3IWF(const char* key, const __mv_amf_dt_UserLocationInformationN3IWF* rec, int level);
 void __mv_amf_memfree_UserLocationInformationN3IWF(__mv_amf_dt_UserLocationInformationN3IWF* rec);
-int __mv_amf_Encode_UserLocationInformationN3IWF(const __mv_amf_dt_UserLocationInformationN3IWF* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UserLocationInformationN3IWF(__mv_amf_dt_UserLocationInformationN3IWF** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UserLocationInformationN3IWF(const __mv_amf_dt_UserLocationInformationN3IWF* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UserLocationInformationN3IWF(__mv_amf_dt_UserLocationInformationN3IWF** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UserLocationInformation_ExtIEs(__mv_amf_dt_UserLocationInformation_ExtIEs** rec);
 void __mv_amf_debug_UserLocationInformation_ExtIEs(const char* key, const __mv_amf_dt_UserLocationInformation_ExtIEs* rec, int level);
 void __mv_amf_memfree_UserLocationInformation_ExtIEs(__mv_amf_dt_UserLocationInformation_ExtIEs* rec);
-int __mv_amf_Encode_UserLocationInformation_ExtIEs(const __mv_amf_dt_UserLocationInformation_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UserLocationInformation_ExtIEs(__mv_amf_dt_UserLocationInformation_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UserLocationInformation_ExtIEs(const __mv_amf_dt_UserLocationInformation_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UserLocationInformation_ExtIEs(__mv_amf_dt_UserLocationInformation_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_WarningAreaCoordinates(__mv_amf_dt_WarningAreaCoordinates** rec);
 int __mv_amf_init_WarningAreaCoordinates2(__mv_amf_dt_WarningAreaCoordinates** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_WarningAreaCoordinates(const char* key, const __mv_amf_dt_WarningAreaCoordinates* rec, int level);
 void __mv_amf_memfree_WarningAreaCoordinates(__mv_amf_dt_WarningAreaCoordinates* rec);
-int __mv_amf_Encode_WarningAreaCoordinates(const __mv_amf_dt_WarningAreaCoordinates* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_WarningAreaCoordinates(__mv_amf_dt_WarningAreaCoordinates** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_WarningAreaCoordinates(const __mv_amf_dt_WarningAreaCoordinates* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_WarningAreaCoordinates(__mv_amf_dt_WarningAreaCoordinates** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_WarningAreaList(__mv_amf_dt_WarningAreaList** rec);
 void __mv_amf_debug_WarningAreaList(const char* key, const __mv_amf_dt_WarningAreaList* rec, int level);
 void __mv_amf_memfree_WarningAreaList(__mv_amf_dt_WarningAreaList* rec);
-int __mv_amf_Encode_WarningAreaList(const __mv_amf_dt_WarningAreaList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_WarningAreaList(__mv_amf_dt_WarningAreaList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_WarningAreaList(const __mv_amf_dt_WarningAreaList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_WarningAreaList(__mv_amf_dt_WarningAreaList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_WarningAreaList_ExtIEs(__mv_amf_dt_WarningAreaList_ExtIEs** rec);
 void __mv_amf_debug_WarningAreaList_ExtIEs(const char* key, const __mv_amf_dt_WarningAreaList_ExtIEs* rec, int level);
 void __mv_amf_memfree_WarningAreaList_ExtIEs(__mv_amf_dt_WarningAreaList_ExtIEs* rec);
-int __mv_amf_Encode_WarningAreaList_ExtIEs(const __mv_amf_dt_WarningAreaList_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_WarningAreaList_ExtIEs(__mv_amf_dt_WarningAreaList_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_WarningAreaList_ExtIEs(const __mv_amf_dt_WarningAreaList_ExtIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_WarningAreaList_ExtIEs(__mv_amf_dt_WarningAreaList_ExtIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_WarningMessageContents(__mv_amf_dt_WarningMessageContents** rec);
 int __mv_amf_init_WarningMessageContents2(__mv_amf_dt_WarningMessageContents** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_WarningMessageContents(const char* key, const __mv_amf_dt_WarningMessageContents* rec, int level);
 void __mv_amf_memfree_WarningMessageContents(__mv_amf_dt_WarningMessageContents* rec);
-int __mv_amf_Encode_WarningMessageContents(const __mv_amf_dt_WarningMessageContents* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_WarningMessageContents(__mv_amf_dt_WarningMessageContents** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_WarningMessageContents(const __mv_amf_dt_WarningMessageContents* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_WarningMessageContents(__mv_amf_dt_WarningMessageContents** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_WarningSecurityInfo(__mv_amf_dt_WarningSecurityInfo** rec);
 int __mv_amf_init_WarningSecurityInfo2(__mv_amf_dt_WarningSecurityInfo** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_WarningSecurityInfo(const char* key, const __mv_amf_dt_WarningSecurityInfo* rec, int level);
 void __mv_amf_memfree_WarningSecurityInfo(__mv_amf_dt_WarningSecurityInfo* rec);
-int __mv_amf_Encode_WarningSecurityInfo(const __mv_amf_dt_WarningSecurityInfo* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_WarningSecurityInfo(__mv_amf_dt_WarningSecurityInfo** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_WarningSecurityInfo(const __mv_amf_dt_WarningSecurityInfo* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_WarningSecurityInfo(__mv_amf_dt_WarningSecurityInfo** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_WarningType(__mv_amf_dt_WarningType** rec);
 int __mv_amf_init_WarningType2(__mv_amf_dt_WarningType** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_WarningType(const char* key, const __mv_amf_dt_WarningType* rec, int level);
 void __mv_amf_memfree_WarningType(__mv_amf_dt_WarningType* rec);
-int __mv_amf_Encode_WarningType(const __mv_amf_dt_WarningType* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_WarningType(__mv_amf_dt_WarningType** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_WarningType(const __mv_amf_dt_WarningType* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_WarningType(__mv_amf_dt_WarningType** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceSetupRequest(__mv_amf_dt_PDUSessionResourceSetupRequest** rec);
 void __mv_amf_debug_PDUSessionResourceSetupRequest(const char* key, const __mv_amf_dt_PDUSessionResourceSetupRequest* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceSetupRequest(__mv_amf_dt_PDUSessionResourceSetupRequest* rec);
-int __mv_amf_Encode_PDUSessionResourceSetupRequest(const __mv_amf_dt_PDUSessionResourceSetupRequest* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceSetupRequest(__mv_amf_dt_PDUSessionResourceSetupRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceSetupRequest(const __mv_amf_dt_PDUSessionResourceSetupRequest* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceSetupRequest(__mv_amf_dt_PDUSessionResourceSetupRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceSetupResponse(__mv_amf_dt_PDUSessionResourceSetupResponse** rec);
 void __mv_amf_debug_PDUSessionResourceSetupResponse(const char* key, const __mv_amf_dt_PDUSessionResourceSetupResponse* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceSetupResponse(__mv_amf_dt_PDUSessionResourceSetupResponse* rec);
-int __mv_amf_Encode_PDUSessionResourceSetupResponse(const __mv_amf_dt_PDUSessionResourceSetupResponse* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceSetupResponse(__mv_amf_dt_PDUSessionResourceSetupResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceSetupResponse(const __mv_amf_dt_PDUSessionResourceSetupResponse* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceSetupResponse(__mv_amf_dt_PDUSessionResourceSetupResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceReleaseCommand(__mv_amf_dt_PDUSessionResourceReleaseCommand** rec);
 void __mv_amf_debug_PDUSessionResourceReleaseCommand(const char* key, const __mv_amf_dt_PDUSessionResourceReleaseCommand* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceReleaseCommand(__mv_amf_dt_PDUSessionResourceReleaseCommand* rec);
-int __mv_amf_Encode_PDUSessionResourceReleaseCommand(const __mv_amf_dt_PDUSessionResourceReleaseCommand* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceReleaseCommand(__mv_amf_dt_PDUSessionResourceReleaseCommand** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceReleaseCommand(const __mv_amf_dt_PDUSessionResourceReleaseCommand* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceReleaseCommand(__mv_amf_dt_PDUSessionResourceReleaseCommand** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceReleaseResponse(__mv_amf_dt_PDUSessionResourceReleaseResponse** rec);
 void __mv_amf_debug_PDUSessionResourceReleaseResponse(const char* key, const __mv_amf_dt_PDUSessionResourceReleaseResponse* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceReleaseResponse(__mv_amf_dt_PDUSessionResourceReleaseResponse* rec);
-int __mv_amf_Encode_PDUSessionResourceReleaseResponse(const __mv_amf_dt_PDUSessionResourceReleaseResponse* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceReleaseResponse(__mv_amf_dt_PDUSessionResourceReleaseResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceReleaseResponse(const __mv_amf_dt_PDUSessionResourceReleaseResponse* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceReleaseResponse(__mv_amf_dt_PDUSessionResourceReleaseResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceModifyRequest(__mv_amf_dt_PDUSessionResourceModifyRequest** rec);
 void __mv_amf_debug_PDUSessionResourceModifyRequest(const char* key, const __mv_amf_dt_PDUSessionResourceModifyRequest* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceModifyRequest(__mv_amf_dt_PDUSessionResourceModifyRequest* rec);
-int __mv_amf_Encode_PDUSessionResourceModifyRequest(const __mv_amf_dt_PDUSessionResourceModifyRequest* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceModifyRequest(__mv_amf_dt_PDUSessionResourceModifyRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceModifyRequest(const __mv_amf_dt_PDUSessionResourceModifyRequest* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceModifyRequest(__mv_amf_dt_PDUSessionResourceModifyRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceModifyResponse(__mv_amf_dt_PDUSessionResourceModifyResponse** rec);
 void __mv_amf_debug_PDUSessionResourceModifyResponse(const char* key, const __mv_amf_dt_PDUSessionResourceModifyResponse* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceModifyResponse(__mv_amf_dt_PDUSessionResourceModifyResponse* rec);
-int __mv_amf_Encode_PDUSessionResourceModifyResponse(const __mv_amf_dt_PDUSessionResourceModifyResponse* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceModifyResponse(__mv_amf_dt_PDUSessionResourceModifyResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceModifyResponse(const __mv_amf_dt_PDUSessionResourceModifyResponse* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceModifyResponse(__mv_amf_dt_PDUSessionResourceModifyResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceNotify(__mv_amf_dt_PDUSessionResourceNotify** rec);
 void __mv_amf_debug_PDUSessionResourceNotify(const char* key, const __mv_amf_dt_PDUSessionResourceNotify* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceNotify(__mv_amf_dt_PDUSessionResourceNotify* rec);
-int __mv_amf_Encode_PDUSessionResourceNotify(const __mv_amf_dt_PDUSessionResourceNotify* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceNotify(__mv_amf_dt_PDUSessionResourceNotify** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceNotify(const __mv_amf_dt_PDUSessionResourceNotify* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceNotify(__mv_amf_dt_PDUSessionResourceNotify** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceModifyIndication(__mv_amf_dt_PDUSessionResourceModifyIndication** rec);
 void __mv_amf_debug_PDUSessionResourceModifyIndication(const char* key, const __mv_amf_dt_PDUSessionResourceModifyIndication* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceModifyIndication(__mv_amf_dt_PDUSessionResourceModifyIndication* rec);
-int __mv_amf_Encode_PDUSessionResourceModifyIndication(const __mv_amf_dt_PDUSessionResourceModifyIndication* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceModifyIndication(__mv_amf_dt_PDUSessionResourceModifyIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceModifyIndication(const __mv_amf_dt_PDUSessionResourceModifyIndication* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceModifyIndication(__mv_amf_dt_PDUSessionResourceModifyIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PDUSessionResourceModifyConfirm(__mv_amf_dt_PDUSessionResourceModifyConfirm** rec);
 void __mv_amf_debug_PDUSessionResourceModifyConfirm(const char* key, const __mv_amf_dt_PDUSessionResourceModifyConfirm* rec, int level);
 void __mv_amf_memfree_PDUSessionResourceModifyConfirm(__mv_amf_dt_PDUSessionResourceModifyConfirm* rec);
-int __mv_amf_Encode_PDUSessionResourceModifyConfirm(const __mv_amf_dt_PDUSessionResourceModifyConfirm* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PDUSessionResourceModifyConfirm(__mv_amf_dt_PDUSessionResourceModifyConfirm** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PDUSessionResourceModifyConfirm(const __mv_amf_dt_PDUSessionResourceModifyConfirm* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PDUSessionResourceModifyConfirm(__mv_amf_dt_PDUSessionResourceModifyConfirm** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_InitialContextSetupRequest(__mv_amf_dt_InitialContextSetupRequest** rec);
 void __mv_amf_debug_InitialContextSetupRequest(const char* key, const __mv_amf_dt_InitialContextSetupRequest* rec, int level);
 void __mv_amf_memfree_InitialContextSetupRequest(__mv_amf_dt_InitialContextSetupRequest* rec);
-int __mv_amf_Encode_InitialContextSetupRequest(const __mv_amf_dt_InitialContextSetupRequest* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_InitialContextSetupRequest(__mv_amf_dt_InitialContextSetupRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_InitialContextSetupRequest(const __mv_amf_dt_InitialContextSetupRequest* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_InitialContextSetupRequest(__mv_amf_dt_InitialContextSetupRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_InitialContextSetupResponse(__mv_amf_dt_InitialContextSetupResponse** rec);
 void __mv_amf_debug_InitialContextSetupResponse(const char* key, const __mv_amf_dt_InitialContextSetupResponse* rec, int level);
 void __mv_amf_memfree_InitialContextSetupResponse(__mv_amf_dt_InitialContextSetupResponse* rec);
-int __mv_amf_Encode_InitialContextSetupResponse(const __mv_amf_dt_InitialContextSetupResponse* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_InitialContextSetupResponse(__mv_amf_dt_InitialContextSetupResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_InitialContextSetupResponse(const __mv_amf_dt_InitialContextSetupResponse* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_InitialContextSetupResponse(__mv_amf_dt_InitialContextSetupResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_InitialContextSetupFailure(__mv_amf_dt_InitialContextSetupFailure** rec);
 void __mv_amf_debug_InitialContextSetupFailure(const char* key, const __mv_amf_dt_InitialContextSetupFailure* rec, int level);
 void __mv_amf_memfree_InitialContextSetupFailure(__mv_amf_dt_InitialContextSetupFailure* rec);
-int __mv_amf_Encode_InitialContextSetupFailure(const __mv_amf_dt_InitialContextSetupFailure* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_InitialContextSetupFailure(__mv_amf_dt_InitialContextSetupFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_InitialContextSetupFailure(const __mv_amf_dt_InitialContextSetupFailure* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_InitialContextSetupFailure(__mv_amf_dt_InitialContextSetupFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UEContextReleaseRequest(__mv_amf_dt_UEContextReleaseRequest** rec);
 void __mv_amf_debug_UEContextReleaseRequest(const char* key, const __mv_amf_dt_UEContextReleaseRequest* rec, int level);
 void __mv_amf_memfree_UEContextReleaseRequest(__mv_amf_dt_UEContextReleaseRequest* rec);
-int __mv_amf_Encode_UEContextReleaseRequest(const __mv_amf_dt_UEContextReleaseRequest* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UEContextReleaseRequest(__mv_amf_dt_UEContextReleaseRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UEContextReleaseRequest(const __mv_amf_dt_UEContextReleaseRequest* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UEContextReleaseRequest(__mv_amf_dt_UEContextReleaseRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UEContextReleaseCommand(__mv_amf_dt_UEContextReleaseCommand** rec);
 void __mv_amf_debug_UEContextReleaseCommand(const char* key, const __mv_amf_dt_UEContextReleaseCommand* rec, int level);
 void __mv_amf_memfree_UEContextReleaseCommand(__mv_amf_dt_UEContextReleaseCommand* rec);
-int __mv_amf_Encode_UEContextReleaseCommand(const __mv_amf_dt_UEContextReleaseCommand* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UEContextReleaseCommand(__mv_amf_dt_UEContextReleaseCommand** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UEContextReleaseCommand(const __mv_amf_dt_UEContextReleaseCommand* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UEContextReleaseCommand(__mv_amf_dt_UEContextReleaseCommand** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UEContextReleaseComplete(__mv_amf_dt_UEContextReleaseComplete** rec);
 void __mv_amf_debug_UEContextReleaseComplete(const char* key, const __mv_amf_dt_UEContextReleaseComplete* rec, int level);
 void __mv_amf_memfree_UEContextReleaseComplete(__mv_amf_dt_UEContextReleaseComplete* rec);
-int __mv_amf_Encode_UEContextReleaseComplete(const __mv_amf_dt_UEContextReleaseComplete* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UEContextReleaseComplete(__mv_amf_dt_UEContextReleaseComplete** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UEContextReleaseComplete(const __mv_amf_dt_UEContextReleaseComplete* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UEContextReleaseComplete(__mv_amf_dt_UEContextReleaseComplete** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UEContextModificationRequest(__mv_amf_dt_UEContextModificationRequest** rec);
 void __mv_amf_debug_UEContextModificationRequest(const char* key, const __mv_amf_dt_UEContextModificationRequest* rec, int level);
 void __mv_amf_memfree_UEContextModificationRequest(__mv_amf_dt_UEContextModificationRequest* rec);
-int __mv_amf_Encode_UEContextModificationRequest(const __mv_amf_dt_UEContextModificationRequest* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UEContextModificationRequest(__mv_amf_dt_UEContextModificationRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UEContextModificationRequest(const __mv_amf_dt_UEContextModificationRequest* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UEContextModificationRequest(__mv_amf_dt_UEContextModificationRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UEContextModificationResponse(__mv_amf_dt_UEContextModificationResponse** rec);
 void __mv_amf_debug_UEContextModificationResponse(const char* key, const __mv_amf_dt_UEContextModificationResponse* rec, int level);
 void __mv_amf_memfree_UEContextModificationResponse(__mv_amf_dt_UEContextModificationResponse* rec);
-int __mv_amf_Encode_UEContextModificationResponse(const __mv_amf_dt_UEContextModificationResponse* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UEContextModificationResponse(__mv_amf_dt_UEContextModificationResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UEContextModificationResponse(const __mv_amf_dt_UEContextModificationResponse* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UEContextModificationResponse(__mv_amf_dt_UEContextModificationResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UEContextModificationFailure(__mv_amf_dt_UEContextModificationFailure** rec);
 void __mv_amf_debug_UEContextModificationFailure(const char* key, const __mv_amf_dt_UEContextModificationFailure* rec, int level);
 void __mv_amf_memfree_UEContextModificationFailure(__mv_amf_dt_UEContextModificationFailure* rec);
-int __mv_amf_Encode_UEContextModificationFailure(const __mv_amf_dt_UEContextModificationFailure* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UEContextModificationFailure(__mv_amf_dt_UEContextModificationFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UEContextModificationFailure(const __mv_amf_dt_UEContextModificationFailure* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UEContextModificationFailure(__mv_amf_dt_UEContextModificationFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_RRCInactiveTransitionReport(__mv_amf_dt_RRCInactiveTransitionReport** rec);
 void __mv_amf_debug_RRCInactiveTransitionReport(const char* key, const __mv_amf_dt_RRCInactiveTransitionReport* rec, int level);
 void __mv_amf_memfree_RRCInactiveTransitionReport(__mv_amf_dt_RRCInactiveTransitionReport* rec);
-int __mv_amf_Encode_RRCInactiveTransitionReport(const __mv_amf_dt_RRCInactiveTransitionReport* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_RRCInactiveTransitionReport(__mv_amf_dt_RRCInactiveTransitionReport** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_RRCInactiveTransitionReport(const __mv_amf_dt_RRCInactiveTransitionReport* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_RRCInactiveTransitionReport(__mv_amf_dt_RRCInactiveTransitionReport** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_HandoverRequired(__mv_amf_dt_HandoverRequired** rec);
 void __mv_amf_debug_HandoverRequired(const char* key, const __mv_amf_dt_HandoverRequired* rec, int level);
 void __mv_amf_memfree_HandoverRequired(__mv_amf_dt_HandoverRequired* rec);
-int __mv_amf_Encode_HandoverRequired(const __mv_amf_dt_HandoverRequired* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_HandoverRequired(__mv_amf_dt_HandoverRequired** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_HandoverRequired(const __mv_amf_dt_HandoverRequired* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_HandoverRequired(__mv_amf_dt_HandoverRequired** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_HandoverCommand(__mv_amf_dt_HandoverCommand** rec);
 void __mv_amf_debug_HandoverCommand(const char* key, const __mv_amf_dt_HandoverCommand* rec, int level);
 void __mv_amf_memfree_HandoverCommand(__mv_amf_dt_HandoverCommand* rec);
-int __mv_amf_Encode_HandoverCommand(const __mv_amf_dt_HandoverCommand* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_HandoverCommand(__mv_amf_dt_HandoverCommand** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_HandoverCommand(const __mv_amf_dt_HandoverCommand* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_HandoverCommand(__mv_amf_dt_HandoverCommand** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_HandoverPreparationFailure(__mv_amf_dt_HandoverPreparationFailure** rec);
 void __mv_amf_debug_HandoverPreparationFailure(const char* key, const __mv_amf_dt_HandoverPreparationFailure* rec, int level);
 void __mv_amf_memfree_HandoverPreparationFailure(__mv_amf_dt_HandoverPreparationFailure* rec);
-int __mv_amf_Encode_HandoverPreparationFailure(const __mv_amf_dt_HandoverPreparationFailure* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_HandoverPreparationFailure(__mv_amf_dt_HandoverPreparationFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_HandoverPreparationFailure(const __mv_amf_dt_HandoverPreparationFailure* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_HandoverPreparationFailure(__mv_amf_dt_HandoverPreparationFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_HandoverRequest(__mv_amf_dt_HandoverRequest** rec);
 void __mv_amf_debug_HandoverRequest(const char* key, const __mv_amf_dt_HandoverRequest* rec, int level);
 void __mv_amf_memfree_HandoverRequest(__mv_amf_dt_HandoverRequest* rec);
-int __mv_amf_Encode_HandoverRequest(const __mv_amf_dt_HandoverRequest* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_HandoverRequest(__mv_amf_dt_HandoverRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_HandoverRequest(const __mv_amf_dt_HandoverRequest* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_HandoverRequest(__mv_amf_dt_HandoverRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_HandoverRequestAcknowledge(__mv_amf_dt_HandoverRequestAcknowledge** rec);
 void __mv_amf_debug_HandoverRequestAcknowledge(const char* key, const __mv_amf_dt_HandoverRequestAcknowledge* rec, int level);
 void __mv_amf_memfree_HandoverRequestAcknowledge(__mv_amf_dt_HandoverRequestAcknowledge* rec);
-int __mv_amf_Encode_HandoverRequestAcknowledge(const __mv_amf_dt_HandoverRequestAcknowledge* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_HandoverRequestAcknowledge(__mv_amf_dt_HandoverRequestAcknowledge** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_HandoverRequestAcknowledge(const __mv_amf_dt_HandoverRequestAcknowledge* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_HandoverRequestAcknowledge(__mv_amf_dt_HandoverRequestAcknowledge** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_HandoverFailure(__mv_amf_dt_HandoverFailure** rec);
 void __mv_amf_debug_HandoverFailure(const char* key, const __mv_amf_dt_HandoverFailure* rec, int level);
 void __mv_amf_memfree_HandoverFailure(__mv_amf_dt_HandoverFailure* rec);
-int __mv_amf_Encode_HandoverFailure(const __mv_amf_dt_HandoverFailure* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_HandoverFailure(__mv_amf_dt_HandoverFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_HandoverFailure(const __mv_amf_dt_HandoverFailure* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_HandoverFailure(__mv_amf_dt_HandoverFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_HandoverNotify(__mv_amf_dt_HandoverNotify** rec);
 void __mv_amf_debug_HandoverNotify(const char* key, const __mv_amf_dt_HandoverNotify* rec, int level);
 void __mv_amf_memfree_HandoverNotify(__mv_amf_dt_HandoverNotify* rec);
-int __mv_amf_Encode_HandoverNotify(const __mv_amf_dt_HandoverNotify* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_HandoverNotify(__mv_amf_dt_HandoverNotify** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_HandoverNotify(const __mv_amf_dt_HandoverNotify* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_HandoverNotify(__mv_amf_dt_HandoverNotify** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PathSwitchRequest(__mv_amf_dt_PathSwitchRequest** rec);
 void __mv_amf_debug_PathSwitchRequest(const char* key, const __mv_amf_dt_PathSwitchRequest* rec, int level);
 void __mv_amf_memfree_PathSwitchRequest(__mv_amf_dt_PathSwitchRequest* rec);
-int __mv_amf_Encode_PathSwitchRequest(const __mv_amf_dt_PathSwitchRequest* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PathSwitchRequest(__mv_amf_dt_PathSwitchRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PathSwitchRequest(const __mv_amf_dt_PathSwitchRequest* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PathSwitchRequest(__mv_amf_dt_PathSwitchRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PathSwitchRequestAcknowledge(__mv_amf_dt_PathSwitchRequestAcknowledge** rec);
 void __mv_amf_debug_PathSwitchRequestAcknowledge(const char* key, const __mv_amf_dt_PathSwitchRequestAcknowledge* rec, int level);
 void __mv_amf_memfree_PathSwitchRequestAcknowledge(__mv_amf_dt_PathSwitchRequestAcknowledge* rec);
-int __mv_amf_Encode_PathSwitchRequestAcknowledge(const __mv_amf_dt_PathSwitchRequestAcknowledge* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PathSwitchRequestAcknowledge(__mv_amf_dt_PathSwitchRequestAcknowledge** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PathSwitchRequestAcknowledge(const __mv_amf_dt_PathSwitchRequestAcknowledge* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PathSwitchRequestAcknowledge(__mv_amf_dt_PathSwitchRequestAcknowledge** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PathSwitchRequestFailure(__mv_amf_dt_PathSwitchRequestFailure** rec);
 void __mv_amf_debug_PathSwitchRequestFailure(const char* key, const __mv_amf_dt_PathSwitchRequestFailure* rec, int level);
 void __mv_amf_memfree_PathSwitchRequestFailure(__mv_amf_dt_PathSwitchRequestFailure* rec);
-int __mv_amf_Encode_PathSwitchRequestFailure(const __mv_amf_dt_PathSwitchRequestFailure* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PathSwitchRequestFailure(__mv_amf_dt_PathSwitchRequestFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PathSwitchRequestFailure(const __mv_amf_dt_PathSwitchRequestFailure* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PathSwitchRequestFailure(__mv_amf_dt_PathSwitchRequestFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_HandoverCancel(__mv_amf_dt_HandoverCancel** rec);
 void __mv_amf_debug_HandoverCancel(const char* key, const __mv_amf_dt_HandoverCancel* rec, int level);
 void __mv_amf_memfree_HandoverCancel(__mv_amf_dt_HandoverCancel* rec);
-int __mv_amf_Encode_HandoverCancel(const __mv_amf_dt_HandoverCancel* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_HandoverCancel(__mv_amf_dt_HandoverCancel** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_HandoverCancel(const __mv_amf_dt_HandoverCancel* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_HandoverCancel(__mv_amf_dt_HandoverCancel** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_HandoverCancelAcknowledge(__mv_amf_dt_HandoverCancelAcknowledge** rec);
 void __mv_amf_debug_HandoverCancelAcknowledge(const char* key, const __mv_amf_dt_HandoverCancelAcknowledge* rec, int level);
 void __mv_amf_memfree_HandoverCancelAcknowledge(__mv_amf_dt_HandoverCancelAcknowledge* rec);
-int __mv_amf_Encode_HandoverCancelAcknowledge(const __mv_amf_dt_HandoverCancelAcknowledge* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_HandoverCancelAcknowledge(__mv_amf_dt_HandoverCancelAcknowledge** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_HandoverCancelAcknowledge(const __mv_amf_dt_HandoverCancelAcknowledge* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_HandoverCancelAcknowledge(__mv_amf_dt_HandoverCancelAcknowledge** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UplinkRANStatusTransfer(__mv_amf_dt_UplinkRANStatusTransfer** rec);
 void __mv_amf_debug_UplinkRANStatusTransfer(const char* key, const __mv_amf_dt_UplinkRANStatusTransfer* rec, int level);
 void __mv_amf_memfree_UplinkRANStatusTransfer(__mv_amf_dt_UplinkRANStatusTransfer* rec);
-int __mv_amf_Encode_UplinkRANStatusTransfer(const __mv_amf_dt_UplinkRANStatusTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UplinkRANStatusTransfer(__mv_amf_dt_UplinkRANStatusTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UplinkRANStatusTransfer(const __mv_amf_dt_UplinkRANStatusTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UplinkRANStatusTransfer(__mv_amf_dt_UplinkRANStatusTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_DownlinkRANStatusTransfer(__mv_amf_dt_DownlinkRANStatusTransfer** rec);
 void __mv_amf_debug_DownlinkRANStatusTransfer(const char* key, const __mv_amf_dt_DownlinkRANStatusTransfer* rec, int level);
 void __mv_amf_memfree_DownlinkRANStatusTransfer(__mv_amf_dt_DownlinkRANStatusTransfer* rec);
-int __mv_amf_Encode_DownlinkRANStatusTransfer(const __mv_amf_dt_DownlinkRANStatusTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_DownlinkRANStatusTransfer(__mv_amf_dt_DownlinkRANStatusTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_DownlinkRANStatusTransfer(const __mv_amf_dt_DownlinkRANStatusTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_DownlinkRANStatusTransfer(__mv_amf_dt_DownlinkRANStatusTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_Paging(__mv_amf_dt_Paging** rec);
 void __mv_amf_debug_Paging(const char* key, const __mv_amf_dt_Paging* rec, int level);
 void __mv_amf_memfree_Paging(__mv_amf_dt_Paging* rec);
-int __mv_amf_Encode_Paging(const __mv_amf_dt_Paging* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_Paging(__mv_amf_dt_Paging** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_Paging(const __mv_amf_dt_Paging* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_Paging(__mv_amf_dt_Paging** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_InitialUEMessage(__mv_amf_dt_InitialUEMessage** rec);
 void __mv_amf_debug_InitialUEMessage(const char* key, const __mv_amf_dt_InitialUEMessage* rec, int level);
 void __mv_amf_memfree_InitialUEMessage(__mv_amf_dt_InitialUEMessage* rec);
-int __mv_amf_Encode_InitialUEMessage(const __mv_amf_dt_InitialUEMessage* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_InitialUEMessage(__mv_amf_dt_InitialUEMessage** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_InitialUEMessage(const __mv_amf_dt_InitialUEMessage* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_InitialUEMessage(__mv_amf_dt_InitialUEMessage** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_DownlinkNASTransport(__mv_amf_dt_DownlinkNASTransport** rec);
 void __mv_amf_debug_DownlinkNASTransport(const char* key, const __mv_amf_dt_DownlinkNASTransport* rec, int level);
 void __mv_amf_memfree_DownlinkNASTransport(__mv_amf_dt_DownlinkNASTransport* rec);
-int __mv_amf_Encode_DownlinkNASTransport(const __mv_amf_dt_DownlinkNASTransport* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_DownlinkNASTransport(__mv_amf_dt_DownlinkNASTransport** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_DownlinkNASTransport(const __mv_amf_dt_DownlinkNASTransport* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_DownlinkNASTransport(__mv_amf_dt_DownlinkNASTransport** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UplinkNASTransport(__mv_amf_dt_UplinkNASTransport** rec);
 void __mv_amf_debug_UplinkNASTransport(const char* key, const __mv_amf_dt_UplinkNASTransport* rec, int level);
 void __mv_amf_memfree_UplinkNASTransport(__mv_amf_dt_UplinkNASTransport* rec);
-int __mv_amf_Encode_UplinkNASTransport(const __mv_amf_dt_UplinkNASTransport* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UplinkNASTransport(__mv_amf_dt_UplinkNASTransport** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UplinkNASTransport(const __mv_amf_dt_UplinkNASTransport* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UplinkNASTransport(__mv_amf_dt_UplinkNASTransport** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_NASNonDeliveryIndication(__mv_amf_dt_NASNonDeliveryIndication** rec);
 void __mv_amf_debug_NASNonDeliveryIndication(const char* key, const __mv_amf_dt_NASNonDeliveryIndication* rec, int level);
 void __mv_amf_memfree_NASNonDeliveryIndication(__mv_amf_dt_NASNonDeliveryIndication* rec);
-int __mv_amf_Encode_NASNonDeliveryIndication(const __mv_amf_dt_NASNonDeliveryIndication* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NASNonDeliveryIndication(__mv_amf_dt_NASNonDeliveryIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NASNonDeliveryIndication(const __mv_amf_dt_NASNonDeliveryIndication* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NASNonDeliveryIndication(__mv_amf_dt_NASNonDeliveryIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_RerouteNASRequest(__mv_amf_dt_RerouteNASRequest** rec);
 void __mv_amf_debug_RerouteNASRequest(const char* key, const __mv_amf_dt_RerouteNASRequest* rec, int level);
 void __mv_amf_memfree_RerouteNASRequest(__mv_amf_dt_RerouteNASRequest* rec);
-int __mv_amf_Encode_RerouteNASRequest(const __mv_amf_dt_RerouteNASRequest* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_RerouteNASRequest(__mv_amf_dt_RerouteNASRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_RerouteNASRequest(const __mv_amf_dt_RerouteNASRequest* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_RerouteNASRequest(__mv_amf_dt_RerouteNASRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_RerouteNASRequest_NGAP_Message(__mv_amf_dt_RerouteNASRequest_NGAP_Message** rec);
 int __mv_amf_init_RerouteNASRequest_NGAP_Message2(__mv_amf_dt_RerouteNASRequest_NGAP_Message** rec, const uint8_t* bytes, uint32_t length);
 void __mv_amf_debug_RerouteNASRequest_NGAP_Message(const char* key, const __mv_amf_dt_RerouteNASRequest_NGAP_Message* rec, int level);
 void __mv_amf_memfree_RerouteNASRequest_NGAP_Message(__mv_amf_dt_RerouteNASRequest_NGAP_Message* rec);
-int __mv_amf_Encode_RerouteNASRequest_NGAP_Message(const __mv_amf_dt_RerouteNASRequest_NGAP_Message* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_RerouteNASRequest_NGAP_Message(__mv_amf_dt_RerouteNASRequest_NGAP_Message** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_RerouteNASRequest_NGAP_Message(const __mv_amf_dt_RerouteNASRequest_NGAP_Message* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_RerouteNASRequest_NGAP_Message(__mv_amf_dt_RerouteNASRequest_NGAP_Message** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_NGSetupRequest(__mv_amf_dt_NGSetupRequest** rec);
 void __mv_amf_debug_NGSetupRequest(const char* key, const __mv_amf_dt_NGSetupRequest* rec, int level);
 void __mv_amf_memfree_NGSetupRequest(__mv_amf_dt_NGSetupRequest* rec);
-int __mv_amf_Encode_NGSetupRequest(const __mv_amf_dt_NGSetupRequest* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NGSetupRequest(__mv_amf_dt_NGSetupRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NGSetupRequest(const __mv_amf_dt_NGSetupRequest* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NGSetupRequest(__mv_amf_dt_NGSetupRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_NGSetupResponse(__mv_amf_dt_NGSetupResponse** rec);
 void __mv_amf_debug_NGSetupResponse(const char* key, const __mv_amf_dt_NGSetupResponse* rec, int level);
 void __mv_amf_memfree_NGSetupResponse(__mv_amf_dt_NGSetupResponse* rec);
-int __mv_amf_Encode_NGSetupResponse(const __mv_amf_dt_NGSetupResponse* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NGSetupResponse(__mv_amf_dt_NGSetupResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NGSetupResponse(const __mv_amf_dt_NGSetupResponse* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NGSetupResponse(__mv_amf_dt_NGSetupResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_NGSetupFailure(__mv_amf_dt_NGSetupFailure** rec);
 void __mv_amf_debug_NGSetupFailure(const char* key, const __mv_amf_dt_NGSetupFailure* rec, int level);
 void __mv_amf_memfree_NGSetupFailure(__mv_amf_dt_NGSetupFailure* rec);
-int __mv_amf_Encode_NGSetupFailure(const __mv_amf_dt_NGSetupFailure* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NGSetupFailure(__mv_amf_dt_NGSetupFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NGSetupFailure(const __mv_amf_dt_NGSetupFailure* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NGSetupFailure(__mv_amf_dt_NGSetupFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_RANConfigurationUpdate(__mv_amf_dt_RANConfigurationUpdate** rec);
 void __mv_amf_debug_RANConfigurationUpdate(const char* key, const __mv_amf_dt_RANConfigurationUpdate* rec, int level);
 void __mv_amf_memfree_RANConfigurationUpdate(__mv_amf_dt_RANConfigurationUpdate* rec);
-int __mv_amf_Encode_RANConfigurationUpdate(const __mv_amf_dt_RANConfigurationUpdate* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_RANConfigurationUpdate(__mv_amf_dt_RANConfigurationUpdate** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_RANConfigurationUpdate(const __mv_amf_dt_RANConfigurationUpdate* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_RANConfigurationUpdate(__mv_amf_dt_RANConfigurationUpdate** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_RANConfigurationUpdateAcknowledge(__mv_amf_dt_RANConfigurationUpdateAcknowledge** rec);
 void __mv_amf_debug_RANConfigurationUpdateAcknowledge(const char* key, const __mv_amf_dt_RANConfigurationUpdateAcknowledge* rec, int level);
 void __mv_amf_memfree_RANConfigurationUpdateAcknowledge(__mv_amf_dt_RANConfigurationUpdateAcknowledge* rec);
-int __mv_amf_Encode_RANConfigurationUpdateAcknowledge(const __mv_amf_dt_RANConfigurationUpdateAcknowledge* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_RANConfigurationUpdateAcknowledge(__mv_amf_dt_RANConfigurationUpdateAcknowledge** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_RANConfigurationUpdateAcknowledge(const __mv_amf_dt_RANConfigurationUpdateAcknowledge* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_RANConfigurationUpdateAcknowledge(__mv_amf_dt_RANConfigurationUpdateAcknowledge** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_RANConfigurationUpdateFailure(__mv_amf_dt_RANConfigurationUpdateFailure** rec);
 void __mv_amf_debug_RANConfigurationUpdateFailure(const char* key, const __mv_amf_dt_RANConfigurationUpdateFailure* rec, int level);
 void __mv_amf_memfree_RANConfigurationUpdateFailure(__mv_amf_dt_RANConfigurationUpdateFailure* rec);
-int __mv_amf_Encode_RANConfigurationUpdateFailure(const __mv_amf_dt_RANConfigurationUpdateFailure* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_RANConfigurationUpdateFailure(__mv_amf_dt_RANConfigurationUpdateFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_RANConfigurationUpdateFailure(const __mv_amf_dt_RANConfigurationUpdateFailure* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_RANConfigurationUpdateFailure(__mv_amf_dt_RANConfigurationUpdateFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AMFConfigurationUpdate(__mv_amf_dt_AMFConfigurationUpdate** rec);
 void __mv_amf_debug_AMFConfigurationUpdate(const char* key, const __mv_amf_dt_AMFConfigurationUpdate* rec, int level);
 void __mv_amf_memfree_AMFConfigurationUpdate(__mv_amf_dt_AMFConfigurationUpdate* rec);
-int __mv_amf_Encode_AMFConfigurationUpdate(const __mv_amf_dt_AMFConfigurationUpdate* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AMFConfigurationUpdate(__mv_amf_dt_AMFConfigurationUpdate** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AMFConfigurationUpdate(const __mv_amf_dt_AMFConfigurationUpdate* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AMFConfigurationUpdate(__mv_amf_dt_AMFConfigurationUpdate** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AMFConfigurationUpdateAcknowledge(__mv_amf_dt_AMFConfigurationUpdateAcknowledge** rec);
 void __mv_amf_debug_AMFConfigurationUpdateAcknowledge(const char* key, const __mv_amf_dt_AMFConfigurationUpdateAcknowledge* rec, int level);
 void __mv_amf_memfree_AMFConfigurationUpdateAcknowledge(__mv_amf_dt_AMFConfigurationUpdateAcknowledge* rec);
-int __mv_amf_Encode_AMFConfigurationUpdateAcknowledge(const __mv_amf_dt_AMFConfigurationUpdateAcknowledge* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AMFConfigurationUpdateAcknowledge(__mv_amf_dt_AMFConfigurationUpdateAcknowledge** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AMFConfigurationUpdateAcknowledge(const __mv_amf_dt_AMFConfigurationUpdateAcknowledge* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AMFConfigurationUpdateAcknowledge(__mv_amf_dt_AMFConfigurationUpdateAcknowledge** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AMFConfigurationUpdateFailure(__mv_amf_dt_AMFConfigurationUpdateFailure** rec);
 void __mv_amf_debug_AMFConfigurationUpdateFailure(const char* key, const __mv_amf_dt_AMFConfigurationUpdateFailure* rec, int level);
 void __mv_amf_memfree_AMFConfigurationUpdateFailure(__mv_amf_dt_AMFConfigurationUpdateFailure* rec);
-int __mv_amf_Encode_AMFConfigurationUpdateFailure(const __mv_amf_dt_AMFConfigurationUpdateFailure* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AMFConfigurationUpdateFailure(__mv_amf_dt_AMFConfigurationUpdateFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AMFConfigurationUpdateFailure(const __mv_amf_dt_AMFConfigurationUpdateFailure* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AMFConfigurationUpdateFailure(__mv_amf_dt_AMFConfigurationUpdateFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_AMFStatusIndication(__mv_amf_dt_AMFStatusIndication** rec);
 void __mv_amf_debug_AMFStatusIndication(const char* key, const __mv_amf_dt_AMFStatusIndication* rec, int level);
 void __mv_amf_memfree_AMFStatusIndication(__mv_amf_dt_AMFStatusIndication* rec);
-int __mv_amf_Encode_AMFStatusIndication(const __mv_amf_dt_AMFStatusIndication* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_AMFStatusIndication(__mv_amf_dt_AMFStatusIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_AMFStatusIndication(const __mv_amf_dt_AMFStatusIndication* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_AMFStatusIndication(__mv_amf_dt_AMFStatusIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_NGReset(__mv_amf_dt_NGReset** rec);
 void __mv_amf_debug_NGReset(const char* key, const __mv_amf_dt_NGReset* rec, int level);
 void __mv_amf_memfree_NGReset(__mv_amf_dt_NGReset* rec);
-int __mv_amf_Encode_NGReset(const __mv_amf_dt_NGReset* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NGReset(__mv_amf_dt_NGReset** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NGReset(const __mv_amf_dt_NGReset* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NGReset(__mv_amf_dt_NGReset** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_NGResetAcknowledge(__mv_amf_dt_NGResetAcknowledge** rec);
 void __mv_amf_debug_NGResetAcknowledge(const char* key, const __mv_amf_dt_NGResetAcknowledge* rec, int level);
 void __mv_amf_memfree_NGResetAcknowledge(__mv_amf_dt_NGResetAcknowledge* rec);
-int __mv_amf_Encode_NGResetAcknowledge(const __mv_amf_dt_NGResetAcknowledge* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_NGResetAcknowledge(__mv_amf_dt_NGResetAcknowledge** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_NGResetAcknowledge(const __mv_amf_dt_NGResetAcknowledge* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_NGResetAcknowledge(__mv_amf_dt_NGResetAcknowledge** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_ErrorIndication(__mv_amf_dt_ErrorIndication** rec);
 void __mv_amf_debug_ErrorIndication(const char* key, const __mv_amf_dt_ErrorIndication* rec, int level);
 void __mv_amf_memfree_ErrorIndication(__mv_amf_dt_ErrorIndication* rec);
-int __mv_amf_Encode_ErrorIndication(const __mv_amf_dt_ErrorIndication* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_ErrorIndication(__mv_amf_dt_ErrorIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_ErrorIndication(const __mv_amf_dt_ErrorIndication* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_ErrorIndication(__mv_amf_dt_ErrorIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_OverloadStart(__mv_amf_dt_OverloadStart** rec);
 void __mv_amf_debug_OverloadStart(const char* key, const __mv_amf_dt_OverloadStart* rec, int level);
 void __mv_amf_memfree_OverloadStart(__mv_amf_dt_OverloadStart* rec);
-int __mv_amf_Encode_OverloadStart(const __mv_amf_dt_OverloadStart* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_OverloadStart(__mv_amf_dt_OverloadStart** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_OverloadStart(const __mv_amf_dt_OverloadStart* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_OverloadStart(__mv_amf_dt_OverloadStart** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_OverloadStop(__mv_amf_dt_OverloadStop** rec);
 void __mv_amf_debug_OverloadStop(const char* key, const __mv_amf_dt_OverloadStop* rec, int level);
 void __mv_amf_memfree_OverloadStop(__mv_amf_dt_OverloadStop* rec);
-int __mv_amf_Encode_OverloadStop(const __mv_amf_dt_OverloadStop* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_OverloadStop(__mv_amf_dt_OverloadStop** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_OverloadStop(const __mv_amf_dt_OverloadStop* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_OverloadStop(__mv_amf_dt_OverloadStop** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UplinkRANConfigurationTransfer(__mv_amf_dt_UplinkRANConfigurationTransfer** rec);
 void __mv_amf_debug_UplinkRANConfigurationTransfer(const char* key, const __mv_amf_dt_UplinkRANConfigurationTransfer* rec, int level);
 void __mv_amf_memfree_UplinkRANConfigurationTransfer(__mv_amf_dt_UplinkRANConfigurationTransfer* rec);
-int __mv_amf_Encode_UplinkRANConfigurationTransfer(const __mv_amf_dt_UplinkRANConfigurationTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UplinkRANConfigurationTransfer(__mv_amf_dt_UplinkRANConfigurationTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UplinkRANConfigurationTransfer(const __mv_amf_dt_UplinkRANConfigurationTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UplinkRANConfigurationTransfer(__mv_amf_dt_UplinkRANConfigurationTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_DownlinkRANConfigurationTransfer(__mv_amf_dt_DownlinkRANConfigurationTransfer** rec);
 void __mv_amf_debug_DownlinkRANConfigurationTransfer(const char* key, const __mv_amf_dt_DownlinkRANConfigurationTransfer* rec, int level);
 void __mv_amf_memfree_DownlinkRANConfigurationTransfer(__mv_amf_dt_DownlinkRANConfigurationTransfer* rec);
-int __mv_amf_Encode_DownlinkRANConfigurationTransfer(const __mv_amf_dt_DownlinkRANConfigurationTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_DownlinkRANConfigurationTransfer(__mv_amf_dt_DownlinkRANConfigurationTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_DownlinkRANConfigurationTransfer(const __mv_amf_dt_DownlinkRANConfigurationTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_DownlinkRANConfigurationTransfer(__mv_amf_dt_DownlinkRANConfigurationTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_WriteReplaceWarningRequest(__mv_amf_dt_WriteReplaceWarningRequest** rec);
 void __mv_amf_debug_WriteReplaceWarningRequest(const char* key, const __mv_amf_dt_WriteReplaceWarningRequest* rec, int level);
 void __mv_amf_memfree_WriteReplaceWarningRequest(__mv_amf_dt_WriteReplaceWarningRequest* rec);
-int __mv_amf_Encode_WriteReplaceWarningRequest(const __mv_amf_dt_WriteReplaceWarningRequest* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_WriteReplaceWarningRequest(__mv_amf_dt_WriteReplaceWarningRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_WriteReplaceWarningRequest(const __mv_amf_dt_WriteReplaceWarningRequest* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_WriteReplaceWarningRequest(__mv_amf_dt_WriteReplaceWarningRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_WriteReplaceWarningResponse(__mv_amf_dt_WriteReplaceWarningResponse** rec);
 void __mv_amf_debug_WriteReplaceWarningResponse(const char* key, const __mv_amf_dt_WriteReplaceWarningResponse* rec, int level);
 void __mv_amf_memfree_WriteReplaceWarningResponse(__mv_amf_dt_WriteReplaceWarningResponse* rec);
-int __mv_amf_Encode_WriteReplaceWarningResponse(const __mv_amf_dt_WriteReplaceWarningResponse* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_WriteReplaceWarningResponse(__mv_amf_dt_WriteReplaceWarningResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_WriteReplaceWarningResponse(const __mv_amf_dt_WriteReplaceWarningResponse* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_WriteReplaceWarningResponse(__mv_amf_dt_WriteReplaceWarningResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PWSCancelRequest(__mv_amf_dt_PWSCancelRequest** rec);
 void __mv_amf_debug_PWSCancelRequest(const char* key, const __mv_amf_dt_PWSCancelRequest* rec, int level);
 void __mv_amf_memfree_PWSCancelRequest(__mv_amf_dt_PWSCancelRequest* rec);
-int __mv_amf_Encode_PWSCancelRequest(const __mv_amf_dt_PWSCancelRequest* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PWSCancelRequest(__mv_amf_dt_PWSCancelRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PWSCancelRequest(const __mv_amf_dt_PWSCancelRequest* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PWSCancelRequest(__mv_amf_dt_PWSCancelRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PWSCancelResponse(__mv_amf_dt_PWSCancelResponse** rec);
 void __mv_amf_debug_PWSCancelResponse(const char* key, const __mv_amf_dt_PWSCancelResponse* rec, int level);
 void __mv_amf_memfree_PWSCancelResponse(__mv_amf_dt_PWSCancelResponse* rec);
-int __mv_amf_Encode_PWSCancelResponse(const __mv_amf_dt_PWSCancelResponse* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PWSCancelResponse(__mv_amf_dt_PWSCancelResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PWSCancelResponse(const __mv_amf_dt_PWSCancelResponse* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PWSCancelResponse(__mv_amf_dt_PWSCancelResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PWSRestartIndication(__mv_amf_dt_PWSRestartIndication** rec);
 void __mv_amf_debug_PWSRestartIndication(const char* key, const __mv_amf_dt_PWSRestartIndication* rec, int level);
 void __mv_amf_memfree_PWSRestartIndication(__mv_amf_dt_PWSRestartIndication* rec);
-int __mv_amf_Encode_PWSRestartIndication(const __mv_amf_dt_PWSRestartIndication* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PWSRestartIndication(__mv_amf_dt_PWSRestartIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PWSRestartIndication(const __mv_amf_dt_PWSRestartIndication* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PWSRestartIndication(__mv_amf_dt_PWSRestartIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PWSFailureIndication(__mv_amf_dt_PWSFailureIndication** rec);
 void __mv_amf_debug_PWSFailureIndication(const char* key, const __mv_amf_dt_PWSFailureIndication* rec, int level);
 void __mv_amf_memfree_PWSFailureIndication(__mv_amf_dt_PWSFailureIndication* rec);
-int __mv_amf_Encode_PWSFailureIndication(const __mv_amf_dt_PWSFailureIndication* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PWSFailureIndication(__mv_amf_dt_PWSFailureIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PWSFailureIndication(const __mv_amf_dt_PWSFailureIndication* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PWSFailureIndication(__mv_amf_dt_PWSFailureIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_DownlinkUEAssociatedNRPPaTransport(__mv_amf_dt_DownlinkUEAssociatedNRPPaTransport** rec);
 void __mv_amf_debug_DownlinkUEAssociatedNRPPaTransport(const char* key, const __mv_amf_dt_DownlinkUEAssociatedNRPPaTransport* rec, int level);
 void __mv_amf_memfree_DownlinkUEAssociatedNRPPaTransport(__mv_amf_dt_DownlinkUEAssociatedNRPPaTransport* rec);
-int __mv_amf_Encode_DownlinkUEAssociatedNRPPaTransport(const __mv_amf_dt_DownlinkUEAssociatedNRPPaTransport* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_DownlinkUEAssociatedNRPPaTransport(__mv_amf_dt_DownlinkUEAssociatedNRPPaTransport** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_DownlinkUEAssociatedNRPPaTransport(const __mv_amf_dt_DownlinkUEAssociatedNRPPaTransport* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_DownlinkUEAssociatedNRPPaTransport(__mv_amf_dt_DownlinkUEAssociatedNRPPaTransport** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UplinkUEAssociatedNRPPaTransport(__mv_amf_dt_UplinkUEAssociatedNRPPaTransport** rec);
 void __mv_amf_debug_UplinkUEAssociatedNRPPaTransport(const char* key, const __mv_amf_dt_UplinkUEAssociatedNRPPaTransport* rec, int level);
 void __mv_amf_memfree_UplinkUEAssociatedNRPPaTransport(__mv_amf_dt_UplinkUEAssociatedNRPPaTransport* rec);
-int __mv_amf_Encode_UplinkUEAssociatedNRPPaTransport(const __mv_amf_dt_UplinkUEAssociatedNRPPaTransport* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UplinkUEAssociatedNRPPaTransport(__mv_amf_dt_UplinkUEAssociatedNRPPaTransport** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UplinkUEAssociatedNRPPaTransport(const __mv_amf_dt_UplinkUEAssociatedNRPPaTransport* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UplinkUEAssociatedNRPPaTransport(__mv_amf_dt_UplinkUEAssociatedNRPPaTransport** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_DownlinkNonUEAssociatedNRPPaTransport(__mv_amf_dt_DownlinkNonUEAssociatedNRPPaTransport** rec);
 void __mv_amf_debug_DownlinkNonUEAssociatedNRPPaTransport(const char* key, const __mv_amf_dt_DownlinkNonUEAssociatedNRPPaTransport* rec, int level);
 void __mv_amf_memfree_DownlinkNonUEAssociatedNRPPaTransport(__mv_amf_dt_DownlinkNonUEAssociatedNRPPaTransport* rec);
-int __mv_amf_Encode_DownlinkNonUEAssociatedNRPPaTransport(const __mv_amf_dt_DownlinkNonUEAssociatedNRPPaTransport* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_DownlinkNonUEAssociatedNRPPaTransport(__mv_amf_dt_DownlinkNonUEAssociatedNRPPaTransport** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_DownlinkNonUEAssociatedNRPPaTransport(const __mv_amf_dt_DownlinkNonUEAssociatedNRPPaTransport* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_DownlinkNonUEAssociatedNRPPaTransport(__mv_amf_dt_DownlinkNonUEAssociatedNRPPaTransport** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UplinkNonUEAssociatedNRPPaTransport(__mv_amf_dt_UplinkNonUEAssociatedNRPPaTransport** rec);
 void __mv_amf_debug_UplinkNonUEAssociatedNRPPaTransport(const char* key, const __mv_amf_dt_UplinkNonUEAssociatedNRPPaTransport* rec, int level);
 void __mv_amf_memfree_UplinkNonUEAssociatedNRPPaTransport(__mv_amf_dt_UplinkNonUEAssociatedNRPPaTransport* rec);
-int __mv_amf_Encode_UplinkNonUEAssociatedNRPPaTransport(const __mv_amf_dt_UplinkNonUEAssociatedNRPPaTransport* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UplinkNonUEAssociatedNRPPaTransport(__mv_amf_dt_UplinkNonUEAssociatedNRPPaTransport** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UplinkNonUEAssociatedNRPPaTransport(const __mv_amf_dt_UplinkNonUEAssociatedNRPPaTransport* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UplinkNonUEAssociatedNRPPaTransport(__mv_amf_dt_UplinkNonUEAssociatedNRPPaTransport** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_TraceStart(__mv_amf_dt_TraceStart** rec);
 void __mv_amf_debug_TraceStart(const char* key, const __mv_amf_dt_TraceStart* rec, int level);
 void __mv_amf_memfree_TraceStart(__mv_amf_dt_TraceStart* rec);
-int __mv_amf_Encode_TraceStart(const __mv_amf_dt_TraceStart* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TraceStart(__mv_amf_dt_TraceStart** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TraceStart(const __mv_amf_dt_TraceStart* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TraceStart(__mv_amf_dt_TraceStart** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_TraceFailureIndication(__mv_amf_dt_TraceFailureIndication** rec);
 void __mv_amf_debug_TraceFailureIndication(const char* key, const __mv_amf_dt_TraceFailureIndication* rec, int level);
 void __mv_amf_memfree_TraceFailureIndication(__mv_amf_dt_TraceFailureIndication* rec);
-int __mv_amf_Encode_TraceFailureIndication(const __mv_amf_dt_TraceFailureIndication* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_TraceFailureIndication(__mv_amf_dt_TraceFailureIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_TraceFailureIndication(const __mv_amf_dt_TraceFailureIndication* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_TraceFailureIndication(__mv_amf_dt_TraceFailureIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_DeactivateTrace(__mv_amf_dt_DeactivateTrace** rec);
 void __mv_amf_debug_DeactivateTrace(const char* key, const __mv_amf_dt_DeactivateTrace* rec, int level);
 void __mv_amf_memfree_DeactivateTrace(__mv_amf_dt_DeactivateTrace* rec);
-int __mv_amf_Encode_DeactivateTrace(const __mv_amf_dt_DeactivateTrace* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_DeactivateTrace(__mv_amf_dt_DeactivateTrace** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_DeactivateTrace(const __mv_amf_dt_DeactivateTrace* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_DeactivateTrace(__mv_amf_dt_DeactivateTrace** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_CellTrafficTrace(__mv_amf_dt_CellTrafficTrace** rec);
 void __mv_amf_debug_CellTrafficTrace(const char* key, const __mv_amf_dt_CellTrafficTrace* rec, int level);
 void __mv_amf_memfree_CellTrafficTrace(__mv_amf_dt_CellTrafficTrace* rec);
-int __mv_amf_Encode_CellTrafficTrace(const __mv_amf_dt_CellTrafficTrace* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_CellTrafficTrace(__mv_amf_dt_CellTrafficTrace** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_CellTrafficTrace(const __mv_amf_dt_CellTrafficTrace* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_CellTrafficTrace(__mv_amf_dt_CellTrafficTrace** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_LocationReportingControl(__mv_amf_dt_LocationReportingControl** rec);
 void __mv_amf_debug_LocationReportingControl(const char* key, const __mv_amf_dt_LocationReportingControl* rec, int level);
 void __mv_amf_memfree_LocationReportingControl(__mv_amf_dt_LocationReportingControl* rec);
-int __mv_amf_Encode_LocationReportingControl(const __mv_amf_dt_LocationReportingControl* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_LocationReportingControl(__mv_amf_dt_LocationReportingControl** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_LocationReportingControl(const __mv_amf_dt_LocationReportingControl* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_LocationReportingControl(__mv_amf_dt_LocationReportingControl** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_LocationReportingFailureIndication(__mv_amf_dt_LocationReportingFailureIndication** rec);
 void __mv_amf_debug_LocationReportingFailureIndication(const char* key, const __mv_amf_dt_LocationReportingFailureIndication* rec, int level);
 void __mv_amf_memfree_LocationReportingFailureIndication(__mv_amf_dt_LocationReportingFailureIndication* rec);
-int __mv_amf_Encode_LocationReportingFailureIndication(const __mv_amf_dt_LocationReportingFailureIndication* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_LocationReportingFailureIndication(__mv_amf_dt_LocationReportingFailureIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_LocationReportingFailureIndication(const __mv_amf_dt_LocationReportingFailureIndication* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_LocationReportingFailureIndication(__mv_amf_dt_LocationReportingFailureIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_LocationReport(__mv_amf_dt_LocationReport** rec);
 void __mv_amf_debug_LocationReport(const char* key, const __mv_amf_dt_LocationReport* rec, int level);
 void __mv_amf_memfree_LocationReport(__mv_amf_dt_LocationReport* rec);
-int __mv_amf_Encode_LocationReport(const __mv_amf_dt_LocationReport* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_LocationReport(__mv_amf_dt_LocationReport** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_LocationReport(const __mv_amf_dt_LocationReport* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_LocationReport(__mv_amf_dt_LocationReport** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UETNLABindingReleaseRequest(__mv_amf_dt_UETNLABindingReleaseRequest** rec);
 void __mv_amf_debug_UETNLABindingReleaseRequest(const char* key, const __mv_amf_dt_UETNLABindingReleaseRequest* rec, int level);
 void __mv_amf_memfree_UETNLABindingReleaseRequest(__mv_amf_dt_UETNLABindingReleaseRequest* rec);
-int __mv_amf_Encode_UETNLABindingReleaseRequest(const __mv_amf_dt_UETNLABindingReleaseRequest* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UETNLABindingReleaseRequest(__mv_amf_dt_UETNLABindingReleaseRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UETNLABindingReleaseRequest(const __mv_amf_dt_UETNLABindingReleaseRequest* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UETNLABindingReleaseRequest(__mv_amf_dt_UETNLABindingReleaseRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UERadioCapabilityInfoIndication(__mv_amf_dt_UERadioCapabilityInfoIndication** rec);
 void __mv_amf_debug_UERadioCapabilityInfoIndication(const char* key, const __mv_amf_dt_UERadioCapabilityInfoIndication* rec, int level);
 void __mv_amf_memfree_UERadioCapabilityInfoIndication(__mv_amf_dt_UERadioCapabilityInfoIndication* rec);
-int __mv_amf_Encode_UERadioCapabilityInfoIndication(const __mv_amf_dt_UERadioCapabilityInfoIndication* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UERadioCapabilityInfoIndication(__mv_amf_dt_UERadioCapabilityInfoIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UERadioCapabilityInfoIndication(const __mv_amf_dt_UERadioCapabilityInfoIndication* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UERadioCapabilityInfoIndication(__mv_amf_dt_UERadioCapabilityInfoIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UERadioCapabilityCheckRequest(__mv_amf_dt_UERadioCapabilityCheckRequest** rec);
 void __mv_amf_debug_UERadioCapabilityCheckRequest(const char* key, const __mv_amf_dt_UERadioCapabilityCheckRequest* rec, int level);
 void __mv_amf_memfree_UERadioCapabilityCheckRequest(__mv_amf_dt_UERadioCapabilityCheckRequest* rec);
-int __mv_amf_Encode_UERadioCapabilityCheckRequest(const __mv_amf_dt_UERadioCapabilityCheckRequest* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UERadioCapabilityCheckRequest(__mv_amf_dt_UERadioCapabilityCheckRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UERadioCapabilityCheckRequest(const __mv_amf_dt_UERadioCapabilityCheckRequest* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UERadioCapabilityCheckRequest(__mv_amf_dt_UERadioCapabilityCheckRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_UERadioCapabilityCheckResponse(__mv_amf_dt_UERadioCapabilityCheckResponse** rec);
 void __mv_amf_debug_UERadioCapabilityCheckResponse(const char* key, const __mv_amf_dt_UERadioCapabilityCheckResponse* rec, int level);
 void __mv_amf_memfree_UERadioCapabilityCheckResponse(__mv_amf_dt_UERadioCapabilityCheckResponse* rec);
-int __mv_amf_Encode_UERadioCapabilityCheckResponse(const __mv_amf_dt_UERadioCapabilityCheckResponse* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_UERadioCapabilityCheckResponse(__mv_amf_dt_UERadioCapabilityCheckResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_UERadioCapabilityCheckResponse(const __mv_amf_dt_UERadioCapabilityCheckResponse* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_UERadioCapabilityCheckResponse(__mv_amf_dt_UERadioCapabilityCheckResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_PrivateMessage(__mv_amf_dt_PrivateMessage** rec);
 void __mv_amf_debug_PrivateMessage(const char* key, const __mv_amf_dt_PrivateMessage* rec, int level);
 void __mv_amf_memfree_PrivateMessage(__mv_amf_dt_PrivateMessage* rec);
-int __mv_amf_Encode_PrivateMessage(const __mv_amf_dt_PrivateMessage* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_PrivateMessage(__mv_amf_dt_PrivateMessage** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_PrivateMessage(const __mv_amf_dt_PrivateMessage* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_PrivateMessage(__mv_amf_dt_PrivateMessage** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_amf_init_SecondaryRATDataUsageReport(__mv_amf_dt_SecondaryRATDataUsageReport** rec);
 void __mv_amf_debug_SecondaryRATDataUsageReport(const char* key, const __mv_amf_dt_SecondaryRATDataUsageReport* rec, int level);
 void __mv_amf_memfree_SecondaryRATDataUsageReport(__mv_amf_dt_SecondaryRATDataUsageReport* rec);
-int __mv_amf_Encode_SecondaryRATDataUsageReport(const __mv_amf_dt_SecondaryRATDataUsageReport* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_amf_Decode_SecondaryRATDataUsageReport(__mv_amf_dt_SecondaryRATDataUsageReport** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Encode_SecondaryRATDataUsageReport(const __mv_amf_dt_SecondaryRATDataUsageReport* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_Decode_SecondaryRATDataUsageReport(__mv_amf_dt_SecondaryRATDataUsageReport** out, int* isset, int level, __mv_asn_coding_context* ctx);
 
-// Placeholders of the extension sets: nothing to code, always good.
-inline int __mv_amf_Encode_AMF_TNLAssociationSetupItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_AMF_TNLAssociationSetupItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+// Placeholders of the extension sets: nothing to code, always good (1).
+inline int __mv_amf_Encode_AMF_TNLAssociationSetupItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_AMF_TNLAssociationSetupItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_AMF_TNLAssociationSetupItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_AMF_TNLAssociationSetupItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_AMF_TNLAssociationToAddItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_AMF_TNLAssociationToAddItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_AMF_TNLAssociationToAddItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_AMF_TNLAssociationToAddItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_AMF_TNLAssociationToAddItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_AMF_TNLAssociationToAddItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_AMF_TNLAssociationToRemoveItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_AMF_TNLAssociationToRemoveItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_AMF_TNLAssociationToRemoveItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_AMF_TNLAssociationToRemoveItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_AMF_TNLAssociationToRemoveItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_AMF_TNLAssociationToRemoveItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_AMF_TNLAssociationToUpdateItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_AMF_TNLAssociationToUpdateItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_AMF_TNLAssociationToUpdateItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_AMF_TNLAssociationToUpdateItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_AMF_TNLAssociationToUpdateItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_AMF_TNLAssociationToUpdateItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_AdditionalDLUPTNLInformationForHOItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_AdditionalDLUPTNLInformationForHOItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_AdditionalDLUPTNLInformationForHOItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_AdditionalDLUPTNLInformationForHOItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_AdditionalDLUPTNLInformationForHOItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_AdditionalDLUPTNLInformationForHOItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_AllocationAndRetentionPriority_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_AllocationAndRetentionPriority_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_AllocationAndRetentionPriority_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_AllocationAndRetentionPriority_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_AllocationAndRetentionPriority_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_AllocationAndRetentionPriority_ExtIEs(void*) {}
-inline int __mv_amf_Encode_AllowedNSSAI_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_AllowedNSSAI_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_AllowedNSSAI_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_AllowedNSSAI_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_AllowedNSSAI_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_AllowedNSSAI_Item_ExtIEs(void*) {}
-inline int __mv_amf_Encode_AreaOfInterest_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_AreaOfInterest_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_AreaOfInterest_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_AreaOfInterest_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_AreaOfInterest_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_AreaOfInterest_ExtIEs(void*) {}
-inline int __mv_amf_Encode_AreaOfInterestCellItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_AreaOfInterestCellItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_AreaOfInterestCellItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_AreaOfInterestCellItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_AreaOfInterestCellItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_AreaOfInterestCellItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_AreaOfInterestItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_AreaOfInterestItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_AreaOfInterestItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_AreaOfInterestItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_AreaOfInterestItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_AreaOfInterestItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_AreaOfInterestRANNodeItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_AreaOfInterestRANNodeItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_AreaOfInterestRANNodeItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_AreaOfInterestRANNodeItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_AreaOfInterestRANNodeItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_AreaOfInterestRANNodeItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_AreaOfInterestTAIItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_AreaOfInterestTAIItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_AreaOfInterestTAIItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_AreaOfInterestTAIItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_AreaOfInterestTAIItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_AreaOfInterestTAIItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_AssistanceDataForPaging_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_AssistanceDataForPaging_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_AssistanceDataForPaging_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_AssistanceDataForPaging_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_AssistanceDataForPaging_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_AssistanceDataForPaging_ExtIEs(void*) {}
-inline int __mv_amf_Encode_AssistanceDataForRecommendedCells_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_AssistanceDataForRecommendedCells_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_AssistanceDataForRecommendedCells_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_AssistanceDataForRecommendedCells_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_AssistanceDataForRecommendedCells_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_AssistanceDataForRecommendedCells_ExtIEs(void*) {}
-inline int __mv_amf_Encode_AssociatedQosFlowItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_AssociatedQosFlowItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_AssociatedQosFlowItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_AssociatedQosFlowItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_AssociatedQosFlowItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_AssociatedQosFlowItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_BroadcastPLMNItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_BroadcastPLMNItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_BroadcastPLMNItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_BroadcastPLMNItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_BroadcastPLMNItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_BroadcastPLMNItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_CNAssistedRANTuning_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_CNAssistedRANTuning_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_CNAssistedRANTuning_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_CNAssistedRANTuning_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_CNAssistedRANTuning_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_CNAssistedRANTuning_ExtIEs(void*) {}
-inline int __mv_amf_Encode_CNTypeRestrictionsForEquivalentItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_CNTypeRestrictionsForEquivalentItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_CNTypeRestrictionsForEquivalentItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_CNTypeRestrictionsForEquivalentItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_CNTypeRestrictionsForEquivalentItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_CNTypeRestrictionsForEquivalentItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_COUNTValueForPDCP_SN12_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_COUNTValueForPDCP_SN12_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_COUNTValueForPDCP_SN12_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_COUNTValueForPDCP_SN12_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_COUNTValueForPDCP_SN12_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_COUNTValueForPDCP_SN12_ExtIEs(void*) {}
-inline int __mv_amf_Encode_COUNTValueForPDCP_SN18_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_COUNTValueForPDCP_SN18_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_COUNTValueForPDCP_SN18_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_COUNTValueForPDCP_SN18_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_COUNTValueForPDCP_SN18_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_COUNTValueForPDCP_SN18_ExtIEs(void*) {}
-inline int __mv_amf_Encode_CancelledCellsInEAI_EUTRA_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_CancelledCellsInEAI_EUTRA_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_CancelledCellsInEAI_EUTRA_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_CancelledCellsInEAI_EUTRA_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_CancelledCellsInEAI_EUTRA_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_CancelledCellsInEAI_EUTRA_Item_ExtIEs(void*) {}
-inline int __mv_amf_Encode_CancelledCellsInEAI_NR_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_CancelledCellsInEAI_NR_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_CancelledCellsInEAI_NR_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_CancelledCellsInEAI_NR_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_CancelledCellsInEAI_NR_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_CancelledCellsInEAI_NR_Item_ExtIEs(void*) {}
-inline int __mv_amf_Encode_CancelledCellsInTAI_EUTRA_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_CancelledCellsInTAI_EUTRA_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_CancelledCellsInTAI_EUTRA_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_CancelledCellsInTAI_EUTRA_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_CancelledCellsInTAI_EUTRA_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_CancelledCellsInTAI_EUTRA_Item_ExtIEs(void*) {}
-inline int __mv_amf_Encode_CancelledCellsInTAI_NR_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_CancelledCellsInTAI_NR_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_CancelledCellsInTAI_NR_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_CancelledCellsInTAI_NR_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_CancelledCellsInTAI_NR_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_CancelledCellsInTAI_NR_Item_ExtIEs(void*) {}
-inline int __mv_amf_Encode_CellIDBroadcastEUTRA_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_CellIDBroadcastEUTRA_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_CellIDBroadcastEUTRA_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_CellIDBroadcastEUTRA_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_CellIDBroadcastEUTRA_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_CellIDBroadcastEUTRA_Item_ExtIEs(void*) {}
-inline int __mv_amf_Encode_CellIDBroadcastNR_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_CellIDBroadcastNR_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_CellIDBroadcastNR_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_CellIDBroadcastNR_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_CellIDBroadcastNR_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_CellIDBroadcastNR_Item_ExtIEs(void*) {}
-inline int __mv_amf_Encode_CellIDCancelledEUTRA_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_CellIDCancelledEUTRA_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_CellIDCancelledEUTRA_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_CellIDCancelledEUTRA_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_CellIDCancelledEUTRA_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_CellIDCancelledEUTRA_Item_ExtIEs(void*) {}
-inline int __mv_amf_Encode_CellIDCancelledNR_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_CellIDCancelledNR_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_CellIDCancelledNR_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_CellIDCancelledNR_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_CellIDCancelledNR_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_CellIDCancelledNR_Item_ExtIEs(void*) {}
-inline int __mv_amf_Encode_CellType_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_CellType_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_CellType_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_CellType_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_CellType_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_CellType_ExtIEs(void*) {}
-inline int __mv_amf_Encode_CompletedCellsInEAI_EUTRA_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_CompletedCellsInEAI_EUTRA_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_CompletedCellsInEAI_EUTRA_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_CompletedCellsInEAI_EUTRA_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_CompletedCellsInEAI_EUTRA_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_CompletedCellsInEAI_EUTRA_Item_ExtIEs(void*) {}
-inline int __mv_amf_Encode_CompletedCellsInEAI_NR_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_CompletedCellsInEAI_NR_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_CompletedCellsInEAI_NR_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_CompletedCellsInEAI_NR_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_CompletedCellsInEAI_NR_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_CompletedCellsInEAI_NR_Item_ExtIEs(void*) {}
-inline int __mv_amf_Encode_CompletedCellsInTAI_EUTRA_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_CompletedCellsInTAI_EUTRA_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_CompletedCellsInTAI_EUTRA_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_CompletedCellsInTAI_EUTRA_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_CompletedCellsInTAI_EUTRA_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_CompletedCellsInTAI_EUTRA_Item_ExtIEs(void*) {}
-inline int __mv_amf_Encode_CompletedCellsInTAI_NR_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_CompletedCellsInTAI_NR_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_CompletedCellsInTAI_NR_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_CompletedCellsInTAI_NR_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_CompletedCellsInTAI_NR_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_CompletedCellsInTAI_NR_Item_ExtIEs(void*) {}
-inline int __mv_amf_Encode_CoreNetworkAssistanceInformationForInactive_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_CoreNetworkAssistanceInformationForInactive_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_CoreNetworkAssistanceInformationForInactive_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_CoreNetworkAssistanceInformationForInactive_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_CoreNetworkAssistanceInformationForInactive_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_CoreNetworkAssistanceInformationForInactive_ExtIEs(void*) {}
-inline int __mv_amf_Encode_CriticalityDiagnostics_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_CriticalityDiagnostics_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_CriticalityDiagnostics_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_CriticalityDiagnostics_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_CriticalityDiagnostics_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_CriticalityDiagnostics_ExtIEs(void*) {}
-inline int __mv_amf_Encode_CriticalityDiagnostics_IE_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_CriticalityDiagnostics_IE_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_CriticalityDiagnostics_IE_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_CriticalityDiagnostics_IE_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_CriticalityDiagnostics_IE_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_CriticalityDiagnostics_IE_Item_ExtIEs(void*) {}
-inline int __mv_amf_Encode_DRBStatusDL12_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_DRBStatusDL12_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_DRBStatusDL12_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_DRBStatusDL12_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_DRBStatusDL12_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_DRBStatusDL12_ExtIEs(void*) {}
-inline int __mv_amf_Encode_DRBStatusDL18_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_DRBStatusDL18_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_DRBStatusDL18_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_DRBStatusDL18_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_DRBStatusDL18_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_DRBStatusDL18_ExtIEs(void*) {}
-inline int __mv_amf_Encode_DRBStatusUL12_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_DRBStatusUL12_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_DRBStatusUL12_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_DRBStatusUL12_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_DRBStatusUL12_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_DRBStatusUL12_ExtIEs(void*) {}
-inline int __mv_amf_Encode_DRBStatusUL18_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_DRBStatusUL18_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_DRBStatusUL18_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_DRBStatusUL18_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_DRBStatusUL18_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_DRBStatusUL18_ExtIEs(void*) {}
-inline int __mv_amf_Encode_DRBsSubjectToStatusTransferItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_DRBsSubjectToStatusTransferItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_DRBsSubjectToStatusTransferItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_DRBsSubjectToStatusTransferItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_DRBsSubjectToStatusTransferItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_DRBsSubjectToStatusTransferItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_DRBsToQosFlowsMappingItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_DRBsToQosFlowsMappingItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_DRBsToQosFlowsMappingItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_DRBsToQosFlowsMappingItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_DRBsToQosFlowsMappingItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_DRBsToQosFlowsMappingItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_DataForwardingResponseDRBItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_DataForwardingResponseDRBItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_DataForwardingResponseDRBItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_DataForwardingResponseDRBItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_DataForwardingResponseDRBItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_DataForwardingResponseDRBItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_Dynamic5QIDescriptor_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_Dynamic5QIDescriptor_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_Dynamic5QIDescriptor_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_Dynamic5QIDescriptor_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_Dynamic5QIDescriptor_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_Dynamic5QIDescriptor_ExtIEs(void*) {}
-inline int __mv_amf_Encode_E_RABInformationItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_E_RABInformationItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_E_RABInformationItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_E_RABInformationItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_E_RABInformationItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_E_RABInformationItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_EPS_TAI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_EPS_TAI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_EPS_TAI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_EPS_TAI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_EPS_TAI_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_EPS_TAI_ExtIEs(void*) {}
-inline int __mv_amf_Encode_EUTRA_CGI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_EUTRA_CGI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_EUTRA_CGI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_EUTRA_CGI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_EUTRA_CGI_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_EUTRA_CGI_ExtIEs(void*) {}
-inline int __mv_amf_Encode_EmergencyAreaIDBroadcastEUTRA_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_EmergencyAreaIDBroadcastEUTRA_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_EmergencyAreaIDBroadcastEUTRA_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_EmergencyAreaIDBroadcastEUTRA_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_EmergencyAreaIDBroadcastEUTRA_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_EmergencyAreaIDBroadcastEUTRA_Item_ExtIEs(void*) {}
-inline int __mv_amf_Encode_EmergencyAreaIDBroadcastNR_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_EmergencyAreaIDBroadcastNR_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_EmergencyAreaIDBroadcastNR_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_EmergencyAreaIDBroadcastNR_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_EmergencyAreaIDBroadcastNR_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_EmergencyAreaIDBroadcastNR_Item_ExtIEs(void*) {}
-inline int __mv_amf_Encode_EmergencyAreaIDCancelledEUTRA_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_EmergencyAreaIDCancelledEUTRA_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_EmergencyAreaIDCancelledEUTRA_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_EmergencyAreaIDCancelledEUTRA_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_EmergencyAreaIDCancelledEUTRA_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_EmergencyAreaIDCancelledEUTRA_Item_ExtIEs(void*) {}
-inline int __mv_amf_Encode_EmergencyAreaIDCancelledNR_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_EmergencyAreaIDCancelledNR_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_EmergencyAreaIDCancelledNR_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_EmergencyAreaIDCancelledNR_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_EmergencyAreaIDCancelledNR_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_EmergencyAreaIDCancelledNR_Item_ExtIEs(void*) {}
-inline int __mv_amf_Encode_EmergencyFallbackIndicator_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_EmergencyFallbackIndicator_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_EmergencyFallbackIndicator_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_EmergencyFallbackIndicator_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_EmergencyFallbackIndicator_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_EmergencyFallbackIndicator_ExtIEs(void*) {}
-inline int __mv_amf_Encode_EndpointIPAddressAndPort_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_EndpointIPAddressAndPort_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_EndpointIPAddressAndPort_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_EndpointIPAddressAndPort_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_EndpointIPAddressAndPort_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_EndpointIPAddressAndPort_ExtIEs(void*) {}
-inline int __mv_amf_Encode_ExpectedUEActivityBehaviour_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_ExpectedUEActivityBehaviour_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_ExpectedUEActivityBehaviour_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_ExpectedUEActivityBehaviour_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_ExpectedUEActivityBehaviour_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_ExpectedUEActivityBehaviour_ExtIEs(void*) {}
-inline int __mv_amf_Encode_ExpectedUEBehaviour_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_ExpectedUEBehaviour_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_ExpectedUEBehaviour_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_ExpectedUEBehaviour_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_ExpectedUEBehaviour_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_ExpectedUEBehaviour_ExtIEs(void*) {}
-inline int __mv_amf_Encode_ExpectedUEMovingTrajectoryItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_ExpectedUEMovingTrajectoryItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_ExpectedUEMovingTrajectoryItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_ExpectedUEMovingTrajectoryItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_ExpectedUEMovingTrajectoryItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_ExpectedUEMovingTrajectoryItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_FiveG_S_TMSI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_FiveG_S_TMSI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_FiveG_S_TMSI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_FiveG_S_TMSI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_FiveG_S_TMSI_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_FiveG_S_TMSI_ExtIEs(void*) {}
-inline int __mv_amf_Encode_ForbiddenAreaInformation_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_ForbiddenAreaInformation_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_ForbiddenAreaInformation_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_ForbiddenAreaInformation_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_ForbiddenAreaInformation_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_ForbiddenAreaInformation_Item_ExtIEs(void*) {}
-inline int __mv_amf_Encode_GBR_QosInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_GBR_QosInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_GBR_QosInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_GBR_QosInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_GBR_QosInformation_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_GBR_QosInformation_ExtIEs(void*) {}
-inline int __mv_amf_Encode_GTPTunnel_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_GTPTunnel_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_GTPTunnel_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_GTPTunnel_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_GTPTunnel_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_GTPTunnel_ExtIEs(void*) {}
-inline int __mv_amf_Encode_GUAMI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_GUAMI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_GUAMI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_GUAMI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_GUAMI_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_GUAMI_ExtIEs(void*) {}
-inline int __mv_amf_Encode_GlobalGNB_ID_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_GlobalGNB_ID_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_GlobalGNB_ID_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_GlobalGNB_ID_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_GlobalGNB_ID_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_GlobalGNB_ID_ExtIEs(void*) {}
-inline int __mv_amf_Encode_GlobalN3IWF_ID_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_GlobalN3IWF_ID_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_GlobalN3IWF_ID_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_GlobalN3IWF_ID_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_GlobalN3IWF_ID_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_GlobalN3IWF_ID_ExtIEs(void*) {}
-inline int __mv_amf_Encode_GlobalNgENB_ID_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_GlobalNgENB_ID_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_GlobalNgENB_ID_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_GlobalNgENB_ID_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_GlobalNgENB_ID_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_GlobalNgENB_ID_ExtIEs(void*) {}
-inline int __mv_amf_Encode_HandoverCommandTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_HandoverCommandTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_HandoverCommandTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_HandoverCommandTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_HandoverCommandTransfer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_HandoverCommandTransfer_ExtIEs(void*) {}
-inline int __mv_amf_Encode_HandoverPreparationUnsuccessfulTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_HandoverPreparationUnsuccessfulTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_HandoverPreparationUnsuccessfulTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_HandoverPreparationUnsuccessfulTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_HandoverPreparationUnsuccessfulTransfer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_HandoverPreparationUnsuccessfulTransfer_ExtIEs(void*) {}
-inline int __mv_amf_Encode_HandoverRequestAcknowledgeTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_HandoverRequestAcknowledgeTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_HandoverRequestAcknowledgeTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_HandoverRequestAcknowledgeTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_HandoverRequestAcknowledgeTransfer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_HandoverRequestAcknowledgeTransfer_ExtIEs(void*) {}
-inline int __mv_amf_Encode_HandoverRequiredTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_HandoverRequiredTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_HandoverRequiredTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_HandoverRequiredTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_HandoverRequiredTransfer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_HandoverRequiredTransfer_ExtIEs(void*) {}
-inline int __mv_amf_Encode_HandoverResourceAllocationUnsuccessfulTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_HandoverResourceAllocationUnsuccessfulTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_HandoverResourceAllocationUnsuccessfulTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_HandoverResourceAllocationUnsuccessfulTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_HandoverResourceAllocationUnsuccessfulTransfer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_HandoverResourceAllocationUnsuccessfulTransfer_ExtIEs(void*) {}
-inline int __mv_amf_Encode_InfoOnRecommendedCellsAndRANNodesForPaging_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_InfoOnRecommendedCellsAndRANNodesForPaging_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_InfoOnRecommendedCellsAndRANNodesForPaging_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_InfoOnRecommendedCellsAndRANNodesForPaging_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_InfoOnRecommendedCellsAndRANNodesForPaging_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_InfoOnRecommendedCellsAndRANNodesForPaging_ExtIEs(void*) {}
-inline int __mv_amf_Encode_LastVisitedCellItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_LastVisitedCellItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_LastVisitedCellItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_LastVisitedCellItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_LastVisitedCellItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_LastVisitedCellItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_LastVisitedNGRANCellInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_LastVisitedNGRANCellInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_LastVisitedNGRANCellInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_LastVisitedNGRANCellInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_LastVisitedNGRANCellInformation_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_LastVisitedNGRANCellInformation_ExtIEs(void*) {}
-inline int __mv_amf_Encode_LocationReportingRequestType_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_LocationReportingRequestType_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_LocationReportingRequestType_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_LocationReportingRequestType_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_LocationReportingRequestType_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_LocationReportingRequestType_ExtIEs(void*) {}
-inline int __mv_amf_Encode_MobilityRestrictionList_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_MobilityRestrictionList_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_MobilityRestrictionList_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_MobilityRestrictionList_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_MobilityRestrictionList_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_MobilityRestrictionList_ExtIEs(void*) {}
-inline int __mv_amf_Encode_NGRAN_TNLAssociationToRemoveItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_NGRAN_TNLAssociationToRemoveItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_NGRAN_TNLAssociationToRemoveItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_NGRAN_TNLAssociationToRemoveItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_NGRAN_TNLAssociationToRemoveItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_NGRAN_TNLAssociationToRemoveItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_NR_CGI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_NR_CGI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_NR_CGI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_NR_CGI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_NR_CGI_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_NR_CGI_ExtIEs(void*) {}
-inline int __mv_amf_Encode_NonDynamic5QIDescriptor_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_NonDynamic5QIDescriptor_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_NonDynamic5QIDescriptor_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_NonDynamic5QIDescriptor_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_NonDynamic5QIDescriptor_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_NonDynamic5QIDescriptor_ExtIEs(void*) {}
-inline int __mv_amf_Encode_OverloadStartNSSAIItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_OverloadStartNSSAIItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_OverloadStartNSSAIItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_OverloadStartNSSAIItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_OverloadStartNSSAIItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_OverloadStartNSSAIItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionAggregateMaximumBitRate_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionAggregateMaximumBitRate_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionAggregateMaximumBitRate_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionAggregateMaximumBitRate_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionAggregateMaximumBitRate_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionAggregateMaximumBitRate_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceAdmittedItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceAdmittedItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceAdmittedItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceAdmittedItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceAdmittedItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceAdmittedItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceFailedToModifyItemModCfm_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceFailedToModifyItemModCfm_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceFailedToModifyItemModCfm_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceFailedToModifyItemModCfm_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceFailedToModifyItemModCfm_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceFailedToModifyItemModCfm_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceFailedToModifyItemModRes_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceFailedToModifyItemModRes_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceFailedToModifyItemModRes_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceFailedToModifyItemModRes_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceFailedToModifyItemModRes_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceFailedToModifyItemModRes_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceFailedToSetupItemCxtFail_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceFailedToSetupItemCxtFail_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceFailedToSetupItemCxtFail_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceFailedToSetupItemCxtFail_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceFailedToSetupItemCxtFail_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceFailedToSetupItemCxtFail_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceFailedToSetupItemCxtRes_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceFailedToSetupItemCxtRes_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceFailedToSetupItemCxtRes_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceFailedToSetupItemCxtRes_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceFailedToSetupItemCxtRes_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceFailedToSetupItemCxtRes_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceFailedToSetupItemHOAck_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceFailedToSetupItemHOAck_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceFailedToSetupItemHOAck_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceFailedToSetupItemHOAck_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceFailedToSetupItemHOAck_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceFailedToSetupItemHOAck_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceFailedToSetupItemPSReq_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceFailedToSetupItemPSReq_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceFailedToSetupItemPSReq_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceFailedToSetupItemPSReq_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceFailedToSetupItemPSReq_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceFailedToSetupItemPSReq_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceFailedToSetupItemSURes_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceFailedToSetupItemSURes_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceFailedToSetupItemSURes_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceFailedToSetupItemSURes_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceFailedToSetupItemSURes_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceFailedToSetupItemSURes_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceHandoverItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceHandoverItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceHandoverItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceHandoverItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceHandoverItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceHandoverItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceInformationItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceInformationItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceInformationItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceInformationItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceInformationItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceInformationItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceItemCxtRelCpl_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceItemCxtRelCpl_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceItemCxtRelCpl_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceItemCxtRelCpl_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceItemCxtRelCpl_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceItemCxtRelCpl_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceItemCxtRelReq_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceItemCxtRelReq_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceItemCxtRelReq_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceItemCxtRelReq_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceItemCxtRelReq_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceItemCxtRelReq_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceItemHORqd_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceItemHORqd_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceItemHORqd_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceItemHORqd_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceItemHORqd_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceItemHORqd_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceModifyConfirmTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceModifyConfirmTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceModifyConfirmTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceModifyConfirmTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceModifyConfirmTransfer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceModifyConfirmTransfer_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceModifyIndicationTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceModifyIndicationTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceModifyIndicationTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceModifyIndicationTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceModifyIndicationTransfer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceModifyIndicationTransfer_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceModifyIndicationUnsuccessfulTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceModifyIndicationUnsuccessfulTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceModifyIndicationUnsuccessfulTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceModifyIndicationUnsuccessfulTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceModifyIndicationUnsuccessfulTransfer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceModifyIndicationUnsuccessfulTransfer_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceModifyItemModCfm_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceModifyItemModCfm_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceModifyItemModCfm_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceModifyItemModCfm_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceModifyItemModCfm_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceModifyItemModCfm_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceModifyItemModInd_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceModifyItemModInd_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceModifyItemModInd_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceModifyItemModInd_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceModifyItemModInd_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceModifyItemModInd_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceModifyItemModReq_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceModifyItemModReq_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceModifyItemModReq_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceModifyItemModReq_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceModifyItemModReq_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceModifyItemModReq_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceModifyItemModRes_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceModifyItemModRes_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceModifyItemModRes_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceModifyItemModRes_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceModifyItemModRes_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceModifyItemModRes_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceModifyResponseTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceModifyResponseTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceModifyResponseTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceModifyResponseTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceModifyResponseTransfer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceModifyResponseTransfer_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceModifyUnsuccessfulTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceModifyUnsuccessfulTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceModifyUnsuccessfulTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceModifyUnsuccessfulTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceModifyUnsuccessfulTransfer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceModifyUnsuccessfulTransfer_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceNotifyItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceNotifyItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceNotifyItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceNotifyItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceNotifyItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceNotifyItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceNotifyReleasedTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceNotifyReleasedTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceNotifyReleasedTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceNotifyReleasedTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceNotifyReleasedTransfer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceNotifyReleasedTransfer_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceNotifyTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceNotifyTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceNotifyTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceNotifyTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceNotifyTransfer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceNotifyTransfer_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceReleaseCommandTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceReleaseCommandTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceReleaseCommandTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceReleaseCommandTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceReleaseCommandTransfer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceReleaseCommandTransfer_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceReleaseResponseTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceReleaseResponseTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceReleaseResponseTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceReleaseResponseTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceReleaseResponseTransfer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceReleaseResponseTransfer_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceReleasedItemNot_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceReleasedItemNot_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceReleasedItemNot_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceReleasedItemNot_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceReleasedItemNot_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceReleasedItemNot_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceReleasedItemPSAck_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceReleasedItemPSAck_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceReleasedItemPSAck_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceReleasedItemPSAck_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceReleasedItemPSAck_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceReleasedItemPSAck_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceReleasedItemPSFail_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceReleasedItemPSFail_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceReleasedItemPSFail_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceReleasedItemPSFail_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceReleasedItemPSFail_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceReleasedItemPSFail_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceReleasedItemRelRes_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceReleasedItemRelRes_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceReleasedItemRelRes_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceReleasedItemRelRes_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceReleasedItemRelRes_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceReleasedItemRelRes_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceSecondaryRATUsageItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceSecondaryRATUsageItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceSecondaryRATUsageItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceSecondaryRATUsageItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceSecondaryRATUsageItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceSecondaryRATUsageItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceSetupItemCxtReq_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceSetupItemCxtReq_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceSetupItemCxtReq_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceSetupItemCxtReq_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceSetupItemCxtReq_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceSetupItemCxtReq_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceSetupItemCxtRes_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceSetupItemCxtRes_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceSetupItemCxtRes_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceSetupItemCxtRes_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceSetupItemCxtRes_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceSetupItemCxtRes_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceSetupItemHOReq_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceSetupItemHOReq_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceSetupItemHOReq_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceSetupItemHOReq_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceSetupItemHOReq_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceSetupItemHOReq_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceSetupItemSUReq_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceSetupItemSUReq_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceSetupItemSUReq_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceSetupItemSUReq_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceSetupItemSUReq_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceSetupItemSUReq_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceSetupItemSURes_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceSetupItemSURes_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceSetupItemSURes_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceSetupItemSURes_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceSetupItemSURes_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceSetupItemSURes_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceSetupResponseTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceSetupResponseTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceSetupResponseTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceSetupResponseTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceSetupResponseTransfer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceSetupResponseTransfer_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceSetupUnsuccessfulTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceSetupUnsuccessfulTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceSetupUnsuccessfulTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceSetupUnsuccessfulTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceSetupUnsuccessfulTransfer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceSetupUnsuccessfulTransfer_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceSwitchedItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceSwitchedItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceSwitchedItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceSwitchedItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceSwitchedItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceSwitchedItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceToBeSwitchedDLItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceToBeSwitchedDLItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceToBeSwitchedDLItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceToBeSwitchedDLItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceToBeSwitchedDLItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceToBeSwitchedDLItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceToReleaseItemHOCmd_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceToReleaseItemHOCmd_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceToReleaseItemHOCmd_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceToReleaseItemHOCmd_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceToReleaseItemHOCmd_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceToReleaseItemHOCmd_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionResourceToReleaseItemRelCmd_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionResourceToReleaseItemRelCmd_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionResourceToReleaseItemRelCmd_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionResourceToReleaseItemRelCmd_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionResourceToReleaseItemRelCmd_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionResourceToReleaseItemRelCmd_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PDUSessionUsageReport_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PDUSessionUsageReport_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PDUSessionUsageReport_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PDUSessionUsageReport_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PDUSessionUsageReport_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PDUSessionUsageReport_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PLMNSupportItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PLMNSupportItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PLMNSupportItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PLMNSupportItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PLMNSupportItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PLMNSupportItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PacketErrorRate_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PacketErrorRate_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PacketErrorRate_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PacketErrorRate_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PacketErrorRate_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PacketErrorRate_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PagingAttemptInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PagingAttemptInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PagingAttemptInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PagingAttemptInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PagingAttemptInformation_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PagingAttemptInformation_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PathSwitchRequestAcknowledgeTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PathSwitchRequestAcknowledgeTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PathSwitchRequestAcknowledgeTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PathSwitchRequestAcknowledgeTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PathSwitchRequestAcknowledgeTransfer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PathSwitchRequestAcknowledgeTransfer_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PathSwitchRequestSetupFailedTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PathSwitchRequestSetupFailedTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PathSwitchRequestSetupFailedTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PathSwitchRequestSetupFailedTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PathSwitchRequestSetupFailedTransfer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PathSwitchRequestSetupFailedTransfer_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PathSwitchRequestTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PathSwitchRequestTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PathSwitchRequestTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PathSwitchRequestTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PathSwitchRequestTransfer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PathSwitchRequestTransfer_ExtIEs(void*) {}
-inline int __mv_amf_Encode_PathSwitchRequestUnsuccessfulTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_PathSwitchRequestUnsuccessfulTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_PathSwitchRequestUnsuccessfulTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_PathSwitchRequestUnsuccessfulTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_PathSwitchRequestUnsuccessfulTransfer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_PathSwitchRequestUnsuccessfulTransfer_ExtIEs(void*) {}
-inline int __mv_amf_Encode_QoSFlowsUsageReport_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_QoSFlowsUsageReport_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_QoSFlowsUsageReport_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_QoSFlowsUsageReport_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_QoSFlowsUsageReport_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_QoSFlowsUsageReport_Item_ExtIEs(void*) {}
-inline int __mv_amf_Encode_QosFlowAcceptedItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_QosFlowAcceptedItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_QosFlowAcceptedItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_QosFlowAcceptedItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_QosFlowAcceptedItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_QosFlowAcceptedItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_QosFlowAddOrModifyRequestItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_QosFlowAddOrModifyRequestItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_QosFlowAddOrModifyRequestItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_QosFlowAddOrModifyRequestItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_QosFlowAddOrModifyRequestItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_QosFlowAddOrModifyRequestItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_QosFlowAddOrModifyResponseItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_QosFlowAddOrModifyResponseItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_QosFlowAddOrModifyResponseItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_QosFlowAddOrModifyResponseItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_QosFlowAddOrModifyResponseItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_QosFlowAddOrModifyResponseItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_QosFlowInformationItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_QosFlowInformationItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_QosFlowInformationItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_QosFlowInformationItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_QosFlowInformationItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_QosFlowInformationItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_QosFlowItemWithDataForwarding_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_QosFlowItemWithDataForwarding_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_QosFlowItemWithDataForwarding_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_QosFlowItemWithDataForwarding_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_QosFlowItemWithDataForwarding_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_QosFlowItemWithDataForwarding_ExtIEs(void*) {}
-inline int __mv_amf_Encode_QosFlowLevelQosParameters_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_QosFlowLevelQosParameters_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_QosFlowLevelQosParameters_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_QosFlowLevelQosParameters_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_QosFlowLevelQosParameters_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_QosFlowLevelQosParameters_ExtIEs(void*) {}
-inline int __mv_amf_Encode_QosFlowModifyConfirmItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_QosFlowModifyConfirmItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_QosFlowModifyConfirmItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_QosFlowModifyConfirmItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_QosFlowModifyConfirmItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_QosFlowModifyConfirmItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_QosFlowNotifyItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_QosFlowNotifyItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_QosFlowNotifyItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_QosFlowNotifyItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_QosFlowNotifyItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_QosFlowNotifyItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_QosFlowPerTNLInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_QosFlowPerTNLInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_QosFlowPerTNLInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_QosFlowPerTNLInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_QosFlowPerTNLInformation_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_QosFlowPerTNLInformation_ExtIEs(void*) {}
-inline int __mv_amf_Encode_QosFlowPerTNLInformationItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_QosFlowPerTNLInformationItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_QosFlowPerTNLInformationItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_QosFlowPerTNLInformationItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_QosFlowPerTNLInformationItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_QosFlowPerTNLInformationItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_QosFlowSetupRequestItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_QosFlowSetupRequestItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_QosFlowSetupRequestItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_QosFlowSetupRequestItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_QosFlowSetupRequestItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_QosFlowSetupRequestItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_QosFlowSetupResponseItemSURes_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_QosFlowSetupResponseItemSURes_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_QosFlowSetupResponseItemSURes_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_QosFlowSetupResponseItemSURes_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_QosFlowSetupResponseItemSURes_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_QosFlowSetupResponseItemSURes_ExtIEs(void*) {}
-inline int __mv_amf_Encode_QosFlowToBeForwardedItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_QosFlowToBeForwardedItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_QosFlowToBeForwardedItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_QosFlowToBeForwardedItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_QosFlowToBeForwardedItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_QosFlowToBeForwardedItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_QosFlowWithCauseItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_QosFlowWithCauseItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_QosFlowWithCauseItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_QosFlowWithCauseItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_QosFlowWithCauseItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_QosFlowWithCauseItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_RANStatusTransfer_TransparentContainer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_RANStatusTransfer_TransparentContainer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_RANStatusTransfer_TransparentContainer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_RANStatusTransfer_TransparentContainer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_RANStatusTransfer_TransparentContainer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_RANStatusTransfer_TransparentContainer_ExtIEs(void*) {}
-inline int __mv_amf_Encode_RATRestrictions_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_RATRestrictions_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_RATRestrictions_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_RATRestrictions_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_RATRestrictions_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_RATRestrictions_Item_ExtIEs(void*) {}
-inline int __mv_amf_Encode_RecommendedCellItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_RecommendedCellItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_RecommendedCellItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_RecommendedCellItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_RecommendedCellItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_RecommendedCellItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_RecommendedCellsForPaging_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_RecommendedCellsForPaging_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_RecommendedCellsForPaging_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_RecommendedCellsForPaging_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_RecommendedCellsForPaging_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_RecommendedCellsForPaging_ExtIEs(void*) {}
-inline int __mv_amf_Encode_RecommendedRANNodeItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_RecommendedRANNodeItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_RecommendedRANNodeItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_RecommendedRANNodeItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_RecommendedRANNodeItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_RecommendedRANNodeItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_RecommendedRANNodesForPaging_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_RecommendedRANNodesForPaging_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_RecommendedRANNodesForPaging_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_RecommendedRANNodesForPaging_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_RecommendedRANNodesForPaging_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_RecommendedRANNodesForPaging_ExtIEs(void*) {}
-inline int __mv_amf_Encode_S_NSSAI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_S_NSSAI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_S_NSSAI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_S_NSSAI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_S_NSSAI_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_S_NSSAI_ExtIEs(void*) {}
-inline int __mv_amf_Encode_SONConfigurationTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_SONConfigurationTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_SONConfigurationTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_SONConfigurationTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_SONConfigurationTransfer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_SONConfigurationTransfer_ExtIEs(void*) {}
-inline int __mv_amf_Encode_SONInformationReply_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_SONInformationReply_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_SONInformationReply_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_SONInformationReply_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_SONInformationReply_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_SONInformationReply_ExtIEs(void*) {}
-inline int __mv_amf_Encode_SecondaryRATDataUsageReportTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_SecondaryRATDataUsageReportTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_SecondaryRATDataUsageReportTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_SecondaryRATDataUsageReportTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_SecondaryRATDataUsageReportTransfer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_SecondaryRATDataUsageReportTransfer_ExtIEs(void*) {}
-inline int __mv_amf_Encode_SecondaryRATUsageInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_SecondaryRATUsageInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_SecondaryRATUsageInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_SecondaryRATUsageInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_SecondaryRATUsageInformation_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_SecondaryRATUsageInformation_ExtIEs(void*) {}
-inline int __mv_amf_Encode_SecurityContext_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_SecurityContext_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_SecurityContext_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_SecurityContext_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_SecurityContext_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_SecurityContext_ExtIEs(void*) {}
-inline int __mv_amf_Encode_SecurityIndication_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_SecurityIndication_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_SecurityIndication_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_SecurityIndication_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_SecurityIndication_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_SecurityIndication_ExtIEs(void*) {}
-inline int __mv_amf_Encode_SecurityResult_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_SecurityResult_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_SecurityResult_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_SecurityResult_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_SecurityResult_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_SecurityResult_ExtIEs(void*) {}
-inline int __mv_amf_Encode_ServedGUAMIItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_ServedGUAMIItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_ServedGUAMIItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_ServedGUAMIItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_ServedGUAMIItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_ServedGUAMIItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_ServiceAreaInformation_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_ServiceAreaInformation_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_ServiceAreaInformation_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_ServiceAreaInformation_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_ServiceAreaInformation_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_ServiceAreaInformation_Item_ExtIEs(void*) {}
-inline int __mv_amf_Encode_SliceOverloadItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_SliceOverloadItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_SliceOverloadItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_SliceOverloadItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_SliceOverloadItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_SliceOverloadItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_SliceSupportItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_SliceSupportItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_SliceSupportItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_SliceSupportItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_SliceSupportItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_SliceSupportItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_SourceNGRANNode_ToTargetNGRANNode_TransparentContainer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_SourceNGRANNode_ToTargetNGRANNode_TransparentContainer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_SourceNGRANNode_ToTargetNGRANNode_TransparentContainer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_SourceNGRANNode_ToTargetNGRANNode_TransparentContainer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_SourceNGRANNode_ToTargetNGRANNode_TransparentContainer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_SourceNGRANNode_ToTargetNGRANNode_TransparentContainer_ExtIEs(void*) {}
-inline int __mv_amf_Encode_SourceRANNodeID_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_SourceRANNodeID_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_SourceRANNodeID_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_SourceRANNodeID_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_SourceRANNodeID_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_SourceRANNodeID_ExtIEs(void*) {}
-inline int __mv_amf_Encode_SourceToTarget_AMFInformationReroute_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_SourceToTarget_AMFInformationReroute_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_SourceToTarget_AMFInformationReroute_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_SourceToTarget_AMFInformationReroute_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_SourceToTarget_AMFInformationReroute_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_SourceToTarget_AMFInformationReroute_ExtIEs(void*) {}
-inline int __mv_amf_Encode_SupportedTAItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_SupportedTAItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_SupportedTAItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_SupportedTAItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_SupportedTAItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_SupportedTAItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_TAI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_TAI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_TAI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_TAI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_TAI_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_TAI_ExtIEs(void*) {}
-inline int __mv_amf_Encode_TAIBroadcastEUTRA_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_TAIBroadcastEUTRA_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_TAIBroadcastEUTRA_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_TAIBroadcastEUTRA_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_TAIBroadcastEUTRA_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_TAIBroadcastEUTRA_Item_ExtIEs(void*) {}
-inline int __mv_amf_Encode_TAIBroadcastNR_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_TAIBroadcastNR_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_TAIBroadcastNR_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_TAIBroadcastNR_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_TAIBroadcastNR_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_TAIBroadcastNR_Item_ExtIEs(void*) {}
-inline int __mv_amf_Encode_TAICancelledEUTRA_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_TAICancelledEUTRA_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_TAICancelledEUTRA_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_TAICancelledEUTRA_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_TAICancelledEUTRA_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_TAICancelledEUTRA_Item_ExtIEs(void*) {}
-inline int __mv_amf_Encode_TAICancelledNR_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_TAICancelledNR_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_TAICancelledNR_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_TAICancelledNR_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_TAICancelledNR_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_TAICancelledNR_Item_ExtIEs(void*) {}
-inline int __mv_amf_Encode_TAIListForInactiveItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_TAIListForInactiveItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_TAIListForInactiveItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_TAIListForInactiveItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_TAIListForInactiveItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_TAIListForInactiveItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_TAIListForPagingItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_TAIListForPagingItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_TAIListForPagingItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_TAIListForPagingItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_TAIListForPagingItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_TAIListForPagingItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_TNLAssociationItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_TNLAssociationItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_TNLAssociationItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_TNLAssociationItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_TNLAssociationItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_TNLAssociationItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_TargetNGRANNode_ToSourceNGRANNode_TransparentContainer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_TargetNGRANNode_ToSourceNGRANNode_TransparentContainer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_TargetNGRANNode_ToSourceNGRANNode_TransparentContainer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_TargetNGRANNode_ToSourceNGRANNode_TransparentContainer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_TargetNGRANNode_ToSourceNGRANNode_TransparentContainer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_TargetNGRANNode_ToSourceNGRANNode_TransparentContainer_ExtIEs(void*) {}
-inline int __mv_amf_Encode_TargetRANNodeID_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_TargetRANNodeID_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_TargetRANNodeID_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_TargetRANNodeID_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_TargetRANNodeID_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_TargetRANNodeID_ExtIEs(void*) {}
-inline int __mv_amf_Encode_TargeteNB_ID_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_TargeteNB_ID_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_TargeteNB_ID_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_TargeteNB_ID_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_TargeteNB_ID_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_TargeteNB_ID_ExtIEs(void*) {}
-inline int __mv_amf_Encode_TraceActivation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_TraceActivation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_TraceActivation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_TraceActivation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_TraceActivation_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_TraceActivation_ExtIEs(void*) {}
-inline int __mv_amf_Encode_UE_NGAP_ID_pair_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_UE_NGAP_ID_pair_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_UE_NGAP_ID_pair_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_UE_NGAP_ID_pair_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_UE_NGAP_ID_pair_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_UE_NGAP_ID_pair_ExtIEs(void*) {}
-inline int __mv_amf_Encode_UE_associatedLogicalNG_connectionItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_UE_associatedLogicalNG_connectionItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_UE_associatedLogicalNG_connectionItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_UE_associatedLogicalNG_connectionItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_UE_associatedLogicalNG_connectionItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_UE_associatedLogicalNG_connectionItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_UEAggregateMaximumBitRate_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_UEAggregateMaximumBitRate_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_UEAggregateMaximumBitRate_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_UEAggregateMaximumBitRate_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_UEAggregateMaximumBitRate_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_UEAggregateMaximumBitRate_ExtIEs(void*) {}
-inline int __mv_amf_Encode_UEPresenceInAreaOfInterestItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_UEPresenceInAreaOfInterestItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_UEPresenceInAreaOfInterestItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_UEPresenceInAreaOfInterestItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_UEPresenceInAreaOfInterestItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_UEPresenceInAreaOfInterestItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_UERadioCapabilityForPaging_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_UERadioCapabilityForPaging_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_UERadioCapabilityForPaging_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_UERadioCapabilityForPaging_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_UERadioCapabilityForPaging_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_UERadioCapabilityForPaging_ExtIEs(void*) {}
-inline int __mv_amf_Encode_UESecurityCapabilities_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_UESecurityCapabilities_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_UESecurityCapabilities_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_UESecurityCapabilities_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_UESecurityCapabilities_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_UESecurityCapabilities_ExtIEs(void*) {}
-inline int __mv_amf_Encode_UL_NGU_UP_TNLModifyItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_UL_NGU_UP_TNLModifyItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_UL_NGU_UP_TNLModifyItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_UL_NGU_UP_TNLModifyItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_UL_NGU_UP_TNLModifyItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_UL_NGU_UP_TNLModifyItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_UPTransportLayerInformationItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_UPTransportLayerInformationItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_UPTransportLayerInformationItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_UPTransportLayerInformationItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_UPTransportLayerInformationItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_UPTransportLayerInformationItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_UPTransportLayerInformationPairItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_UPTransportLayerInformationPairItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_UPTransportLayerInformationPairItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_UPTransportLayerInformationPairItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_UPTransportLayerInformationPairItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_UPTransportLayerInformationPairItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_UnavailableGUAMIItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_UnavailableGUAMIItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_UnavailableGUAMIItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_UnavailableGUAMIItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_UnavailableGUAMIItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_UnavailableGUAMIItem_ExtIEs(void*) {}
-inline int __mv_amf_Encode_UserLocationInformationEUTRA_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_UserLocationInformationEUTRA_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_UserLocationInformationEUTRA_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_UserLocationInformationEUTRA_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_UserLocationInformationEUTRA_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_UserLocationInformationEUTRA_ExtIEs(void*) {}
-inline int __mv_amf_Encode_UserLocationInformationN3IWF_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_UserLocationInformationN3IWF_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_UserLocationInformationN3IWF_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_UserLocationInformationN3IWF_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_UserLocationInformationN3IWF_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_UserLocationInformationN3IWF_ExtIEs(void*) {}
-inline int __mv_amf_Encode_UserLocationInformationNR_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_UserLocationInformationNR_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_UserLocationInformationNR_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_UserLocationInformationNR_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_UserLocationInformationNR_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_UserLocationInformationNR_ExtIEs(void*) {}
-inline int __mv_amf_Encode_UserPlaneSecurityInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_UserPlaneSecurityInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_UserPlaneSecurityInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_UserPlaneSecurityInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_UserPlaneSecurityInformation_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_UserPlaneSecurityInformation_ExtIEs(void*) {}
-inline int __mv_amf_Encode_VolumeTimedReport_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_VolumeTimedReport_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_VolumeTimedReport_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_VolumeTimedReport_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_VolumeTimedReport_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_VolumeTimedReport_Item_ExtIEs(void*) {}
-inline int __mv_amf_Encode_XnExtTLA_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_XnExtTLA_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_XnExtTLA_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_XnExtTLA_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_XnExtTLA_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_XnExtTLA_Item_ExtIEs(void*) {}
-inline int __mv_amf_Encode_XnTNLConfigurationInfo_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_amf_Decode_XnTNLConfigurationInfo_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_amf_Encode_XnTNLConfigurationInfo_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_amf_Decode_XnTNLConfigurationInfo_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_amf_debug_XnTNLConfigurationInfo_ExtIEs(const char*, const void*, int) {}
 inline void __mv_amf_memfree_XnTNLConfigurationInfo_ExtIEs(void*) {}
 
 // Operations per PDU.
-int __mv_amf_encode_pdu_AMFConfigurationUpdate(__mv_amf_dt_AMFConfigurationUpdate* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_AMFConfigurationUpdate(__mv_amf_dt_AMFConfigurationUpdate* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_AMFConfigurationUpdate(__mv_amf_dt_AMFConfigurationUpdate* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_AMFConfigurationUpdate(__mv_amf_dt_AMFConfigurationUpdate* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_AMFConfigurationUpdate(const __mv_amf_dt_AMFConfigurationUpdate* rec);
 void __mv_amf_memfree_pdu_AMFConfigurationUpdate(__mv_amf_dt_AMFConfigurationUpdate* rec);
-int __mv_amf_encode_pdu_AMFConfigurationUpdateAcknowledge(__mv_amf_dt_AMFConfigurationUpdateAcknowledge* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_AMFConfigurationUpdateAcknowledge(__mv_amf_dt_AMFConfigurationUpdateAcknowledge* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_AMFConfigurationUpdateAcknowledge(__mv_amf_dt_AMFConfigurationUpdateAcknowledge* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_AMFConfigurationUpdateAcknowledge(__mv_amf_dt_AMFConfigurationUpdateAcknowledge* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_AMFConfigurationUpdateAcknowledge(const __mv_amf_dt_AMFConfigurationUpdateAcknowledge* rec);
 void __mv_amf_memfree_pdu_AMFConfigurationUpdateAcknowledge(__mv_amf_dt_AMFConfigurationUpdateAcknowledge* rec);
-int __mv_amf_encode_pdu_AMFConfigurationUpdateFailure(__mv_amf_dt_AMFConfigurationUpdateFailure* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_AMFConfigurationUpdateFailure(__mv_amf_dt_AMFConfigurationUpdateFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_AMFConfigurationUpdateFailure(__mv_amf_dt_AMFConfigurationUpdateFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_AMFConfigurationUpdateFailure(__mv_amf_dt_AMFConfigurationUpdateFailure* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_AMFConfigurationUpdateFailure(const __mv_amf_dt_AMFConfigurationUpdateFailure* rec);
 void __mv_amf_memfree_pdu_AMFConfigurationUpdateFailure(__mv_amf_dt_AMFConfigurationUpdateFailure* rec);
-int __mv_amf_encode_pdu_AMFStatusIndication(__mv_amf_dt_AMFStatusIndication* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_AMFStatusIndication(__mv_amf_dt_AMFStatusIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_AMFStatusIndication(__mv_amf_dt_AMFStatusIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_AMFStatusIndication(__mv_amf_dt_AMFStatusIndication* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_AMFStatusIndication(const __mv_amf_dt_AMFStatusIndication* rec);
 void __mv_amf_memfree_pdu_AMFStatusIndication(__mv_amf_dt_AMFStatusIndication* rec);
-int __mv_amf_encode_pdu_CellTrafficTrace(__mv_amf_dt_CellTrafficTrace* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_CellTrafficTrace(__mv_amf_dt_CellTrafficTrace* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_CellTrafficTrace(__mv_amf_dt_CellTrafficTrace* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_CellTrafficTrace(__mv_amf_dt_CellTrafficTrace* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_CellTrafficTrace(const __mv_amf_dt_CellTrafficTrace* rec);
 void __mv_amf_memfree_pdu_CellTrafficTrace(__mv_amf_dt_CellTrafficTrace* rec);
-int __mv_amf_encode_pdu_DeactivateTrace(__mv_amf_dt_DeactivateTrace* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_DeactivateTrace(__mv_amf_dt_DeactivateTrace* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_DeactivateTrace(__mv_amf_dt_DeactivateTrace* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_DeactivateTrace(__mv_amf_dt_DeactivateTrace* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_DeactivateTrace(const __mv_amf_dt_DeactivateTrace* rec);
 void __mv_amf_memfree_pdu_DeactivateTrace(__mv_amf_dt_DeactivateTrace* rec);
-int __mv_amf_encode_pdu_DownlinkNASTransport(__mv_amf_dt_DownlinkNASTransport* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_DownlinkNASTransport(__mv_amf_dt_DownlinkNASTransport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_DownlinkNASTransport(__mv_amf_dt_DownlinkNASTransport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_DownlinkNASTransport(__mv_amf_dt_DownlinkNASTransport* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_DownlinkNASTransport(const __mv_amf_dt_DownlinkNASTransport* rec);
 void __mv_amf_memfree_pdu_DownlinkNASTransport(__mv_amf_dt_DownlinkNASTransport* rec);
-int __mv_amf_encode_pdu_DownlinkNonUEAssociatedNRPPaTransport(__mv_amf_dt_DownlinkNonUEAssociatedNRPPaTransport* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_DownlinkNonUEAssociatedNRPPaTransport(__mv_amf_dt_DownlinkNonUEAssociatedNRPPaTransport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_DownlinkNonUEAssociatedNRPPaTransport(__mv_amf_dt_DownlinkNonUEAssociatedNRPPaTransport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_DownlinkNonUEAssociatedNRPPaTransport(__mv_amf_dt_DownlinkNonUEAssociatedNRPPaTransport* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_DownlinkNonUEAssociatedNRPPaTransport(const __mv_amf_dt_DownlinkNonUEAssociatedNRPPaTransport* rec);
 void __mv_amf_memfree_pdu_DownlinkNonUEAssociatedNRPPaTransport(__mv_amf_dt_DownlinkNonUEAssociatedNRPPaTransport* rec);
-int __mv_amf_encode_pdu_DownlinkRANConfigurationTransfer(__mv_amf_dt_DownlinkRANConfigurationTransfer* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_DownlinkRANConfigurationTransfer(__mv_amf_dt_DownlinkRANConfigurationTransfer* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_DownlinkRANConfigurationTransfer(__mv_amf_dt_DownlinkRANConfigurationTransfer* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_DownlinkRANConfigurationTransfer(__mv_amf_dt_DownlinkRANConfigurationTransfer* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_DownlinkRANConfigurationTransfer(const __mv_amf_dt_DownlinkRANConfigurationTransfer* rec);
 void __mv_amf_memfree_pdu_DownlinkRANConfigurationTransfer(__mv_amf_dt_DownlinkRANConfigurationTransfer* rec);
-int __mv_amf_encode_pdu_DownlinkRANStatusTransfer(__mv_amf_dt_DownlinkRANStatusTransfer* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_DownlinkRANStatusTransfer(__mv_amf_dt_DownlinkRANStatusTransfer* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_DownlinkRANStatusTransfer(__mv_amf_dt_DownlinkRANStatusTransfer* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_DownlinkRANStatusTransfer(__mv_amf_dt_DownlinkRANStatusTransfer* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_DownlinkRANStatusTransfer(const __mv_amf_dt_DownlinkRANStatusTransfer* rec);
 void __mv_amf_memfree_pdu_DownlinkRANStatusTransfer(__mv_amf_dt_DownlinkRANStatusTransfer* rec);
-int __mv_amf_encode_pdu_DownlinkUEAssociatedNRPPaTransport(__mv_amf_dt_DownlinkUEAssociatedNRPPaTransport* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_DownlinkUEAssociatedNRPPaTransport(__mv_amf_dt_DownlinkUEAssociatedNRPPaTransport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_DownlinkUEAssociatedNRPPaTransport(__mv_amf_dt_DownlinkUEAssociatedNRPPaTransport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_DownlinkUEAssociatedNRPPaTransport(__mv_amf_dt_DownlinkUEAssociatedNRPPaTransport* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_DownlinkUEAssociatedNRPPaTransport(const __mv_amf_dt_DownlinkUEAssociatedNRPPaTransport* rec);
 void __mv_amf_memfree_pdu_DownlinkUEAssociatedNRPPaTransport(__mv_amf_dt_DownlinkUEAssociatedNRPPaTransport* rec);
-int __mv_amf_encode_pdu_ErrorIndication(__mv_amf_dt_ErrorIndication* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_ErrorIndication(__mv_amf_dt_ErrorIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_ErrorIndication(__mv_amf_dt_ErrorIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_ErrorIndication(__mv_amf_dt_ErrorIndication* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_ErrorIndication(const __mv_amf_dt_ErrorIndication* rec);
 void __mv_amf_memfree_pdu_ErrorIndication(__mv_amf_dt_ErrorIndication* rec);
-int __mv_amf_encode_pdu_HandoverCancel(__mv_amf_dt_HandoverCancel* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_HandoverCancel(__mv_amf_dt_HandoverCancel* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_HandoverCancel(__mv_amf_dt_HandoverCancel* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_HandoverCancel(__mv_amf_dt_HandoverCancel* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_HandoverCancel(const __mv_amf_dt_HandoverCancel* rec);
 void __mv_amf_memfree_pdu_HandoverCancel(__mv_amf_dt_HandoverCancel* rec);
-int __mv_amf_encode_pdu_HandoverCancelAcknowledge(__mv_amf_dt_HandoverCancelAcknowledge* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_HandoverCancelAcknowledge(__mv_amf_dt_HandoverCancelAcknowledge* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_HandoverCancelAcknowledge(__mv_amf_dt_HandoverCancelAcknowledge* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_HandoverCancelAcknowledge(__mv_amf_dt_HandoverCancelAcknowledge* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_HandoverCancelAcknowledge(const __mv_amf_dt_HandoverCancelAcknowledge* rec);
 void __mv_amf_memfree_pdu_HandoverCancelAcknowledge(__mv_amf_dt_HandoverCancelAcknowledge* rec);
-int __mv_amf_encode_pdu_HandoverNotify(__mv_amf_dt_HandoverNotify* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_HandoverNotify(__mv_amf_dt_HandoverNotify* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_HandoverNotify(__mv_amf_dt_HandoverNotify* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_HandoverNotify(__mv_amf_dt_HandoverNotify* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_HandoverNotify(const __mv_amf_dt_HandoverNotify* rec);
 void __mv_amf_memfree_pdu_HandoverNotify(__mv_amf_dt_HandoverNotify* rec);
-int __mv_amf_encode_pdu_HandoverRequired(__mv_amf_dt_HandoverRequired* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_HandoverRequired(__mv_amf_dt_HandoverRequired* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_HandoverRequired(__mv_amf_dt_HandoverRequired* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_HandoverRequired(__mv_amf_dt_HandoverRequired* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_HandoverRequired(const __mv_amf_dt_HandoverRequired* rec);
 void __mv_amf_memfree_pdu_HandoverRequired(__mv_amf_dt_HandoverRequired* rec);
-int __mv_amf_encode_pdu_HandoverCommand(__mv_amf_dt_HandoverCommand* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_HandoverCommand(__mv_amf_dt_HandoverCommand* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_HandoverCommand(__mv_amf_dt_HandoverCommand* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_HandoverCommand(__mv_amf_dt_HandoverCommand* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_HandoverCommand(const __mv_amf_dt_HandoverCommand* rec);
 void __mv_amf_memfree_pdu_HandoverCommand(__mv_amf_dt_HandoverCommand* rec);
-int __mv_amf_encode_pdu_HandoverPreparationFailure(__mv_amf_dt_HandoverPreparationFailure* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_HandoverPreparationFailure(__mv_amf_dt_HandoverPreparationFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_HandoverPreparationFailure(__mv_amf_dt_HandoverPreparationFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_HandoverPreparationFailure(__mv_amf_dt_HandoverPreparationFailure* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_HandoverPreparationFailure(const __mv_amf_dt_HandoverPreparationFailure* rec);
 void __mv_amf_memfree_pdu_HandoverPreparationFailure(__mv_amf_dt_HandoverPreparationFailure* rec);
-int __mv_amf_encode_pdu_HandoverRequest(__mv_amf_dt_HandoverRequest* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_HandoverRequest(__mv_amf_dt_HandoverRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_HandoverRequest(__mv_amf_dt_HandoverRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_HandoverRequest(__mv_amf_dt_HandoverRequest* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_HandoverRequest(const __mv_amf_dt_HandoverRequest* rec);
 void __mv_amf_memfree_pdu_HandoverRequest(__mv_amf_dt_HandoverRequest* rec);
-int __mv_amf_encode_pdu_HandoverRequestAcknowledge(__mv_amf_dt_HandoverRequestAcknowledge* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_HandoverRequestAcknowledge(__mv_amf_dt_HandoverRequestAcknowledge* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_HandoverRequestAcknowledge(__mv_amf_dt_HandoverRequestAcknowledge* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_HandoverRequestAcknowledge(__mv_amf_dt_HandoverRequestAcknowledge* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_HandoverRequestAcknowledge(const __mv_amf_dt_HandoverRequestAcknowledge* rec);
 void __mv_amf_memfree_pdu_HandoverRequestAcknowledge(__mv_amf_dt_HandoverRequestAcknowledge* rec);
-int __mv_amf_encode_pdu_HandoverFailure(__mv_amf_dt_HandoverFailure* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_HandoverFailure(__mv_amf_dt_HandoverFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_HandoverFailure(__mv_amf_dt_HandoverFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_HandoverFailure(__mv_amf_dt_HandoverFailure* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_HandoverFailure(const __mv_amf_dt_HandoverFailure* rec);
 void __mv_amf_memfree_pdu_HandoverFailure(__mv_amf_dt_HandoverFailure* rec);
-int __mv_amf_encode_pdu_InitialContextSetupRequest(__mv_amf_dt_InitialContextSetupRequest* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_InitialContextSetupRequest(__mv_amf_dt_InitialContextSetupRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_InitialContextSetupRequest(__mv_amf_dt_InitialContextSetupRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_InitialContextSetupRequest(__mv_amf_dt_InitialContextSetupRequest* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_InitialContextSetupRequest(const __mv_amf_dt_InitialContextSetupRequest* rec);
 void __mv_amf_memfree_pdu_InitialContextSetupRequest(__mv_amf_dt_InitialContextSetupRequest* rec);
-int __mv_amf_encode_pdu_InitialContextSetupResponse(__mv_amf_dt_InitialContextSetupResponse* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_InitialContextSetupResponse(__mv_amf_dt_InitialContextSetupResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_InitialContextSetupResponse(__mv_amf_dt_InitialContextSetupResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_InitialContextSetupResponse(__mv_amf_dt_InitialContextSetupResponse* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_InitialContextSetupResponse(const __mv_amf_dt_InitialContextSetupResponse* rec);
 void __mv_amf_memfree_pdu_InitialContextSetupResponse(__mv_amf_dt_InitialContextSetupResponse* rec);
-int __mv_amf_encode_pdu_InitialContextSetupFailure(__mv_amf_dt_InitialContextSetupFailure* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_InitialContextSetupFailure(__mv_amf_dt_InitialContextSetupFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_InitialContextSetupFailure(__mv_amf_dt_InitialContextSetupFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_InitialContextSetupFailure(__mv_amf_dt_InitialContextSetupFailure* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_InitialContextSetupFailure(const __mv_amf_dt_InitialContextSetupFailure* rec);
 void __mv_amf_memfree_pdu_InitialContextSetupFailure(__mv_amf_dt_InitialContextSetupFailure* rec);
-int __mv_amf_encode_pdu_InitialUEMessage(__mv_amf_dt_InitialUEMessage* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_InitialUEMessage(__mv_amf_dt_InitialUEMessage* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_InitialUEMessage(__mv_amf_dt_InitialUEMessage* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_InitialUEMessage(__mv_amf_dt_InitialUEMessage* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_InitialUEMessage(const __mv_amf_dt_InitialUEMessage* rec);
 void __mv_amf_memfree_pdu_InitialUEMessage(__mv_amf_dt_InitialUEMessage* rec);
-int __mv_amf_encode_pdu_LocationReportingControl(__mv_amf_dt_LocationReportingControl* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_LocationReportingControl(__mv_amf_dt_LocationReportingControl* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_LocationReportingControl(__mv_amf_dt_LocationReportingControl* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_LocationReportingControl(__mv_amf_dt_LocationReportingControl* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_LocationReportingControl(const __mv_amf_dt_LocationReportingControl* rec);
 void __mv_amf_memfree_pdu_LocationReportingControl(__mv_amf_dt_LocationReportingControl* rec);
-int __mv_amf_encode_pdu_LocationReportingFailureIndication(__mv_amf_dt_LocationReportingFailureIndication* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_LocationReportingFailureIndication(__mv_amf_dt_LocationReportingFailureIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_LocationReportingFailureIndication(__mv_amf_dt_LocationReportingFailureIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_LocationReportingFailureIndication(__mv_amf_dt_LocationReportingFailureIndication* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_LocationReportingFailureIndication(const __mv_amf_dt_LocationReportingFailureIndication* rec);
 void __mv_amf_memfree_pdu_LocationReportingFailureIndication(__mv_amf_dt_LocationReportingFailureIndication* rec);
-int __mv_amf_encode_pdu_LocationReport(__mv_amf_dt_LocationReport* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_LocationReport(__mv_amf_dt_LocationReport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_LocationReport(__mv_amf_dt_LocationReport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_LocationReport(__mv_amf_dt_LocationReport* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_LocationReport(const __mv_amf_dt_LocationReport* rec);
 void __mv_amf_memfree_pdu_LocationReport(__mv_amf_dt_LocationReport* rec);
-int __mv_amf_encode_pdu_NASNonDeliveryIndication(__mv_amf_dt_NASNonDeliveryIndication* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_NASNonDeliveryIndication(__mv_amf_dt_NASNonDeliveryIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_NASNonDeliveryIndication(__mv_amf_dt_NASNonDeliveryIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_NASNonDeliveryIndication(__mv_amf_dt_NASNonDeliveryIndication* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_NASNonDeliveryIndication(const __mv_amf_dt_NASNonDeliveryIndication* rec);
 void __mv_amf_memfree_pdu_NASNonDeliveryIndication(__mv_amf_dt_NASNonDeliveryIndication* rec);
-int __mv_amf_encode_pdu_NGReset(__mv_amf_dt_NGReset* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_NGReset(__mv_amf_dt_NGReset* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_NGReset(__mv_amf_dt_NGReset* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_NGReset(__mv_amf_dt_NGReset* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_NGReset(const __mv_amf_dt_NGReset* rec);
 void __mv_amf_memfree_pdu_NGReset(__mv_amf_dt_NGReset* rec);
-int __mv_amf_encode_pdu_NGResetAcknowledge(__mv_amf_dt_NGResetAcknowledge* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_NGResetAcknowledge(__mv_amf_dt_NGResetAcknowledge* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_NGResetAcknowledge(__mv_amf_dt_NGResetAcknowledge* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_NGResetAcknowledge(__mv_amf_dt_NGResetAcknowledge* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_NGResetAcknowledge(const __mv_amf_dt_NGResetAcknowledge* rec);
 void __mv_amf_memfree_pdu_NGResetAcknowledge(__mv_amf_dt_NGResetAcknowledge* rec);
-int __mv_amf_encode_pdu_NGSetupRequest(__mv_amf_dt_NGSetupRequest* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_NGSetupRequest(__mv_amf_dt_NGSetupRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_NGSetupRequest(__mv_amf_dt_NGSetupRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_NGSetupRequest(__mv_amf_dt_NGSetupRequest* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_NGSetupRequest(const __mv_amf_dt_NGSetupRequest* rec);
 void __mv_amf_memfree_pdu_NGSetupRequest(__mv_amf_dt_NGSetupRequest* rec);
-int __mv_amf_encode_pdu_NGSetupResponse(__mv_amf_dt_NGSetupResponse* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_NGSetupResponse(__mv_amf_dt_NGSetupResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_NGSetupResponse(__mv_amf_dt_NGSetupResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_NGSetupResponse(__mv_amf_dt_NGSetupResponse* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_NGSetupResponse(const __mv_amf_dt_NGSetupResponse* rec);
 void __mv_amf_memfree_pdu_NGSetupResponse(__mv_amf_dt_NGSetupResponse* rec);
-int __mv_amf_encode_pdu_NGSetupFailure(__mv_amf_dt_NGSetupFailure* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_NGSetupFailure(__mv_amf_dt_NGSetupFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_NGSetupFailure(__mv_amf_dt_NGSetupFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_NGSetupFailure(__mv_amf_dt_NGSetupFailure* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_NGSetupFailure(const __mv_amf_dt_NGSetupFailure* rec);
 void __mv_amf_memfree_pdu_NGSetupFailure(__mv_amf_dt_NGSetupFailure* rec);
-int __mv_amf_encode_pdu_OverloadStart(__mv_amf_dt_OverloadStart* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_OverloadStart(__mv_amf_dt_OverloadStart* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_OverloadStart(__mv_amf_dt_OverloadStart* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_OverloadStart(__mv_amf_dt_OverloadStart* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_OverloadStart(const __mv_amf_dt_OverloadStart* rec);
 void __mv_amf_memfree_pdu_OverloadStart(__mv_amf_dt_OverloadStart* rec);
-int __mv_amf_encode_pdu_OverloadStop(__mv_amf_dt_OverloadStop* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_OverloadStop(__mv_amf_dt_OverloadStop* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_OverloadStop(__mv_amf_dt_OverloadStop* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_OverloadStop(__mv_amf_dt_OverloadStop* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_OverloadStop(const __mv_amf_dt_OverloadStop* rec);
 void __mv_amf_memfree_pdu_OverloadStop(__mv_amf_dt_OverloadStop* rec);
-int __mv_amf_encode_pdu_Paging(__mv_amf_dt_Paging* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_Paging(__mv_amf_dt_Paging* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_Paging(__mv_amf_dt_Paging* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_Paging(__mv_amf_dt_Paging* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_Paging(const __mv_amf_dt_Paging* rec);
 void __mv_amf_memfree_pdu_Paging(__mv_amf_dt_Paging* rec);
-int __mv_amf_encode_pdu_PathSwitchRequest(__mv_amf_dt_PathSwitchRequest* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_PathSwitchRequest(__mv_amf_dt_PathSwitchRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_PathSwitchRequest(__mv_amf_dt_PathSwitchRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_PathSwitchRequest(__mv_amf_dt_PathSwitchRequest* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_PathSwitchRequest(const __mv_amf_dt_PathSwitchRequest* rec);
 void __mv_amf_memfree_pdu_PathSwitchRequest(__mv_amf_dt_PathSwitchRequest* rec);
-int __mv_amf_encode_pdu_PathSwitchRequestAcknowledge(__mv_amf_dt_PathSwitchRequestAcknowledge* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_PathSwitchRequestAcknowledge(__mv_amf_dt_PathSwitchRequestAcknowledge* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_PathSwitchRequestAcknowledge(__mv_amf_dt_PathSwitchRequestAcknowledge* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_PathSwitchRequestAcknowledge(__mv_amf_dt_PathSwitchRequestAcknowledge* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_PathSwitchRequestAcknowledge(const __mv_amf_dt_PathSwitchRequestAcknowledge* rec);
 void __mv_amf_memfree_pdu_PathSwitchRequestAcknowledge(__mv_amf_dt_PathSwitchRequestAcknowledge* rec);
-int __mv_amf_encode_pdu_PathSwitchRequestFailure(__mv_amf_dt_PathSwitchRequestFailure* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_PathSwitchRequestFailure(__mv_amf_dt_PathSwitchRequestFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_PathSwitchRequestFailure(__mv_amf_dt_PathSwitchRequestFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_PathSwitchRequestFailure(__mv_amf_dt_PathSwitchRequestFailure* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_PathSwitchRequestFailure(const __mv_amf_dt_PathSwitchRequestFailure* rec);
 void __mv_amf_memfree_pdu_PathSwitchRequestFailure(__mv_amf_dt_PathSwitchRequestFailure* rec);
-int __mv_amf_encode_pdu_PDUSessionResourceModifyRequest(__mv_amf_dt_PDUSessionResourceModifyRequest* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_PDUSessionResourceModifyRequest(__mv_amf_dt_PDUSessionResourceModifyRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_PDUSessionResourceModifyRequest(__mv_amf_dt_PDUSessionResourceModifyRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_PDUSessionResourceModifyRequest(__mv_amf_dt_PDUSessionResourceModifyRequest* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_PDUSessionResourceModifyRequest(const __mv_amf_dt_PDUSessionResourceModifyRequest* rec);
 void __mv_amf_memfree_pdu_PDUSessionResourceModifyRequest(__mv_amf_dt_PDUSessionResourceModifyRequest* rec);
-int __mv_amf_encode_pdu_PDUSessionResourceModifyResponse(__mv_amf_dt_PDUSessionResourceModifyResponse* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_PDUSessionResourceModifyResponse(__mv_amf_dt_PDUSessionResourceModifyResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_PDUSessionResourceModifyResponse(__mv_amf_dt_PDUSessionResourceModifyResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_PDUSessionResourceModifyResponse(__mv_amf_dt_PDUSessionResourceModifyResponse* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_PDUSessionResourceModifyResponse(const __mv_amf_dt_PDUSessionResourceModifyResponse* rec);
 void __mv_amf_memfree_pdu_PDUSessionResourceModifyResponse(__mv_amf_dt_PDUSessionResourceModifyResponse* rec);
-int __mv_amf_encode_pdu_PDUSessionResourceModifyIndication(__mv_amf_dt_PDUSessionResourceModifyIndication* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_PDUSessionResourceModifyIndication(__mv_amf_dt_PDUSessionResourceModifyIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_PDUSessionResourceModifyIndication(__mv_amf_dt_PDUSessionResourceModifyIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_PDUSessionResourceModifyIndication(__mv_amf_dt_PDUSessionResourceModifyIndication* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_PDUSessionResourceModifyIndication(const __mv_amf_dt_PDUSessionResourceModifyIndication* rec);
 void __mv_amf_memfree_pdu_PDUSessionResourceModifyIndication(__mv_amf_dt_PDUSessionResourceModifyIndication* rec);
-int __mv_amf_encode_pdu_PDUSessionResourceModifyConfirm(__mv_amf_dt_PDUSessionResourceModifyConfirm* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_PDUSessionResourceModifyConfirm(__mv_amf_dt_PDUSessionResourceModifyConfirm* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_PDUSessionResourceModifyConfirm(__mv_amf_dt_PDUSessionResourceModifyConfirm* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_PDUSessionResourceModifyConfirm(__mv_amf_dt_PDUSessionResourceModifyConfirm* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_PDUSessionResourceModifyConfirm(const __mv_amf_dt_PDUSessionResourceModifyConfirm* rec);
 void __mv_amf_memfree_pdu_PDUSessionResourceModifyConfirm(__mv_amf_dt_PDUSessionResourceModifyConfirm* rec);
-int __mv_amf_encode_pdu_PDUSessionResourceReleaseCommand(__mv_amf_dt_PDUSessionResourceReleaseCommand* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_PDUSessionResourceReleaseCommand(__mv_amf_dt_PDUSessionResourceReleaseCommand* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_PDUSessionResourceReleaseCommand(__mv_amf_dt_PDUSessionResourceReleaseCommand* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_PDUSessionResourceReleaseCommand(__mv_amf_dt_PDUSessionResourceReleaseCommand* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_PDUSessionResourceReleaseCommand(const __mv_amf_dt_PDUSessionResourceReleaseCommand* rec);
 void __mv_amf_memfree_pdu_PDUSessionResourceReleaseCommand(__mv_amf_dt_PDUSessionResourceReleaseCommand* rec);
-int __mv_amf_encode_pdu_PDUSessionResourceReleaseResponse(__mv_amf_dt_PDUSessionResourceReleaseResponse* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_PDUSessionResourceReleaseResponse(__mv_amf_dt_PDUSessionResourceReleaseResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_PDUSessionResourceReleaseResponse(__mv_amf_dt_PDUSessionResourceReleaseResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_PDUSessionResourceReleaseResponse(__mv_amf_dt_PDUSessionResourceReleaseResponse* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_PDUSessionResourceReleaseResponse(const __mv_amf_dt_PDUSessionResourceReleaseResponse* rec);
 void __mv_amf_memfree_pdu_PDUSessionResourceReleaseResponse(__mv_amf_dt_PDUSessionResourceReleaseResponse* rec);
-int __mv_amf_encode_pdu_PDUSessionResourceSetupRequest(__mv_amf_dt_PDUSessionResourceSetupRequest* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_PDUSessionResourceSetupRequest(__mv_amf_dt_PDUSessionResourceSetupRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_PDUSessionResourceSetupRequest(__mv_amf_dt_PDUSessionResourceSetupRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_PDUSessionResourceSetupRequest(__mv_amf_dt_PDUSessionResourceSetupRequest* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_PDUSessionResourceSetupRequest(const __mv_amf_dt_PDUSessionResourceSetupRequest* rec);
 void __mv_amf_memfree_pdu_PDUSessionResourceSetupRequest(__mv_amf_dt_PDUSessionResourceSetupRequest* rec);
-int __mv_amf_encode_pdu_PDUSessionResourceSetupResponse(__mv_amf_dt_PDUSessionResourceSetupResponse* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_PDUSessionResourceSetupResponse(__mv_amf_dt_PDUSessionResourceSetupResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_PDUSessionResourceSetupResponse(__mv_amf_dt_PDUSessionResourceSetupResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_PDUSessionResourceSetupResponse(__mv_amf_dt_PDUSessionResourceSetupResponse* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_PDUSessionResourceSetupResponse(const __mv_amf_dt_PDUSessionResourceSetupResponse* rec);
 void __mv_amf_memfree_pdu_PDUSessionResourceSetupResponse(__mv_amf_dt_PDUSessionResourceSetupResponse* rec);
-int __mv_amf_encode_pdu_PDUSessionResourceNotify(__mv_amf_dt_PDUSessionResourceNotify* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_PDUSessionResourceNotify(__mv_amf_dt_PDUSessionResourceNotify* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_PDUSessionResourceNotify(__mv_amf_dt_PDUSessionResourceNotify* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_PDUSessionResourceNotify(__mv_amf_dt_PDUSessionResourceNotify* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_PDUSessionResourceNotify(const __mv_amf_dt_PDUSessionResourceNotify* rec);
 void __mv_amf_memfree_pdu_PDUSessionResourceNotify(__mv_amf_dt_PDUSessionResourceNotify* rec);
-int __mv_amf_encode_pdu_PrivateMessage(__mv_amf_dt_PrivateMessage* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_PrivateMessage(__mv_amf_dt_PrivateMessage* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_PrivateMessage(__mv_amf_dt_PrivateMessage* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_PrivateMessage(__mv_amf_dt_PrivateMessage* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_PrivateMessage(const __mv_amf_dt_PrivateMessage* rec);
 void __mv_amf_memfree_pdu_PrivateMessage(__mv_amf_dt_PrivateMessage* rec);
-int __mv_amf_encode_pdu_PWSCancelRequest(__mv_amf_dt_PWSCancelRequest* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_PWSCancelRequest(__mv_amf_dt_PWSCancelRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_PWSCancelRequest(__mv_amf_dt_PWSCancelRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_PWSCancelRequest(__mv_amf_dt_PWSCancelRequest* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_PWSCancelRequest(const __mv_amf_dt_PWSCancelRequest* rec);
 void __mv_amf_memfree_pdu_PWSCancelRequest(__mv_amf_dt_PWSCancelRequest* rec);
-int __mv_amf_encode_pdu_PWSCancelResponse(__mv_amf_dt_PWSCancelResponse* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_PWSCancelResponse(__mv_amf_dt_PWSCancelResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_PWSCancelResponse(__mv_amf_dt_PWSCancelResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_PWSCancelResponse(__mv_amf_dt_PWSCancelResponse* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_PWSCancelResponse(const __mv_amf_dt_PWSCancelResponse* rec);
 void __mv_amf_memfree_pdu_PWSCancelResponse(__mv_amf_dt_PWSCancelResponse* rec);
-int __mv_amf_encode_pdu_PWSFailureIndication(__mv_amf_dt_PWSFailureIndication* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_PWSFailureIndication(__mv_amf_dt_PWSFailureIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_PWSFailureIndication(__mv_amf_dt_PWSFailureIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_PWSFailureIndication(__mv_amf_dt_PWSFailureIndication* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_PWSFailureIndication(const __mv_amf_dt_PWSFailureIndication* rec);
 void __mv_amf_memfree_pdu_PWSFailureIndication(__mv_amf_dt_PWSFailureIndication* rec);
-int __mv_amf_encode_pdu_PWSRestartIndication(__mv_amf_dt_PWSRestartIndication* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_PWSRestartIndication(__mv_amf_dt_PWSRestartIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_PWSRestartIndication(__mv_amf_dt_PWSRestartIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_PWSRestartIndication(__mv_amf_dt_PWSRestartIndication* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_PWSRestartIndication(const __mv_amf_dt_PWSRestartIndication* rec);
 void __mv_amf_memfree_pdu_PWSRestartIndication(__mv_amf_dt_PWSRestartIndication* rec);
-int __mv_amf_encode_pdu_RANConfigurationUpdate(__mv_amf_dt_RANConfigurationUpdate* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_RANConfigurationUpdate(__mv_amf_dt_RANConfigurationUpdate* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_RANConfigurationUpdate(__mv_amf_dt_RANConfigurationUpdate* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_RANConfigurationUpdate(__mv_amf_dt_RANConfigurationUpdate* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_RANConfigurationUpdate(const __mv_amf_dt_RANConfigurationUpdate* rec);
 void __mv_amf_memfree_pdu_RANConfigurationUpdate(__mv_amf_dt_RANConfigurationUpdate* rec);
-int __mv_amf_encode_pdu_RANConfigurationUpdateAcknowledge(__mv_amf_dt_RANConfigurationUpdateAcknowledge* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_RANConfigurationUpdateAcknowledge(__mv_amf_dt_RANConfigurationUpdateAcknowledge* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_RANConfigurationUpdateAcknowledge(__mv_amf_dt_RANConfigurationUpdateAcknowledge* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_RANConfigurationUpdateAcknowledge(__mv_amf_dt_RANConfigurationUpdateAcknowledge* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_RANConfigurationUpdateAcknowledge(const __mv_amf_dt_RANConfigurationUpdateAcknowledge* rec);
 void __mv_amf_memfree_pdu_RANConfigurationUpdateAcknowledge(__mv_amf_dt_RANConfigurationUpdateAcknowledge* rec);
-int __mv_amf_encode_pdu_RANConfigurationUpdateFailure(__mv_amf_dt_RANConfigurationUpdateFailure* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_RANConfigurationUpdateFailure(__mv_amf_dt_RANConfigurationUpdateFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_RANConfigurationUpdateFailure(__mv_amf_dt_RANConfigurationUpdateFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_RANConfigurationUpdateFailure(__mv_amf_dt_RANConfigurationUpdateFailure* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_RANConfigurationUpdateFailure(const __mv_amf_dt_RANConfigurationUpdateFailure* rec);
 void __mv_amf_memfree_pdu_RANConfigurationUpdateFailure(__mv_amf_dt_RANConfigurationUpdateFailure* rec);
-int __mv_amf_encode_pdu_RerouteNASRequest(__mv_amf_dt_RerouteNASRequest* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_RerouteNASRequest(__mv_amf_dt_RerouteNASRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_RerouteNASRequest(__mv_amf_dt_RerouteNASRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_RerouteNASRequest(__mv_amf_dt_RerouteNASRequest* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_RerouteNASRequest(const __mv_amf_dt_RerouteNASRequest* rec);
 void __mv_amf_memfree_pdu_RerouteNASRequest(__mv_amf_dt_RerouteNASRequest* rec);
-int __mv_amf_encode_pdu_RRCInactiveTransitionReport(__mv_amf_dt_RRCInactiveTransitionReport* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_RRCInactiveTransitionReport(__mv_amf_dt_RRCInactiveTransitionReport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_RRCInactiveTransitionReport(__mv_amf_dt_RRCInactiveTransitionReport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_RRCInactiveTransitionReport(__mv_amf_dt_RRCInactiveTransitionReport* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_RRCInactiveTransitionReport(const __mv_amf_dt_RRCInactiveTransitionReport* rec);
 void __mv_amf_memfree_pdu_RRCInactiveTransitionReport(__mv_amf_dt_RRCInactiveTransitionReport* rec);
-int __mv_amf_encode_pdu_TraceFailureIndication(__mv_amf_dt_TraceFailureIndication* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_TraceFailureIndication(__mv_amf_dt_TraceFailureIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_TraceFailureIndication(__mv_amf_dt_TraceFailureIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_TraceFailureIndication(__mv_amf_dt_TraceFailureIndication* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_TraceFailureIndication(const __mv_amf_dt_TraceFailureIndication* rec);
 void __mv_amf_memfree_pdu_TraceFailureIndication(__mv_amf_dt_TraceFailureIndication* rec);
-int __mv_amf_encode_pdu_TraceStart(__mv_amf_dt_TraceStart* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_TraceStart(__mv_amf_dt_TraceStart* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_TraceStart(__mv_amf_dt_TraceStart* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_TraceStart(__mv_amf_dt_TraceStart* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_TraceStart(const __mv_amf_dt_TraceStart* rec);
 void __mv_amf_memfree_pdu_TraceStart(__mv_amf_dt_TraceStart* rec);
-int __mv_amf_encode_pdu_UEContextModificationRequest(__mv_amf_dt_UEContextModificationRequest* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_UEContextModificationRequest(__mv_amf_dt_UEContextModificationRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_UEContextModificationRequest(__mv_amf_dt_UEContextModificationRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_UEContextModificationRequest(__mv_amf_dt_UEContextModificationRequest* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_UEContextModificationRequest(const __mv_amf_dt_UEContextModificationRequest* rec);
 void __mv_amf_memfree_pdu_UEContextModificationRequest(__mv_amf_dt_UEContextModificationRequest* rec);
-int __mv_amf_encode_pdu_UEContextModificationResponse(__mv_amf_dt_UEContextModificationResponse* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_UEContextModificationResponse(__mv_amf_dt_UEContextModificationResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_UEContextModificationResponse(__mv_amf_dt_UEContextModificationResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_UEContextModificationResponse(__mv_amf_dt_UEContextModificationResponse* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_UEContextModificationResponse(const __mv_amf_dt_UEContextModificationResponse* rec);
 void __mv_amf_memfree_pdu_UEContextModificationResponse(__mv_amf_dt_UEContextModificationResponse* rec);
-int __mv_amf_encode_pdu_UEContextModificationFailure(__mv_amf_dt_UEContextModificationFailure* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_UEContextModificationFailure(__mv_amf_dt_UEContextModificationFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_UEContextModificationFailure(__mv_amf_dt_UEContextModificationFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_UEContextModificationFailure(__mv_amf_dt_UEContextModificationFailure* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_UEContextModificationFailure(const __mv_amf_dt_UEContextModificationFailure* rec);
 void __mv_amf_memfree_pdu_UEContextModificationFailure(__mv_amf_dt_UEContextModificationFailure* rec);
-int __mv_amf_encode_pdu_UEContextReleaseCommand(__mv_amf_dt_UEContextReleaseCommand* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_UEContextReleaseCommand(__mv_amf_dt_UEContextReleaseCommand* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_UEContextReleaseCommand(__mv_amf_dt_UEContextReleaseCommand* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_UEContextReleaseCommand(__mv_amf_dt_UEContextReleaseCommand* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_UEContextReleaseCommand(const __mv_amf_dt_UEContextReleaseCommand* rec);
 void __mv_amf_memfree_pdu_UEContextReleaseCommand(__mv_amf_dt_UEContextReleaseCommand* rec);
-int __mv_amf_encode_pdu_UEContextReleaseComplete(__mv_amf_dt_UEContextReleaseComplete* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_UEContextReleaseComplete(__mv_amf_dt_UEContextReleaseComplete* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_UEContextReleaseComplete(__mv_amf_dt_UEContextReleaseComplete* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_UEContextReleaseComplete(__mv_amf_dt_UEContextReleaseComplete* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_UEContextReleaseComplete(const __mv_amf_dt_UEContextReleaseComplete* rec);
 void __mv_amf_memfree_pdu_UEContextReleaseComplete(__mv_amf_dt_UEContextReleaseComplete* rec);
-int __mv_amf_encode_pdu_UEContextReleaseRequest(__mv_amf_dt_UEContextReleaseRequest* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_UEContextReleaseRequest(__mv_amf_dt_UEContextReleaseRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_UEContextReleaseRequest(__mv_amf_dt_UEContextReleaseRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_UEContextReleaseRequest(__mv_amf_dt_UEContextReleaseRequest* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_UEContextReleaseRequest(const __mv_amf_dt_UEContextReleaseRequest* rec);
 void __mv_amf_memfree_pdu_UEContextReleaseRequest(__mv_amf_dt_UEContextReleaseRequest* rec);
-int __mv_amf_encode_pdu_UERadioCapabilityCheckRequest(__mv_amf_dt_UERadioCapabilityCheckRequest* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_UERadioCapabilityCheckRequest(__mv_amf_dt_UERadioCapabilityCheckRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_UERadioCapabilityCheckRequest(__mv_amf_dt_UERadioCapabilityCheckRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_UERadioCapabilityCheckRequest(__mv_amf_dt_UERadioCapabilityCheckRequest* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_UERadioCapabilityCheckRequest(const __mv_amf_dt_UERadioCapabilityCheckRequest* rec);
 void __mv_amf_memfree_pdu_UERadioCapabilityCheckRequest(__mv_amf_dt_UERadioCapabilityCheckRequest* rec);
-int __mv_amf_encode_pdu_UERadioCapabilityCheckResponse(__mv_amf_dt_UERadioCapabilityCheckResponse* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_UERadioCapabilityCheckResponse(__mv_amf_dt_UERadioCapabilityCheckResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_UERadioCapabilityCheckResponse(__mv_amf_dt_UERadioCapabilityCheckResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_UERadioCapabilityCheckResponse(__mv_amf_dt_UERadioCapabilityCheckResponse* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_UERadioCapabilityCheckResponse(const __mv_amf_dt_UERadioCapabilityCheckResponse* rec);
 void __mv_amf_memfree_pdu_UERadioCapabilityCheckResponse(__mv_amf_dt_UERadioCapabilityCheckResponse* rec);
-int __mv_amf_encode_pdu_UERadioCapabilityInfoIndication(__mv_amf_dt_UERadioCapabilityInfoIndication* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_UERadioCapabilityInfoIndication(__mv_amf_dt_UERadioCapabilityInfoIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_UERadioCapabilityInfoIndication(__mv_amf_dt_UERadioCapabilityInfoIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_UERadioCapabilityInfoIndication(__mv_amf_dt_UERadioCapabilityInfoIndication* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_UERadioCapabilityInfoIndication(const __mv_amf_dt_UERadioCapabilityInfoIndication* rec);
 void __mv_amf_memfree_pdu_UERadioCapabilityInfoIndication(__mv_amf_dt_UERadioCapabilityInfoIndication* rec);
-int __mv_amf_encode_pdu_UETNLABindingReleaseRequest(__mv_amf_dt_UETNLABindingReleaseRequest* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_UETNLABindingReleaseRequest(__mv_amf_dt_UETNLABindingReleaseRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_UETNLABindingReleaseRequest(__mv_amf_dt_UETNLABindingReleaseRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_UETNLABindingReleaseRequest(__mv_amf_dt_UETNLABindingReleaseRequest* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_UETNLABindingReleaseRequest(const __mv_amf_dt_UETNLABindingReleaseRequest* rec);
 void __mv_amf_memfree_pdu_UETNLABindingReleaseRequest(__mv_amf_dt_UETNLABindingReleaseRequest* rec);
-int __mv_amf_encode_pdu_UplinkNASTransport(__mv_amf_dt_UplinkNASTransport* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_UplinkNASTransport(__mv_amf_dt_UplinkNASTransport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_UplinkNASTransport(__mv_amf_dt_UplinkNASTransport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_UplinkNASTransport(__mv_amf_dt_UplinkNASTransport* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_UplinkNASTransport(const __mv_amf_dt_UplinkNASTransport* rec);
 void __mv_amf_memfree_pdu_UplinkNASTransport(__mv_amf_dt_UplinkNASTransport* rec);
-int __mv_amf_encode_pdu_UplinkNonUEAssociatedNRPPaTransport(__mv_amf_dt_UplinkNonUEAssociatedNRPPaTransport* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_UplinkNonUEAssociatedNRPPaTransport(__mv_amf_dt_UplinkNonUEAssociatedNRPPaTransport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_UplinkNonUEAssociatedNRPPaTransport(__mv_amf_dt_UplinkNonUEAssociatedNRPPaTransport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_UplinkNonUEAssociatedNRPPaTransport(__mv_amf_dt_UplinkNonUEAssociatedNRPPaTransport* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_UplinkNonUEAssociatedNRPPaTransport(const __mv_amf_dt_UplinkNonUEAssociatedNRPPaTransport* rec);
 void __mv_amf_memfree_pdu_UplinkNonUEAssociatedNRPPaTransport(__mv_amf_dt_UplinkNonUEAssociatedNRPPaTransport* rec);
-int __mv_amf_encode_pdu_UplinkRANConfigurationTransfer(__mv_amf_dt_UplinkRANConfigurationTransfer* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_UplinkRANConfigurationTransfer(__mv_amf_dt_UplinkRANConfigurationTransfer* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_UplinkRANConfigurationTransfer(__mv_amf_dt_UplinkRANConfigurationTransfer* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_UplinkRANConfigurationTransfer(__mv_amf_dt_UplinkRANConfigurationTransfer* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_UplinkRANConfigurationTransfer(const __mv_amf_dt_UplinkRANConfigurationTransfer* rec);
 void __mv_amf_memfree_pdu_UplinkRANConfigurationTransfer(__mv_amf_dt_UplinkRANConfigurationTransfer* rec);
-int __mv_amf_encode_pdu_UplinkRANStatusTransfer(__mv_amf_dt_UplinkRANStatusTransfer* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_UplinkRANStatusTransfer(__mv_amf_dt_UplinkRANStatusTransfer* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_UplinkRANStatusTransfer(__mv_amf_dt_UplinkRANStatusTransfer* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_UplinkRANStatusTransfer(__mv_amf_dt_UplinkRANStatusTransfer* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_UplinkRANStatusTransfer(const __mv_amf_dt_UplinkRANStatusTransfer* rec);
 void __mv_amf_memfree_pdu_UplinkRANStatusTransfer(__mv_amf_dt_UplinkRANStatusTransfer* rec);
-int __mv_amf_encode_pdu_UplinkUEAssociatedNRPPaTransport(__mv_amf_dt_UplinkUEAssociatedNRPPaTransport* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_UplinkUEAssociatedNRPPaTransport(__mv_amf_dt_UplinkUEAssociatedNRPPaTransport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_UplinkUEAssociatedNRPPaTransport(__mv_amf_dt_UplinkUEAssociatedNRPPaTransport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_UplinkUEAssociatedNRPPaTransport(__mv_amf_dt_UplinkUEAssociatedNRPPaTransport* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_UplinkUEAssociatedNRPPaTransport(const __mv_amf_dt_UplinkUEAssociatedNRPPaTransport* rec);
 void __mv_amf_memfree_pdu_UplinkUEAssociatedNRPPaTransport(__mv_amf_dt_UplinkUEAssociatedNRPPaTransport* rec);
-int __mv_amf_encode_pdu_WriteReplaceWarningRequest(__mv_amf_dt_WriteReplaceWarningRequest* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_WriteReplaceWarningRequest(__mv_amf_dt_WriteReplaceWarningRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_WriteReplaceWarningRequest(__mv_amf_dt_WriteReplaceWarningRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_WriteReplaceWarningRequest(__mv_amf_dt_WriteReplaceWarningRequest* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_WriteReplaceWarningRequest(const __mv_amf_dt_WriteReplaceWarningRequest* rec);
 void __mv_amf_memfree_pdu_WriteReplaceWarningRequest(__mv_amf_dt_WriteReplaceWarningRequest* rec);
-int __mv_amf_encode_pdu_WriteReplaceWarningResponse(__mv_amf_dt_WriteReplaceWarningResponse* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_WriteReplaceWarningResponse(__mv_amf_dt_WriteReplaceWarningResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_WriteReplaceWarningResponse(__mv_amf_dt_WriteReplaceWarningResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_WriteReplaceWarningResponse(__mv_amf_dt_WriteReplaceWarningResponse* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_WriteReplaceWarningResponse(const __mv_amf_dt_WriteReplaceWarningResponse* rec);
 void __mv_amf_memfree_pdu_WriteReplaceWarningResponse(__mv_amf_dt_WriteReplaceWarningResponse* rec);
-int __mv_amf_encode_pdu_SecondaryRATDataUsageReport(__mv_amf_dt_SecondaryRATDataUsageReport* rec, __mv_asn_coding_context* ctx);
-int __mv_amf_decode_pdu_SecondaryRATDataUsageReport(__mv_amf_dt_SecondaryRATDataUsageReport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_encode_pdu_SecondaryRATDataUsageReport(__mv_amf_dt_SecondaryRATDataUsageReport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_amf_decode_pdu_SecondaryRATDataUsageReport(__mv_amf_dt_SecondaryRATDataUsageReport* rec, __mv_asn_coding_context* ctx);
 void __mv_amf_debug_pdu_SecondaryRATDataUsageReport(const __mv_amf_dt_SecondaryRATDataUsageReport* rec);
 void __mv_amf_memfree_pdu_SecondaryRATDataUsageReport(__mv_amf_dt_SecondaryRATDataUsageReport* rec);
 

@@ -5315,3916 +5315,3916 @@ extern const unsigned kPduCount;
 
 // Operations per type.
 void __mv_mme_debug_Criticality(const char* key, __mv_mme_dt_Criticality value, int level);
-int __mv_mme_Encode_Criticality(__mv_mme_dt_Criticality value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Criticality(__mv_mme_dt_Criticality* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Criticality(__mv_mme_dt_Criticality value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Criticality(__mv_mme_dt_Criticality* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_Presence(const char* key, __mv_mme_dt_Presence value, int level);
-int __mv_mme_Encode_Presence(__mv_mme_dt_Presence value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Presence(__mv_mme_dt_Presence* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Presence(__mv_mme_dt_Presence value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Presence(__mv_mme_dt_Presence* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_PrivateIE_ID(__mv_mme_dt_PrivateIE_ID** rec);
 void __mv_mme_debug_PrivateIE_ID(const char* key, const __mv_mme_dt_PrivateIE_ID* rec, int level);
 void __mv_mme_memfree_PrivateIE_ID(__mv_mme_dt_PrivateIE_ID* rec);
-int __mv_mme_Encode_PrivateIE_ID(const __mv_mme_dt_PrivateIE_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_PrivateIE_ID(__mv_mme_dt_PrivateIE_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_PrivateIE_ID(const __mv_mme_dt_PrivateIE_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_PrivateIE_ID(__mv_mme_dt_PrivateIE_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_PrivateIE_ID_local(const char* key, __mv_mme_dt_PrivateIE_ID_local value, int level);
-int __mv_mme_Encode_PrivateIE_ID_local(__mv_mme_dt_PrivateIE_ID_local value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_PrivateIE_ID_local(__mv_mme_dt_PrivateIE_ID_local* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_PrivateIE_ID_local(__mv_mme_dt_PrivateIE_ID_local value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_PrivateIE_ID_local(__mv_mme_dt_PrivateIE_ID_local* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_PrivateIE_ID_global(__mv_mme_dt_PrivateIE_ID_global** rec);
 int __mv_mme_init_PrivateIE_ID_global2(__mv_mme_dt_PrivateIE_ID_global** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_PrivateIE_ID_global(const char* key, const __mv_mme_dt_PrivateIE_ID_global* rec, int level);
 void __mv_mme_memfree_PrivateIE_ID_global(__mv_mme_dt_PrivateIE_ID_global* rec);
-int __mv_mme_Encode_PrivateIE_ID_global(const __mv_mme_dt_PrivateIE_ID_global* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_PrivateIE_ID_global(__mv_mme_dt_PrivateIE_ID_global** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_PrivateIE_ID_global(const __mv_mme_dt_PrivateIE_ID_global* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_PrivateIE_ID_global(__mv_mme_dt_PrivateIE_ID_global** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_ProcedureCode(const char* key, __mv_mme_dt_ProcedureCode value, int level);
-int __mv_mme_Encode_ProcedureCode(__mv_mme_dt_ProcedureCode value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ProcedureCode(__mv_mme_dt_ProcedureCode* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ProcedureCode(__mv_mme_dt_ProcedureCode value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ProcedureCode(__mv_mme_dt_ProcedureCode* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_ProtocolExtensionID(const char* key, __mv_mme_dt_ProtocolExtensionID value, int level);
-int __mv_mme_Encode_ProtocolExtensionID(__mv_mme_dt_ProtocolExtensionID value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ProtocolExtensionID(__mv_mme_dt_ProtocolExtensionID* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ProtocolExtensionID(__mv_mme_dt_ProtocolExtensionID value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ProtocolExtensionID(__mv_mme_dt_ProtocolExtensionID* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_ProtocolIE_ID(const char* key, __mv_mme_dt_ProtocolIE_ID value, int level);
-int __mv_mme_Encode_ProtocolIE_ID(__mv_mme_dt_ProtocolIE_ID value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ProtocolIE_ID(__mv_mme_dt_ProtocolIE_ID* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ProtocolIE_ID(__mv_mme_dt_ProtocolIE_ID value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ProtocolIE_ID(__mv_mme_dt_ProtocolIE_ID* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_TriggeringMessage(const char* key, __mv_mme_dt_TriggeringMessage value, int level);
-int __mv_mme_Encode_TriggeringMessage(__mv_mme_dt_TriggeringMessage value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TriggeringMessage(__mv_mme_dt_TriggeringMessage* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TriggeringMessage(__mv_mme_dt_TriggeringMessage value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TriggeringMessage(__mv_mme_dt_TriggeringMessage* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_Additional_GUTI(__mv_mme_dt_Additional_GUTI** rec);
 void __mv_mme_debug_Additional_GUTI(const char* key, const __mv_mme_dt_Additional_GUTI* rec, int level);
 void __mv_mme_memfree_Additional_GUTI(__mv_mme_dt_Additional_GUTI* rec);
-int __mv_mme_Encode_Additional_GUTI(const __mv_mme_dt_Additional_GUTI* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Additional_GUTI(__mv_mme_dt_Additional_GUTI** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Additional_GUTI(const __mv_mme_dt_Additional_GUTI* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Additional_GUTI(__mv_mme_dt_Additional_GUTI** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_GUMMEI(__mv_mme_dt_GUMMEI** rec);
 void __mv_mme_debug_GUMMEI(const char* key, const __mv_mme_dt_GUMMEI* rec, int level);
 void __mv_mme_memfree_GUMMEI(__mv_mme_dt_GUMMEI* rec);
-int __mv_mme_Encode_GUMMEI(const __mv_mme_dt_GUMMEI* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_GUMMEI(__mv_mme_dt_GUMMEI** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_GUMMEI(const __mv_mme_dt_GUMMEI* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_GUMMEI(__mv_mme_dt_GUMMEI** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TBCD_STRING(__mv_mme_dt_TBCD_STRING** rec);
 int __mv_mme_init_TBCD_STRING2(__mv_mme_dt_TBCD_STRING** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_TBCD_STRING(const char* key, const __mv_mme_dt_TBCD_STRING* rec, int level);
 void __mv_mme_memfree_TBCD_STRING(__mv_mme_dt_TBCD_STRING* rec);
-int __mv_mme_Encode_TBCD_STRING(const __mv_mme_dt_TBCD_STRING* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TBCD_STRING(__mv_mme_dt_TBCD_STRING** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TBCD_STRING(const __mv_mme_dt_TBCD_STRING* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TBCD_STRING(__mv_mme_dt_TBCD_STRING** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_PLMNidentity(__mv_mme_dt_PLMNidentity** rec);
 int __mv_mme_init_PLMNidentity2(__mv_mme_dt_PLMNidentity** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_PLMNidentity(const char* key, const __mv_mme_dt_PLMNidentity* rec, int level);
 void __mv_mme_memfree_PLMNidentity(__mv_mme_dt_PLMNidentity* rec);
-int __mv_mme_Encode_PLMNidentity(const __mv_mme_dt_PLMNidentity* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_PLMNidentity(__mv_mme_dt_PLMNidentity** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_PLMNidentity(const __mv_mme_dt_PLMNidentity* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_PLMNidentity(__mv_mme_dt_PLMNidentity** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_MME_Group_ID(__mv_mme_dt_MME_Group_ID** rec);
 int __mv_mme_init_MME_Group_ID2(__mv_mme_dt_MME_Group_ID** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_MME_Group_ID(const char* key, const __mv_mme_dt_MME_Group_ID* rec, int level);
 void __mv_mme_memfree_MME_Group_ID(__mv_mme_dt_MME_Group_ID* rec);
-int __mv_mme_Encode_MME_Group_ID(const __mv_mme_dt_MME_Group_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MME_Group_ID(__mv_mme_dt_MME_Group_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MME_Group_ID(const __mv_mme_dt_MME_Group_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MME_Group_ID(__mv_mme_dt_MME_Group_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_MME_Code(__mv_mme_dt_MME_Code** rec);
 int __mv_mme_init_MME_Code2(__mv_mme_dt_MME_Code** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_MME_Code(const char* key, const __mv_mme_dt_MME_Code* rec, int level);
 void __mv_mme_memfree_MME_Code(__mv_mme_dt_MME_Code* rec);
-int __mv_mme_Encode_MME_Code(const __mv_mme_dt_MME_Code* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MME_Code(__mv_mme_dt_MME_Code** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MME_Code(const __mv_mme_dt_MME_Code* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MME_Code(__mv_mme_dt_MME_Code** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_M_TMSI(__mv_mme_dt_M_TMSI** rec);
 int __mv_mme_init_M_TMSI2(__mv_mme_dt_M_TMSI** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_M_TMSI(const char* key, const __mv_mme_dt_M_TMSI* rec, int level);
 void __mv_mme_memfree_M_TMSI(__mv_mme_dt_M_TMSI* rec);
-int __mv_mme_Encode_M_TMSI(const __mv_mme_dt_M_TMSI* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_M_TMSI(__mv_mme_dt_M_TMSI** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_M_TMSI(const __mv_mme_dt_M_TMSI* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_M_TMSI(__mv_mme_dt_M_TMSI** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_AerialUEsubscriptionInformation(const char* key, __mv_mme_dt_AerialUEsubscriptionInformation value, int level);
-int __mv_mme_Encode_AerialUEsubscriptionInformation(__mv_mme_dt_AerialUEsubscriptionInformation value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_AerialUEsubscriptionInformation(__mv_mme_dt_AerialUEsubscriptionInformation* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_AerialUEsubscriptionInformation(__mv_mme_dt_AerialUEsubscriptionInformation value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_AerialUEsubscriptionInformation(__mv_mme_dt_AerialUEsubscriptionInformation* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_AreaScopeOfMDT(__mv_mme_dt_AreaScopeOfMDT** rec);
 void __mv_mme_debug_AreaScopeOfMDT(const char* key, const __mv_mme_dt_AreaScopeOfMDT* rec, int level);
 void __mv_mme_memfree_AreaScopeOfMDT(__mv_mme_dt_AreaScopeOfMDT* rec);
-int __mv_mme_Encode_AreaScopeOfMDT(const __mv_mme_dt_AreaScopeOfMDT* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_AreaScopeOfMDT(__mv_mme_dt_AreaScopeOfMDT** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_AreaScopeOfMDT(const __mv_mme_dt_AreaScopeOfMDT* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_AreaScopeOfMDT(__mv_mme_dt_AreaScopeOfMDT** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CellBasedMDT(__mv_mme_dt_CellBasedMDT** rec);
 void __mv_mme_debug_CellBasedMDT(const char* key, const __mv_mme_dt_CellBasedMDT* rec, int level);
 void __mv_mme_memfree_CellBasedMDT(__mv_mme_dt_CellBasedMDT* rec);
-int __mv_mme_Encode_CellBasedMDT(const __mv_mme_dt_CellBasedMDT* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CellBasedMDT(__mv_mme_dt_CellBasedMDT** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CellBasedMDT(const __mv_mme_dt_CellBasedMDT* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CellBasedMDT(__mv_mme_dt_CellBasedMDT** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CellIdListforMDT(__mv_mme_dt_CellIdListforMDT** rec);
 void __mv_mme_debug_CellIdListforMDT(const char* key, const __mv_mme_dt_CellIdListforMDT* rec, int level);
 void __mv_mme_memfree_CellIdListforMDT(__mv_mme_dt_CellIdListforMDT* rec);
-int __mv_mme_Encode_CellIdListforMDT(const __mv_mme_dt_CellIdListforMDT* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CellIdListforMDT(__mv_mme_dt_CellIdListforMDT** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CellIdListforMDT(const __mv_mme_dt_CellIdListforMDT* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CellIdListforMDT(__mv_mme_dt_CellIdListforMDT** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_EUTRAN_CGI(__mv_mme_dt_EUTRAN_CGI** rec);
 void __mv_mme_debug_EUTRAN_CGI(const char* key, const __mv_mme_dt_EUTRAN_CGI* rec, int level);
 void __mv_mme_memfree_EUTRAN_CGI(__mv_mme_dt_EUTRAN_CGI* rec);
-int __mv_mme_Encode_EUTRAN_CGI(const __mv_mme_dt_EUTRAN_CGI* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_EUTRAN_CGI(__mv_mme_dt_EUTRAN_CGI** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_EUTRAN_CGI(const __mv_mme_dt_EUTRAN_CGI* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_EUTRAN_CGI(__mv_mme_dt_EUTRAN_CGI** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CellIdentity(__mv_mme_dt_CellIdentity** rec);
 int __mv_mme_init_CellIdentity2(__mv_mme_dt_CellIdentity** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_CellIdentity(const char* key, const __mv_mme_dt_CellIdentity* rec, int level);
 void __mv_mme_memfree_CellIdentity(__mv_mme_dt_CellIdentity* rec);
-int __mv_mme_Encode_CellIdentity(const __mv_mme_dt_CellIdentity* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CellIdentity(__mv_mme_dt_CellIdentity** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CellIdentity(const __mv_mme_dt_CellIdentity* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CellIdentity(__mv_mme_dt_CellIdentity** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TABasedMDT(__mv_mme_dt_TABasedMDT** rec);
 void __mv_mme_debug_TABasedMDT(const char* key, const __mv_mme_dt_TABasedMDT* rec, int level);
 void __mv_mme_memfree_TABasedMDT(__mv_mme_dt_TABasedMDT* rec);
-int __mv_mme_Encode_TABasedMDT(const __mv_mme_dt_TABasedMDT* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TABasedMDT(__mv_mme_dt_TABasedMDT** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TABasedMDT(const __mv_mme_dt_TABasedMDT* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TABasedMDT(__mv_mme_dt_TABasedMDT** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TAListforMDT(__mv_mme_dt_TAListforMDT** rec);
 void __mv_mme_debug_TAListforMDT(const char* key, const __mv_mme_dt_TAListforMDT* rec, int level);
 void __mv_mme_memfree_TAListforMDT(__mv_mme_dt_TAListforMDT* rec);
-int __mv_mme_Encode_TAListforMDT(const __mv_mme_dt_TAListforMDT* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TAListforMDT(__mv_mme_dt_TAListforMDT** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TAListforMDT(const __mv_mme_dt_TAListforMDT* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TAListforMDT(__mv_mme_dt_TAListforMDT** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TAC(__mv_mme_dt_TAC** rec);
 int __mv_mme_init_TAC2(__mv_mme_dt_TAC** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_TAC(const char* key, const __mv_mme_dt_TAC* rec, int level);
 void __mv_mme_memfree_TAC(__mv_mme_dt_TAC* rec);
-int __mv_mme_Encode_TAC(const __mv_mme_dt_TAC* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TAC(__mv_mme_dt_TAC** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TAC(const __mv_mme_dt_TAC* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TAC(__mv_mme_dt_TAC** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_AreaScopeOfMDT_pLMNWide(const char* key, __mv_mme_dt_AreaScopeOfMDT_pLMNWide value, int level);
-int __mv_mme_Encode_AreaScopeOfMDT_pLMNWide(__mv_mme_dt_AreaScopeOfMDT_pLMNWide value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_AreaScopeOfMDT_pLMNWide(__mv_mme_dt_AreaScopeOfMDT_pLMNWide* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_AreaScopeOfMDT_pLMNWide(__mv_mme_dt_AreaScopeOfMDT_pLMNWide value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_AreaScopeOfMDT_pLMNWide(__mv_mme_dt_AreaScopeOfMDT_pLMNWide* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TAIBasedMDT(__mv_mme_dt_TAIBasedMDT** rec);
 void __mv_mme_debug_TAIBasedMDT(const char* key, const __mv_mme_dt_TAIBasedMDT* rec, int level);
 void __mv_mme_memfree_TAIBasedMDT(__mv_mme_dt_TAIBasedMDT* rec);
-int __mv_mme_Encode_TAIBasedMDT(const __mv_mme_dt_TAIBasedMDT* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TAIBasedMDT(__mv_mme_dt_TAIBasedMDT** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TAIBasedMDT(const __mv_mme_dt_TAIBasedMDT* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TAIBasedMDT(__mv_mme_dt_TAIBasedMDT** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TAIListforMDT(__mv_mme_dt_TAIListforMDT** rec);
 void __mv_mme_debug_TAIListforMDT(const char* key, const __mv_mme_dt_TAIListforMDT* rec, int level);
 void __mv_mme_memfree_TAIListforMDT(__mv_mme_dt_TAIListforMDT* rec);
-int __mv_mme_Encode_TAIListforMDT(const __mv_mme_dt_TAIListforMDT* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TAIListforMDT(__mv_mme_dt_TAIListforMDT** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TAIListforMDT(const __mv_mme_dt_TAIListforMDT* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TAIListforMDT(__mv_mme_dt_TAIListforMDT** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TAI(__mv_mme_dt_TAI** rec);
 void __mv_mme_debug_TAI(const char* key, const __mv_mme_dt_TAI* rec, int level);
 void __mv_mme_memfree_TAI(__mv_mme_dt_TAI* rec);
-int __mv_mme_Encode_TAI(const __mv_mme_dt_TAI* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TAI(__mv_mme_dt_TAI** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TAI(const __mv_mme_dt_TAI* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TAI(__mv_mme_dt_TAI** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_AreaScopeOfQMC(__mv_mme_dt_AreaScopeOfQMC** rec);
 void __mv_mme_debug_AreaScopeOfQMC(const char* key, const __mv_mme_dt_AreaScopeOfQMC* rec, int level);
 void __mv_mme_memfree_AreaScopeOfQMC(__mv_mme_dt_AreaScopeOfQMC* rec);
-int __mv_mme_Encode_AreaScopeOfQMC(const __mv_mme_dt_AreaScopeOfQMC* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_AreaScopeOfQMC(__mv_mme_dt_AreaScopeOfQMC** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_AreaScopeOfQMC(const __mv_mme_dt_AreaScopeOfQMC* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_AreaScopeOfQMC(__mv_mme_dt_AreaScopeOfQMC** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CellBasedQMC(__mv_mme_dt_CellBasedQMC** rec);
 void __mv_mme_debug_CellBasedQMC(const char* key, const __mv_mme_dt_CellBasedQMC* rec, int level);
 void __mv_mme_memfree_CellBasedQMC(__mv_mme_dt_CellBasedQMC* rec);
-int __mv_mme_Encode_CellBasedQMC(const __mv_mme_dt_CellBasedQMC* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CellBasedQMC(__mv_mme_dt_CellBasedQMC** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CellBasedQMC(const __mv_mme_dt_CellBasedQMC* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CellBasedQMC(__mv_mme_dt_CellBasedQMC** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CellIdListforQMC(__mv_mme_dt_CellIdListforQMC** rec);
 void __mv_mme_debug_CellIdListforQMC(const char* key, const __mv_mme_dt_CellIdListforQMC* rec, int level);
 void __mv_mme_memfree_CellIdListforQMC(__mv_mme_dt_CellIdListforQMC* rec);
-int __mv_mme_Encode_CellIdListforQMC(const __mv_mme_dt_CellIdListforQMC* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CellIdListforQMC(__mv_mme_dt_CellIdListforQMC** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CellIdListforQMC(const __mv_mme_dt_CellIdListforQMC* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CellIdListforQMC(__mv_mme_dt_CellIdListforQMC** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TABasedQMC(__mv_mme_dt_TABasedQMC** rec);
 void __mv_mme_debug_TABasedQMC(const char* key, const __mv_mme_dt_TABasedQMC* rec, int level);
 void __mv_mme_memfree_TABasedQMC(__mv_mme_dt_TABasedQMC* rec);
-int __mv_mme_Encode_TABasedQMC(const __mv_mme_dt_TABasedQMC* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TABasedQMC(__mv_mme_dt_TABasedQMC** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TABasedQMC(const __mv_mme_dt_TABasedQMC* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TABasedQMC(__mv_mme_dt_TABasedQMC** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TAListforQMC(__mv_mme_dt_TAListforQMC** rec);
 void __mv_mme_debug_TAListforQMC(const char* key, const __mv_mme_dt_TAListforQMC* rec, int level);
 void __mv_mme_memfree_TAListforQMC(__mv_mme_dt_TAListforQMC* rec);
-int __mv_mme_Encode_TAListforQMC(const __mv_mme_dt_TAListforQMC* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TAListforQMC(__mv_mme_dt_TAListforQMC** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TAListforQMC(const __mv_mme_dt_TAListforQMC* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TAListforQMC(__mv_mme_dt_TAListforQMC** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TAIBasedQMC(__mv_mme_dt_TAIBasedQMC** rec);
 void __mv_mme_debug_TAIBasedQMC(const char* key, const __mv_mme_dt_TAIBasedQMC* rec, int level);
 void __mv_mme_memfree_TAIBasedQMC(__mv_mme_dt_TAIBasedQMC* rec);
-int __mv_mme_Encode_TAIBasedQMC(const __mv_mme_dt_TAIBasedQMC* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TAIBasedQMC(__mv_mme_dt_TAIBasedQMC** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TAIBasedQMC(const __mv_mme_dt_TAIBasedQMC* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TAIBasedQMC(__mv_mme_dt_TAIBasedQMC** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TAIListforQMC(__mv_mme_dt_TAIListforQMC** rec);
 void __mv_mme_debug_TAIListforQMC(const char* key, const __mv_mme_dt_TAIListforQMC* rec, int level);
 void __mv_mme_memfree_TAIListforQMC(__mv_mme_dt_TAIListforQMC* rec);
-int __mv_mme_Encode_TAIListforQMC(const __mv_mme_dt_TAIListforQMC* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TAIListforQMC(__mv_mme_dt_TAIListforQMC** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TAIListforQMC(const __mv_mme_dt_TAIListforQMC* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TAIListforQMC(__mv_mme_dt_TAIListforQMC** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_PLMNAreaBasedQMC(__mv_mme_dt_PLMNAreaBasedQMC** rec);
 void __mv_mme_debug_PLMNAreaBasedQMC(const char* key, const __mv_mme_dt_PLMNAreaBasedQMC* rec, int level);
 void __mv_mme_memfree_PLMNAreaBasedQMC(__mv_mme_dt_PLMNAreaBasedQMC* rec);
-int __mv_mme_Encode_PLMNAreaBasedQMC(const __mv_mme_dt_PLMNAreaBasedQMC* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_PLMNAreaBasedQMC(__mv_mme_dt_PLMNAreaBasedQMC** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_PLMNAreaBasedQMC(const __mv_mme_dt_PLMNAreaBasedQMC* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_PLMNAreaBasedQMC(__mv_mme_dt_PLMNAreaBasedQMC** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_PLMNListforQMC(__mv_mme_dt_PLMNListforQMC** rec);
 void __mv_mme_debug_PLMNListforQMC(const char* key, const __mv_mme_dt_PLMNListforQMC* rec, int level);
 void __mv_mme_memfree_PLMNListforQMC(__mv_mme_dt_PLMNListforQMC* rec);
-int __mv_mme_Encode_PLMNListforQMC(const __mv_mme_dt_PLMNListforQMC* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_PLMNListforQMC(__mv_mme_dt_PLMNListforQMC** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_PLMNListforQMC(const __mv_mme_dt_PLMNListforQMC* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_PLMNListforQMC(__mv_mme_dt_PLMNListforQMC** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_AllocationAndRetentionPriority(__mv_mme_dt_AllocationAndRetentionPriority** rec);
 void __mv_mme_debug_AllocationAndRetentionPriority(const char* key, const __mv_mme_dt_AllocationAndRetentionPriority* rec, int level);
 void __mv_mme_memfree_AllocationAndRetentionPriority(__mv_mme_dt_AllocationAndRetentionPriority* rec);
-int __mv_mme_Encode_AllocationAndRetentionPriority(const __mv_mme_dt_AllocationAndRetentionPriority* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_AllocationAndRetentionPriority(__mv_mme_dt_AllocationAndRetentionPriority** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_AllocationAndRetentionPriority(const __mv_mme_dt_AllocationAndRetentionPriority* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_AllocationAndRetentionPriority(__mv_mme_dt_AllocationAndRetentionPriority** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_PriorityLevel(const char* key, __mv_mme_dt_PriorityLevel value, int level);
-int __mv_mme_Encode_PriorityLevel(__mv_mme_dt_PriorityLevel value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_PriorityLevel(__mv_mme_dt_PriorityLevel* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_PriorityLevel(__mv_mme_dt_PriorityLevel value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_PriorityLevel(__mv_mme_dt_PriorityLevel* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_Pre_emptionCapability(const char* key, __mv_mme_dt_Pre_emptionCapability value, int level);
-int __mv_mme_Encode_Pre_emptionCapability(__mv_mme_dt_Pre_emptionCapability value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Pre_emptionCapability(__mv_mme_dt_Pre_emptionCapability* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Pre_emptionCapability(__mv_mme_dt_Pre_emptionCapability value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Pre_emptionCapability(__mv_mme_dt_Pre_emptionCapability* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_Pre_emptionVulnerability(const char* key, __mv_mme_dt_Pre_emptionVulnerability value, int level);
-int __mv_mme_Encode_Pre_emptionVulnerability(__mv_mme_dt_Pre_emptionVulnerability value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Pre_emptionVulnerability(__mv_mme_dt_Pre_emptionVulnerability* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Pre_emptionVulnerability(__mv_mme_dt_Pre_emptionVulnerability value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Pre_emptionVulnerability(__mv_mme_dt_Pre_emptionVulnerability* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_AssistanceDataForCECapableUEs(__mv_mme_dt_AssistanceDataForCECapableUEs** rec);
 void __mv_mme_debug_AssistanceDataForCECapableUEs(const char* key, const __mv_mme_dt_AssistanceDataForCECapableUEs* rec, int level);
 void __mv_mme_memfree_AssistanceDataForCECapableUEs(__mv_mme_dt_AssistanceDataForCECapableUEs* rec);
-int __mv_mme_Encode_AssistanceDataForCECapableUEs(const __mv_mme_dt_AssistanceDataForCECapableUEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_AssistanceDataForCECapableUEs(__mv_mme_dt_AssistanceDataForCECapableUEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_AssistanceDataForCECapableUEs(const __mv_mme_dt_AssistanceDataForCECapableUEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_AssistanceDataForCECapableUEs(__mv_mme_dt_AssistanceDataForCECapableUEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CellIdentifierAndCELevelForCECapableUEs(__mv_mme_dt_CellIdentifierAndCELevelForCECapableUEs** rec);
 void __mv_mme_debug_CellIdentifierAndCELevelForCECapableUEs(const char* key, const __mv_mme_dt_CellIdentifierAndCELevelForCECapableUEs* rec, int level);
 void __mv_mme_memfree_CellIdentifierAndCELevelForCECapableUEs(__mv_mme_dt_CellIdentifierAndCELevelForCECapableUEs* rec);
-int __mv_mme_Encode_CellIdentifierAndCELevelForCECapableUEs(const __mv_mme_dt_CellIdentifierAndCELevelForCECapableUEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CellIdentifierAndCELevelForCECapableUEs(__mv_mme_dt_CellIdentifierAndCELevelForCECapableUEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CellIdentifierAndCELevelForCECapableUEs(const __mv_mme_dt_CellIdentifierAndCELevelForCECapableUEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CellIdentifierAndCELevelForCECapableUEs(__mv_mme_dt_CellIdentifierAndCELevelForCECapableUEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CELevel(__mv_mme_dt_CELevel** rec);
 int __mv_mme_init_CELevel2(__mv_mme_dt_CELevel** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_CELevel(const char* key, const __mv_mme_dt_CELevel* rec, int level);
 void __mv_mme_memfree_CELevel(__mv_mme_dt_CELevel* rec);
-int __mv_mme_Encode_CELevel(const __mv_mme_dt_CELevel* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CELevel(__mv_mme_dt_CELevel** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CELevel(const __mv_mme_dt_CELevel* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CELevel(__mv_mme_dt_CELevel** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_AssistanceDataForPaging(__mv_mme_dt_AssistanceDataForPaging** rec);
 void __mv_mme_debug_AssistanceDataForPaging(const char* key, const __mv_mme_dt_AssistanceDataForPaging* rec, int level);
 void __mv_mme_memfree_AssistanceDataForPaging(__mv_mme_dt_AssistanceDataForPaging* rec);
-int __mv_mme_Encode_AssistanceDataForPaging(const __mv_mme_dt_AssistanceDataForPaging* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_AssistanceDataForPaging(__mv_mme_dt_AssistanceDataForPaging** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_AssistanceDataForPaging(const __mv_mme_dt_AssistanceDataForPaging* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_AssistanceDataForPaging(__mv_mme_dt_AssistanceDataForPaging** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_AssistanceDataForRecommendedCells(__mv_mme_dt_AssistanceDataForRecommendedCells** rec);
 void __mv_mme_debug_AssistanceDataForRecommendedCells(const char* key, const __mv_mme_dt_AssistanceDataForRecommendedCells* rec, int level);
 void __mv_mme_memfree_AssistanceDataForRecommendedCells(__mv_mme_dt_AssistanceDataForRecommendedCells* rec);
-int __mv_mme_Encode_AssistanceDataForRecommendedCells(const __mv_mme_dt_AssistanceDataForRecommendedCells* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_AssistanceDataForRecommendedCells(__mv_mme_dt_AssistanceDataForRecommendedCells** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_AssistanceDataForRecommendedCells(const __mv_mme_dt_AssistanceDataForRecommendedCells* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_AssistanceDataForRecommendedCells(__mv_mme_dt_AssistanceDataForRecommendedCells** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_RecommendedCellsForPaging(__mv_mme_dt_RecommendedCellsForPaging** rec);
 void __mv_mme_debug_RecommendedCellsForPaging(const char* key, const __mv_mme_dt_RecommendedCellsForPaging* rec, int level);
 void __mv_mme_memfree_RecommendedCellsForPaging(__mv_mme_dt_RecommendedCellsForPaging* rec);
-int __mv_mme_Encode_RecommendedCellsForPaging(const __mv_mme_dt_RecommendedCellsForPaging* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_RecommendedCellsForPaging(__mv_mme_dt_RecommendedCellsForPaging** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_RecommendedCellsForPaging(const __mv_mme_dt_RecommendedCellsForPaging* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_RecommendedCellsForPaging(__mv_mme_dt_RecommendedCellsForPaging** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_RecommendedCellList(__mv_mme_dt_RecommendedCellList** rec);
 void __mv_mme_debug_RecommendedCellList(const char* key, const __mv_mme_dt_RecommendedCellList* rec, int level);
 void __mv_mme_memfree_RecommendedCellList(__mv_mme_dt_RecommendedCellList* rec);
-int __mv_mme_Encode_RecommendedCellList(const __mv_mme_dt_RecommendedCellList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_RecommendedCellList(__mv_mme_dt_RecommendedCellList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_RecommendedCellList(const __mv_mme_dt_RecommendedCellList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_RecommendedCellList(__mv_mme_dt_RecommendedCellList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_RecommendedCellItemIEs(__mv_mme_dt_RecommendedCellItemIEs** rec);
 void __mv_mme_debug_RecommendedCellItemIEs(const char* key, const __mv_mme_dt_RecommendedCellItemIEs* rec, int level);
 void __mv_mme_memfree_RecommendedCellItemIEs(__mv_mme_dt_RecommendedCellItemIEs* rec);
-int __mv_mme_Encode_RecommendedCellItemIEs(const __mv_mme_dt_RecommendedCellItemIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_RecommendedCellItemIEs(__mv_mme_dt_RecommendedCellItemIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_RecommendedCellItemIEs(const __mv_mme_dt_RecommendedCellItemIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_RecommendedCellItemIEs(__mv_mme_dt_RecommendedCellItemIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_RecommendedCellItem(__mv_mme_dt_RecommendedCellItem** rec);
 void __mv_mme_debug_RecommendedCellItem(const char* key, const __mv_mme_dt_RecommendedCellItem* rec, int level);
 void __mv_mme_memfree_RecommendedCellItem(__mv_mme_dt_RecommendedCellItem* rec);
-int __mv_mme_Encode_RecommendedCellItem(const __mv_mme_dt_RecommendedCellItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_RecommendedCellItem(__mv_mme_dt_RecommendedCellItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_RecommendedCellItem(const __mv_mme_dt_RecommendedCellItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_RecommendedCellItem(__mv_mme_dt_RecommendedCellItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_RecommendedCellItem_timeStayedInCell(const char* key, __mv_mme_dt_RecommendedCellItem_timeStayedInCell value, int level);
-int __mv_mme_Encode_RecommendedCellItem_timeStayedInCell(__mv_mme_dt_RecommendedCellItem_timeStayedInCell value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_RecommendedCellItem_timeStayedInCell(__mv_mme_dt_RecommendedCellItem_timeStayedInCell* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_RecommendedCellItem_timeStayedInCell(__mv_mme_dt_RecommendedCellItem_timeStayedInCell value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_RecommendedCellItem_timeStayedInCell(__mv_mme_dt_RecommendedCellItem_timeStayedInCell* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_PagingAttemptInformation(__mv_mme_dt_PagingAttemptInformation** rec);
 void __mv_mme_debug_PagingAttemptInformation(const char* key, const __mv_mme_dt_PagingAttemptInformation* rec, int level);
 void __mv_mme_memfree_PagingAttemptInformation(__mv_mme_dt_PagingAttemptInformation* rec);
-int __mv_mme_Encode_PagingAttemptInformation(const __mv_mme_dt_PagingAttemptInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_PagingAttemptInformation(__mv_mme_dt_PagingAttemptInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_PagingAttemptInformation(const __mv_mme_dt_PagingAttemptInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_PagingAttemptInformation(__mv_mme_dt_PagingAttemptInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_PagingAttemptCount(const char* key, __mv_mme_dt_PagingAttemptCount value, int level);
-int __mv_mme_Encode_PagingAttemptCount(__mv_mme_dt_PagingAttemptCount value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_PagingAttemptCount(__mv_mme_dt_PagingAttemptCount* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_PagingAttemptCount(__mv_mme_dt_PagingAttemptCount value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_PagingAttemptCount(__mv_mme_dt_PagingAttemptCount* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_IntendedNumberOfPagingAttempts(const char* key, __mv_mme_dt_IntendedNumberOfPagingAttempts value, int level);
-int __mv_mme_Encode_IntendedNumberOfPagingAttempts(__mv_mme_dt_IntendedNumberOfPagingAttempts value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_IntendedNumberOfPagingAttempts(__mv_mme_dt_IntendedNumberOfPagingAttempts* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_IntendedNumberOfPagingAttempts(__mv_mme_dt_IntendedNumberOfPagingAttempts value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_IntendedNumberOfPagingAttempts(__mv_mme_dt_IntendedNumberOfPagingAttempts* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_NextPagingAreaScope(const char* key, __mv_mme_dt_NextPagingAreaScope value, int level);
-int __mv_mme_Encode_NextPagingAreaScope(__mv_mme_dt_NextPagingAreaScope value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_NextPagingAreaScope(__mv_mme_dt_NextPagingAreaScope* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_NextPagingAreaScope(__mv_mme_dt_NextPagingAreaScope value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_NextPagingAreaScope(__mv_mme_dt_NextPagingAreaScope* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_Bearers_SubjectToStatusTransferList(__mv_mme_dt_Bearers_SubjectToStatusTransferList** rec);
 void __mv_mme_debug_Bearers_SubjectToStatusTransferList(const char* key, const __mv_mme_dt_Bearers_SubjectToStatusTransferList* rec, int level);
 void __mv_mme_memfree_Bearers_SubjectToStatusTransferList(__mv_mme_dt_Bearers_SubjectToStatusTransferList* rec);
-int __mv_mme_Encode_Bearers_SubjectToStatusTransferList(const __mv_mme_dt_Bearers_SubjectToStatusTransferList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Bearers_SubjectToStatusTransferList(__mv_mme_dt_Bearers_SubjectToStatusTransferList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Bearers_SubjectToStatusTransferList(const __mv_mme_dt_Bearers_SubjectToStatusTransferList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Bearers_SubjectToStatusTransferList(__mv_mme_dt_Bearers_SubjectToStatusTransferList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_Bearers_SubjectToStatusTransfer_ItemIEs(__mv_mme_dt_Bearers_SubjectToStatusTransfer_ItemIEs** rec);
 void __mv_mme_debug_Bearers_SubjectToStatusTransfer_ItemIEs(const char* key, const __mv_mme_dt_Bearers_SubjectToStatusTransfer_ItemIEs* rec, int level);
 void __mv_mme_memfree_Bearers_SubjectToStatusTransfer_ItemIEs(__mv_mme_dt_Bearers_SubjectToStatusTransfer_ItemIEs* rec);
-int __mv_mme_Encode_Bearers_SubjectToStatusTransfer_ItemIEs(const __mv_mme_dt_Bearers_SubjectToStatusTransfer_ItemIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Bearers_SubjectToStatusTransfer_ItemIEs(__mv_mme_dt_Bearers_SubjectToStatusTransfer_ItemIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Bearers_SubjectToStatusTransfer_ItemIEs(const __mv_mme_dt_Bearers_SubjectToStatusTransfer_ItemIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Bearers_SubjectToStatusTransfer_ItemIEs(__mv_mme_dt_Bearers_SubjectToStatusTransfer_ItemIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_Bearers_SubjectToStatusTransfer_Item(__mv_mme_dt_Bearers_SubjectToStatusTransfer_Item** rec);
 void __mv_mme_debug_Bearers_SubjectToStatusTransfer_Item(const char* key, const __mv_mme_dt_Bearers_SubjectToStatusTransfer_Item* rec, int level);
 void __mv_mme_memfree_Bearers_SubjectToStatusTransfer_Item(__mv_mme_dt_Bearers_SubjectToStatusTransfer_Item* rec);
-int __mv_mme_Encode_Bearers_SubjectToStatusTransfer_Item(const __mv_mme_dt_Bearers_SubjectToStatusTransfer_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Bearers_SubjectToStatusTransfer_Item(__mv_mme_dt_Bearers_SubjectToStatusTransfer_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Bearers_SubjectToStatusTransfer_Item(const __mv_mme_dt_Bearers_SubjectToStatusTransfer_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Bearers_SubjectToStatusTransfer_Item(__mv_mme_dt_Bearers_SubjectToStatusTransfer_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_E_RAB_ID(const char* key, __mv_mme_dt_E_RAB_ID value, int level);
-int __mv_mme_Encode_E_RAB_ID(__mv_mme_dt_E_RAB_ID value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RAB_ID(__mv_mme_dt_E_RAB_ID* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RAB_ID(__mv_mme_dt_E_RAB_ID value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RAB_ID(__mv_mme_dt_E_RAB_ID* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_COUNTvalue(__mv_mme_dt_COUNTvalue** rec);
 void __mv_mme_debug_COUNTvalue(const char* key, const __mv_mme_dt_COUNTvalue* rec, int level);
 void __mv_mme_memfree_COUNTvalue(__mv_mme_dt_COUNTvalue* rec);
-int __mv_mme_Encode_COUNTvalue(const __mv_mme_dt_COUNTvalue* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_COUNTvalue(__mv_mme_dt_COUNTvalue** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_COUNTvalue(const __mv_mme_dt_COUNTvalue* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_COUNTvalue(__mv_mme_dt_COUNTvalue** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_PDCP_SN(const char* key, __mv_mme_dt_PDCP_SN value, int level);
-int __mv_mme_Encode_PDCP_SN(__mv_mme_dt_PDCP_SN value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_PDCP_SN(__mv_mme_dt_PDCP_SN* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_PDCP_SN(__mv_mme_dt_PDCP_SN value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_PDCP_SN(__mv_mme_dt_PDCP_SN* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_HFN(const char* key, __mv_mme_dt_HFN value, int level);
-int __mv_mme_Encode_HFN(__mv_mme_dt_HFN value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_HFN(__mv_mme_dt_HFN* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_HFN(__mv_mme_dt_HFN value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_HFN(__mv_mme_dt_HFN* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ReceiveStatusofULPDCPSDUs(__mv_mme_dt_ReceiveStatusofULPDCPSDUs** rec);
 int __mv_mme_init_ReceiveStatusofULPDCPSDUs2(__mv_mme_dt_ReceiveStatusofULPDCPSDUs** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_ReceiveStatusofULPDCPSDUs(const char* key, const __mv_mme_dt_ReceiveStatusofULPDCPSDUs* rec, int level);
 void __mv_mme_memfree_ReceiveStatusofULPDCPSDUs(__mv_mme_dt_ReceiveStatusofULPDCPSDUs* rec);
-int __mv_mme_Encode_ReceiveStatusofULPDCPSDUs(const __mv_mme_dt_ReceiveStatusofULPDCPSDUs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ReceiveStatusofULPDCPSDUs(__mv_mme_dt_ReceiveStatusofULPDCPSDUs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ReceiveStatusofULPDCPSDUs(const __mv_mme_dt_ReceiveStatusofULPDCPSDUs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ReceiveStatusofULPDCPSDUs(__mv_mme_dt_ReceiveStatusofULPDCPSDUs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_BearerType(const char* key, __mv_mme_dt_BearerType value, int level);
-int __mv_mme_Encode_BearerType(__mv_mme_dt_BearerType value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_BearerType(__mv_mme_dt_BearerType* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_BearerType(__mv_mme_dt_BearerType value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_BearerType(__mv_mme_dt_BearerType* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_BitRate(const char* key, __mv_mme_dt_BitRate value, int level);
-int __mv_mme_Encode_BitRate(__mv_mme_dt_BitRate value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_BitRate(__mv_mme_dt_BitRate* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_BitRate(__mv_mme_dt_BitRate value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_BitRate(__mv_mme_dt_BitRate* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_BluetoothMeasurementConfiguration(__mv_mme_dt_BluetoothMeasurementConfiguration** rec);
 void __mv_mme_debug_BluetoothMeasurementConfiguration(const char* key, const __mv_mme_dt_BluetoothMeasurementConfiguration* rec, int level);
 void __mv_mme_memfree_BluetoothMeasurementConfiguration(__mv_mme_dt_BluetoothMeasurementConfiguration* rec);
-int __mv_mme_Encode_BluetoothMeasurementConfiguration(const __mv_mme_dt_BluetoothMeasurementConfiguration* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_BluetoothMeasurementConfiguration(__mv_mme_dt_BluetoothMeasurementConfiguration** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_BluetoothMeasurementConfiguration(const __mv_mme_dt_BluetoothMeasurementConfiguration* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_BluetoothMeasurementConfiguration(__mv_mme_dt_BluetoothMeasurementConfiguration** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_BluetoothMeasConfig(const char* key, __mv_mme_dt_BluetoothMeasConfig value, int level);
-int __mv_mme_Encode_BluetoothMeasConfig(__mv_mme_dt_BluetoothMeasConfig value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_BluetoothMeasConfig(__mv_mme_dt_BluetoothMeasConfig* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_BluetoothMeasConfig(__mv_mme_dt_BluetoothMeasConfig value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_BluetoothMeasConfig(__mv_mme_dt_BluetoothMeasConfig* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_BluetoothMeasConfigNameList(__mv_mme_dt_BluetoothMeasConfigNameList** rec);
 void __mv_mme_debug_BluetoothMeasConfigNameList(const char* key, const __mv_mme_dt_BluetoothMeasConfigNameList* rec, int level);
 void __mv_mme_memfree_BluetoothMeasConfigNameList(__mv_mme_dt_BluetoothMeasConfigNameList* rec);
-int __mv_mme_Encode_BluetoothMeasConfigNameList(const __mv_mme_dt_BluetoothMeasConfigNameList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_BluetoothMeasConfigNameList(__mv_mme_dt_BluetoothMeasConfigNameList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_BluetoothMeasConfigNameList(const __mv_mme_dt_BluetoothMeasConfigNameList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_BluetoothMeasConfigNameList(__mv_mme_dt_BluetoothMeasConfigNameList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_BluetoothName(__mv_mme_dt_BluetoothName** rec);
 int __mv_mme_init_BluetoothName2(__mv_mme_dt_BluetoothName** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_BluetoothName(const char* key, const __mv_mme_dt_BluetoothName* rec, int level);
 void __mv_mme_memfree_BluetoothName(__mv_mme_dt_BluetoothName* rec);
-int __mv_mme_Encode_BluetoothName(const __mv_mme_dt_BluetoothName* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_BluetoothName(__mv_mme_dt_BluetoothName** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_BluetoothName(const __mv_mme_dt_BluetoothName* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_BluetoothName(__mv_mme_dt_BluetoothName** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_BluetoothMeasurementConfiguration_bt_rssi(const char* key, __mv_mme_dt_BluetoothMeasurementConfiguration_bt_rssi value, int level);
-int __mv_mme_Encode_BluetoothMeasurementConfiguration_bt_rssi(__mv_mme_dt_BluetoothMeasurementConfiguration_bt_rssi value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_BluetoothMeasurementConfiguration_bt_rssi(__mv_mme_dt_BluetoothMeasurementConfiguration_bt_rssi* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_BluetoothMeasurementConfiguration_bt_rssi(__mv_mme_dt_BluetoothMeasurementConfiguration_bt_rssi value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_BluetoothMeasurementConfiguration_bt_rssi(__mv_mme_dt_BluetoothMeasurementConfiguration_bt_rssi* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_BPLMNs(__mv_mme_dt_BPLMNs** rec);
 void __mv_mme_debug_BPLMNs(const char* key, const __mv_mme_dt_BPLMNs* rec, int level);
 void __mv_mme_memfree_BPLMNs(__mv_mme_dt_BPLMNs* rec);
-int __mv_mme_Encode_BPLMNs(const __mv_mme_dt_BPLMNs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_BPLMNs(__mv_mme_dt_BPLMNs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_BPLMNs(const __mv_mme_dt_BPLMNs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_BPLMNs(__mv_mme_dt_BPLMNs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_BroadcastCancelledAreaList(__mv_mme_dt_BroadcastCancelledAreaList** rec);
 void __mv_mme_debug_BroadcastCancelledAreaList(const char* key, const __mv_mme_dt_BroadcastCancelledAreaList* rec, int level);
 void __mv_mme_memfree_BroadcastCancelledAreaList(__mv_mme_dt_BroadcastCancelledAreaList* rec);
-int __mv_mme_Encode_BroadcastCancelledAreaList(const __mv_mme_dt_BroadcastCancelledAreaList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_BroadcastCancelledAreaList(__mv_mme_dt_BroadcastCancelledAreaList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_BroadcastCancelledAreaList(const __mv_mme_dt_BroadcastCancelledAreaList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_BroadcastCancelledAreaList(__mv_mme_dt_BroadcastCancelledAreaList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CellID_Cancelled(__mv_mme_dt_CellID_Cancelled** rec);
 void __mv_mme_debug_CellID_Cancelled(const char* key, const __mv_mme_dt_CellID_Cancelled* rec, int level);
 void __mv_mme_memfree_CellID_Cancelled(__mv_mme_dt_CellID_Cancelled* rec);
-int __mv_mme_Encode_CellID_Cancelled(const __mv_mme_dt_CellID_Cancelled* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CellID_Cancelled(__mv_mme_dt_CellID_Cancelled** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CellID_Cancelled(const __mv_mme_dt_CellID_Cancelled* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CellID_Cancelled(__mv_mme_dt_CellID_Cancelled** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CellID_Cancelled_Item(__mv_mme_dt_CellID_Cancelled_Item** rec);
 void __mv_mme_debug_CellID_Cancelled_Item(const char* key, const __mv_mme_dt_CellID_Cancelled_Item* rec, int level);
 void __mv_mme_memfree_CellID_Cancelled_Item(__mv_mme_dt_CellID_Cancelled_Item* rec);
-int __mv_mme_Encode_CellID_Cancelled_Item(const __mv_mme_dt_CellID_Cancelled_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CellID_Cancelled_Item(__mv_mme_dt_CellID_Cancelled_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CellID_Cancelled_Item(const __mv_mme_dt_CellID_Cancelled_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CellID_Cancelled_Item(__mv_mme_dt_CellID_Cancelled_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_NumberOfBroadcasts(const char* key, __mv_mme_dt_NumberOfBroadcasts value, int level);
-int __mv_mme_Encode_NumberOfBroadcasts(__mv_mme_dt_NumberOfBroadcasts value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_NumberOfBroadcasts(__mv_mme_dt_NumberOfBroadcasts* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_NumberOfBroadcasts(__mv_mme_dt_NumberOfBroadcasts value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_NumberOfBroadcasts(__mv_mme_dt_NumberOfBroadcasts* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TAI_Cancelled(__mv_mme_dt_TAI_Cancelled** rec);
 void __mv_mme_debug_TAI_Cancelled(const char* key, const __mv_mme_dt_TAI_Cancelled* rec, int level);
 void __mv_mme_memfree_TAI_Cancelled(__mv_mme_dt_TAI_Cancelled* rec);
-int __mv_mme_Encode_TAI_Cancelled(const __mv_mme_dt_TAI_Cancelled* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TAI_Cancelled(__mv_mme_dt_TAI_Cancelled** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TAI_Cancelled(const __mv_mme_dt_TAI_Cancelled* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TAI_Cancelled(__mv_mme_dt_TAI_Cancelled** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TAI_Cancelled_Item(__mv_mme_dt_TAI_Cancelled_Item** rec);
 void __mv_mme_debug_TAI_Cancelled_Item(const char* key, const __mv_mme_dt_TAI_Cancelled_Item* rec, int level);
 void __mv_mme_memfree_TAI_Cancelled_Item(__mv_mme_dt_TAI_Cancelled_Item* rec);
-int __mv_mme_Encode_TAI_Cancelled_Item(const __mv_mme_dt_TAI_Cancelled_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TAI_Cancelled_Item(__mv_mme_dt_TAI_Cancelled_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TAI_Cancelled_Item(const __mv_mme_dt_TAI_Cancelled_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TAI_Cancelled_Item(__mv_mme_dt_TAI_Cancelled_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CancelledCellinTAI(__mv_mme_dt_CancelledCellinTAI** rec);
 void __mv_mme_debug_CancelledCellinTAI(const char* key, const __mv_mme_dt_CancelledCellinTAI* rec, int level);
 void __mv_mme_memfree_CancelledCellinTAI(__mv_mme_dt_CancelledCellinTAI* rec);
-int __mv_mme_Encode_CancelledCellinTAI(const __mv_mme_dt_CancelledCellinTAI* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CancelledCellinTAI(__mv_mme_dt_CancelledCellinTAI** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CancelledCellinTAI(const __mv_mme_dt_CancelledCellinTAI* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CancelledCellinTAI(__mv_mme_dt_CancelledCellinTAI** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CancelledCellinTAI_Item(__mv_mme_dt_CancelledCellinTAI_Item** rec);
 void __mv_mme_debug_CancelledCellinTAI_Item(const char* key, const __mv_mme_dt_CancelledCellinTAI_Item* rec, int level);
 void __mv_mme_memfree_CancelledCellinTAI_Item(__mv_mme_dt_CancelledCellinTAI_Item* rec);
-int __mv_mme_Encode_CancelledCellinTAI_Item(const __mv_mme_dt_CancelledCellinTAI_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CancelledCellinTAI_Item(__mv_mme_dt_CancelledCellinTAI_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CancelledCellinTAI_Item(const __mv_mme_dt_CancelledCellinTAI_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CancelledCellinTAI_Item(__mv_mme_dt_CancelledCellinTAI_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_EmergencyAreaID_Cancelled(__mv_mme_dt_EmergencyAreaID_Cancelled** rec);
 void __mv_mme_debug_EmergencyAreaID_Cancelled(const char* key, const __mv_mme_dt_EmergencyAreaID_Cancelled* rec, int level);
 void __mv_mme_memfree_EmergencyAreaID_Cancelled(__mv_mme_dt_EmergencyAreaID_Cancelled* rec);
-int __mv_mme_Encode_EmergencyAreaID_Cancelled(const __mv_mme_dt_EmergencyAreaID_Cancelled* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_EmergencyAreaID_Cancelled(__mv_mme_dt_EmergencyAreaID_Cancelled** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_EmergencyAreaID_Cancelled(const __mv_mme_dt_EmergencyAreaID_Cancelled* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_EmergencyAreaID_Cancelled(__mv_mme_dt_EmergencyAreaID_Cancelled** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_EmergencyAreaID_Cancelled_Item(__mv_mme_dt_EmergencyAreaID_Cancelled_Item** rec);
 void __mv_mme_debug_EmergencyAreaID_Cancelled_Item(const char* key, const __mv_mme_dt_EmergencyAreaID_Cancelled_Item* rec, int level);
 void __mv_mme_memfree_EmergencyAreaID_Cancelled_Item(__mv_mme_dt_EmergencyAreaID_Cancelled_Item* rec);
-int __mv_mme_Encode_EmergencyAreaID_Cancelled_Item(const __mv_mme_dt_EmergencyAreaID_Cancelled_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_EmergencyAreaID_Cancelled_Item(__mv_mme_dt_EmergencyAreaID_Cancelled_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_EmergencyAreaID_Cancelled_Item(const __mv_mme_dt_EmergencyAreaID_Cancelled_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_EmergencyAreaID_Cancelled_Item(__mv_mme_dt_EmergencyAreaID_Cancelled_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_EmergencyAreaID(__mv_mme_dt_EmergencyAreaID** rec);
 int __mv_mme_init_EmergencyAreaID2(__mv_mme_dt_EmergencyAreaID** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_EmergencyAreaID(const char* key, const __mv_mme_dt_EmergencyAreaID* rec, int level);
 void __mv_mme_memfree_EmergencyAreaID(__mv_mme_dt_EmergencyAreaID* rec);
-int __mv_mme_Encode_EmergencyAreaID(const __mv_mme_dt_EmergencyAreaID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_EmergencyAreaID(__mv_mme_dt_EmergencyAreaID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_EmergencyAreaID(const __mv_mme_dt_EmergencyAreaID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_EmergencyAreaID(__mv_mme_dt_EmergencyAreaID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CancelledCellinEAI(__mv_mme_dt_CancelledCellinEAI** rec);
 void __mv_mme_debug_CancelledCellinEAI(const char* key, const __mv_mme_dt_CancelledCellinEAI* rec, int level);
 void __mv_mme_memfree_CancelledCellinEAI(__mv_mme_dt_CancelledCellinEAI* rec);
-int __mv_mme_Encode_CancelledCellinEAI(const __mv_mme_dt_CancelledCellinEAI* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CancelledCellinEAI(__mv_mme_dt_CancelledCellinEAI** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CancelledCellinEAI(const __mv_mme_dt_CancelledCellinEAI* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CancelledCellinEAI(__mv_mme_dt_CancelledCellinEAI** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CancelledCellinEAI_Item(__mv_mme_dt_CancelledCellinEAI_Item** rec);
 void __mv_mme_debug_CancelledCellinEAI_Item(const char* key, const __mv_mme_dt_CancelledCellinEAI_Item* rec, int level);
 void __mv_mme_memfree_CancelledCellinEAI_Item(__mv_mme_dt_CancelledCellinEAI_Item* rec);
-int __mv_mme_Encode_CancelledCellinEAI_Item(const __mv_mme_dt_CancelledCellinEAI_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CancelledCellinEAI_Item(__mv_mme_dt_CancelledCellinEAI_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CancelledCellinEAI_Item(const __mv_mme_dt_CancelledCellinEAI_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CancelledCellinEAI_Item(__mv_mme_dt_CancelledCellinEAI_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_BroadcastCompletedAreaList(__mv_mme_dt_BroadcastCompletedAreaList** rec);
 void __mv_mme_debug_BroadcastCompletedAreaList(const char* key, const __mv_mme_dt_BroadcastCompletedAreaList* rec, int level);
 void __mv_mme_memfree_BroadcastCompletedAreaList(__mv_mme_dt_BroadcastCompletedAreaList* rec);
-int __mv_mme_Encode_BroadcastCompletedAreaList(const __mv_mme_dt_BroadcastCompletedAreaList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_BroadcastCompletedAreaList(__mv_mme_dt_BroadcastCompletedAreaList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_BroadcastCompletedAreaList(const __mv_mme_dt_BroadcastCompletedAreaList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_BroadcastCompletedAreaList(__mv_mme_dt_BroadcastCompletedAreaList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CellID_Broadcast(__mv_mme_dt_CellID_Broadcast** rec);
 void __mv_mme_debug_CellID_Broadcast(const char* key, const __mv_mme_dt_CellID_Broadcast* rec, int level);
 void __mv_mme_memfree_CellID_Broadcast(__mv_mme_dt_CellID_Broadcast* rec);
-int __mv_mme_Encode_CellID_Broadcast(const __mv_mme_dt_CellID_Broadcast* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CellID_Broadcast(__mv_mme_dt_CellID_Broadcast** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CellID_Broadcast(const __mv_mme_dt_CellID_Broadcast* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CellID_Broadcast(__mv_mme_dt_CellID_Broadcast** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CellID_Broadcast_Item(__mv_mme_dt_CellID_Broadcast_Item** rec);
 void __mv_mme_debug_CellID_Broadcast_Item(const char* key, const __mv_mme_dt_CellID_Broadcast_Item* rec, int level);
 void __mv_mme_memfree_CellID_Broadcast_Item(__mv_mme_dt_CellID_Broadcast_Item* rec);
-int __mv_mme_Encode_CellID_Broadcast_Item(const __mv_mme_dt_CellID_Broadcast_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CellID_Broadcast_Item(__mv_mme_dt_CellID_Broadcast_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CellID_Broadcast_Item(const __mv_mme_dt_CellID_Broadcast_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CellID_Broadcast_Item(__mv_mme_dt_CellID_Broadcast_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TAI_Broadcast(__mv_mme_dt_TAI_Broadcast** rec);
 void __mv_mme_debug_TAI_Broadcast(const char* key, const __mv_mme_dt_TAI_Broadcast* rec, int level);
 void __mv_mme_memfree_TAI_Broadcast(__mv_mme_dt_TAI_Broadcast* rec);
-int __mv_mme_Encode_TAI_Broadcast(const __mv_mme_dt_TAI_Broadcast* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TAI_Broadcast(__mv_mme_dt_TAI_Broadcast** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TAI_Broadcast(const __mv_mme_dt_TAI_Broadcast* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TAI_Broadcast(__mv_mme_dt_TAI_Broadcast** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TAI_Broadcast_Item(__mv_mme_dt_TAI_Broadcast_Item** rec);
 void __mv_mme_debug_TAI_Broadcast_Item(const char* key, const __mv_mme_dt_TAI_Broadcast_Item* rec, int level);
 void __mv_mme_memfree_TAI_Broadcast_Item(__mv_mme_dt_TAI_Broadcast_Item* rec);
-int __mv_mme_Encode_TAI_Broadcast_Item(const __mv_mme_dt_TAI_Broadcast_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TAI_Broadcast_Item(__mv_mme_dt_TAI_Broadcast_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TAI_Broadcast_Item(const __mv_mme_dt_TAI_Broadcast_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TAI_Broadcast_Item(__mv_mme_dt_TAI_Broadcast_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CompletedCellinTAI(__mv_mme_dt_CompletedCellinTAI** rec);
 void __mv_mme_debug_CompletedCellinTAI(const char* key, const __mv_mme_dt_CompletedCellinTAI* rec, int level);
 void __mv_mme_memfree_CompletedCellinTAI(__mv_mme_dt_CompletedCellinTAI* rec);
-int __mv_mme_Encode_CompletedCellinTAI(const __mv_mme_dt_CompletedCellinTAI* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CompletedCellinTAI(__mv_mme_dt_CompletedCellinTAI** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CompletedCellinTAI(const __mv_mme_dt_CompletedCellinTAI* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CompletedCellinTAI(__mv_mme_dt_CompletedCellinTAI** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CompletedCellinTAI_Item(__mv_mme_dt_CompletedCellinTAI_Item** rec);
 void __mv_mme_debug_CompletedCellinTAI_Item(const char* key, const __mv_mme_dt_CompletedCellinTAI_Item* rec, int level);
 void __mv_mme_memfree_CompletedCellinTAI_Item(__mv_mme_dt_CompletedCellinTAI_Item* rec);
-int __mv_mme_Encode_CompletedCellinTAI_Item(const __mv_mme_dt_CompletedCellinTAI_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CompletedCellinTAI_Item(__mv_mme_dt_CompletedCellinTAI_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CompletedCellinTAI_Item(const __mv_mme_dt_CompletedCellinTAI_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CompletedCellinTAI_Item(__mv_mme_dt_CompletedCellinTAI_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_EmergencyAreaID_Broadcast(__mv_mme_dt_EmergencyAreaID_Broadcast** rec);
 void __mv_mme_debug_EmergencyAreaID_Broadcast(const char* key, const __mv_mme_dt_EmergencyAreaID_Broadcast* rec, int level);
 void __mv_mme_memfree_EmergencyAreaID_Broadcast(__mv_mme_dt_EmergencyAreaID_Broadcast* rec);
-int __mv_mme_Encode_EmergencyAreaID_Broadcast(const __mv_mme_dt_EmergencyAreaID_Broadcast* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_EmergencyAreaID_Broadcast(__mv_mme_dt_EmergencyAreaID_Broadcast** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_EmergencyAreaID_Broadcast(const __mv_mme_dt_EmergencyAreaID_Broadcast* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_EmergencyAreaID_Broadcast(__mv_mme_dt_EmergencyAreaID_Broadcast** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_EmergencyAreaID_Broadcast_Item(__mv_mme_dt_EmergencyAreaID_Broadcast_Item** rec);
 void __mv_mme_debug_EmergencyAreaID_Broadcast_Item(const char* key, const __mv_mme_dt_EmergencyAreaID_Broadcast_Item* rec, int level);
 void __mv_mme_memfree_EmergencyAreaID_Broadcast_Item(__mv_mme_dt_EmergencyAreaID_Broadcast_Item* rec);
-int __mv_mme_Encode_EmergencyAreaID_Broadcast_Item(const __mv_mme_dt_EmergencyAreaID_Broadcast_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_EmergencyAreaID_Broadcast_Item(__mv_mme_dt_EmergencyAreaID_Broadcast_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_EmergencyAreaID_Broadcast_Item(const __mv_mme_dt_EmergencyAreaID_Broadcast_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_EmergencyAreaID_Broadcast_Item(__mv_mme_dt_EmergencyAreaID_Broadcast_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CompletedCellinEAI(__mv_mme_dt_CompletedCellinEAI** rec);
 void __mv_mme_debug_CompletedCellinEAI(const char* key, const __mv_mme_dt_CompletedCellinEAI* rec, int level);
 void __mv_mme_memfree_CompletedCellinEAI(__mv_mme_dt_CompletedCellinEAI* rec);
-int __mv_mme_Encode_CompletedCellinEAI(const __mv_mme_dt_CompletedCellinEAI* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CompletedCellinEAI(__mv_mme_dt_CompletedCellinEAI** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CompletedCellinEAI(const __mv_mme_dt_CompletedCellinEAI* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CompletedCellinEAI(__mv_mme_dt_CompletedCellinEAI** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CompletedCellinEAI_Item(__mv_mme_dt_CompletedCellinEAI_Item** rec);
 void __mv_mme_debug_CompletedCellinEAI_Item(const char* key, const __mv_mme_dt_CompletedCellinEAI_Item* rec, int level);
 void __mv_mme_memfree_CompletedCellinEAI_Item(__mv_mme_dt_CompletedCellinEAI_Item* rec);
-int __mv_mme_Encode_CompletedCellinEAI_Item(const __mv_mme_dt_CompletedCellinEAI_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CompletedCellinEAI_Item(__mv_mme_dt_CompletedCellinEAI_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CompletedCellinEAI_Item(const __mv_mme_dt_CompletedCellinEAI_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CompletedCellinEAI_Item(__mv_mme_dt_CompletedCellinEAI_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_Cause(__mv_mme_dt_Cause** rec);
 void __mv_mme_debug_Cause(const char* key, const __mv_mme_dt_Cause* rec, int level);
 void __mv_mme_memfree_Cause(__mv_mme_dt_Cause* rec);
-int __mv_mme_Encode_Cause(const __mv_mme_dt_Cause* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Cause(__mv_mme_dt_Cause** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Cause(const __mv_mme_dt_Cause* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Cause(__mv_mme_dt_Cause** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_CauseRadioNetwork(const char* key, __mv_mme_dt_CauseRadioNetwork value, int level);
-int __mv_mme_Encode_CauseRadioNetwork(__mv_mme_dt_CauseRadioNetwork value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CauseRadioNetwork(__mv_mme_dt_CauseRadioNetwork* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CauseRadioNetwork(__mv_mme_dt_CauseRadioNetwork value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CauseRadioNetwork(__mv_mme_dt_CauseRadioNetwork* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_CauseTransport(const char* key, __mv_mme_dt_CauseTransport value, int level);
-int __mv_mme_Encode_CauseTransport(__mv_mme_dt_CauseTransport value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CauseTransport(__mv_mme_dt_CauseTransport* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CauseTransport(__mv_mme_dt_CauseTransport value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CauseTransport(__mv_mme_dt_CauseTransport* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_CauseNas(const char* key, __mv_mme_dt_CauseNas value, int level);
-int __mv_mme_Encode_CauseNas(__mv_mme_dt_CauseNas value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CauseNas(__mv_mme_dt_CauseNas* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CauseNas(__mv_mme_dt_CauseNas value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CauseNas(__mv_mme_dt_CauseNas* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_CauseProtocol(const char* key, __mv_mme_dt_CauseProtocol value, int level);
-int __mv_mme_Encode_CauseProtocol(__mv_mme_dt_CauseProtocol value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CauseProtocol(__mv_mme_dt_CauseProtocol* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CauseProtocol(__mv_mme_dt_CauseProtocol value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CauseProtocol(__mv_mme_dt_CauseProtocol* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_CauseMisc(const char* key, __mv_mme_dt_CauseMisc value, int level);
-int __mv_mme_Encode_CauseMisc(__mv_mme_dt_CauseMisc value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CauseMisc(__mv_mme_dt_CauseMisc* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CauseMisc(__mv_mme_dt_CauseMisc value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CauseMisc(__mv_mme_dt_CauseMisc* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_CellAccessMode(const char* key, __mv_mme_dt_CellAccessMode value, int level);
-int __mv_mme_Encode_CellAccessMode(__mv_mme_dt_CellAccessMode value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CellAccessMode(__mv_mme_dt_CellAccessMode* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CellAccessMode(__mv_mme_dt_CellAccessMode value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CellAccessMode(__mv_mme_dt_CellAccessMode* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_CE_mode_B_SupportIndicator(const char* key, __mv_mme_dt_CE_mode_B_SupportIndicator value, int level);
-int __mv_mme_Encode_CE_mode_B_SupportIndicator(__mv_mme_dt_CE_mode_B_SupportIndicator value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CE_mode_B_SupportIndicator(__mv_mme_dt_CE_mode_B_SupportIndicator* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CE_mode_B_SupportIndicator(__mv_mme_dt_CE_mode_B_SupportIndicator value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CE_mode_B_SupportIndicator(__mv_mme_dt_CE_mode_B_SupportIndicator* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_Cdma2000PDU(__mv_mme_dt_Cdma2000PDU** rec);
 int __mv_mme_init_Cdma2000PDU2(__mv_mme_dt_Cdma2000PDU** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_Cdma2000PDU(const char* key, const __mv_mme_dt_Cdma2000PDU* rec, int level);
 void __mv_mme_memfree_Cdma2000PDU(__mv_mme_dt_Cdma2000PDU* rec);
-int __mv_mme_Encode_Cdma2000PDU(const __mv_mme_dt_Cdma2000PDU* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Cdma2000PDU(__mv_mme_dt_Cdma2000PDU** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Cdma2000PDU(const __mv_mme_dt_Cdma2000PDU* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Cdma2000PDU(__mv_mme_dt_Cdma2000PDU** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_Cdma2000RATType(const char* key, __mv_mme_dt_Cdma2000RATType value, int level);
-int __mv_mme_Encode_Cdma2000RATType(__mv_mme_dt_Cdma2000RATType value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Cdma2000RATType(__mv_mme_dt_Cdma2000RATType* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Cdma2000RATType(__mv_mme_dt_Cdma2000RATType value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Cdma2000RATType(__mv_mme_dt_Cdma2000RATType* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_Cdma2000SectorID(__mv_mme_dt_Cdma2000SectorID** rec);
 int __mv_mme_init_Cdma2000SectorID2(__mv_mme_dt_Cdma2000SectorID** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_Cdma2000SectorID(const char* key, const __mv_mme_dt_Cdma2000SectorID* rec, int level);
 void __mv_mme_memfree_Cdma2000SectorID(__mv_mme_dt_Cdma2000SectorID* rec);
-int __mv_mme_Encode_Cdma2000SectorID(const __mv_mme_dt_Cdma2000SectorID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Cdma2000SectorID(__mv_mme_dt_Cdma2000SectorID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Cdma2000SectorID(const __mv_mme_dt_Cdma2000SectorID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Cdma2000SectorID(__mv_mme_dt_Cdma2000SectorID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_Cdma2000HOStatus(const char* key, __mv_mme_dt_Cdma2000HOStatus value, int level);
-int __mv_mme_Encode_Cdma2000HOStatus(__mv_mme_dt_Cdma2000HOStatus value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Cdma2000HOStatus(__mv_mme_dt_Cdma2000HOStatus* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Cdma2000HOStatus(__mv_mme_dt_Cdma2000HOStatus value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Cdma2000HOStatus(__mv_mme_dt_Cdma2000HOStatus* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_Cdma2000HORequiredIndication(const char* key, __mv_mme_dt_Cdma2000HORequiredIndication value, int level);
-int __mv_mme_Encode_Cdma2000HORequiredIndication(__mv_mme_dt_Cdma2000HORequiredIndication value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Cdma2000HORequiredIndication(__mv_mme_dt_Cdma2000HORequiredIndication* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Cdma2000HORequiredIndication(__mv_mme_dt_Cdma2000HORequiredIndication value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Cdma2000HORequiredIndication(__mv_mme_dt_Cdma2000HORequiredIndication* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_Cdma2000OneXSRVCCInfo(__mv_mme_dt_Cdma2000OneXSRVCCInfo** rec);
 void __mv_mme_debug_Cdma2000OneXSRVCCInfo(const char* key, const __mv_mme_dt_Cdma2000OneXSRVCCInfo* rec, int level);
 void __mv_mme_memfree_Cdma2000OneXSRVCCInfo(__mv_mme_dt_Cdma2000OneXSRVCCInfo* rec);
-int __mv_mme_Encode_Cdma2000OneXSRVCCInfo(const __mv_mme_dt_Cdma2000OneXSRVCCInfo* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Cdma2000OneXSRVCCInfo(__mv_mme_dt_Cdma2000OneXSRVCCInfo** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Cdma2000OneXSRVCCInfo(const __mv_mme_dt_Cdma2000OneXSRVCCInfo* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Cdma2000OneXSRVCCInfo(__mv_mme_dt_Cdma2000OneXSRVCCInfo** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_Cdma2000OneXMEID(__mv_mme_dt_Cdma2000OneXMEID** rec);
 int __mv_mme_init_Cdma2000OneXMEID2(__mv_mme_dt_Cdma2000OneXMEID** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_Cdma2000OneXMEID(const char* key, const __mv_mme_dt_Cdma2000OneXMEID* rec, int level);
 void __mv_mme_memfree_Cdma2000OneXMEID(__mv_mme_dt_Cdma2000OneXMEID* rec);
-int __mv_mme_Encode_Cdma2000OneXMEID(const __mv_mme_dt_Cdma2000OneXMEID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Cdma2000OneXMEID(__mv_mme_dt_Cdma2000OneXMEID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Cdma2000OneXMEID(const __mv_mme_dt_Cdma2000OneXMEID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Cdma2000OneXMEID(__mv_mme_dt_Cdma2000OneXMEID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_Cdma2000OneXMSI(__mv_mme_dt_Cdma2000OneXMSI** rec);
 int __mv_mme_init_Cdma2000OneXMSI2(__mv_mme_dt_Cdma2000OneXMSI** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_Cdma2000OneXMSI(const char* key, const __mv_mme_dt_Cdma2000OneXMSI* rec, int level);
 void __mv_mme_memfree_Cdma2000OneXMSI(__mv_mme_dt_Cdma2000OneXMSI* rec);
-int __mv_mme_Encode_Cdma2000OneXMSI(const __mv_mme_dt_Cdma2000OneXMSI* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Cdma2000OneXMSI(__mv_mme_dt_Cdma2000OneXMSI** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Cdma2000OneXMSI(const __mv_mme_dt_Cdma2000OneXMSI* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Cdma2000OneXMSI(__mv_mme_dt_Cdma2000OneXMSI** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_Cdma2000OneXPilot(__mv_mme_dt_Cdma2000OneXPilot** rec);
 int __mv_mme_init_Cdma2000OneXPilot2(__mv_mme_dt_Cdma2000OneXPilot** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_Cdma2000OneXPilot(const char* key, const __mv_mme_dt_Cdma2000OneXPilot* rec, int level);
 void __mv_mme_memfree_Cdma2000OneXPilot(__mv_mme_dt_Cdma2000OneXPilot* rec);
-int __mv_mme_Encode_Cdma2000OneXPilot(const __mv_mme_dt_Cdma2000OneXPilot* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Cdma2000OneXPilot(__mv_mme_dt_Cdma2000OneXPilot** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Cdma2000OneXPilot(const __mv_mme_dt_Cdma2000OneXPilot* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Cdma2000OneXPilot(__mv_mme_dt_Cdma2000OneXPilot** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_Cdma2000OneXRAND(__mv_mme_dt_Cdma2000OneXRAND** rec);
 int __mv_mme_init_Cdma2000OneXRAND2(__mv_mme_dt_Cdma2000OneXRAND** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_Cdma2000OneXRAND(const char* key, const __mv_mme_dt_Cdma2000OneXRAND* rec, int level);
 void __mv_mme_memfree_Cdma2000OneXRAND(__mv_mme_dt_Cdma2000OneXRAND* rec);
-int __mv_mme_Encode_Cdma2000OneXRAND(const __mv_mme_dt_Cdma2000OneXRAND* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Cdma2000OneXRAND(__mv_mme_dt_Cdma2000OneXRAND** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Cdma2000OneXRAND(const __mv_mme_dt_Cdma2000OneXRAND* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Cdma2000OneXRAND(__mv_mme_dt_Cdma2000OneXRAND** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_Cell_Size(const char* key, __mv_mme_dt_Cell_Size value, int level);
-int __mv_mme_Encode_Cell_Size(__mv_mme_dt_Cell_Size value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Cell_Size(__mv_mme_dt_Cell_Size* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Cell_Size(__mv_mme_dt_Cell_Size value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Cell_Size(__mv_mme_dt_Cell_Size* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CellType(__mv_mme_dt_CellType** rec);
 void __mv_mme_debug_CellType(const char* key, const __mv_mme_dt_CellType* rec, int level);
 void __mv_mme_memfree_CellType(__mv_mme_dt_CellType* rec);
-int __mv_mme_Encode_CellType(const __mv_mme_dt_CellType* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CellType(__mv_mme_dt_CellType** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CellType(const __mv_mme_dt_CellType* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CellType(__mv_mme_dt_CellType** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CGI(__mv_mme_dt_CGI** rec);
 void __mv_mme_debug_CGI(const char* key, const __mv_mme_dt_CGI* rec, int level);
 void __mv_mme_memfree_CGI(__mv_mme_dt_CGI* rec);
-int __mv_mme_Encode_CGI(const __mv_mme_dt_CGI* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CGI(__mv_mme_dt_CGI** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CGI(const __mv_mme_dt_CGI* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CGI(__mv_mme_dt_CGI** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_LAC(__mv_mme_dt_LAC** rec);
 int __mv_mme_init_LAC2(__mv_mme_dt_LAC** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_LAC(const char* key, const __mv_mme_dt_LAC* rec, int level);
 void __mv_mme_memfree_LAC(__mv_mme_dt_LAC* rec);
-int __mv_mme_Encode_LAC(const __mv_mme_dt_LAC* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_LAC(__mv_mme_dt_LAC** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_LAC(const __mv_mme_dt_LAC* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_LAC(__mv_mme_dt_LAC** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CI(__mv_mme_dt_CI** rec);
 int __mv_mme_init_CI2(__mv_mme_dt_CI** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_CI(const char* key, const __mv_mme_dt_CI* rec, int level);
 void __mv_mme_memfree_CI(__mv_mme_dt_CI* rec);
-int __mv_mme_Encode_CI(const __mv_mme_dt_CI* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CI(__mv_mme_dt_CI** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CI(const __mv_mme_dt_CI* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CI(__mv_mme_dt_CI** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_RAC(__mv_mme_dt_RAC** rec);
 int __mv_mme_init_RAC2(__mv_mme_dt_RAC** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_RAC(const char* key, const __mv_mme_dt_RAC* rec, int level);
 void __mv_mme_memfree_RAC(__mv_mme_dt_RAC* rec);
-int __mv_mme_Encode_RAC(const __mv_mme_dt_RAC* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_RAC(__mv_mme_dt_RAC** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_RAC(const __mv_mme_dt_RAC* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_RAC(__mv_mme_dt_RAC** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_CNDomain(const char* key, __mv_mme_dt_CNDomain value, int level);
-int __mv_mme_Encode_CNDomain(__mv_mme_dt_CNDomain value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CNDomain(__mv_mme_dt_CNDomain* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CNDomain(__mv_mme_dt_CNDomain value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CNDomain(__mv_mme_dt_CNDomain* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CNTypeRestrictions(__mv_mme_dt_CNTypeRestrictions** rec);
 void __mv_mme_debug_CNTypeRestrictions(const char* key, const __mv_mme_dt_CNTypeRestrictions* rec, int level);
 void __mv_mme_memfree_CNTypeRestrictions(__mv_mme_dt_CNTypeRestrictions* rec);
-int __mv_mme_Encode_CNTypeRestrictions(const __mv_mme_dt_CNTypeRestrictions* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CNTypeRestrictions(__mv_mme_dt_CNTypeRestrictions** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CNTypeRestrictions(const __mv_mme_dt_CNTypeRestrictions* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CNTypeRestrictions(__mv_mme_dt_CNTypeRestrictions** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CNTypeRestrictions_Item(__mv_mme_dt_CNTypeRestrictions_Item** rec);
 void __mv_mme_debug_CNTypeRestrictions_Item(const char* key, const __mv_mme_dt_CNTypeRestrictions_Item* rec, int level);
 void __mv_mme_memfree_CNTypeRestrictions_Item(__mv_mme_dt_CNTypeRestrictions_Item* rec);
-int __mv_mme_Encode_CNTypeRestrictions_Item(const __mv_mme_dt_CNTypeRestrictions_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CNTypeRestrictions_Item(__mv_mme_dt_CNTypeRestrictions_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CNTypeRestrictions_Item(const __mv_mme_dt_CNTypeRestrictions_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CNTypeRestrictions_Item(__mv_mme_dt_CNTypeRestrictions_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_CNType(const char* key, __mv_mme_dt_CNType value, int level);
-int __mv_mme_Encode_CNType(__mv_mme_dt_CNType value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CNType(__mv_mme_dt_CNType* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CNType(__mv_mme_dt_CNType value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CNType(__mv_mme_dt_CNType* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_ConcurrentWarningMessageIndicator(const char* key, __mv_mme_dt_ConcurrentWarningMessageIndicator value, int level);
-int __mv_mme_Encode_ConcurrentWarningMessageIndicator(__mv_mme_dt_ConcurrentWarningMessageIndicator value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ConcurrentWarningMessageIndicator(__mv_mme_dt_ConcurrentWarningMessageIndicator* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ConcurrentWarningMessageIndicator(__mv_mme_dt_ConcurrentWarningMessageIndicator value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ConcurrentWarningMessageIndicator(__mv_mme_dt_ConcurrentWarningMessageIndicator* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ConnectedengNBList(__mv_mme_dt_ConnectedengNBList** rec);
 void __mv_mme_debug_ConnectedengNBList(const char* key, const __mv_mme_dt_ConnectedengNBList* rec, int level);
 void __mv_mme_memfree_ConnectedengNBList(__mv_mme_dt_ConnectedengNBList* rec);
-int __mv_mme_Encode_ConnectedengNBList(const __mv_mme_dt_ConnectedengNBList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ConnectedengNBList(__mv_mme_dt_ConnectedengNBList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ConnectedengNBList(const __mv_mme_dt_ConnectedengNBList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ConnectedengNBList(__mv_mme_dt_ConnectedengNBList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ConnectedengNBItem(__mv_mme_dt_ConnectedengNBItem** rec);
 void __mv_mme_debug_ConnectedengNBItem(const char* key, const __mv_mme_dt_ConnectedengNBItem* rec, int level);
 void __mv_mme_memfree_ConnectedengNBItem(__mv_mme_dt_ConnectedengNBItem* rec);
-int __mv_mme_Encode_ConnectedengNBItem(const __mv_mme_dt_ConnectedengNBItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ConnectedengNBItem(__mv_mme_dt_ConnectedengNBItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ConnectedengNBItem(const __mv_mme_dt_ConnectedengNBItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ConnectedengNBItem(__mv_mme_dt_ConnectedengNBItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_En_gNB_ID(__mv_mme_dt_En_gNB_ID** rec);
 int __mv_mme_init_En_gNB_ID2(__mv_mme_dt_En_gNB_ID** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_En_gNB_ID(const char* key, const __mv_mme_dt_En_gNB_ID* rec, int level);
 void __mv_mme_memfree_En_gNB_ID(__mv_mme_dt_En_gNB_ID* rec);
-int __mv_mme_Encode_En_gNB_ID(const __mv_mme_dt_En_gNB_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_En_gNB_ID(__mv_mme_dt_En_gNB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_En_gNB_ID(const __mv_mme_dt_En_gNB_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_En_gNB_ID(__mv_mme_dt_En_gNB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_SupportedTAs(__mv_mme_dt_SupportedTAs** rec);
 void __mv_mme_debug_SupportedTAs(const char* key, const __mv_mme_dt_SupportedTAs* rec, int level);
 void __mv_mme_memfree_SupportedTAs(__mv_mme_dt_SupportedTAs* rec);
-int __mv_mme_Encode_SupportedTAs(const __mv_mme_dt_SupportedTAs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_SupportedTAs(__mv_mme_dt_SupportedTAs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_SupportedTAs(const __mv_mme_dt_SupportedTAs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_SupportedTAs(__mv_mme_dt_SupportedTAs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_SupportedTAs_Item(__mv_mme_dt_SupportedTAs_Item** rec);
 void __mv_mme_debug_SupportedTAs_Item(const char* key, const __mv_mme_dt_SupportedTAs_Item* rec, int level);
 void __mv_mme_memfree_SupportedTAs_Item(__mv_mme_dt_SupportedTAs_Item* rec);
-int __mv_mme_Encode_SupportedTAs_Item(const __mv_mme_dt_SupportedTAs_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_SupportedTAs_Item(__mv_mme_dt_SupportedTAs_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_SupportedTAs_Item(const __mv_mme_dt_SupportedTAs_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_SupportedTAs_Item(__mv_mme_dt_SupportedTAs_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_Correlation_ID(__mv_mme_dt_Correlation_ID** rec);
 int __mv_mme_init_Correlation_ID2(__mv_mme_dt_Correlation_ID** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_Correlation_ID(const char* key, const __mv_mme_dt_Correlation_ID* rec, int level);
 void __mv_mme_memfree_Correlation_ID(__mv_mme_dt_Correlation_ID* rec);
-int __mv_mme_Encode_Correlation_ID(const __mv_mme_dt_Correlation_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Correlation_ID(__mv_mme_dt_Correlation_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Correlation_ID(const __mv_mme_dt_Correlation_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Correlation_ID(__mv_mme_dt_Correlation_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_CSFallbackIndicator(const char* key, __mv_mme_dt_CSFallbackIndicator value, int level);
-int __mv_mme_Encode_CSFallbackIndicator(__mv_mme_dt_CSFallbackIndicator value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CSFallbackIndicator(__mv_mme_dt_CSFallbackIndicator* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CSFallbackIndicator(__mv_mme_dt_CSFallbackIndicator value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CSFallbackIndicator(__mv_mme_dt_CSFallbackIndicator* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_AdditionalCSFallbackIndicator(const char* key, __mv_mme_dt_AdditionalCSFallbackIndicator value, int level);
-int __mv_mme_Encode_AdditionalCSFallbackIndicator(__mv_mme_dt_AdditionalCSFallbackIndicator value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_AdditionalCSFallbackIndicator(__mv_mme_dt_AdditionalCSFallbackIndicator* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_AdditionalCSFallbackIndicator(__mv_mme_dt_AdditionalCSFallbackIndicator value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_AdditionalCSFallbackIndicator(__mv_mme_dt_AdditionalCSFallbackIndicator* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CSG_Id(__mv_mme_dt_CSG_Id** rec);
 int __mv_mme_init_CSG_Id2(__mv_mme_dt_CSG_Id** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_CSG_Id(const char* key, const __mv_mme_dt_CSG_Id* rec, int level);
 void __mv_mme_memfree_CSG_Id(__mv_mme_dt_CSG_Id* rec);
-int __mv_mme_Encode_CSG_Id(const __mv_mme_dt_CSG_Id* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CSG_Id(__mv_mme_dt_CSG_Id** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CSG_Id(const __mv_mme_dt_CSG_Id* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CSG_Id(__mv_mme_dt_CSG_Id** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CSG_IdList(__mv_mme_dt_CSG_IdList** rec);
 void __mv_mme_debug_CSG_IdList(const char* key, const __mv_mme_dt_CSG_IdList* rec, int level);
 void __mv_mme_memfree_CSG_IdList(__mv_mme_dt_CSG_IdList* rec);
-int __mv_mme_Encode_CSG_IdList(const __mv_mme_dt_CSG_IdList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CSG_IdList(__mv_mme_dt_CSG_IdList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CSG_IdList(const __mv_mme_dt_CSG_IdList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CSG_IdList(__mv_mme_dt_CSG_IdList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CSG_IdList_Item(__mv_mme_dt_CSG_IdList_Item** rec);
 void __mv_mme_debug_CSG_IdList_Item(const char* key, const __mv_mme_dt_CSG_IdList_Item* rec, int level);
 void __mv_mme_memfree_CSG_IdList_Item(__mv_mme_dt_CSG_IdList_Item* rec);
-int __mv_mme_Encode_CSG_IdList_Item(const __mv_mme_dt_CSG_IdList_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CSG_IdList_Item(__mv_mme_dt_CSG_IdList_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CSG_IdList_Item(const __mv_mme_dt_CSG_IdList_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CSG_IdList_Item(__mv_mme_dt_CSG_IdList_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_CSGMembershipStatus(const char* key, __mv_mme_dt_CSGMembershipStatus value, int level);
-int __mv_mme_Encode_CSGMembershipStatus(__mv_mme_dt_CSGMembershipStatus value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CSGMembershipStatus(__mv_mme_dt_CSGMembershipStatus* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CSGMembershipStatus(__mv_mme_dt_CSGMembershipStatus value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CSGMembershipStatus(__mv_mme_dt_CSGMembershipStatus* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_COUNTValueExtended(__mv_mme_dt_COUNTValueExtended** rec);
 void __mv_mme_debug_COUNTValueExtended(const char* key, const __mv_mme_dt_COUNTValueExtended* rec, int level);
 void __mv_mme_memfree_COUNTValueExtended(__mv_mme_dt_COUNTValueExtended* rec);
-int __mv_mme_Encode_COUNTValueExtended(const __mv_mme_dt_COUNTValueExtended* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_COUNTValueExtended(__mv_mme_dt_COUNTValueExtended** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_COUNTValueExtended(const __mv_mme_dt_COUNTValueExtended* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_COUNTValueExtended(__mv_mme_dt_COUNTValueExtended** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_PDCP_SNExtended(const char* key, __mv_mme_dt_PDCP_SNExtended value, int level);
-int __mv_mme_Encode_PDCP_SNExtended(__mv_mme_dt_PDCP_SNExtended value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_PDCP_SNExtended(__mv_mme_dt_PDCP_SNExtended* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_PDCP_SNExtended(__mv_mme_dt_PDCP_SNExtended value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_PDCP_SNExtended(__mv_mme_dt_PDCP_SNExtended* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_HFNModified(const char* key, __mv_mme_dt_HFNModified value, int level);
-int __mv_mme_Encode_HFNModified(__mv_mme_dt_HFNModified value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_HFNModified(__mv_mme_dt_HFNModified* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_HFNModified(__mv_mme_dt_HFNModified value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_HFNModified(__mv_mme_dt_HFNModified* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_COUNTvaluePDCP_SNlength18(__mv_mme_dt_COUNTvaluePDCP_SNlength18** rec);
 void __mv_mme_debug_COUNTvaluePDCP_SNlength18(const char* key, const __mv_mme_dt_COUNTvaluePDCP_SNlength18* rec, int level);
 void __mv_mme_memfree_COUNTvaluePDCP_SNlength18(__mv_mme_dt_COUNTvaluePDCP_SNlength18* rec);
-int __mv_mme_Encode_COUNTvaluePDCP_SNlength18(const __mv_mme_dt_COUNTvaluePDCP_SNlength18* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_COUNTvaluePDCP_SNlength18(__mv_mme_dt_COUNTvaluePDCP_SNlength18** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_COUNTvaluePDCP_SNlength18(const __mv_mme_dt_COUNTvaluePDCP_SNlength18* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_COUNTvaluePDCP_SNlength18(__mv_mme_dt_COUNTvaluePDCP_SNlength18** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_PDCP_SNlength18(const char* key, __mv_mme_dt_PDCP_SNlength18 value, int level);
-int __mv_mme_Encode_PDCP_SNlength18(__mv_mme_dt_PDCP_SNlength18 value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_PDCP_SNlength18(__mv_mme_dt_PDCP_SNlength18* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_PDCP_SNlength18(__mv_mme_dt_PDCP_SNlength18 value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_PDCP_SNlength18(__mv_mme_dt_PDCP_SNlength18* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_HFNforPDCP_SNlength18(const char* key, __mv_mme_dt_HFNforPDCP_SNlength18 value, int level);
-int __mv_mme_Encode_HFNforPDCP_SNlength18(__mv_mme_dt_HFNforPDCP_SNlength18 value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_HFNforPDCP_SNlength18(__mv_mme_dt_HFNforPDCP_SNlength18* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_HFNforPDCP_SNlength18(__mv_mme_dt_HFNforPDCP_SNlength18 value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_HFNforPDCP_SNlength18(__mv_mme_dt_HFNforPDCP_SNlength18* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_Coverage_Level(const char* key, __mv_mme_dt_Coverage_Level value, int level);
-int __mv_mme_Encode_Coverage_Level(__mv_mme_dt_Coverage_Level value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Coverage_Level(__mv_mme_dt_Coverage_Level* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Coverage_Level(__mv_mme_dt_Coverage_Level value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Coverage_Level(__mv_mme_dt_Coverage_Level* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CriticalityDiagnostics(__mv_mme_dt_CriticalityDiagnostics** rec);
 void __mv_mme_debug_CriticalityDiagnostics(const char* key, const __mv_mme_dt_CriticalityDiagnostics* rec, int level);
 void __mv_mme_memfree_CriticalityDiagnostics(__mv_mme_dt_CriticalityDiagnostics* rec);
-int __mv_mme_Encode_CriticalityDiagnostics(const __mv_mme_dt_CriticalityDiagnostics* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CriticalityDiagnostics(__mv_mme_dt_CriticalityDiagnostics** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CriticalityDiagnostics(const __mv_mme_dt_CriticalityDiagnostics* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CriticalityDiagnostics(__mv_mme_dt_CriticalityDiagnostics** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CriticalityDiagnostics_IE_List(__mv_mme_dt_CriticalityDiagnostics_IE_List** rec);
 void __mv_mme_debug_CriticalityDiagnostics_IE_List(const char* key, const __mv_mme_dt_CriticalityDiagnostics_IE_List* rec, int level);
 void __mv_mme_memfree_CriticalityDiagnostics_IE_List(__mv_mme_dt_CriticalityDiagnostics_IE_List* rec);
-int __mv_mme_Encode_CriticalityDiagnostics_IE_List(const __mv_mme_dt_CriticalityDiagnostics_IE_List* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CriticalityDiagnostics_IE_List(__mv_mme_dt_CriticalityDiagnostics_IE_List** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CriticalityDiagnostics_IE_List(const __mv_mme_dt_CriticalityDiagnostics_IE_List* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CriticalityDiagnostics_IE_List(__mv_mme_dt_CriticalityDiagnostics_IE_List** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CriticalityDiagnostics_IE_Item(__mv_mme_dt_CriticalityDiagnostics_IE_Item** rec);
 void __mv_mme_debug_CriticalityDiagnostics_IE_Item(const char* key, const __mv_mme_dt_CriticalityDiagnostics_IE_Item* rec, int level);
 void __mv_mme_memfree_CriticalityDiagnostics_IE_Item(__mv_mme_dt_CriticalityDiagnostics_IE_Item* rec);
-int __mv_mme_Encode_CriticalityDiagnostics_IE_Item(const __mv_mme_dt_CriticalityDiagnostics_IE_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CriticalityDiagnostics_IE_Item(__mv_mme_dt_CriticalityDiagnostics_IE_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CriticalityDiagnostics_IE_Item(const __mv_mme_dt_CriticalityDiagnostics_IE_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CriticalityDiagnostics_IE_Item(__mv_mme_dt_CriticalityDiagnostics_IE_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_TypeOfError(const char* key, __mv_mme_dt_TypeOfError value, int level);
-int __mv_mme_Encode_TypeOfError(__mv_mme_dt_TypeOfError value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TypeOfError(__mv_mme_dt_TypeOfError* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TypeOfError(__mv_mme_dt_TypeOfError value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TypeOfError(__mv_mme_dt_TypeOfError* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_DataCodingScheme(__mv_mme_dt_DataCodingScheme** rec);
 int __mv_mme_init_DataCodingScheme2(__mv_mme_dt_DataCodingScheme** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_DataCodingScheme(const char* key, const __mv_mme_dt_DataCodingScheme* rec, int level);
 void __mv_mme_memfree_DataCodingScheme(__mv_mme_dt_DataCodingScheme* rec);
-int __mv_mme_Encode_DataCodingScheme(const __mv_mme_dt_DataCodingScheme* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_DataCodingScheme(__mv_mme_dt_DataCodingScheme** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_DataCodingScheme(const __mv_mme_dt_DataCodingScheme* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_DataCodingScheme(__mv_mme_dt_DataCodingScheme** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_DCN_ID(const char* key, __mv_mme_dt_DCN_ID value, int level);
-int __mv_mme_Encode_DCN_ID(__mv_mme_dt_DCN_ID value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_DCN_ID(__mv_mme_dt_DCN_ID* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_DCN_ID(__mv_mme_dt_DCN_ID value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_DCN_ID(__mv_mme_dt_DCN_ID* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ServedDCNs(__mv_mme_dt_ServedDCNs** rec);
 void __mv_mme_debug_ServedDCNs(const char* key, const __mv_mme_dt_ServedDCNs* rec, int level);
 void __mv_mme_memfree_ServedDCNs(__mv_mme_dt_ServedDCNs* rec);
-int __mv_mme_Encode_ServedDCNs(const __mv_mme_dt_ServedDCNs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ServedDCNs(__mv_mme_dt_ServedDCNs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ServedDCNs(const __mv_mme_dt_ServedDCNs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ServedDCNs(__mv_mme_dt_ServedDCNs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ServedDCNsItem(__mv_mme_dt_ServedDCNsItem** rec);
 void __mv_mme_debug_ServedDCNsItem(const char* key, const __mv_mme_dt_ServedDCNsItem* rec, int level);
 void __mv_mme_memfree_ServedDCNsItem(__mv_mme_dt_ServedDCNsItem* rec);
-int __mv_mme_Encode_ServedDCNsItem(const __mv_mme_dt_ServedDCNsItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ServedDCNsItem(__mv_mme_dt_ServedDCNsItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ServedDCNsItem(const __mv_mme_dt_ServedDCNsItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ServedDCNsItem(__mv_mme_dt_ServedDCNsItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_RelativeMMECapacity(const char* key, __mv_mme_dt_RelativeMMECapacity value, int level);
-int __mv_mme_Encode_RelativeMMECapacity(__mv_mme_dt_RelativeMMECapacity value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_RelativeMMECapacity(__mv_mme_dt_RelativeMMECapacity* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_RelativeMMECapacity(__mv_mme_dt_RelativeMMECapacity value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_RelativeMMECapacity(__mv_mme_dt_RelativeMMECapacity* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_DL_CP_SecurityInformation(__mv_mme_dt_DL_CP_SecurityInformation** rec);
 void __mv_mme_debug_DL_CP_SecurityInformation(const char* key, const __mv_mme_dt_DL_CP_SecurityInformation* rec, int level);
 void __mv_mme_memfree_DL_CP_SecurityInformation(__mv_mme_dt_DL_CP_SecurityInformation* rec);
-int __mv_mme_Encode_DL_CP_SecurityInformation(const __mv_mme_dt_DL_CP_SecurityInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_DL_CP_SecurityInformation(__mv_mme_dt_DL_CP_SecurityInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_DL_CP_SecurityInformation(const __mv_mme_dt_DL_CP_SecurityInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_DL_CP_SecurityInformation(__mv_mme_dt_DL_CP_SecurityInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_DL_NAS_MAC(__mv_mme_dt_DL_NAS_MAC** rec);
 int __mv_mme_init_DL_NAS_MAC2(__mv_mme_dt_DL_NAS_MAC** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_DL_NAS_MAC(const char* key, const __mv_mme_dt_DL_NAS_MAC* rec, int level);
 void __mv_mme_memfree_DL_NAS_MAC(__mv_mme_dt_DL_NAS_MAC* rec);
-int __mv_mme_Encode_DL_NAS_MAC(const __mv_mme_dt_DL_NAS_MAC* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_DL_NAS_MAC(__mv_mme_dt_DL_NAS_MAC** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_DL_NAS_MAC(const __mv_mme_dt_DL_NAS_MAC* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_DL_NAS_MAC(__mv_mme_dt_DL_NAS_MAC** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_DL_Forwarding(const char* key, __mv_mme_dt_DL_Forwarding value, int level);
-int __mv_mme_Encode_DL_Forwarding(__mv_mme_dt_DL_Forwarding value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_DL_Forwarding(__mv_mme_dt_DL_Forwarding* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_DL_Forwarding(__mv_mme_dt_DL_Forwarding value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_DL_Forwarding(__mv_mme_dt_DL_Forwarding* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_Direct_Forwarding_Path_Availability(const char* key, __mv_mme_dt_Direct_Forwarding_Path_Availability value, int level);
-int __mv_mme_Encode_Direct_Forwarding_Path_Availability(__mv_mme_dt_Direct_Forwarding_Path_Availability value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Direct_Forwarding_Path_Availability(__mv_mme_dt_Direct_Forwarding_Path_Availability* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Direct_Forwarding_Path_Availability(__mv_mme_dt_Direct_Forwarding_Path_Availability value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Direct_Forwarding_Path_Availability(__mv_mme_dt_Direct_Forwarding_Path_Availability* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_Data_Forwarding_Not_Possible(const char* key, __mv_mme_dt_Data_Forwarding_Not_Possible value, int level);
-int __mv_mme_Encode_Data_Forwarding_Not_Possible(__mv_mme_dt_Data_Forwarding_Not_Possible value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Data_Forwarding_Not_Possible(__mv_mme_dt_Data_Forwarding_Not_Possible* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Data_Forwarding_Not_Possible(__mv_mme_dt_Data_Forwarding_Not_Possible value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Data_Forwarding_Not_Possible(__mv_mme_dt_Data_Forwarding_Not_Possible* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_DLNASPDUDeliveryAckRequest(const char* key, __mv_mme_dt_DLNASPDUDeliveryAckRequest value, int level);
-int __mv_mme_Encode_DLNASPDUDeliveryAckRequest(__mv_mme_dt_DLNASPDUDeliveryAckRequest value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_DLNASPDUDeliveryAckRequest(__mv_mme_dt_DLNASPDUDeliveryAckRequest* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_DLNASPDUDeliveryAckRequest(__mv_mme_dt_DLNASPDUDeliveryAckRequest value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_DLNASPDUDeliveryAckRequest(__mv_mme_dt_DLNASPDUDeliveryAckRequest* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_EARFCN(const char* key, __mv_mme_dt_EARFCN value, int level);
-int __mv_mme_Encode_EARFCN(__mv_mme_dt_EARFCN value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_EARFCN(__mv_mme_dt_EARFCN* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_EARFCN(__mv_mme_dt_EARFCN value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_EARFCN(__mv_mme_dt_EARFCN* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ECGIList(__mv_mme_dt_ECGIList** rec);
 void __mv_mme_debug_ECGIList(const char* key, const __mv_mme_dt_ECGIList* rec, int level);
 void __mv_mme_memfree_ECGIList(__mv_mme_dt_ECGIList* rec);
-int __mv_mme_Encode_ECGIList(const __mv_mme_dt_ECGIList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ECGIList(__mv_mme_dt_ECGIList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ECGIList(const __mv_mme_dt_ECGIList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ECGIList(__mv_mme_dt_ECGIList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_PWSfailedECGIList(__mv_mme_dt_PWSfailedECGIList** rec);
 void __mv_mme_debug_PWSfailedECGIList(const char* key, const __mv_mme_dt_PWSfailedECGIList* rec, int level);
 void __mv_mme_memfree_PWSfailedECGIList(__mv_mme_dt_PWSfailedECGIList* rec);
-int __mv_mme_Encode_PWSfailedECGIList(const __mv_mme_dt_PWSfailedECGIList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_PWSfailedECGIList(__mv_mme_dt_PWSfailedECGIList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_PWSfailedECGIList(const __mv_mme_dt_PWSfailedECGIList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_PWSfailedECGIList(__mv_mme_dt_PWSfailedECGIList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_EDT_Session(const char* key, __mv_mme_dt_EDT_Session value, int level);
-int __mv_mme_Encode_EDT_Session(__mv_mme_dt_EDT_Session value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_EDT_Session(__mv_mme_dt_EDT_Session* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_EDT_Session(__mv_mme_dt_EDT_Session value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_EDT_Session(__mv_mme_dt_EDT_Session* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_EmergencyAreaIDList(__mv_mme_dt_EmergencyAreaIDList** rec);
 void __mv_mme_debug_EmergencyAreaIDList(const char* key, const __mv_mme_dt_EmergencyAreaIDList* rec, int level);
 void __mv_mme_memfree_EmergencyAreaIDList(__mv_mme_dt_EmergencyAreaIDList* rec);
-int __mv_mme_Encode_EmergencyAreaIDList(const __mv_mme_dt_EmergencyAreaIDList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_EmergencyAreaIDList(__mv_mme_dt_EmergencyAreaIDList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_EmergencyAreaIDList(const __mv_mme_dt_EmergencyAreaIDList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_EmergencyAreaIDList(__mv_mme_dt_EmergencyAreaIDList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ECGI_List(__mv_mme_dt_ECGI_List** rec);
 void __mv_mme_debug_ECGI_List(const char* key, const __mv_mme_dt_ECGI_List* rec, int level);
 void __mv_mme_memfree_ECGI_List(__mv_mme_dt_ECGI_List* rec);
-int __mv_mme_Encode_ECGI_List(const __mv_mme_dt_ECGI_List* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ECGI_List(__mv_mme_dt_ECGI_List** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ECGI_List(const __mv_mme_dt_ECGI_List* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ECGI_List(__mv_mme_dt_ECGI_List** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_EmergencyAreaIDListForRestart(__mv_mme_dt_EmergencyAreaIDListForRestart** rec);
 void __mv_mme_debug_EmergencyAreaIDListForRestart(const char* key, const __mv_mme_dt_EmergencyAreaIDListForRestart* rec, int level);
 void __mv_mme_memfree_EmergencyAreaIDListForRestart(__mv_mme_dt_EmergencyAreaIDListForRestart* rec);
-int __mv_mme_Encode_EmergencyAreaIDListForRestart(const __mv_mme_dt_EmergencyAreaIDListForRestart* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_EmergencyAreaIDListForRestart(__mv_mme_dt_EmergencyAreaIDListForRestart** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_EmergencyAreaIDListForRestart(const __mv_mme_dt_EmergencyAreaIDListForRestart* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_EmergencyAreaIDListForRestart(__mv_mme_dt_EmergencyAreaIDListForRestart** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ENB_ID(__mv_mme_dt_ENB_ID** rec);
 void __mv_mme_debug_ENB_ID(const char* key, const __mv_mme_dt_ENB_ID* rec, int level);
 void __mv_mme_memfree_ENB_ID(__mv_mme_dt_ENB_ID* rec);
-int __mv_mme_Encode_ENB_ID(const __mv_mme_dt_ENB_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ENB_ID(__mv_mme_dt_ENB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ENB_ID(const __mv_mme_dt_ENB_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ENB_ID(__mv_mme_dt_ENB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ENB_ID_macroENB_ID(__mv_mme_dt_ENB_ID_macroENB_ID** rec);
 int __mv_mme_init_ENB_ID_macroENB_ID2(__mv_mme_dt_ENB_ID_macroENB_ID** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_ENB_ID_macroENB_ID(const char* key, const __mv_mme_dt_ENB_ID_macroENB_ID* rec, int level);
 void __mv_mme_memfree_ENB_ID_macroENB_ID(__mv_mme_dt_ENB_ID_macroENB_ID* rec);
-int __mv_mme_Encode_ENB_ID_macroENB_ID(const __mv_mme_dt_ENB_ID_macroENB_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ENB_ID_macroENB_ID(__mv_mme_dt_ENB_ID_macroENB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ENB_ID_macroENB_ID(const __mv_mme_dt_ENB_ID_macroENB_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ENB_ID_macroENB_ID(__mv_mme_dt_ENB_ID_macroENB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ENB_ID_homeENB_ID(__mv_mme_dt_ENB_ID_homeENB_ID** rec);
 int __mv_mme_init_ENB_ID_homeENB_ID2(__mv_mme_dt_ENB_ID_homeENB_ID** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_ENB_ID_homeENB_ID(const char* key, const __mv_mme_dt_ENB_ID_homeENB_ID* rec, int level);
 void __mv_mme_memfree_ENB_ID_homeENB_ID(__mv_mme_dt_ENB_ID_homeENB_ID* rec);
-int __mv_mme_Encode_ENB_ID_homeENB_ID(const __mv_mme_dt_ENB_ID_homeENB_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ENB_ID_homeENB_ID(__mv_mme_dt_ENB_ID_homeENB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ENB_ID_homeENB_ID(const __mv_mme_dt_ENB_ID_homeENB_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ENB_ID_homeENB_ID(__mv_mme_dt_ENB_ID_homeENB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ENB_ID_short_macroENB_ID(__mv_mme_dt_ENB_ID_short_macroENB_ID** rec);
 int __mv_mme_init_ENB_ID_short_macroENB_ID2(__mv_mme_dt_ENB_ID_short_macroENB_ID** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_ENB_ID_short_macroENB_ID(const char* key, const __mv_mme_dt_ENB_ID_short_macroENB_ID* rec, int level);
 void __mv_mme_memfree_ENB_ID_short_macroENB_ID(__mv_mme_dt_ENB_ID_short_macroENB_ID* rec);
-int __mv_mme_Encode_ENB_ID_short_macroENB_ID(const __mv_mme_dt_ENB_ID_short_macroENB_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ENB_ID_short_macroENB_ID(__mv_mme_dt_ENB_ID_short_macroENB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ENB_ID_short_macroENB_ID(const __mv_mme_dt_ENB_ID_short_macroENB_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ENB_ID_short_macroENB_ID(__mv_mme_dt_ENB_ID_short_macroENB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ENB_ID_long_macroENB_ID(__mv_mme_dt_ENB_ID_long_macroENB_ID** rec);
 int __mv_mme_init_ENB_ID_long_macroENB_ID2(__mv_mme_dt_ENB_ID_long_macroENB_ID** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_ENB_ID_long_macroENB_ID(const char* key, const __mv_mme_dt_ENB_ID_long_macroENB_ID* rec, int level);
 void __mv_mme_memfree_ENB_ID_long_macroENB_ID(__mv_mme_dt_ENB_ID_long_macroENB_ID* rec);
-int __mv_mme_Encode_ENB_ID_long_macroENB_ID(const __mv_mme_dt_ENB_ID_long_macroENB_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ENB_ID_long_macroENB_ID(__mv_mme_dt_ENB_ID_long_macroENB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ENB_ID_long_macroENB_ID(const __mv_mme_dt_ENB_ID_long_macroENB_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ENB_ID_long_macroENB_ID(__mv_mme_dt_ENB_ID_long_macroENB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_GERAN_Cell_ID(__mv_mme_dt_GERAN_Cell_ID** rec);
 void __mv_mme_debug_GERAN_Cell_ID(const char* key, const __mv_mme_dt_GERAN_Cell_ID* rec, int level);
 void __mv_mme_memfree_GERAN_Cell_ID(__mv_mme_dt_GERAN_Cell_ID* rec);
-int __mv_mme_Encode_GERAN_Cell_ID(const __mv_mme_dt_GERAN_Cell_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_GERAN_Cell_ID(__mv_mme_dt_GERAN_Cell_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_GERAN_Cell_ID(const __mv_mme_dt_GERAN_Cell_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_GERAN_Cell_ID(__mv_mme_dt_GERAN_Cell_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_LAI(__mv_mme_dt_LAI** rec);
 void __mv_mme_debug_LAI(const char* key, const __mv_mme_dt_LAI* rec, int level);
 void __mv_mme_memfree_LAI(__mv_mme_dt_LAI* rec);
-int __mv_mme_Encode_LAI(const __mv_mme_dt_LAI* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_LAI(__mv_mme_dt_LAI** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_LAI(const __mv_mme_dt_LAI* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_LAI(__mv_mme_dt_LAI** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_Global_ENB_ID(__mv_mme_dt_Global_ENB_ID** rec);
 void __mv_mme_debug_Global_ENB_ID(const char* key, const __mv_mme_dt_Global_ENB_ID* rec, int level);
 void __mv_mme_memfree_Global_ENB_ID(__mv_mme_dt_Global_ENB_ID* rec);
-int __mv_mme_Encode_Global_ENB_ID(const __mv_mme_dt_Global_ENB_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Global_ENB_ID(__mv_mme_dt_Global_ENB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Global_ENB_ID(const __mv_mme_dt_Global_ENB_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Global_ENB_ID(__mv_mme_dt_Global_ENB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_Global_en_gNB_ID(__mv_mme_dt_Global_en_gNB_ID** rec);
 void __mv_mme_debug_Global_en_gNB_ID(const char* key, const __mv_mme_dt_Global_en_gNB_ID* rec, int level);
 void __mv_mme_memfree_Global_en_gNB_ID(__mv_mme_dt_Global_en_gNB_ID* rec);
-int __mv_mme_Encode_Global_en_gNB_ID(const __mv_mme_dt_Global_en_gNB_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Global_en_gNB_ID(__mv_mme_dt_Global_en_gNB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Global_en_gNB_ID(const __mv_mme_dt_Global_en_gNB_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Global_en_gNB_ID(__mv_mme_dt_Global_en_gNB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_GUMMEIList(__mv_mme_dt_GUMMEIList** rec);
 void __mv_mme_debug_GUMMEIList(const char* key, const __mv_mme_dt_GUMMEIList* rec, int level);
 void __mv_mme_memfree_GUMMEIList(__mv_mme_dt_GUMMEIList* rec);
-int __mv_mme_Encode_GUMMEIList(const __mv_mme_dt_GUMMEIList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_GUMMEIList(__mv_mme_dt_GUMMEIList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_GUMMEIList(const __mv_mme_dt_GUMMEIList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_GUMMEIList(__mv_mme_dt_GUMMEIList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ENB_StatusTransfer_TransparentContainer(__mv_mme_dt_ENB_StatusTransfer_TransparentContainer** rec);
 void __mv_mme_debug_ENB_StatusTransfer_TransparentContainer(const char* key, const __mv_mme_dt_ENB_StatusTransfer_TransparentContainer* rec, int level);
 void __mv_mme_memfree_ENB_StatusTransfer_TransparentContainer(__mv_mme_dt_ENB_StatusTransfer_TransparentContainer* rec);
-int __mv_mme_Encode_ENB_StatusTransfer_TransparentContainer(const __mv_mme_dt_ENB_StatusTransfer_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ENB_StatusTransfer_TransparentContainer(__mv_mme_dt_ENB_StatusTransfer_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ENB_StatusTransfer_TransparentContainer(const __mv_mme_dt_ENB_StatusTransfer_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ENB_StatusTransfer_TransparentContainer(__mv_mme_dt_ENB_StatusTransfer_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_ENB_UE_S1AP_ID(const char* key, __mv_mme_dt_ENB_UE_S1AP_ID value, int level);
-int __mv_mme_Encode_ENB_UE_S1AP_ID(__mv_mme_dt_ENB_UE_S1AP_ID value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ENB_UE_S1AP_ID(__mv_mme_dt_ENB_UE_S1AP_ID* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ENB_UE_S1AP_ID(__mv_mme_dt_ENB_UE_S1AP_ID value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ENB_UE_S1AP_ID(__mv_mme_dt_ENB_UE_S1AP_ID* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ENBname(__mv_mme_dt_ENBname** rec);
 int __mv_mme_init_ENBname2(__mv_mme_dt_ENBname** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_ENBname(const char* key, const __mv_mme_dt_ENBname* rec, int level);
 void __mv_mme_memfree_ENBname(__mv_mme_dt_ENBname* rec);
-int __mv_mme_Encode_ENBname(const __mv_mme_dt_ENBname* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ENBname(__mv_mme_dt_ENBname** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ENBname(const __mv_mme_dt_ENBname* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ENBname(__mv_mme_dt_ENBname** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ENBX2TLAs(__mv_mme_dt_ENBX2TLAs** rec);
 void __mv_mme_debug_ENBX2TLAs(const char* key, const __mv_mme_dt_ENBX2TLAs* rec, int level);
 void __mv_mme_memfree_ENBX2TLAs(__mv_mme_dt_ENBX2TLAs* rec);
-int __mv_mme_Encode_ENBX2TLAs(const __mv_mme_dt_ENBX2TLAs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ENBX2TLAs(__mv_mme_dt_ENBX2TLAs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ENBX2TLAs(const __mv_mme_dt_ENBX2TLAs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ENBX2TLAs(__mv_mme_dt_ENBX2TLAs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TransportLayerAddress(__mv_mme_dt_TransportLayerAddress** rec);
 int __mv_mme_init_TransportLayerAddress2(__mv_mme_dt_TransportLayerAddress** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_TransportLayerAddress(const char* key, const __mv_mme_dt_TransportLayerAddress* rec, int level);
 void __mv_mme_memfree_TransportLayerAddress(__mv_mme_dt_TransportLayerAddress* rec);
-int __mv_mme_Encode_TransportLayerAddress(const __mv_mme_dt_TransportLayerAddress* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TransportLayerAddress(__mv_mme_dt_TransportLayerAddress** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TransportLayerAddress(const __mv_mme_dt_TransportLayerAddress* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TransportLayerAddress(__mv_mme_dt_TransportLayerAddress** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_EncryptionAlgorithms(__mv_mme_dt_EncryptionAlgorithms** rec);
 int __mv_mme_init_EncryptionAlgorithms2(__mv_mme_dt_EncryptionAlgorithms** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_EncryptionAlgorithms(const char* key, const __mv_mme_dt_EncryptionAlgorithms* rec, int level);
 void __mv_mme_memfree_EncryptionAlgorithms(__mv_mme_dt_EncryptionAlgorithms* rec);
-int __mv_mme_Encode_EncryptionAlgorithms(const __mv_mme_dt_EncryptionAlgorithms* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_EncryptionAlgorithms(__mv_mme_dt_EncryptionAlgorithms** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_EncryptionAlgorithms(const __mv_mme_dt_EncryptionAlgorithms* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_EncryptionAlgorithms(__mv_mme_dt_EncryptionAlgorithms** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_EN_DCSONConfigurationTransfer(__mv_mme_dt_EN_DCSONConfigurationTransfer** rec);
 void __mv_mme_debug_EN_DCSONConfigurationTransfer(const char* key, const __mv_mme_dt_EN_DCSONConfigurationTransfer* rec, int level);
 void __mv_mme_memfree_EN_DCSONConfigurationTransfer(__mv_mme_dt_EN_DCSONConfigurationTransfer* rec);
-int __mv_mme_Encode_EN_DCSONConfigurationTransfer(const __mv_mme_dt_EN_DCSONConfigurationTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_EN_DCSONConfigurationTransfer(__mv_mme_dt_EN_DCSONConfigurationTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_EN_DCSONConfigurationTransfer(const __mv_mme_dt_EN_DCSONConfigurationTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_EN_DCSONConfigurationTransfer(__mv_mme_dt_EN_DCSONConfigurationTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_EN_DCSONTransferType(__mv_mme_dt_EN_DCSONTransferType** rec);
 void __mv_mme_debug_EN_DCSONTransferType(const char* key, const __mv_mme_dt_EN_DCSONTransferType* rec, int level);
 void __mv_mme_memfree_EN_DCSONTransferType(__mv_mme_dt_EN_DCSONTransferType* rec);
-int __mv_mme_Encode_EN_DCSONTransferType(const __mv_mme_dt_EN_DCSONTransferType* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_EN_DCSONTransferType(__mv_mme_dt_EN_DCSONTransferType** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_EN_DCSONTransferType(const __mv_mme_dt_EN_DCSONTransferType* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_EN_DCSONTransferType(__mv_mme_dt_EN_DCSONTransferType** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_EN_DCTransferTypeRequest(__mv_mme_dt_EN_DCTransferTypeRequest** rec);
 void __mv_mme_debug_EN_DCTransferTypeRequest(const char* key, const __mv_mme_dt_EN_DCTransferTypeRequest* rec, int level);
 void __mv_mme_memfree_EN_DCTransferTypeRequest(__mv_mme_dt_EN_DCTransferTypeRequest* rec);
-int __mv_mme_Encode_EN_DCTransferTypeRequest(const __mv_mme_dt_EN_DCTransferTypeRequest* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_EN_DCTransferTypeRequest(__mv_mme_dt_EN_DCTransferTypeRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_EN_DCTransferTypeRequest(const __mv_mme_dt_EN_DCTransferTypeRequest* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_EN_DCTransferTypeRequest(__mv_mme_dt_EN_DCTransferTypeRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_EN_DCSONeNBIdentification(__mv_mme_dt_EN_DCSONeNBIdentification** rec);
 void __mv_mme_debug_EN_DCSONeNBIdentification(const char* key, const __mv_mme_dt_EN_DCSONeNBIdentification* rec, int level);
 void __mv_mme_memfree_EN_DCSONeNBIdentification(__mv_mme_dt_EN_DCSONeNBIdentification* rec);
-int __mv_mme_Encode_EN_DCSONeNBIdentification(const __mv_mme_dt_EN_DCSONeNBIdentification* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_EN_DCSONeNBIdentification(__mv_mme_dt_EN_DCSONeNBIdentification** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_EN_DCSONeNBIdentification(const __mv_mme_dt_EN_DCSONeNBIdentification* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_EN_DCSONeNBIdentification(__mv_mme_dt_EN_DCSONeNBIdentification** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_EN_DCSONengNBIdentification(__mv_mme_dt_EN_DCSONengNBIdentification** rec);
 void __mv_mme_debug_EN_DCSONengNBIdentification(const char* key, const __mv_mme_dt_EN_DCSONengNBIdentification* rec, int level);
 void __mv_mme_memfree_EN_DCSONengNBIdentification(__mv_mme_dt_EN_DCSONengNBIdentification* rec);
-int __mv_mme_Encode_EN_DCSONengNBIdentification(const __mv_mme_dt_EN_DCSONengNBIdentification* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_EN_DCSONengNBIdentification(__mv_mme_dt_EN_DCSONengNBIdentification** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_EN_DCSONengNBIdentification(const __mv_mme_dt_EN_DCSONengNBIdentification* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_EN_DCSONengNBIdentification(__mv_mme_dt_EN_DCSONengNBIdentification** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_FiveGSTAI(__mv_mme_dt_FiveGSTAI** rec);
 void __mv_mme_debug_FiveGSTAI(const char* key, const __mv_mme_dt_FiveGSTAI* rec, int level);
 void __mv_mme_memfree_FiveGSTAI(__mv_mme_dt_FiveGSTAI* rec);
-int __mv_mme_Encode_FiveGSTAI(const __mv_mme_dt_FiveGSTAI* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_FiveGSTAI(__mv_mme_dt_FiveGSTAI** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_FiveGSTAI(const __mv_mme_dt_FiveGSTAI* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_FiveGSTAI(__mv_mme_dt_FiveGSTAI** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_FiveGSTAC(__mv_mme_dt_FiveGSTAC** rec);
 int __mv_mme_init_FiveGSTAC2(__mv_mme_dt_FiveGSTAC** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_FiveGSTAC(const char* key, const __mv_mme_dt_FiveGSTAC* rec, int level);
 void __mv_mme_memfree_FiveGSTAC(__mv_mme_dt_FiveGSTAC* rec);
-int __mv_mme_Encode_FiveGSTAC(const __mv_mme_dt_FiveGSTAC* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_FiveGSTAC(__mv_mme_dt_FiveGSTAC** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_FiveGSTAC(const __mv_mme_dt_FiveGSTAC* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_FiveGSTAC(__mv_mme_dt_FiveGSTAC** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_EN_DCTransferTypeReply(__mv_mme_dt_EN_DCTransferTypeReply** rec);
 void __mv_mme_debug_EN_DCTransferTypeReply(const char* key, const __mv_mme_dt_EN_DCTransferTypeReply* rec, int level);
 void __mv_mme_memfree_EN_DCTransferTypeReply(__mv_mme_dt_EN_DCTransferTypeReply* rec);
-int __mv_mme_Encode_EN_DCTransferTypeReply(const __mv_mme_dt_EN_DCTransferTypeReply* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_EN_DCTransferTypeReply(__mv_mme_dt_EN_DCTransferTypeReply** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_EN_DCTransferTypeReply(const __mv_mme_dt_EN_DCTransferTypeReply* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_EN_DCTransferTypeReply(__mv_mme_dt_EN_DCTransferTypeReply** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_SONInformation(__mv_mme_dt_SONInformation** rec);
 void __mv_mme_debug_SONInformation(const char* key, const __mv_mme_dt_SONInformation* rec, int level);
 void __mv_mme_memfree_SONInformation(__mv_mme_dt_SONInformation* rec);
-int __mv_mme_Encode_SONInformation(const __mv_mme_dt_SONInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_SONInformation(__mv_mme_dt_SONInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_SONInformation(const __mv_mme_dt_SONInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_SONInformation(__mv_mme_dt_SONInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_SONInformationRequest(const char* key, __mv_mme_dt_SONInformationRequest value, int level);
-int __mv_mme_Encode_SONInformationRequest(__mv_mme_dt_SONInformationRequest value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_SONInformationRequest(__mv_mme_dt_SONInformationRequest* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_SONInformationRequest(__mv_mme_dt_SONInformationRequest value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_SONInformationRequest(__mv_mme_dt_SONInformationRequest* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_SONInformationReply(__mv_mme_dt_SONInformationReply** rec);
 void __mv_mme_debug_SONInformationReply(const char* key, const __mv_mme_dt_SONInformationReply* rec, int level);
 void __mv_mme_memfree_SONInformationReply(__mv_mme_dt_SONInformationReply* rec);
-int __mv_mme_Encode_SONInformationReply(const __mv_mme_dt_SONInformationReply* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_SONInformationReply(__mv_mme_dt_SONInformationReply** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_SONInformationReply(const __mv_mme_dt_SONInformationReply* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_SONInformationReply(__mv_mme_dt_SONInformationReply** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_X2TNLConfigurationInfo(__mv_mme_dt_X2TNLConfigurationInfo** rec);
 void __mv_mme_debug_X2TNLConfigurationInfo(const char* key, const __mv_mme_dt_X2TNLConfigurationInfo* rec, int level);
 void __mv_mme_memfree_X2TNLConfigurationInfo(__mv_mme_dt_X2TNLConfigurationInfo* rec);
-int __mv_mme_Encode_X2TNLConfigurationInfo(const __mv_mme_dt_X2TNLConfigurationInfo* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_X2TNLConfigurationInfo(__mv_mme_dt_X2TNLConfigurationInfo** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_X2TNLConfigurationInfo(const __mv_mme_dt_X2TNLConfigurationInfo* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_X2TNLConfigurationInfo(__mv_mme_dt_X2TNLConfigurationInfo** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_SONInformation_ExtensionIE(__mv_mme_dt_SONInformation_ExtensionIE** rec);
 void __mv_mme_debug_SONInformation_ExtensionIE(const char* key, const __mv_mme_dt_SONInformation_ExtensionIE* rec, int level);
 void __mv_mme_memfree_SONInformation_ExtensionIE(__mv_mme_dt_SONInformation_ExtensionIE* rec);
-int __mv_mme_Encode_SONInformation_ExtensionIE(const __mv_mme_dt_SONInformation_ExtensionIE* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_SONInformation_ExtensionIE(__mv_mme_dt_SONInformation_ExtensionIE** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_SONInformation_ExtensionIE(const __mv_mme_dt_SONInformation_ExtensionIE* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_SONInformation_ExtensionIE(__mv_mme_dt_SONInformation_ExtensionIE** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_SONInformationReport(__mv_mme_dt_SONInformationReport** rec);
 void __mv_mme_debug_SONInformationReport(const char* key, const __mv_mme_dt_SONInformationReport* rec, int level);
 void __mv_mme_memfree_SONInformationReport(__mv_mme_dt_SONInformationReport* rec);
-int __mv_mme_Encode_SONInformationReport(const __mv_mme_dt_SONInformationReport* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_SONInformationReport(__mv_mme_dt_SONInformationReport** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_SONInformationReport(const __mv_mme_dt_SONInformationReport* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_SONInformationReport(__mv_mme_dt_SONInformationReport** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_RLFReportInformation(__mv_mme_dt_RLFReportInformation** rec);
 void __mv_mme_debug_RLFReportInformation(const char* key, const __mv_mme_dt_RLFReportInformation* rec, int level);
 void __mv_mme_memfree_RLFReportInformation(__mv_mme_dt_RLFReportInformation* rec);
-int __mv_mme_Encode_RLFReportInformation(const __mv_mme_dt_RLFReportInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_RLFReportInformation(__mv_mme_dt_RLFReportInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_RLFReportInformation(const __mv_mme_dt_RLFReportInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_RLFReportInformation(__mv_mme_dt_RLFReportInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UE_RLF_Report_Container(__mv_mme_dt_UE_RLF_Report_Container** rec);
 int __mv_mme_init_UE_RLF_Report_Container2(__mv_mme_dt_UE_RLF_Report_Container** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_UE_RLF_Report_Container(const char* key, const __mv_mme_dt_UE_RLF_Report_Container* rec, int level);
 void __mv_mme_memfree_UE_RLF_Report_Container(__mv_mme_dt_UE_RLF_Report_Container* rec);
-int __mv_mme_Encode_UE_RLF_Report_Container(const __mv_mme_dt_UE_RLF_Report_Container* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UE_RLF_Report_Container(__mv_mme_dt_UE_RLF_Report_Container** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UE_RLF_Report_Container(const __mv_mme_dt_UE_RLF_Report_Container* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UE_RLF_Report_Container(__mv_mme_dt_UE_RLF_Report_Container** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UE_RLF_Report_Container_for_extended_bands(__mv_mme_dt_UE_RLF_Report_Container_for_extended_bands** rec);
 int __mv_mme_init_UE_RLF_Report_Container_for_extended_bands2(__mv_mme_dt_UE_RLF_Report_Container_for_extended_bands** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_UE_RLF_Report_Container_for_extended_bands(const char* key, const __mv_mme_dt_UE_RLF_Report_Container_for_extended_bands* rec, int level);
 void __mv_mme_memfree_UE_RLF_Report_Container_for_extended_bands(__mv_mme_dt_UE_RLF_Report_Container_for_extended_bands* rec);
-int __mv_mme_Encode_UE_RLF_Report_Container_for_extended_bands(const __mv_mme_dt_UE_RLF_Report_Container_for_extended_bands* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UE_RLF_Report_Container_for_extended_bands(__mv_mme_dt_UE_RLF_Report_Container_for_extended_bands** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UE_RLF_Report_Container_for_extended_bands(const __mv_mme_dt_UE_RLF_Report_Container_for_extended_bands* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UE_RLF_Report_Container_for_extended_bands(__mv_mme_dt_UE_RLF_Report_Container_for_extended_bands** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_EndIndication(const char* key, __mv_mme_dt_EndIndication value, int level);
-int __mv_mme_Encode_EndIndication(__mv_mme_dt_EndIndication value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_EndIndication(__mv_mme_dt_EndIndication* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_EndIndication(__mv_mme_dt_EndIndication value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_EndIndication(__mv_mme_dt_EndIndication* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_EnhancedCoverageRestricted(const char* key, __mv_mme_dt_EnhancedCoverageRestricted value, int level);
-int __mv_mme_Encode_EnhancedCoverageRestricted(__mv_mme_dt_EnhancedCoverageRestricted value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_EnhancedCoverageRestricted(__mv_mme_dt_EnhancedCoverageRestricted* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_EnhancedCoverageRestricted(__mv_mme_dt_EnhancedCoverageRestricted value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_EnhancedCoverageRestricted(__mv_mme_dt_EnhancedCoverageRestricted* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_CE_ModeBRestricted(const char* key, __mv_mme_dt_CE_ModeBRestricted value, int level);
-int __mv_mme_Encode_CE_ModeBRestricted(__mv_mme_dt_CE_ModeBRestricted value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CE_ModeBRestricted(__mv_mme_dt_CE_ModeBRestricted* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CE_ModeBRestricted(__mv_mme_dt_CE_ModeBRestricted value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CE_ModeBRestricted(__mv_mme_dt_CE_ModeBRestricted* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_EPLMNs(__mv_mme_dt_EPLMNs** rec);
 void __mv_mme_debug_EPLMNs(const char* key, const __mv_mme_dt_EPLMNs* rec, int level);
 void __mv_mme_memfree_EPLMNs(__mv_mme_dt_EPLMNs* rec);
-int __mv_mme_Encode_EPLMNs(const __mv_mme_dt_EPLMNs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_EPLMNs(__mv_mme_dt_EPLMNs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_EPLMNs(const __mv_mme_dt_EPLMNs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_EPLMNs(__mv_mme_dt_EPLMNs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_EventType(const char* key, __mv_mme_dt_EventType value, int level);
-int __mv_mme_Encode_EventType(__mv_mme_dt_EventType value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_EventType(__mv_mme_dt_EventType* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_EventType(__mv_mme_dt_EventType value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_EventType(__mv_mme_dt_EventType* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABInformationList(__mv_mme_dt_E_RABInformationList** rec);
 void __mv_mme_debug_E_RABInformationList(const char* key, const __mv_mme_dt_E_RABInformationList* rec, int level);
 void __mv_mme_memfree_E_RABInformationList(__mv_mme_dt_E_RABInformationList* rec);
-int __mv_mme_Encode_E_RABInformationList(const __mv_mme_dt_E_RABInformationList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABInformationList(__mv_mme_dt_E_RABInformationList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABInformationList(const __mv_mme_dt_E_RABInformationList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABInformationList(__mv_mme_dt_E_RABInformationList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABInformationListIEs(__mv_mme_dt_E_RABInformationListIEs** rec);
 void __mv_mme_debug_E_RABInformationListIEs(const char* key, const __mv_mme_dt_E_RABInformationListIEs* rec, int level);
 void __mv_mme_memfree_E_RABInformationListIEs(__mv_mme_dt_E_RABInformationListIEs* rec);
-int __mv_mme_Encode_E_RABInformationListIEs(const __mv_mme_dt_E_RABInformationListIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABInformationListIEs(__mv_mme_dt_E_RABInformationListIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABInformationListIEs(const __mv_mme_dt_E_RABInformationListIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABInformationListIEs(__mv_mme_dt_E_RABInformationListIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABInformationListItem(__mv_mme_dt_E_RABInformationListItem** rec);
 void __mv_mme_debug_E_RABInformationListItem(const char* key, const __mv_mme_dt_E_RABInformationListItem* rec, int level);
 void __mv_mme_memfree_E_RABInformationListItem(__mv_mme_dt_E_RABInformationListItem* rec);
-int __mv_mme_Encode_E_RABInformationListItem(const __mv_mme_dt_E_RABInformationListItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABInformationListItem(__mv_mme_dt_E_RABInformationListItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABInformationListItem(const __mv_mme_dt_E_RABInformationListItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABInformationListItem(__mv_mme_dt_E_RABInformationListItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABList(__mv_mme_dt_E_RABList** rec);
 void __mv_mme_debug_E_RABList(const char* key, const __mv_mme_dt_E_RABList* rec, int level);
 void __mv_mme_memfree_E_RABList(__mv_mme_dt_E_RABList* rec);
-int __mv_mme_Encode_E_RABList(const __mv_mme_dt_E_RABList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABList(__mv_mme_dt_E_RABList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABList(const __mv_mme_dt_E_RABList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABList(__mv_mme_dt_E_RABList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABItemIEs(__mv_mme_dt_E_RABItemIEs** rec);
 void __mv_mme_debug_E_RABItemIEs(const char* key, const __mv_mme_dt_E_RABItemIEs* rec, int level);
 void __mv_mme_memfree_E_RABItemIEs(__mv_mme_dt_E_RABItemIEs* rec);
-int __mv_mme_Encode_E_RABItemIEs(const __mv_mme_dt_E_RABItemIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABItemIEs(__mv_mme_dt_E_RABItemIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABItemIEs(const __mv_mme_dt_E_RABItemIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABItemIEs(__mv_mme_dt_E_RABItemIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABItem(__mv_mme_dt_E_RABItem** rec);
 void __mv_mme_debug_E_RABItem(const char* key, const __mv_mme_dt_E_RABItem* rec, int level);
 void __mv_mme_memfree_E_RABItem(__mv_mme_dt_E_RABItem* rec);
-int __mv_mme_Encode_E_RABItem(const __mv_mme_dt_E_RABItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABItem(__mv_mme_dt_E_RABItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABItem(const __mv_mme_dt_E_RABItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABItem(__mv_mme_dt_E_RABItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABLevelQoSParameters(__mv_mme_dt_E_RABLevelQoSParameters** rec);
 void __mv_mme_debug_E_RABLevelQoSParameters(const char* key, const __mv_mme_dt_E_RABLevelQoSParameters* rec, int level);
 void __mv_mme_memfree_E_RABLevelQoSParameters(__mv_mme_dt_E_RABLevelQoSParameters* rec);
-int __mv_mme_Encode_E_RABLevelQoSParameters(const __mv_mme_dt_E_RABLevelQoSParameters* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABLevelQoSParameters(__mv_mme_dt_E_RABLevelQoSParameters** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABLevelQoSParameters(const __mv_mme_dt_E_RABLevelQoSParameters* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABLevelQoSParameters(__mv_mme_dt_E_RABLevelQoSParameters** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_QCI(const char* key, __mv_mme_dt_QCI value, int level);
-int __mv_mme_Encode_QCI(__mv_mme_dt_QCI value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_QCI(__mv_mme_dt_QCI* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_QCI(__mv_mme_dt_QCI value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_QCI(__mv_mme_dt_QCI* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_GBR_QosInformation(__mv_mme_dt_GBR_QosInformation** rec);
 void __mv_mme_debug_GBR_QosInformation(const char* key, const __mv_mme_dt_GBR_QosInformation* rec, int level);
 void __mv_mme_memfree_GBR_QosInformation(__mv_mme_dt_GBR_QosInformation* rec);
-int __mv_mme_Encode_GBR_QosInformation(const __mv_mme_dt_GBR_QosInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_GBR_QosInformation(__mv_mme_dt_GBR_QosInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_GBR_QosInformation(const __mv_mme_dt_GBR_QosInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_GBR_QosInformation(__mv_mme_dt_GBR_QosInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABUsageReportList(__mv_mme_dt_E_RABUsageReportList** rec);
 void __mv_mme_debug_E_RABUsageReportList(const char* key, const __mv_mme_dt_E_RABUsageReportList* rec, int level);
 void __mv_mme_memfree_E_RABUsageReportList(__mv_mme_dt_E_RABUsageReportList* rec);
-int __mv_mme_Encode_E_RABUsageReportList(const __mv_mme_dt_E_RABUsageReportList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABUsageReportList(__mv_mme_dt_E_RABUsageReportList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABUsageReportList(const __mv_mme_dt_E_RABUsageReportList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABUsageReportList(__mv_mme_dt_E_RABUsageReportList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABUsageReportItemIEs(__mv_mme_dt_E_RABUsageReportItemIEs** rec);
 void __mv_mme_debug_E_RABUsageReportItemIEs(const char* key, const __mv_mme_dt_E_RABUsageReportItemIEs* rec, int level);
 void __mv_mme_memfree_E_RABUsageReportItemIEs(__mv_mme_dt_E_RABUsageReportItemIEs* rec);
-int __mv_mme_Encode_E_RABUsageReportItemIEs(const __mv_mme_dt_E_RABUsageReportItemIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABUsageReportItemIEs(__mv_mme_dt_E_RABUsageReportItemIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABUsageReportItemIEs(const __mv_mme_dt_E_RABUsageReportItemIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABUsageReportItemIEs(__mv_mme_dt_E_RABUsageReportItemIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABUsageReportItem(__mv_mme_dt_E_RABUsageReportItem** rec);
 void __mv_mme_debug_E_RABUsageReportItem(const char* key, const __mv_mme_dt_E_RABUsageReportItem* rec, int level);
 void __mv_mme_memfree_E_RABUsageReportItem(__mv_mme_dt_E_RABUsageReportItem* rec);
-int __mv_mme_Encode_E_RABUsageReportItem(const __mv_mme_dt_E_RABUsageReportItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABUsageReportItem(__mv_mme_dt_E_RABUsageReportItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABUsageReportItem(const __mv_mme_dt_E_RABUsageReportItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABUsageReportItem(__mv_mme_dt_E_RABUsageReportItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABUsageReportItem_startTimestamp(__mv_mme_dt_E_RABUsageReportItem_startTimestamp** rec);
 int __mv_mme_init_E_RABUsageReportItem_startTimestamp2(__mv_mme_dt_E_RABUsageReportItem_startTimestamp** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_E_RABUsageReportItem_startTimestamp(const char* key, const __mv_mme_dt_E_RABUsageReportItem_startTimestamp* rec, int level);
 void __mv_mme_memfree_E_RABUsageReportItem_startTimestamp(__mv_mme_dt_E_RABUsageReportItem_startTimestamp* rec);
-int __mv_mme_Encode_E_RABUsageReportItem_startTimestamp(const __mv_mme_dt_E_RABUsageReportItem_startTimestamp* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABUsageReportItem_startTimestamp(__mv_mme_dt_E_RABUsageReportItem_startTimestamp** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABUsageReportItem_startTimestamp(const __mv_mme_dt_E_RABUsageReportItem_startTimestamp* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABUsageReportItem_startTimestamp(__mv_mme_dt_E_RABUsageReportItem_startTimestamp** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABUsageReportItem_endTimestamp(__mv_mme_dt_E_RABUsageReportItem_endTimestamp** rec);
 int __mv_mme_init_E_RABUsageReportItem_endTimestamp2(__mv_mme_dt_E_RABUsageReportItem_endTimestamp** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_E_RABUsageReportItem_endTimestamp(const char* key, const __mv_mme_dt_E_RABUsageReportItem_endTimestamp* rec, int level);
 void __mv_mme_memfree_E_RABUsageReportItem_endTimestamp(__mv_mme_dt_E_RABUsageReportItem_endTimestamp* rec);
-int __mv_mme_Encode_E_RABUsageReportItem_endTimestamp(const __mv_mme_dt_E_RABUsageReportItem_endTimestamp* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABUsageReportItem_endTimestamp(__mv_mme_dt_E_RABUsageReportItem_endTimestamp** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABUsageReportItem_endTimestamp(const __mv_mme_dt_E_RABUsageReportItem_endTimestamp* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABUsageReportItem_endTimestamp(__mv_mme_dt_E_RABUsageReportItem_endTimestamp** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_E_RABUsageReportItem_usageCountUL(const char* key, __mv_mme_dt_E_RABUsageReportItem_usageCountUL value, int level);
-int __mv_mme_Encode_E_RABUsageReportItem_usageCountUL(__mv_mme_dt_E_RABUsageReportItem_usageCountUL value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABUsageReportItem_usageCountUL(__mv_mme_dt_E_RABUsageReportItem_usageCountUL* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABUsageReportItem_usageCountUL(__mv_mme_dt_E_RABUsageReportItem_usageCountUL value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABUsageReportItem_usageCountUL(__mv_mme_dt_E_RABUsageReportItem_usageCountUL* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_E_RABUsageReportItem_usageCountDL(const char* key, __mv_mme_dt_E_RABUsageReportItem_usageCountDL value, int level);
-int __mv_mme_Encode_E_RABUsageReportItem_usageCountDL(__mv_mme_dt_E_RABUsageReportItem_usageCountDL value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABUsageReportItem_usageCountDL(__mv_mme_dt_E_RABUsageReportItem_usageCountDL* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABUsageReportItem_usageCountDL(__mv_mme_dt_E_RABUsageReportItem_usageCountDL value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABUsageReportItem_usageCountDL(__mv_mme_dt_E_RABUsageReportItem_usageCountDL* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_EUTRANRoundTripDelayEstimationInfo(const char* key, __mv_mme_dt_EUTRANRoundTripDelayEstimationInfo value, int level);
-int __mv_mme_Encode_EUTRANRoundTripDelayEstimationInfo(__mv_mme_dt_EUTRANRoundTripDelayEstimationInfo value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_EUTRANRoundTripDelayEstimationInfo(__mv_mme_dt_EUTRANRoundTripDelayEstimationInfo* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_EUTRANRoundTripDelayEstimationInfo(__mv_mme_dt_EUTRANRoundTripDelayEstimationInfo value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_EUTRANRoundTripDelayEstimationInfo(__mv_mme_dt_EUTRANRoundTripDelayEstimationInfo* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ExpectedUEBehaviour(__mv_mme_dt_ExpectedUEBehaviour** rec);
 void __mv_mme_debug_ExpectedUEBehaviour(const char* key, const __mv_mme_dt_ExpectedUEBehaviour* rec, int level);
 void __mv_mme_memfree_ExpectedUEBehaviour(__mv_mme_dt_ExpectedUEBehaviour* rec);
-int __mv_mme_Encode_ExpectedUEBehaviour(const __mv_mme_dt_ExpectedUEBehaviour* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ExpectedUEBehaviour(__mv_mme_dt_ExpectedUEBehaviour** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ExpectedUEBehaviour(const __mv_mme_dt_ExpectedUEBehaviour* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ExpectedUEBehaviour(__mv_mme_dt_ExpectedUEBehaviour** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ExpectedUEActivityBehaviour(__mv_mme_dt_ExpectedUEActivityBehaviour** rec);
 void __mv_mme_debug_ExpectedUEActivityBehaviour(const char* key, const __mv_mme_dt_ExpectedUEActivityBehaviour* rec, int level);
 void __mv_mme_memfree_ExpectedUEActivityBehaviour(__mv_mme_dt_ExpectedUEActivityBehaviour* rec);
-int __mv_mme_Encode_ExpectedUEActivityBehaviour(const __mv_mme_dt_ExpectedUEActivityBehaviour* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ExpectedUEActivityBehaviour(__mv_mme_dt_ExpectedUEActivityBehaviour** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ExpectedUEActivityBehaviour(const __mv_mme_dt_ExpectedUEActivityBehaviour* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ExpectedUEActivityBehaviour(__mv_mme_dt_ExpectedUEActivityBehaviour** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_ExpectedActivityPeriod(const char* key, __mv_mme_dt_ExpectedActivityPeriod value, int level);
-int __mv_mme_Encode_ExpectedActivityPeriod(__mv_mme_dt_ExpectedActivityPeriod value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ExpectedActivityPeriod(__mv_mme_dt_ExpectedActivityPeriod* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ExpectedActivityPeriod(__mv_mme_dt_ExpectedActivityPeriod value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ExpectedActivityPeriod(__mv_mme_dt_ExpectedActivityPeriod* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_ExpectedIdlePeriod(const char* key, __mv_mme_dt_ExpectedIdlePeriod value, int level);
-int __mv_mme_Encode_ExpectedIdlePeriod(__mv_mme_dt_ExpectedIdlePeriod value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ExpectedIdlePeriod(__mv_mme_dt_ExpectedIdlePeriod* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ExpectedIdlePeriod(__mv_mme_dt_ExpectedIdlePeriod value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ExpectedIdlePeriod(__mv_mme_dt_ExpectedIdlePeriod* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_SourceOfUEActivityBehaviourInformation(const char* key, __mv_mme_dt_SourceOfUEActivityBehaviourInformation value, int level);
-int __mv_mme_Encode_SourceOfUEActivityBehaviourInformation(__mv_mme_dt_SourceOfUEActivityBehaviourInformation value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_SourceOfUEActivityBehaviourInformation(__mv_mme_dt_SourceOfUEActivityBehaviourInformation* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_SourceOfUEActivityBehaviourInformation(__mv_mme_dt_SourceOfUEActivityBehaviourInformation value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_SourceOfUEActivityBehaviourInformation(__mv_mme_dt_SourceOfUEActivityBehaviourInformation* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_ExpectedHOInterval(const char* key, __mv_mme_dt_ExpectedHOInterval value, int level);
-int __mv_mme_Encode_ExpectedHOInterval(__mv_mme_dt_ExpectedHOInterval value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ExpectedHOInterval(__mv_mme_dt_ExpectedHOInterval* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ExpectedHOInterval(__mv_mme_dt_ExpectedHOInterval value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ExpectedHOInterval(__mv_mme_dt_ExpectedHOInterval* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_ExtendedBitRate(const char* key, __mv_mme_dt_ExtendedBitRate value, int level);
-int __mv_mme_Encode_ExtendedBitRate(__mv_mme_dt_ExtendedBitRate value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ExtendedBitRate(__mv_mme_dt_ExtendedBitRate* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ExtendedBitRate(__mv_mme_dt_ExtendedBitRate value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ExtendedBitRate(__mv_mme_dt_ExtendedBitRate* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_ExtendedRNC_ID(const char* key, __mv_mme_dt_ExtendedRNC_ID value, int level);
-int __mv_mme_Encode_ExtendedRNC_ID(__mv_mme_dt_ExtendedRNC_ID value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ExtendedRNC_ID(__mv_mme_dt_ExtendedRNC_ID* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ExtendedRNC_ID(__mv_mme_dt_ExtendedRNC_ID value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ExtendedRNC_ID(__mv_mme_dt_ExtendedRNC_ID* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_ExtendedRepetitionPeriod(const char* key, __mv_mme_dt_ExtendedRepetitionPeriod value, int level);
-int __mv_mme_Encode_ExtendedRepetitionPeriod(__mv_mme_dt_ExtendedRepetitionPeriod value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ExtendedRepetitionPeriod(__mv_mme_dt_ExtendedRepetitionPeriod* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ExtendedRepetitionPeriod(__mv_mme_dt_ExtendedRepetitionPeriod value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ExtendedRepetitionPeriod(__mv_mme_dt_ExtendedRepetitionPeriod* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_Extended_UEIdentityIndexValue(__mv_mme_dt_Extended_UEIdentityIndexValue** rec);
 int __mv_mme_init_Extended_UEIdentityIndexValue2(__mv_mme_dt_Extended_UEIdentityIndexValue** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_Extended_UEIdentityIndexValue(const char* key, const __mv_mme_dt_Extended_UEIdentityIndexValue* rec, int level);
 void __mv_mme_memfree_Extended_UEIdentityIndexValue(__mv_mme_dt_Extended_UEIdentityIndexValue* rec);
-int __mv_mme_Encode_Extended_UEIdentityIndexValue(const __mv_mme_dt_Extended_UEIdentityIndexValue* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Extended_UEIdentityIndexValue(__mv_mme_dt_Extended_UEIdentityIndexValue** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Extended_UEIdentityIndexValue(const __mv_mme_dt_Extended_UEIdentityIndexValue* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Extended_UEIdentityIndexValue(__mv_mme_dt_Extended_UEIdentityIndexValue** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_ForbiddenInterRATs(const char* key, __mv_mme_dt_ForbiddenInterRATs value, int level);
-int __mv_mme_Encode_ForbiddenInterRATs(__mv_mme_dt_ForbiddenInterRATs value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ForbiddenInterRATs(__mv_mme_dt_ForbiddenInterRATs* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ForbiddenInterRATs(__mv_mme_dt_ForbiddenInterRATs value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ForbiddenInterRATs(__mv_mme_dt_ForbiddenInterRATs* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ForbiddenTAs(__mv_mme_dt_ForbiddenTAs** rec);
 void __mv_mme_debug_ForbiddenTAs(const char* key, const __mv_mme_dt_ForbiddenTAs* rec, int level);
 void __mv_mme_memfree_ForbiddenTAs(__mv_mme_dt_ForbiddenTAs* rec);
-int __mv_mme_Encode_ForbiddenTAs(const __mv_mme_dt_ForbiddenTAs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ForbiddenTAs(__mv_mme_dt_ForbiddenTAs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ForbiddenTAs(const __mv_mme_dt_ForbiddenTAs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ForbiddenTAs(__mv_mme_dt_ForbiddenTAs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ForbiddenTAs_Item(__mv_mme_dt_ForbiddenTAs_Item** rec);
 void __mv_mme_debug_ForbiddenTAs_Item(const char* key, const __mv_mme_dt_ForbiddenTAs_Item* rec, int level);
 void __mv_mme_memfree_ForbiddenTAs_Item(__mv_mme_dt_ForbiddenTAs_Item* rec);
-int __mv_mme_Encode_ForbiddenTAs_Item(const __mv_mme_dt_ForbiddenTAs_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ForbiddenTAs_Item(__mv_mme_dt_ForbiddenTAs_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ForbiddenTAs_Item(const __mv_mme_dt_ForbiddenTAs_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ForbiddenTAs_Item(__mv_mme_dt_ForbiddenTAs_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ForbiddenTACs(__mv_mme_dt_ForbiddenTACs** rec);
 void __mv_mme_debug_ForbiddenTACs(const char* key, const __mv_mme_dt_ForbiddenTACs* rec, int level);
 void __mv_mme_memfree_ForbiddenTACs(__mv_mme_dt_ForbiddenTACs* rec);
-int __mv_mme_Encode_ForbiddenTACs(const __mv_mme_dt_ForbiddenTACs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ForbiddenTACs(__mv_mme_dt_ForbiddenTACs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ForbiddenTACs(const __mv_mme_dt_ForbiddenTACs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ForbiddenTACs(__mv_mme_dt_ForbiddenTACs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ForbiddenLAs(__mv_mme_dt_ForbiddenLAs** rec);
 void __mv_mme_debug_ForbiddenLAs(const char* key, const __mv_mme_dt_ForbiddenLAs* rec, int level);
 void __mv_mme_memfree_ForbiddenLAs(__mv_mme_dt_ForbiddenLAs* rec);
-int __mv_mme_Encode_ForbiddenLAs(const __mv_mme_dt_ForbiddenLAs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ForbiddenLAs(__mv_mme_dt_ForbiddenLAs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ForbiddenLAs(const __mv_mme_dt_ForbiddenLAs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ForbiddenLAs(__mv_mme_dt_ForbiddenLAs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ForbiddenLAs_Item(__mv_mme_dt_ForbiddenLAs_Item** rec);
 void __mv_mme_debug_ForbiddenLAs_Item(const char* key, const __mv_mme_dt_ForbiddenLAs_Item* rec, int level);
 void __mv_mme_memfree_ForbiddenLAs_Item(__mv_mme_dt_ForbiddenLAs_Item* rec);
-int __mv_mme_Encode_ForbiddenLAs_Item(const __mv_mme_dt_ForbiddenLAs_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ForbiddenLAs_Item(__mv_mme_dt_ForbiddenLAs_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ForbiddenLAs_Item(const __mv_mme_dt_ForbiddenLAs_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ForbiddenLAs_Item(__mv_mme_dt_ForbiddenLAs_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ForbiddenLACs(__mv_mme_dt_ForbiddenLACs** rec);
 void __mv_mme_debug_ForbiddenLACs(const char* key, const __mv_mme_dt_ForbiddenLACs* rec, int level);
 void __mv_mme_memfree_ForbiddenLACs(__mv_mme_dt_ForbiddenLACs* rec);
-int __mv_mme_Encode_ForbiddenLACs(const __mv_mme_dt_ForbiddenLACs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ForbiddenLACs(__mv_mme_dt_ForbiddenLACs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ForbiddenLACs(const __mv_mme_dt_ForbiddenLACs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ForbiddenLACs(__mv_mme_dt_ForbiddenLACs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_GTP_TEID(__mv_mme_dt_GTP_TEID** rec);
 int __mv_mme_init_GTP_TEID2(__mv_mme_dt_GTP_TEID** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_GTP_TEID(const char* key, const __mv_mme_dt_GTP_TEID* rec, int level);
 void __mv_mme_memfree_GTP_TEID(__mv_mme_dt_GTP_TEID* rec);
-int __mv_mme_Encode_GTP_TEID(const __mv_mme_dt_GTP_TEID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_GTP_TEID(__mv_mme_dt_GTP_TEID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_GTP_TEID(const __mv_mme_dt_GTP_TEID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_GTP_TEID(__mv_mme_dt_GTP_TEID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_GUMMEIType(const char* key, __mv_mme_dt_GUMMEIType value, int level);
-int __mv_mme_Encode_GUMMEIType(__mv_mme_dt_GUMMEIType value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_GUMMEIType(__mv_mme_dt_GUMMEIType* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_GUMMEIType(__mv_mme_dt_GUMMEIType value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_GUMMEIType(__mv_mme_dt_GUMMEIType* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_GWContextReleaseIndication(const char* key, __mv_mme_dt_GWContextReleaseIndication value, int level);
-int __mv_mme_Encode_GWContextReleaseIndication(__mv_mme_dt_GWContextReleaseIndication value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_GWContextReleaseIndication(__mv_mme_dt_GWContextReleaseIndication* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_GWContextReleaseIndication(__mv_mme_dt_GWContextReleaseIndication value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_GWContextReleaseIndication(__mv_mme_dt_GWContextReleaseIndication* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_HandoverFlag(const char* key, __mv_mme_dt_HandoverFlag value, int level);
-int __mv_mme_Encode_HandoverFlag(__mv_mme_dt_HandoverFlag value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_HandoverFlag(__mv_mme_dt_HandoverFlag* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_HandoverFlag(__mv_mme_dt_HandoverFlag value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_HandoverFlag(__mv_mme_dt_HandoverFlag* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_HandoverRestrictionList(__mv_mme_dt_HandoverRestrictionList** rec);
 void __mv_mme_debug_HandoverRestrictionList(const char* key, const __mv_mme_dt_HandoverRestrictionList* rec, int level);
 void __mv_mme_memfree_HandoverRestrictionList(__mv_mme_dt_HandoverRestrictionList* rec);
-int __mv_mme_Encode_HandoverRestrictionList(const __mv_mme_dt_HandoverRestrictionList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_HandoverRestrictionList(__mv_mme_dt_HandoverRestrictionList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_HandoverRestrictionList(const __mv_mme_dt_HandoverRestrictionList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_HandoverRestrictionList(__mv_mme_dt_HandoverRestrictionList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_HandoverType(const char* key, __mv_mme_dt_HandoverType value, int level);
-int __mv_mme_Encode_HandoverType(__mv_mme_dt_HandoverType value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_HandoverType(__mv_mme_dt_HandoverType* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_HandoverType(__mv_mme_dt_HandoverType value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_HandoverType(__mv_mme_dt_HandoverType* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_Masked_IMEISV(__mv_mme_dt_Masked_IMEISV** rec);
 int __mv_mme_init_Masked_IMEISV2(__mv_mme_dt_Masked_IMEISV** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_Masked_IMEISV(const char* key, const __mv_mme_dt_Masked_IMEISV* rec, int level);
 void __mv_mme_memfree_Masked_IMEISV(__mv_mme_dt_Masked_IMEISV* rec);
-int __mv_mme_Encode_Masked_IMEISV(const __mv_mme_dt_Masked_IMEISV* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Masked_IMEISV(__mv_mme_dt_Masked_IMEISV** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Masked_IMEISV(const __mv_mme_dt_Masked_IMEISV* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Masked_IMEISV(__mv_mme_dt_Masked_IMEISV** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ImmediateMDT(__mv_mme_dt_ImmediateMDT** rec);
 void __mv_mme_debug_ImmediateMDT(const char* key, const __mv_mme_dt_ImmediateMDT* rec, int level);
 void __mv_mme_memfree_ImmediateMDT(__mv_mme_dt_ImmediateMDT* rec);
-int __mv_mme_Encode_ImmediateMDT(const __mv_mme_dt_ImmediateMDT* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ImmediateMDT(__mv_mme_dt_ImmediateMDT** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ImmediateMDT(const __mv_mme_dt_ImmediateMDT* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ImmediateMDT(__mv_mme_dt_ImmediateMDT** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_MeasurementsToActivate(__mv_mme_dt_MeasurementsToActivate** rec);
 int __mv_mme_init_MeasurementsToActivate2(__mv_mme_dt_MeasurementsToActivate** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_MeasurementsToActivate(const char* key, const __mv_mme_dt_MeasurementsToActivate* rec, int level);
 void __mv_mme_memfree_MeasurementsToActivate(__mv_mme_dt_MeasurementsToActivate* rec);
-int __mv_mme_Encode_MeasurementsToActivate(const __mv_mme_dt_MeasurementsToActivate* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MeasurementsToActivate(__mv_mme_dt_MeasurementsToActivate** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MeasurementsToActivate(const __mv_mme_dt_MeasurementsToActivate* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MeasurementsToActivate(__mv_mme_dt_MeasurementsToActivate** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_M1ReportingTrigger(const char* key, __mv_mme_dt_M1ReportingTrigger value, int level);
-int __mv_mme_Encode_M1ReportingTrigger(__mv_mme_dt_M1ReportingTrigger value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_M1ReportingTrigger(__mv_mme_dt_M1ReportingTrigger* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_M1ReportingTrigger(__mv_mme_dt_M1ReportingTrigger value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_M1ReportingTrigger(__mv_mme_dt_M1ReportingTrigger* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_M1ThresholdEventA2(__mv_mme_dt_M1ThresholdEventA2** rec);
 void __mv_mme_debug_M1ThresholdEventA2(const char* key, const __mv_mme_dt_M1ThresholdEventA2* rec, int level);
 void __mv_mme_memfree_M1ThresholdEventA2(__mv_mme_dt_M1ThresholdEventA2* rec);
-int __mv_mme_Encode_M1ThresholdEventA2(const __mv_mme_dt_M1ThresholdEventA2* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_M1ThresholdEventA2(__mv_mme_dt_M1ThresholdEventA2** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_M1ThresholdEventA2(const __mv_mme_dt_M1ThresholdEventA2* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_M1ThresholdEventA2(__mv_mme_dt_M1ThresholdEventA2** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_MeasurementThresholdA2(__mv_mme_dt_MeasurementThresholdA2** rec);
 void __mv_mme_debug_MeasurementThresholdA2(const char* key, const __mv_mme_dt_MeasurementThresholdA2* rec, int level);
 void __mv_mme_memfree_MeasurementThresholdA2(__mv_mme_dt_MeasurementThresholdA2* rec);
-int __mv_mme_Encode_MeasurementThresholdA2(const __mv_mme_dt_MeasurementThresholdA2* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MeasurementThresholdA2(__mv_mme_dt_MeasurementThresholdA2** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MeasurementThresholdA2(const __mv_mme_dt_MeasurementThresholdA2* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MeasurementThresholdA2(__mv_mme_dt_MeasurementThresholdA2** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_Threshold_RSRP(const char* key, __mv_mme_dt_Threshold_RSRP value, int level);
-int __mv_mme_Encode_Threshold_RSRP(__mv_mme_dt_Threshold_RSRP value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Threshold_RSRP(__mv_mme_dt_Threshold_RSRP* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Threshold_RSRP(__mv_mme_dt_Threshold_RSRP value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Threshold_RSRP(__mv_mme_dt_Threshold_RSRP* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_Threshold_RSRQ(const char* key, __mv_mme_dt_Threshold_RSRQ value, int level);
-int __mv_mme_Encode_Threshold_RSRQ(__mv_mme_dt_Threshold_RSRQ value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Threshold_RSRQ(__mv_mme_dt_Threshold_RSRQ* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Threshold_RSRQ(__mv_mme_dt_Threshold_RSRQ value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Threshold_RSRQ(__mv_mme_dt_Threshold_RSRQ* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_M1PeriodicReporting(__mv_mme_dt_M1PeriodicReporting** rec);
 void __mv_mme_debug_M1PeriodicReporting(const char* key, const __mv_mme_dt_M1PeriodicReporting* rec, int level);
 void __mv_mme_memfree_M1PeriodicReporting(__mv_mme_dt_M1PeriodicReporting* rec);
-int __mv_mme_Encode_M1PeriodicReporting(const __mv_mme_dt_M1PeriodicReporting* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_M1PeriodicReporting(__mv_mme_dt_M1PeriodicReporting** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_M1PeriodicReporting(const __mv_mme_dt_M1PeriodicReporting* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_M1PeriodicReporting(__mv_mme_dt_M1PeriodicReporting** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_ReportIntervalMDT(const char* key, __mv_mme_dt_ReportIntervalMDT value, int level);
-int __mv_mme_Encode_ReportIntervalMDT(__mv_mme_dt_ReportIntervalMDT value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ReportIntervalMDT(__mv_mme_dt_ReportIntervalMDT* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ReportIntervalMDT(__mv_mme_dt_ReportIntervalMDT value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ReportIntervalMDT(__mv_mme_dt_ReportIntervalMDT* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_ReportAmountMDT(const char* key, __mv_mme_dt_ReportAmountMDT value, int level);
-int __mv_mme_Encode_ReportAmountMDT(__mv_mme_dt_ReportAmountMDT value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ReportAmountMDT(__mv_mme_dt_ReportAmountMDT* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ReportAmountMDT(__mv_mme_dt_ReportAmountMDT value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ReportAmountMDT(__mv_mme_dt_ReportAmountMDT* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_IMSI(__mv_mme_dt_IMSI** rec);
 int __mv_mme_init_IMSI2(__mv_mme_dt_IMSI** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_IMSI(const char* key, const __mv_mme_dt_IMSI* rec, int level);
 void __mv_mme_memfree_IMSI(__mv_mme_dt_IMSI* rec);
-int __mv_mme_Encode_IMSI(const __mv_mme_dt_IMSI* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_IMSI(__mv_mme_dt_IMSI** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_IMSI(const __mv_mme_dt_IMSI* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_IMSI(__mv_mme_dt_IMSI** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_InformationOnRecommendedCellsAndENBsForPaging(__mv_mme_dt_InformationOnRecommendedCellsAndENBsForPaging** rec);
 void __mv_mme_debug_InformationOnRecommendedCellsAndENBsForPaging(const char* key, const __mv_mme_dt_InformationOnRecommendedCellsAndENBsForPaging* rec, int level);
 void __mv_mme_memfree_InformationOnRecommendedCellsAndENBsForPaging(__mv_mme_dt_InformationOnRecommendedCellsAndENBsForPaging* rec);
-int __mv_mme_Encode_InformationOnRecommendedCellsAndENBsForPaging(const __mv_mme_dt_InformationOnRecommendedCellsAndENBsForPaging* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_InformationOnRecommendedCellsAndENBsForPaging(__mv_mme_dt_InformationOnRecommendedCellsAndENBsForPaging** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_InformationOnRecommendedCellsAndENBsForPaging(const __mv_mme_dt_InformationOnRecommendedCellsAndENBsForPaging* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_InformationOnRecommendedCellsAndENBsForPaging(__mv_mme_dt_InformationOnRecommendedCellsAndENBsForPaging** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_RecommendedENBsForPaging(__mv_mme_dt_RecommendedENBsForPaging** rec);
 void __mv_mme_debug_RecommendedENBsForPaging(const char* key, const __mv_mme_dt_RecommendedENBsForPaging* rec, int level);
 void __mv_mme_memfree_RecommendedENBsForPaging(__mv_mme_dt_RecommendedENBsForPaging* rec);
-int __mv_mme_Encode_RecommendedENBsForPaging(const __mv_mme_dt_RecommendedENBsForPaging* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_RecommendedENBsForPaging(__mv_mme_dt_RecommendedENBsForPaging** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_RecommendedENBsForPaging(const __mv_mme_dt_RecommendedENBsForPaging* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_RecommendedENBsForPaging(__mv_mme_dt_RecommendedENBsForPaging** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_RecommendedENBList(__mv_mme_dt_RecommendedENBList** rec);
 void __mv_mme_debug_RecommendedENBList(const char* key, const __mv_mme_dt_RecommendedENBList* rec, int level);
 void __mv_mme_memfree_RecommendedENBList(__mv_mme_dt_RecommendedENBList* rec);
-int __mv_mme_Encode_RecommendedENBList(const __mv_mme_dt_RecommendedENBList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_RecommendedENBList(__mv_mme_dt_RecommendedENBList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_RecommendedENBList(const __mv_mme_dt_RecommendedENBList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_RecommendedENBList(__mv_mme_dt_RecommendedENBList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_RecommendedENBItemIEs(__mv_mme_dt_RecommendedENBItemIEs** rec);
 void __mv_mme_debug_RecommendedENBItemIEs(const char* key, const __mv_mme_dt_RecommendedENBItemIEs* rec, int level);
 void __mv_mme_memfree_RecommendedENBItemIEs(__mv_mme_dt_RecommendedENBItemIEs* rec);
-int __mv_mme_Encode_RecommendedENBItemIEs(const __mv_mme_dt_RecommendedENBItemIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_RecommendedENBItemIEs(__mv_mme_dt_RecommendedENBItemIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_RecommendedENBItemIEs(const __mv_mme_dt_RecommendedENBItemIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_RecommendedENBItemIEs(__mv_mme_dt_RecommendedENBItemIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_RecommendedENBItem(__mv_mme_dt_RecommendedENBItem** rec);
 void __mv_mme_debug_RecommendedENBItem(const char* key, const __mv_mme_dt_RecommendedENBItem* rec, int level);
 void __mv_mme_memfree_RecommendedENBItem(__mv_mme_dt_RecommendedENBItem* rec);
-int __mv_mme_Encode_RecommendedENBItem(const __mv_mme_dt_RecommendedENBItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_RecommendedENBItem(__mv_mme_dt_RecommendedENBItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_RecommendedENBItem(const __mv_mme_dt_RecommendedENBItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_RecommendedENBItem(__mv_mme_dt_RecommendedENBItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_MMEPagingTarget(__mv_mme_dt_MMEPagingTarget** rec);
 void __mv_mme_debug_MMEPagingTarget(const char* key, const __mv_mme_dt_MMEPagingTarget* rec, int level);
 void __mv_mme_memfree_MMEPagingTarget(__mv_mme_dt_MMEPagingTarget* rec);
-int __mv_mme_Encode_MMEPagingTarget(const __mv_mme_dt_MMEPagingTarget* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MMEPagingTarget(__mv_mme_dt_MMEPagingTarget** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MMEPagingTarget(const __mv_mme_dt_MMEPagingTarget* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MMEPagingTarget(__mv_mme_dt_MMEPagingTarget** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_IntegrityProtectionAlgorithms(__mv_mme_dt_IntegrityProtectionAlgorithms** rec);
 int __mv_mme_init_IntegrityProtectionAlgorithms2(__mv_mme_dt_IntegrityProtectionAlgorithms** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_IntegrityProtectionAlgorithms(const char* key, const __mv_mme_dt_IntegrityProtectionAlgorithms* rec, int level);
 void __mv_mme_memfree_IntegrityProtectionAlgorithms(__mv_mme_dt_IntegrityProtectionAlgorithms* rec);
-int __mv_mme_Encode_IntegrityProtectionAlgorithms(const __mv_mme_dt_IntegrityProtectionAlgorithms* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_IntegrityProtectionAlgorithms(__mv_mme_dt_IntegrityProtectionAlgorithms** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_IntegrityProtectionAlgorithms(const __mv_mme_dt_IntegrityProtectionAlgorithms* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_IntegrityProtectionAlgorithms(__mv_mme_dt_IntegrityProtectionAlgorithms** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_InterfacesToTrace(__mv_mme_dt_InterfacesToTrace** rec);
 int __mv_mme_init_InterfacesToTrace2(__mv_mme_dt_InterfacesToTrace** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_InterfacesToTrace(const char* key, const __mv_mme_dt_InterfacesToTrace* rec, int level);
 void __mv_mme_memfree_InterfacesToTrace(__mv_mme_dt_InterfacesToTrace* rec);
-int __mv_mme_Encode_InterfacesToTrace(const __mv_mme_dt_InterfacesToTrace* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_InterfacesToTrace(__mv_mme_dt_InterfacesToTrace** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_InterfacesToTrace(const __mv_mme_dt_InterfacesToTrace* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_InterfacesToTrace(__mv_mme_dt_InterfacesToTrace** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_IMSvoiceEPSfallbackfrom5G(const char* key, __mv_mme_dt_IMSvoiceEPSfallbackfrom5G value, int level);
-int __mv_mme_Encode_IMSvoiceEPSfallbackfrom5G(__mv_mme_dt_IMSvoiceEPSfallbackfrom5G value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_IMSvoiceEPSfallbackfrom5G(__mv_mme_dt_IMSvoiceEPSfallbackfrom5G* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_IMSvoiceEPSfallbackfrom5G(__mv_mme_dt_IMSvoiceEPSfallbackfrom5G value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_IMSvoiceEPSfallbackfrom5G(__mv_mme_dt_IMSvoiceEPSfallbackfrom5G* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_KillAllWarningMessages(const char* key, __mv_mme_dt_KillAllWarningMessages value, int level);
-int __mv_mme_Encode_KillAllWarningMessages(__mv_mme_dt_KillAllWarningMessages value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_KillAllWarningMessages(__mv_mme_dt_KillAllWarningMessages* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_KillAllWarningMessages(__mv_mme_dt_KillAllWarningMessages value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_KillAllWarningMessages(__mv_mme_dt_KillAllWarningMessages* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_LastVisitedCell_Item(__mv_mme_dt_LastVisitedCell_Item** rec);
 void __mv_mme_debug_LastVisitedCell_Item(const char* key, const __mv_mme_dt_LastVisitedCell_Item* rec, int level);
 void __mv_mme_memfree_LastVisitedCell_Item(__mv_mme_dt_LastVisitedCell_Item* rec);
-int __mv_mme_Encode_LastVisitedCell_Item(const __mv_mme_dt_LastVisitedCell_Item* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_LastVisitedCell_Item(__mv_mme_dt_LastVisitedCell_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_LastVisitedCell_Item(const __mv_mme_dt_LastVisitedCell_Item* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_LastVisitedCell_Item(__mv_mme_dt_LastVisitedCell_Item** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_LastVisitedEUTRANCellInformation(__mv_mme_dt_LastVisitedEUTRANCellInformation** rec);
 void __mv_mme_debug_LastVisitedEUTRANCellInformation(const char* key, const __mv_mme_dt_LastVisitedEUTRANCellInformation* rec, int level);
 void __mv_mme_memfree_LastVisitedEUTRANCellInformation(__mv_mme_dt_LastVisitedEUTRANCellInformation* rec);
-int __mv_mme_Encode_LastVisitedEUTRANCellInformation(const __mv_mme_dt_LastVisitedEUTRANCellInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_LastVisitedEUTRANCellInformation(__mv_mme_dt_LastVisitedEUTRANCellInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_LastVisitedEUTRANCellInformation(const __mv_mme_dt_LastVisitedEUTRANCellInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_LastVisitedEUTRANCellInformation(__mv_mme_dt_LastVisitedEUTRANCellInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_Time_UE_StayedInCell(const char* key, __mv_mme_dt_Time_UE_StayedInCell value, int level);
-int __mv_mme_Encode_Time_UE_StayedInCell(__mv_mme_dt_Time_UE_StayedInCell value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Time_UE_StayedInCell(__mv_mme_dt_Time_UE_StayedInCell* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Time_UE_StayedInCell(__mv_mme_dt_Time_UE_StayedInCell value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Time_UE_StayedInCell(__mv_mme_dt_Time_UE_StayedInCell* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_LastVisitedUTRANCellInformation(__mv_mme_dt_LastVisitedUTRANCellInformation** rec);
 int __mv_mme_init_LastVisitedUTRANCellInformation2(__mv_mme_dt_LastVisitedUTRANCellInformation** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_LastVisitedUTRANCellInformation(const char* key, const __mv_mme_dt_LastVisitedUTRANCellInformation* rec, int level);
 void __mv_mme_memfree_LastVisitedUTRANCellInformation(__mv_mme_dt_LastVisitedUTRANCellInformation* rec);
-int __mv_mme_Encode_LastVisitedUTRANCellInformation(const __mv_mme_dt_LastVisitedUTRANCellInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_LastVisitedUTRANCellInformation(__mv_mme_dt_LastVisitedUTRANCellInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_LastVisitedUTRANCellInformation(const __mv_mme_dt_LastVisitedUTRANCellInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_LastVisitedUTRANCellInformation(__mv_mme_dt_LastVisitedUTRANCellInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_LastVisitedGERANCellInformation(__mv_mme_dt_LastVisitedGERANCellInformation** rec);
 void __mv_mme_debug_LastVisitedGERANCellInformation(const char* key, const __mv_mme_dt_LastVisitedGERANCellInformation* rec, int level);
 void __mv_mme_memfree_LastVisitedGERANCellInformation(__mv_mme_dt_LastVisitedGERANCellInformation* rec);
-int __mv_mme_Encode_LastVisitedGERANCellInformation(const __mv_mme_dt_LastVisitedGERANCellInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_LastVisitedGERANCellInformation(__mv_mme_dt_LastVisitedGERANCellInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_LastVisitedGERANCellInformation(const __mv_mme_dt_LastVisitedGERANCellInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_LastVisitedGERANCellInformation(__mv_mme_dt_LastVisitedGERANCellInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_LastVisitedGERANCellInformation_undefined(const char* key, __mv_mme_dt_LastVisitedGERANCellInformation_undefined value, int level);
-int __mv_mme_Encode_LastVisitedGERANCellInformation_undefined(__mv_mme_dt_LastVisitedGERANCellInformation_undefined value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_LastVisitedGERANCellInformation_undefined(__mv_mme_dt_LastVisitedGERANCellInformation_undefined* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_LastVisitedGERANCellInformation_undefined(__mv_mme_dt_LastVisitedGERANCellInformation_undefined value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_LastVisitedGERANCellInformation_undefined(__mv_mme_dt_LastVisitedGERANCellInformation_undefined* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_LastVisitedNGRANCellInformation(__mv_mme_dt_LastVisitedNGRANCellInformation** rec);
 int __mv_mme_init_LastVisitedNGRANCellInformation2(__mv_mme_dt_LastVisitedNGRANCellInformation** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_LastVisitedNGRANCellInformation(const char* key, const __mv_mme_dt_LastVisitedNGRANCellInformation* rec, int level);
 void __mv_mme_memfree_LastVisitedNGRANCellInformation(__mv_mme_dt_LastVisitedNGRANCellInformation* rec);
-int __mv_mme_Encode_LastVisitedNGRANCellInformation(const __mv_mme_dt_LastVisitedNGRANCellInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_LastVisitedNGRANCellInformation(__mv_mme_dt_LastVisitedNGRANCellInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_LastVisitedNGRANCellInformation(const __mv_mme_dt_LastVisitedNGRANCellInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_LastVisitedNGRANCellInformation(__mv_mme_dt_LastVisitedNGRANCellInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_L3_Information(__mv_mme_dt_L3_Information** rec);
 int __mv_mme_init_L3_Information2(__mv_mme_dt_L3_Information** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_L3_Information(const char* key, const __mv_mme_dt_L3_Information* rec, int level);
 void __mv_mme_memfree_L3_Information(__mv_mme_dt_L3_Information* rec);
-int __mv_mme_Encode_L3_Information(const __mv_mme_dt_L3_Information* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_L3_Information(__mv_mme_dt_L3_Information** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_L3_Information(const __mv_mme_dt_L3_Information* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_L3_Information(__mv_mme_dt_L3_Information** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_LPPa_PDU(__mv_mme_dt_LPPa_PDU** rec);
 int __mv_mme_init_LPPa_PDU2(__mv_mme_dt_LPPa_PDU** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_LPPa_PDU(const char* key, const __mv_mme_dt_LPPa_PDU* rec, int level);
 void __mv_mme_memfree_LPPa_PDU(__mv_mme_dt_LPPa_PDU* rec);
-int __mv_mme_Encode_LPPa_PDU(const __mv_mme_dt_LPPa_PDU* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_LPPa_PDU(__mv_mme_dt_LPPa_PDU** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_LPPa_PDU(const __mv_mme_dt_LPPa_PDU* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_LPPa_PDU(__mv_mme_dt_LPPa_PDU** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_LHN_ID(__mv_mme_dt_LHN_ID** rec);
 int __mv_mme_init_LHN_ID2(__mv_mme_dt_LHN_ID** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_LHN_ID(const char* key, const __mv_mme_dt_LHN_ID* rec, int level);
 void __mv_mme_memfree_LHN_ID(__mv_mme_dt_LHN_ID* rec);
-int __mv_mme_Encode_LHN_ID(const __mv_mme_dt_LHN_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_LHN_ID(__mv_mme_dt_LHN_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_LHN_ID(const __mv_mme_dt_LHN_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_LHN_ID(__mv_mme_dt_LHN_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_Links_to_log(const char* key, __mv_mme_dt_Links_to_log value, int level);
-int __mv_mme_Encode_Links_to_log(__mv_mme_dt_Links_to_log value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Links_to_log(__mv_mme_dt_Links_to_log* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Links_to_log(__mv_mme_dt_Links_to_log value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Links_to_log(__mv_mme_dt_Links_to_log* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ListeningSubframePattern(__mv_mme_dt_ListeningSubframePattern** rec);
 void __mv_mme_debug_ListeningSubframePattern(const char* key, const __mv_mme_dt_ListeningSubframePattern* rec, int level);
 void __mv_mme_memfree_ListeningSubframePattern(__mv_mme_dt_ListeningSubframePattern* rec);
-int __mv_mme_Encode_ListeningSubframePattern(const __mv_mme_dt_ListeningSubframePattern* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ListeningSubframePattern(__mv_mme_dt_ListeningSubframePattern** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ListeningSubframePattern(const __mv_mme_dt_ListeningSubframePattern* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ListeningSubframePattern(__mv_mme_dt_ListeningSubframePattern** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_ListeningSubframePattern_pattern_period(const char* key, __mv_mme_dt_ListeningSubframePattern_pattern_period value, int level);
-int __mv_mme_Encode_ListeningSubframePattern_pattern_period(__mv_mme_dt_ListeningSubframePattern_pattern_period value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ListeningSubframePattern_pattern_period(__mv_mme_dt_ListeningSubframePattern_pattern_period* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ListeningSubframePattern_pattern_period(__mv_mme_dt_ListeningSubframePattern_pattern_period value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ListeningSubframePattern_pattern_period(__mv_mme_dt_ListeningSubframePattern_pattern_period* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_ListeningSubframePattern_pattern_offset(const char* key, __mv_mme_dt_ListeningSubframePattern_pattern_offset value, int level);
-int __mv_mme_Encode_ListeningSubframePattern_pattern_offset(__mv_mme_dt_ListeningSubframePattern_pattern_offset value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ListeningSubframePattern_pattern_offset(__mv_mme_dt_ListeningSubframePattern_pattern_offset* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ListeningSubframePattern_pattern_offset(__mv_mme_dt_ListeningSubframePattern_pattern_offset value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ListeningSubframePattern_pattern_offset(__mv_mme_dt_ListeningSubframePattern_pattern_offset* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_LoggedMDT(__mv_mme_dt_LoggedMDT** rec);
 void __mv_mme_debug_LoggedMDT(const char* key, const __mv_mme_dt_LoggedMDT* rec, int level);
 void __mv_mme_memfree_LoggedMDT(__mv_mme_dt_LoggedMDT* rec);
-int __mv_mme_Encode_LoggedMDT(const __mv_mme_dt_LoggedMDT* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_LoggedMDT(__mv_mme_dt_LoggedMDT** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_LoggedMDT(const __mv_mme_dt_LoggedMDT* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_LoggedMDT(__mv_mme_dt_LoggedMDT** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_LoggingInterval(const char* key, __mv_mme_dt_LoggingInterval value, int level);
-int __mv_mme_Encode_LoggingInterval(__mv_mme_dt_LoggingInterval value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_LoggingInterval(__mv_mme_dt_LoggingInterval* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_LoggingInterval(__mv_mme_dt_LoggingInterval value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_LoggingInterval(__mv_mme_dt_LoggingInterval* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_LoggingDuration(const char* key, __mv_mme_dt_LoggingDuration value, int level);
-int __mv_mme_Encode_LoggingDuration(__mv_mme_dt_LoggingDuration value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_LoggingDuration(__mv_mme_dt_LoggingDuration* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_LoggingDuration(__mv_mme_dt_LoggingDuration value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_LoggingDuration(__mv_mme_dt_LoggingDuration* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_LoggedMBSFNMDT(__mv_mme_dt_LoggedMBSFNMDT** rec);
 void __mv_mme_debug_LoggedMBSFNMDT(const char* key, const __mv_mme_dt_LoggedMBSFNMDT* rec, int level);
 void __mv_mme_memfree_LoggedMBSFNMDT(__mv_mme_dt_LoggedMBSFNMDT* rec);
-int __mv_mme_Encode_LoggedMBSFNMDT(const __mv_mme_dt_LoggedMBSFNMDT* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_LoggedMBSFNMDT(__mv_mme_dt_LoggedMBSFNMDT** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_LoggedMBSFNMDT(const __mv_mme_dt_LoggedMBSFNMDT* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_LoggedMBSFNMDT(__mv_mme_dt_LoggedMBSFNMDT** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_MBSFN_ResultToLog(__mv_mme_dt_MBSFN_ResultToLog** rec);
 void __mv_mme_debug_MBSFN_ResultToLog(const char* key, const __mv_mme_dt_MBSFN_ResultToLog* rec, int level);
 void __mv_mme_memfree_MBSFN_ResultToLog(__mv_mme_dt_MBSFN_ResultToLog* rec);
-int __mv_mme_Encode_MBSFN_ResultToLog(const __mv_mme_dt_MBSFN_ResultToLog* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MBSFN_ResultToLog(__mv_mme_dt_MBSFN_ResultToLog** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MBSFN_ResultToLog(const __mv_mme_dt_MBSFN_ResultToLog* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MBSFN_ResultToLog(__mv_mme_dt_MBSFN_ResultToLog** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_MBSFN_ResultToLogInfo(__mv_mme_dt_MBSFN_ResultToLogInfo** rec);
 void __mv_mme_debug_MBSFN_ResultToLogInfo(const char* key, const __mv_mme_dt_MBSFN_ResultToLogInfo* rec, int level);
 void __mv_mme_memfree_MBSFN_ResultToLogInfo(__mv_mme_dt_MBSFN_ResultToLogInfo* rec);
-int __mv_mme_Encode_MBSFN_ResultToLogInfo(const __mv_mme_dt_MBSFN_ResultToLogInfo* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MBSFN_ResultToLogInfo(__mv_mme_dt_MBSFN_ResultToLogInfo** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MBSFN_ResultToLogInfo(const __mv_mme_dt_MBSFN_ResultToLogInfo* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MBSFN_ResultToLogInfo(__mv_mme_dt_MBSFN_ResultToLogInfo** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_MBSFN_ResultToLogInfo_mBSFN_AreaId(const char* key, __mv_mme_dt_MBSFN_ResultToLogInfo_mBSFN_AreaId value, int level);
-int __mv_mme_Encode_MBSFN_ResultToLogInfo_mBSFN_AreaId(__mv_mme_dt_MBSFN_ResultToLogInfo_mBSFN_AreaId value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MBSFN_ResultToLogInfo_mBSFN_AreaId(__mv_mme_dt_MBSFN_ResultToLogInfo_mBSFN_AreaId* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MBSFN_ResultToLogInfo_mBSFN_AreaId(__mv_mme_dt_MBSFN_ResultToLogInfo_mBSFN_AreaId value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MBSFN_ResultToLogInfo_mBSFN_AreaId(__mv_mme_dt_MBSFN_ResultToLogInfo_mBSFN_AreaId* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_LTE_M_Indication(const char* key, __mv_mme_dt_LTE_M_Indication value, int level);
-int __mv_mme_Encode_LTE_M_Indication(__mv_mme_dt_LTE_M_Indication value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_LTE_M_Indication(__mv_mme_dt_LTE_M_Indication* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_LTE_M_Indication(__mv_mme_dt_LTE_M_Indication value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_LTE_M_Indication(__mv_mme_dt_LTE_M_Indication* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_M3Configuration(__mv_mme_dt_M3Configuration** rec);
 void __mv_mme_debug_M3Configuration(const char* key, const __mv_mme_dt_M3Configuration* rec, int level);
 void __mv_mme_memfree_M3Configuration(__mv_mme_dt_M3Configuration* rec);
-int __mv_mme_Encode_M3Configuration(const __mv_mme_dt_M3Configuration* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_M3Configuration(__mv_mme_dt_M3Configuration** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_M3Configuration(const __mv_mme_dt_M3Configuration* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_M3Configuration(__mv_mme_dt_M3Configuration** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_M3period(const char* key, __mv_mme_dt_M3period value, int level);
-int __mv_mme_Encode_M3period(__mv_mme_dt_M3period value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_M3period(__mv_mme_dt_M3period* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_M3period(__mv_mme_dt_M3period value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_M3period(__mv_mme_dt_M3period* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_M4Configuration(__mv_mme_dt_M4Configuration** rec);
 void __mv_mme_debug_M4Configuration(const char* key, const __mv_mme_dt_M4Configuration* rec, int level);
 void __mv_mme_memfree_M4Configuration(__mv_mme_dt_M4Configuration* rec);
-int __mv_mme_Encode_M4Configuration(const __mv_mme_dt_M4Configuration* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_M4Configuration(__mv_mme_dt_M4Configuration** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_M4Configuration(const __mv_mme_dt_M4Configuration* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_M4Configuration(__mv_mme_dt_M4Configuration** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_M4period(const char* key, __mv_mme_dt_M4period value, int level);
-int __mv_mme_Encode_M4period(__mv_mme_dt_M4period value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_M4period(__mv_mme_dt_M4period* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_M4period(__mv_mme_dt_M4period value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_M4period(__mv_mme_dt_M4period* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_M5Configuration(__mv_mme_dt_M5Configuration** rec);
 void __mv_mme_debug_M5Configuration(const char* key, const __mv_mme_dt_M5Configuration* rec, int level);
 void __mv_mme_memfree_M5Configuration(__mv_mme_dt_M5Configuration* rec);
-int __mv_mme_Encode_M5Configuration(const __mv_mme_dt_M5Configuration* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_M5Configuration(__mv_mme_dt_M5Configuration** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_M5Configuration(const __mv_mme_dt_M5Configuration* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_M5Configuration(__mv_mme_dt_M5Configuration** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_M5period(const char* key, __mv_mme_dt_M5period value, int level);
-int __mv_mme_Encode_M5period(__mv_mme_dt_M5period value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_M5period(__mv_mme_dt_M5period* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_M5period(__mv_mme_dt_M5period value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_M5period(__mv_mme_dt_M5period* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_M6Configuration(__mv_mme_dt_M6Configuration** rec);
 void __mv_mme_debug_M6Configuration(const char* key, const __mv_mme_dt_M6Configuration* rec, int level);
 void __mv_mme_memfree_M6Configuration(__mv_mme_dt_M6Configuration* rec);
-int __mv_mme_Encode_M6Configuration(const __mv_mme_dt_M6Configuration* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_M6Configuration(__mv_mme_dt_M6Configuration** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_M6Configuration(const __mv_mme_dt_M6Configuration* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_M6Configuration(__mv_mme_dt_M6Configuration** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_M6report_Interval(const char* key, __mv_mme_dt_M6report_Interval value, int level);
-int __mv_mme_Encode_M6report_Interval(__mv_mme_dt_M6report_Interval value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_M6report_Interval(__mv_mme_dt_M6report_Interval* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_M6report_Interval(__mv_mme_dt_M6report_Interval value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_M6report_Interval(__mv_mme_dt_M6report_Interval* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_M6delay_threshold(const char* key, __mv_mme_dt_M6delay_threshold value, int level);
-int __mv_mme_Encode_M6delay_threshold(__mv_mme_dt_M6delay_threshold value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_M6delay_threshold(__mv_mme_dt_M6delay_threshold* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_M6delay_threshold(__mv_mme_dt_M6delay_threshold value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_M6delay_threshold(__mv_mme_dt_M6delay_threshold* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_M7Configuration(__mv_mme_dt_M7Configuration** rec);
 void __mv_mme_debug_M7Configuration(const char* key, const __mv_mme_dt_M7Configuration* rec, int level);
 void __mv_mme_memfree_M7Configuration(__mv_mme_dt_M7Configuration* rec);
-int __mv_mme_Encode_M7Configuration(const __mv_mme_dt_M7Configuration* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_M7Configuration(__mv_mme_dt_M7Configuration** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_M7Configuration(const __mv_mme_dt_M7Configuration* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_M7Configuration(__mv_mme_dt_M7Configuration** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_M7period(const char* key, __mv_mme_dt_M7period value, int level);
-int __mv_mme_Encode_M7period(__mv_mme_dt_M7period value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_M7period(__mv_mme_dt_M7period* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_M7period(__mv_mme_dt_M7period value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_M7period(__mv_mme_dt_M7period* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_MDT_Activation(const char* key, __mv_mme_dt_MDT_Activation value, int level);
-int __mv_mme_Encode_MDT_Activation(__mv_mme_dt_MDT_Activation value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MDT_Activation(__mv_mme_dt_MDT_Activation* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MDT_Activation(__mv_mme_dt_MDT_Activation value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MDT_Activation(__mv_mme_dt_MDT_Activation* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_MDT_Location_Info(__mv_mme_dt_MDT_Location_Info** rec);
 int __mv_mme_init_MDT_Location_Info2(__mv_mme_dt_MDT_Location_Info** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_MDT_Location_Info(const char* key, const __mv_mme_dt_MDT_Location_Info* rec, int level);
 void __mv_mme_memfree_MDT_Location_Info(__mv_mme_dt_MDT_Location_Info* rec);
-int __mv_mme_Encode_MDT_Location_Info(const __mv_mme_dt_MDT_Location_Info* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MDT_Location_Info(__mv_mme_dt_MDT_Location_Info** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MDT_Location_Info(const __mv_mme_dt_MDT_Location_Info* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MDT_Location_Info(__mv_mme_dt_MDT_Location_Info** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_MDT_Configuration(__mv_mme_dt_MDT_Configuration** rec);
 void __mv_mme_debug_MDT_Configuration(const char* key, const __mv_mme_dt_MDT_Configuration* rec, int level);
 void __mv_mme_memfree_MDT_Configuration(__mv_mme_dt_MDT_Configuration* rec);
-int __mv_mme_Encode_MDT_Configuration(const __mv_mme_dt_MDT_Configuration* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MDT_Configuration(__mv_mme_dt_MDT_Configuration** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MDT_Configuration(const __mv_mme_dt_MDT_Configuration* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MDT_Configuration(__mv_mme_dt_MDT_Configuration** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_MDTMode(__mv_mme_dt_MDTMode** rec);
 void __mv_mme_debug_MDTMode(const char* key, const __mv_mme_dt_MDTMode* rec, int level);
 void __mv_mme_memfree_MDTMode(__mv_mme_dt_MDTMode* rec);
-int __mv_mme_Encode_MDTMode(const __mv_mme_dt_MDTMode* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MDTMode(__mv_mme_dt_MDTMode** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MDTMode(const __mv_mme_dt_MDTMode* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MDTMode(__mv_mme_dt_MDTMode** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_MDTMode_ExtensionIE(__mv_mme_dt_MDTMode_ExtensionIE** rec);
 void __mv_mme_debug_MDTMode_ExtensionIE(const char* key, const __mv_mme_dt_MDTMode_ExtensionIE* rec, int level);
 void __mv_mme_memfree_MDTMode_ExtensionIE(__mv_mme_dt_MDTMode_ExtensionIE* rec);
-int __mv_mme_Encode_MDTMode_ExtensionIE(const __mv_mme_dt_MDTMode_ExtensionIE* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MDTMode_ExtensionIE(__mv_mme_dt_MDTMode_ExtensionIE** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MDTMode_ExtensionIE(const __mv_mme_dt_MDTMode_ExtensionIE* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MDTMode_ExtensionIE(__mv_mme_dt_MDTMode_ExtensionIE** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_ManagementBasedMDTAllowed(const char* key, __mv_mme_dt_ManagementBasedMDTAllowed value, int level);
-int __mv_mme_Encode_ManagementBasedMDTAllowed(__mv_mme_dt_ManagementBasedMDTAllowed value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ManagementBasedMDTAllowed(__mv_mme_dt_ManagementBasedMDTAllowed* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ManagementBasedMDTAllowed(__mv_mme_dt_ManagementBasedMDTAllowed value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ManagementBasedMDTAllowed(__mv_mme_dt_ManagementBasedMDTAllowed* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_MDTPLMNList(__mv_mme_dt_MDTPLMNList** rec);
 void __mv_mme_debug_MDTPLMNList(const char* key, const __mv_mme_dt_MDTPLMNList* rec, int level);
 void __mv_mme_memfree_MDTPLMNList(__mv_mme_dt_MDTPLMNList* rec);
-int __mv_mme_Encode_MDTPLMNList(const __mv_mme_dt_MDTPLMNList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MDTPLMNList(__mv_mme_dt_MDTPLMNList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MDTPLMNList(const __mv_mme_dt_MDTPLMNList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MDTPLMNList(__mv_mme_dt_MDTPLMNList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_PrivacyIndicator(const char* key, __mv_mme_dt_PrivacyIndicator value, int level);
-int __mv_mme_Encode_PrivacyIndicator(__mv_mme_dt_PrivacyIndicator value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_PrivacyIndicator(__mv_mme_dt_PrivacyIndicator* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_PrivacyIndicator(__mv_mme_dt_PrivacyIndicator value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_PrivacyIndicator(__mv_mme_dt_PrivacyIndicator* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_MessageIdentifier(__mv_mme_dt_MessageIdentifier** rec);
 int __mv_mme_init_MessageIdentifier2(__mv_mme_dt_MessageIdentifier** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_MessageIdentifier(const char* key, const __mv_mme_dt_MessageIdentifier* rec, int level);
 void __mv_mme_memfree_MessageIdentifier(__mv_mme_dt_MessageIdentifier* rec);
-int __mv_mme_Encode_MessageIdentifier(const __mv_mme_dt_MessageIdentifier* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MessageIdentifier(__mv_mme_dt_MessageIdentifier** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MessageIdentifier(const __mv_mme_dt_MessageIdentifier* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MessageIdentifier(__mv_mme_dt_MessageIdentifier** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_MobilityInformation(__mv_mme_dt_MobilityInformation** rec);
 int __mv_mme_init_MobilityInformation2(__mv_mme_dt_MobilityInformation** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_MobilityInformation(const char* key, const __mv_mme_dt_MobilityInformation* rec, int level);
 void __mv_mme_memfree_MobilityInformation(__mv_mme_dt_MobilityInformation* rec);
-int __mv_mme_Encode_MobilityInformation(const __mv_mme_dt_MobilityInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MobilityInformation(__mv_mme_dt_MobilityInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MobilityInformation(const __mv_mme_dt_MobilityInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MobilityInformation(__mv_mme_dt_MobilityInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_MMEname(__mv_mme_dt_MMEname** rec);
 int __mv_mme_init_MMEname2(__mv_mme_dt_MMEname** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_MMEname(const char* key, const __mv_mme_dt_MMEname* rec, int level);
 void __mv_mme_memfree_MMEname(__mv_mme_dt_MMEname* rec);
-int __mv_mme_Encode_MMEname(const __mv_mme_dt_MMEname* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MMEname(__mv_mme_dt_MMEname** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MMEname(const __mv_mme_dt_MMEname* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MMEname(__mv_mme_dt_MMEname** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_MMERelaySupportIndicator(const char* key, __mv_mme_dt_MMERelaySupportIndicator value, int level);
-int __mv_mme_Encode_MMERelaySupportIndicator(__mv_mme_dt_MMERelaySupportIndicator value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MMERelaySupportIndicator(__mv_mme_dt_MMERelaySupportIndicator* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MMERelaySupportIndicator(__mv_mme_dt_MMERelaySupportIndicator value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MMERelaySupportIndicator(__mv_mme_dt_MMERelaySupportIndicator* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_MME_UE_S1AP_ID(const char* key, __mv_mme_dt_MME_UE_S1AP_ID value, int level);
-int __mv_mme_Encode_MME_UE_S1AP_ID(__mv_mme_dt_MME_UE_S1AP_ID value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MME_UE_S1AP_ID(__mv_mme_dt_MME_UE_S1AP_ID* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MME_UE_S1AP_ID(__mv_mme_dt_MME_UE_S1AP_ID value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MME_UE_S1AP_ID(__mv_mme_dt_MME_UE_S1AP_ID* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_MSClassmark2(__mv_mme_dt_MSClassmark2** rec);
 int __mv_mme_init_MSClassmark22(__mv_mme_dt_MSClassmark2** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_MSClassmark2(const char* key, const __mv_mme_dt_MSClassmark2* rec, int level);
 void __mv_mme_memfree_MSClassmark2(__mv_mme_dt_MSClassmark2* rec);
-int __mv_mme_Encode_MSClassmark2(const __mv_mme_dt_MSClassmark2* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MSClassmark2(__mv_mme_dt_MSClassmark2** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MSClassmark2(const __mv_mme_dt_MSClassmark2* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MSClassmark2(__mv_mme_dt_MSClassmark2** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_MSClassmark3(__mv_mme_dt_MSClassmark3** rec);
 int __mv_mme_init_MSClassmark32(__mv_mme_dt_MSClassmark3** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_MSClassmark3(const char* key, const __mv_mme_dt_MSClassmark3* rec, int level);
 void __mv_mme_memfree_MSClassmark3(__mv_mme_dt_MSClassmark3* rec);
-int __mv_mme_Encode_MSClassmark3(const __mv_mme_dt_MSClassmark3* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MSClassmark3(__mv_mme_dt_MSClassmark3** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MSClassmark3(const __mv_mme_dt_MSClassmark3* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MSClassmark3(__mv_mme_dt_MSClassmark3** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_MutingAvailabilityIndication(const char* key, __mv_mme_dt_MutingAvailabilityIndication value, int level);
-int __mv_mme_Encode_MutingAvailabilityIndication(__mv_mme_dt_MutingAvailabilityIndication value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MutingAvailabilityIndication(__mv_mme_dt_MutingAvailabilityIndication* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MutingAvailabilityIndication(__mv_mme_dt_MutingAvailabilityIndication value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MutingAvailabilityIndication(__mv_mme_dt_MutingAvailabilityIndication* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_MutingPatternInformation(__mv_mme_dt_MutingPatternInformation** rec);
 void __mv_mme_debug_MutingPatternInformation(const char* key, const __mv_mme_dt_MutingPatternInformation* rec, int level);
 void __mv_mme_memfree_MutingPatternInformation(__mv_mme_dt_MutingPatternInformation* rec);
-int __mv_mme_Encode_MutingPatternInformation(const __mv_mme_dt_MutingPatternInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MutingPatternInformation(__mv_mme_dt_MutingPatternInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MutingPatternInformation(const __mv_mme_dt_MutingPatternInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MutingPatternInformation(__mv_mme_dt_MutingPatternInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_MutingPatternInformation_muting_pattern_period(const char* key, __mv_mme_dt_MutingPatternInformation_muting_pattern_period value, int level);
-int __mv_mme_Encode_MutingPatternInformation_muting_pattern_period(__mv_mme_dt_MutingPatternInformation_muting_pattern_period value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MutingPatternInformation_muting_pattern_period(__mv_mme_dt_MutingPatternInformation_muting_pattern_period* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MutingPatternInformation_muting_pattern_period(__mv_mme_dt_MutingPatternInformation_muting_pattern_period value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MutingPatternInformation_muting_pattern_period(__mv_mme_dt_MutingPatternInformation_muting_pattern_period* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_MutingPatternInformation_muting_pattern_offset(const char* key, __mv_mme_dt_MutingPatternInformation_muting_pattern_offset value, int level);
-int __mv_mme_Encode_MutingPatternInformation_muting_pattern_offset(__mv_mme_dt_MutingPatternInformation_muting_pattern_offset value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MutingPatternInformation_muting_pattern_offset(__mv_mme_dt_MutingPatternInformation_muting_pattern_offset* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MutingPatternInformation_muting_pattern_offset(__mv_mme_dt_MutingPatternInformation_muting_pattern_offset value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MutingPatternInformation_muting_pattern_offset(__mv_mme_dt_MutingPatternInformation_muting_pattern_offset* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_NAS_PDU(__mv_mme_dt_NAS_PDU** rec);
 int __mv_mme_init_NAS_PDU2(__mv_mme_dt_NAS_PDU** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_NAS_PDU(const char* key, const __mv_mme_dt_NAS_PDU* rec, int level);
 void __mv_mme_memfree_NAS_PDU(__mv_mme_dt_NAS_PDU* rec);
-int __mv_mme_Encode_NAS_PDU(const __mv_mme_dt_NAS_PDU* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_NAS_PDU(__mv_mme_dt_NAS_PDU** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_NAS_PDU(const __mv_mme_dt_NAS_PDU* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_NAS_PDU(__mv_mme_dt_NAS_PDU** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_NASSecurityParametersfromE_UTRAN(__mv_mme_dt_NASSecurityParametersfromE_UTRAN** rec);
 int __mv_mme_init_NASSecurityParametersfromE_UTRAN2(__mv_mme_dt_NASSecurityParametersfromE_UTRAN** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_NASSecurityParametersfromE_UTRAN(const char* key, const __mv_mme_dt_NASSecurityParametersfromE_UTRAN* rec, int level);
 void __mv_mme_memfree_NASSecurityParametersfromE_UTRAN(__mv_mme_dt_NASSecurityParametersfromE_UTRAN* rec);
-int __mv_mme_Encode_NASSecurityParametersfromE_UTRAN(const __mv_mme_dt_NASSecurityParametersfromE_UTRAN* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_NASSecurityParametersfromE_UTRAN(__mv_mme_dt_NASSecurityParametersfromE_UTRAN** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_NASSecurityParametersfromE_UTRAN(const __mv_mme_dt_NASSecurityParametersfromE_UTRAN* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_NASSecurityParametersfromE_UTRAN(__mv_mme_dt_NASSecurityParametersfromE_UTRAN** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_NASSecurityParameterstoE_UTRAN(__mv_mme_dt_NASSecurityParameterstoE_UTRAN** rec);
 int __mv_mme_init_NASSecurityParameterstoE_UTRAN2(__mv_mme_dt_NASSecurityParameterstoE_UTRAN** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_NASSecurityParameterstoE_UTRAN(const char* key, const __mv_mme_dt_NASSecurityParameterstoE_UTRAN* rec, int level);
 void __mv_mme_memfree_NASSecurityParameterstoE_UTRAN(__mv_mme_dt_NASSecurityParameterstoE_UTRAN* rec);
-int __mv_mme_Encode_NASSecurityParameterstoE_UTRAN(const __mv_mme_dt_NASSecurityParameterstoE_UTRAN* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_NASSecurityParameterstoE_UTRAN(__mv_mme_dt_NASSecurityParameterstoE_UTRAN** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_NASSecurityParameterstoE_UTRAN(const __mv_mme_dt_NASSecurityParameterstoE_UTRAN* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_NASSecurityParameterstoE_UTRAN(__mv_mme_dt_NASSecurityParameterstoE_UTRAN** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_NB_IoT_DefaultPagingDRX(const char* key, __mv_mme_dt_NB_IoT_DefaultPagingDRX value, int level);
-int __mv_mme_Encode_NB_IoT_DefaultPagingDRX(__mv_mme_dt_NB_IoT_DefaultPagingDRX value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_NB_IoT_DefaultPagingDRX(__mv_mme_dt_NB_IoT_DefaultPagingDRX* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_NB_IoT_DefaultPagingDRX(__mv_mme_dt_NB_IoT_DefaultPagingDRX value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_NB_IoT_DefaultPagingDRX(__mv_mme_dt_NB_IoT_DefaultPagingDRX* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_NB_IoT_Paging_eDRXInformation(__mv_mme_dt_NB_IoT_Paging_eDRXInformation** rec);
 void __mv_mme_debug_NB_IoT_Paging_eDRXInformation(const char* key, const __mv_mme_dt_NB_IoT_Paging_eDRXInformation* rec, int level);
 void __mv_mme_memfree_NB_IoT_Paging_eDRXInformation(__mv_mme_dt_NB_IoT_Paging_eDRXInformation* rec);
-int __mv_mme_Encode_NB_IoT_Paging_eDRXInformation(const __mv_mme_dt_NB_IoT_Paging_eDRXInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_NB_IoT_Paging_eDRXInformation(__mv_mme_dt_NB_IoT_Paging_eDRXInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_NB_IoT_Paging_eDRXInformation(const __mv_mme_dt_NB_IoT_Paging_eDRXInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_NB_IoT_Paging_eDRXInformation(__mv_mme_dt_NB_IoT_Paging_eDRXInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_NB_IoT_Paging_eDRX_Cycle(const char* key, __mv_mme_dt_NB_IoT_Paging_eDRX_Cycle value, int level);
-int __mv_mme_Encode_NB_IoT_Paging_eDRX_Cycle(__mv_mme_dt_NB_IoT_Paging_eDRX_Cycle value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_NB_IoT_Paging_eDRX_Cycle(__mv_mme_dt_NB_IoT_Paging_eDRX_Cycle* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_NB_IoT_Paging_eDRX_Cycle(__mv_mme_dt_NB_IoT_Paging_eDRX_Cycle value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_NB_IoT_Paging_eDRX_Cycle(__mv_mme_dt_NB_IoT_Paging_eDRX_Cycle* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_NB_IoT_PagingTimeWindow(const char* key, __mv_mme_dt_NB_IoT_PagingTimeWindow value, int level);
-int __mv_mme_Encode_NB_IoT_PagingTimeWindow(__mv_mme_dt_NB_IoT_PagingTimeWindow value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_NB_IoT_PagingTimeWindow(__mv_mme_dt_NB_IoT_PagingTimeWindow* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_NB_IoT_PagingTimeWindow(__mv_mme_dt_NB_IoT_PagingTimeWindow value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_NB_IoT_PagingTimeWindow(__mv_mme_dt_NB_IoT_PagingTimeWindow* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_NB_IoT_UEIdentityIndexValue(__mv_mme_dt_NB_IoT_UEIdentityIndexValue** rec);
 int __mv_mme_init_NB_IoT_UEIdentityIndexValue2(__mv_mme_dt_NB_IoT_UEIdentityIndexValue** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_NB_IoT_UEIdentityIndexValue(const char* key, const __mv_mme_dt_NB_IoT_UEIdentityIndexValue* rec, int level);
 void __mv_mme_memfree_NB_IoT_UEIdentityIndexValue(__mv_mme_dt_NB_IoT_UEIdentityIndexValue* rec);
-int __mv_mme_Encode_NB_IoT_UEIdentityIndexValue(const __mv_mme_dt_NB_IoT_UEIdentityIndexValue* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_NB_IoT_UEIdentityIndexValue(__mv_mme_dt_NB_IoT_UEIdentityIndexValue** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_NB_IoT_UEIdentityIndexValue(const __mv_mme_dt_NB_IoT_UEIdentityIndexValue* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_NB_IoT_UEIdentityIndexValue(__mv_mme_dt_NB_IoT_UEIdentityIndexValue** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_NRCellIdentity(__mv_mme_dt_NRCellIdentity** rec);
 int __mv_mme_init_NRCellIdentity2(__mv_mme_dt_NRCellIdentity** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_NRCellIdentity(const char* key, const __mv_mme_dt_NRCellIdentity* rec, int level);
 void __mv_mme_memfree_NRCellIdentity(__mv_mme_dt_NRCellIdentity* rec);
-int __mv_mme_Encode_NRCellIdentity(const __mv_mme_dt_NRCellIdentity* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_NRCellIdentity(__mv_mme_dt_NRCellIdentity** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_NRCellIdentity(const __mv_mme_dt_NRCellIdentity* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_NRCellIdentity(__mv_mme_dt_NRCellIdentity** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_NR_CGI(__mv_mme_dt_NR_CGI** rec);
 void __mv_mme_debug_NR_CGI(const char* key, const __mv_mme_dt_NR_CGI* rec, int level);
 void __mv_mme_memfree_NR_CGI(__mv_mme_dt_NR_CGI* rec);
-int __mv_mme_Encode_NR_CGI(const __mv_mme_dt_NR_CGI* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_NR_CGI(__mv_mme_dt_NR_CGI** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_NR_CGI(const __mv_mme_dt_NR_CGI* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_NR_CGI(__mv_mme_dt_NR_CGI** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_NRencryptionAlgorithms(__mv_mme_dt_NRencryptionAlgorithms** rec);
 int __mv_mme_init_NRencryptionAlgorithms2(__mv_mme_dt_NRencryptionAlgorithms** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_NRencryptionAlgorithms(const char* key, const __mv_mme_dt_NRencryptionAlgorithms* rec, int level);
 void __mv_mme_memfree_NRencryptionAlgorithms(__mv_mme_dt_NRencryptionAlgorithms* rec);
-int __mv_mme_Encode_NRencryptionAlgorithms(const __mv_mme_dt_NRencryptionAlgorithms* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_NRencryptionAlgorithms(__mv_mme_dt_NRencryptionAlgorithms** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_NRencryptionAlgorithms(const __mv_mme_dt_NRencryptionAlgorithms* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_NRencryptionAlgorithms(__mv_mme_dt_NRencryptionAlgorithms** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_NRintegrityProtectionAlgorithms(__mv_mme_dt_NRintegrityProtectionAlgorithms** rec);
 int __mv_mme_init_NRintegrityProtectionAlgorithms2(__mv_mme_dt_NRintegrityProtectionAlgorithms** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_NRintegrityProtectionAlgorithms(const char* key, const __mv_mme_dt_NRintegrityProtectionAlgorithms* rec, int level);
 void __mv_mme_memfree_NRintegrityProtectionAlgorithms(__mv_mme_dt_NRintegrityProtectionAlgorithms* rec);
-int __mv_mme_Encode_NRintegrityProtectionAlgorithms(const __mv_mme_dt_NRintegrityProtectionAlgorithms* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_NRintegrityProtectionAlgorithms(__mv_mme_dt_NRintegrityProtectionAlgorithms** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_NRintegrityProtectionAlgorithms(const __mv_mme_dt_NRintegrityProtectionAlgorithms* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_NRintegrityProtectionAlgorithms(__mv_mme_dt_NRintegrityProtectionAlgorithms** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_NRrestrictioninEPSasSecondaryRAT(const char* key, __mv_mme_dt_NRrestrictioninEPSasSecondaryRAT value, int level);
-int __mv_mme_Encode_NRrestrictioninEPSasSecondaryRAT(__mv_mme_dt_NRrestrictioninEPSasSecondaryRAT value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_NRrestrictioninEPSasSecondaryRAT(__mv_mme_dt_NRrestrictioninEPSasSecondaryRAT* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_NRrestrictioninEPSasSecondaryRAT(__mv_mme_dt_NRrestrictioninEPSasSecondaryRAT value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_NRrestrictioninEPSasSecondaryRAT(__mv_mme_dt_NRrestrictioninEPSasSecondaryRAT* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_NRrestrictionin5GS(const char* key, __mv_mme_dt_NRrestrictionin5GS value, int level);
-int __mv_mme_Encode_NRrestrictionin5GS(__mv_mme_dt_NRrestrictionin5GS value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_NRrestrictionin5GS(__mv_mme_dt_NRrestrictionin5GS* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_NRrestrictionin5GS(__mv_mme_dt_NRrestrictionin5GS value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_NRrestrictionin5GS(__mv_mme_dt_NRrestrictionin5GS* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_NRUESecurityCapabilities(__mv_mme_dt_NRUESecurityCapabilities** rec);
 void __mv_mme_debug_NRUESecurityCapabilities(const char* key, const __mv_mme_dt_NRUESecurityCapabilities* rec, int level);
 void __mv_mme_memfree_NRUESecurityCapabilities(__mv_mme_dt_NRUESecurityCapabilities* rec);
-int __mv_mme_Encode_NRUESecurityCapabilities(const __mv_mme_dt_NRUESecurityCapabilities* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_NRUESecurityCapabilities(__mv_mme_dt_NRUESecurityCapabilities** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_NRUESecurityCapabilities(const __mv_mme_dt_NRUESecurityCapabilities* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_NRUESecurityCapabilities(__mv_mme_dt_NRUESecurityCapabilities** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_NumberofBroadcastRequest(const char* key, __mv_mme_dt_NumberofBroadcastRequest value, int level);
-int __mv_mme_Encode_NumberofBroadcastRequest(__mv_mme_dt_NumberofBroadcastRequest value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_NumberofBroadcastRequest(__mv_mme_dt_NumberofBroadcastRequest* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_NumberofBroadcastRequest(__mv_mme_dt_NumberofBroadcastRequest value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_NumberofBroadcastRequest(__mv_mme_dt_NumberofBroadcastRequest* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_OldBSS_ToNewBSS_Information(__mv_mme_dt_OldBSS_ToNewBSS_Information** rec);
 int __mv_mme_init_OldBSS_ToNewBSS_Information2(__mv_mme_dt_OldBSS_ToNewBSS_Information** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_OldBSS_ToNewBSS_Information(const char* key, const __mv_mme_dt_OldBSS_ToNewBSS_Information* rec, int level);
 void __mv_mme_memfree_OldBSS_ToNewBSS_Information(__mv_mme_dt_OldBSS_ToNewBSS_Information* rec);
-int __mv_mme_Encode_OldBSS_ToNewBSS_Information(const __mv_mme_dt_OldBSS_ToNewBSS_Information* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_OldBSS_ToNewBSS_Information(__mv_mme_dt_OldBSS_ToNewBSS_Information** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_OldBSS_ToNewBSS_Information(const __mv_mme_dt_OldBSS_ToNewBSS_Information* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_OldBSS_ToNewBSS_Information(__mv_mme_dt_OldBSS_ToNewBSS_Information** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_OverloadAction(const char* key, __mv_mme_dt_OverloadAction value, int level);
-int __mv_mme_Encode_OverloadAction(__mv_mme_dt_OverloadAction value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_OverloadAction(__mv_mme_dt_OverloadAction* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_OverloadAction(__mv_mme_dt_OverloadAction value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_OverloadAction(__mv_mme_dt_OverloadAction* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_OverloadResponse(__mv_mme_dt_OverloadResponse** rec);
 void __mv_mme_debug_OverloadResponse(const char* key, const __mv_mme_dt_OverloadResponse* rec, int level);
 void __mv_mme_memfree_OverloadResponse(__mv_mme_dt_OverloadResponse* rec);
-int __mv_mme_Encode_OverloadResponse(const __mv_mme_dt_OverloadResponse* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_OverloadResponse(__mv_mme_dt_OverloadResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_OverloadResponse(const __mv_mme_dt_OverloadResponse* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_OverloadResponse(__mv_mme_dt_OverloadResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_Packet_LossRate(const char* key, __mv_mme_dt_Packet_LossRate value, int level);
-int __mv_mme_Encode_Packet_LossRate(__mv_mme_dt_Packet_LossRate value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Packet_LossRate(__mv_mme_dt_Packet_LossRate* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Packet_LossRate(__mv_mme_dt_Packet_LossRate value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Packet_LossRate(__mv_mme_dt_Packet_LossRate* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_Paging_eDRXInformation(__mv_mme_dt_Paging_eDRXInformation** rec);
 void __mv_mme_debug_Paging_eDRXInformation(const char* key, const __mv_mme_dt_Paging_eDRXInformation* rec, int level);
 void __mv_mme_memfree_Paging_eDRXInformation(__mv_mme_dt_Paging_eDRXInformation* rec);
-int __mv_mme_Encode_Paging_eDRXInformation(const __mv_mme_dt_Paging_eDRXInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Paging_eDRXInformation(__mv_mme_dt_Paging_eDRXInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Paging_eDRXInformation(const __mv_mme_dt_Paging_eDRXInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Paging_eDRXInformation(__mv_mme_dt_Paging_eDRXInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_Paging_eDRX_Cycle(const char* key, __mv_mme_dt_Paging_eDRX_Cycle value, int level);
-int __mv_mme_Encode_Paging_eDRX_Cycle(__mv_mme_dt_Paging_eDRX_Cycle value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Paging_eDRX_Cycle(__mv_mme_dt_Paging_eDRX_Cycle* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Paging_eDRX_Cycle(__mv_mme_dt_Paging_eDRX_Cycle value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Paging_eDRX_Cycle(__mv_mme_dt_Paging_eDRX_Cycle* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_PagingTimeWindow(const char* key, __mv_mme_dt_PagingTimeWindow value, int level);
-int __mv_mme_Encode_PagingTimeWindow(__mv_mme_dt_PagingTimeWindow value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_PagingTimeWindow(__mv_mme_dt_PagingTimeWindow* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_PagingTimeWindow(__mv_mme_dt_PagingTimeWindow value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_PagingTimeWindow(__mv_mme_dt_PagingTimeWindow* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_PagingDRX(const char* key, __mv_mme_dt_PagingDRX value, int level);
-int __mv_mme_Encode_PagingDRX(__mv_mme_dt_PagingDRX value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_PagingDRX(__mv_mme_dt_PagingDRX* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_PagingDRX(__mv_mme_dt_PagingDRX value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_PagingDRX(__mv_mme_dt_PagingDRX* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_PagingPriority(const char* key, __mv_mme_dt_PagingPriority value, int level);
-int __mv_mme_Encode_PagingPriority(__mv_mme_dt_PagingPriority value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_PagingPriority(__mv_mme_dt_PagingPriority* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_PagingPriority(__mv_mme_dt_PagingPriority value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_PagingPriority(__mv_mme_dt_PagingPriority* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_PendingDataIndication(const char* key, __mv_mme_dt_PendingDataIndication value, int level);
-int __mv_mme_Encode_PendingDataIndication(__mv_mme_dt_PendingDataIndication value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_PendingDataIndication(__mv_mme_dt_PendingDataIndication* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_PendingDataIndication(__mv_mme_dt_PendingDataIndication value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_PendingDataIndication(__mv_mme_dt_PendingDataIndication* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_Port_Number(__mv_mme_dt_Port_Number** rec);
 int __mv_mme_init_Port_Number2(__mv_mme_dt_Port_Number** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_Port_Number(const char* key, const __mv_mme_dt_Port_Number* rec, int level);
 void __mv_mme_memfree_Port_Number(__mv_mme_dt_Port_Number* rec);
-int __mv_mme_Encode_Port_Number(const __mv_mme_dt_Port_Number* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Port_Number(__mv_mme_dt_Port_Number** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Port_Number(const __mv_mme_dt_Port_Number* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Port_Number(__mv_mme_dt_Port_Number** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ProSeAuthorized(__mv_mme_dt_ProSeAuthorized** rec);
 void __mv_mme_debug_ProSeAuthorized(const char* key, const __mv_mme_dt_ProSeAuthorized* rec, int level);
 void __mv_mme_memfree_ProSeAuthorized(__mv_mme_dt_ProSeAuthorized* rec);
-int __mv_mme_Encode_ProSeAuthorized(const __mv_mme_dt_ProSeAuthorized* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ProSeAuthorized(__mv_mme_dt_ProSeAuthorized** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ProSeAuthorized(const __mv_mme_dt_ProSeAuthorized* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ProSeAuthorized(__mv_mme_dt_ProSeAuthorized** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_ProSeDirectDiscovery(const char* key, __mv_mme_dt_ProSeDirectDiscovery value, int level);
-int __mv_mme_Encode_ProSeDirectDiscovery(__mv_mme_dt_ProSeDirectDiscovery value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ProSeDirectDiscovery(__mv_mme_dt_ProSeDirectDiscovery* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ProSeDirectDiscovery(__mv_mme_dt_ProSeDirectDiscovery value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ProSeDirectDiscovery(__mv_mme_dt_ProSeDirectDiscovery* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_ProSeDirectCommunication(const char* key, __mv_mme_dt_ProSeDirectCommunication value, int level);
-int __mv_mme_Encode_ProSeDirectCommunication(__mv_mme_dt_ProSeDirectCommunication value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ProSeDirectCommunication(__mv_mme_dt_ProSeDirectCommunication* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ProSeDirectCommunication(__mv_mme_dt_ProSeDirectCommunication value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ProSeDirectCommunication(__mv_mme_dt_ProSeDirectCommunication* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_ProSeUEtoNetworkRelaying(const char* key, __mv_mme_dt_ProSeUEtoNetworkRelaying value, int level);
-int __mv_mme_Encode_ProSeUEtoNetworkRelaying(__mv_mme_dt_ProSeUEtoNetworkRelaying value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ProSeUEtoNetworkRelaying(__mv_mme_dt_ProSeUEtoNetworkRelaying* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ProSeUEtoNetworkRelaying(__mv_mme_dt_ProSeUEtoNetworkRelaying value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ProSeUEtoNetworkRelaying(__mv_mme_dt_ProSeUEtoNetworkRelaying* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_PS_ServiceNotAvailable(const char* key, __mv_mme_dt_PS_ServiceNotAvailable value, int level);
-int __mv_mme_Encode_PS_ServiceNotAvailable(__mv_mme_dt_PS_ServiceNotAvailable value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_PS_ServiceNotAvailable(__mv_mme_dt_PS_ServiceNotAvailable* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_PS_ServiceNotAvailable(__mv_mme_dt_PS_ServiceNotAvailable value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_PS_ServiceNotAvailable(__mv_mme_dt_PS_ServiceNotAvailable* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_PSCellInformation(__mv_mme_dt_PSCellInformation** rec);
 void __mv_mme_debug_PSCellInformation(const char* key, const __mv_mme_dt_PSCellInformation* rec, int level);
 void __mv_mme_memfree_PSCellInformation(__mv_mme_dt_PSCellInformation* rec);
-int __mv_mme_Encode_PSCellInformation(const __mv_mme_dt_PSCellInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_PSCellInformation(__mv_mme_dt_PSCellInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_PSCellInformation(const __mv_mme_dt_PSCellInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_PSCellInformation(__mv_mme_dt_PSCellInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ReceiveStatusOfULPDCPSDUsExtended(__mv_mme_dt_ReceiveStatusOfULPDCPSDUsExtended** rec);
 int __mv_mme_init_ReceiveStatusOfULPDCPSDUsExtended2(__mv_mme_dt_ReceiveStatusOfULPDCPSDUsExtended** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_ReceiveStatusOfULPDCPSDUsExtended(const char* key, const __mv_mme_dt_ReceiveStatusOfULPDCPSDUsExtended* rec, int level);
 void __mv_mme_memfree_ReceiveStatusOfULPDCPSDUsExtended(__mv_mme_dt_ReceiveStatusOfULPDCPSDUsExtended* rec);
-int __mv_mme_Encode_ReceiveStatusOfULPDCPSDUsExtended(const __mv_mme_dt_ReceiveStatusOfULPDCPSDUsExtended* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ReceiveStatusOfULPDCPSDUsExtended(__mv_mme_dt_ReceiveStatusOfULPDCPSDUsExtended** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ReceiveStatusOfULPDCPSDUsExtended(const __mv_mme_dt_ReceiveStatusOfULPDCPSDUsExtended* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ReceiveStatusOfULPDCPSDUsExtended(__mv_mme_dt_ReceiveStatusOfULPDCPSDUsExtended** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ReceiveStatusOfULPDCPSDUsPDCP_SNlength18(__mv_mme_dt_ReceiveStatusOfULPDCPSDUsPDCP_SNlength18** rec);
 int __mv_mme_init_ReceiveStatusOfULPDCPSDUsPDCP_SNlength182(__mv_mme_dt_ReceiveStatusOfULPDCPSDUsPDCP_SNlength18** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_ReceiveStatusOfULPDCPSDUsPDCP_SNlength18(const char* key, const __mv_mme_dt_ReceiveStatusOfULPDCPSDUsPDCP_SNlength18* rec, int level);
 void __mv_mme_memfree_ReceiveStatusOfULPDCPSDUsPDCP_SNlength18(__mv_mme_dt_ReceiveStatusOfULPDCPSDUsPDCP_SNlength18* rec);
-int __mv_mme_Encode_ReceiveStatusOfULPDCPSDUsPDCP_SNlength18(const __mv_mme_dt_ReceiveStatusOfULPDCPSDUsPDCP_SNlength18* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ReceiveStatusOfULPDCPSDUsPDCP_SNlength18(__mv_mme_dt_ReceiveStatusOfULPDCPSDUsPDCP_SNlength18** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ReceiveStatusOfULPDCPSDUsPDCP_SNlength18(const __mv_mme_dt_ReceiveStatusOfULPDCPSDUsPDCP_SNlength18* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ReceiveStatusOfULPDCPSDUsPDCP_SNlength18(__mv_mme_dt_ReceiveStatusOfULPDCPSDUsPDCP_SNlength18** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_RelayNode_Indicator(const char* key, __mv_mme_dt_RelayNode_Indicator value, int level);
-int __mv_mme_Encode_RelayNode_Indicator(__mv_mme_dt_RelayNode_Indicator value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_RelayNode_Indicator(__mv_mme_dt_RelayNode_Indicator* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_RelayNode_Indicator(__mv_mme_dt_RelayNode_Indicator value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_RelayNode_Indicator(__mv_mme_dt_RelayNode_Indicator* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_RAT_Type(const char* key, __mv_mme_dt_RAT_Type value, int level);
-int __mv_mme_Encode_RAT_Type(__mv_mme_dt_RAT_Type value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_RAT_Type(__mv_mme_dt_RAT_Type* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_RAT_Type(__mv_mme_dt_RAT_Type value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_RAT_Type(__mv_mme_dt_RAT_Type* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_RequestType(__mv_mme_dt_RequestType** rec);
 void __mv_mme_debug_RequestType(const char* key, const __mv_mme_dt_RequestType* rec, int level);
 void __mv_mme_memfree_RequestType(__mv_mme_dt_RequestType* rec);
-int __mv_mme_Encode_RequestType(const __mv_mme_dt_RequestType* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_RequestType(__mv_mme_dt_RequestType** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_RequestType(const __mv_mme_dt_RequestType* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_RequestType(__mv_mme_dt_RequestType** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_ReportArea(const char* key, __mv_mme_dt_ReportArea value, int level);
-int __mv_mme_Encode_ReportArea(__mv_mme_dt_ReportArea value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ReportArea(__mv_mme_dt_ReportArea* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ReportArea(__mv_mme_dt_ReportArea value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ReportArea(__mv_mme_dt_ReportArea* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_RequestTypeAdditionalInfo(const char* key, __mv_mme_dt_RequestTypeAdditionalInfo value, int level);
-int __mv_mme_Encode_RequestTypeAdditionalInfo(__mv_mme_dt_RequestTypeAdditionalInfo value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_RequestTypeAdditionalInfo(__mv_mme_dt_RequestTypeAdditionalInfo* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_RequestTypeAdditionalInfo(__mv_mme_dt_RequestTypeAdditionalInfo value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_RequestTypeAdditionalInfo(__mv_mme_dt_RequestTypeAdditionalInfo* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_RIMTransfer(__mv_mme_dt_RIMTransfer** rec);
 void __mv_mme_debug_RIMTransfer(const char* key, const __mv_mme_dt_RIMTransfer* rec, int level);
 void __mv_mme_memfree_RIMTransfer(__mv_mme_dt_RIMTransfer* rec);
-int __mv_mme_Encode_RIMTransfer(const __mv_mme_dt_RIMTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_RIMTransfer(__mv_mme_dt_RIMTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_RIMTransfer(const __mv_mme_dt_RIMTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_RIMTransfer(__mv_mme_dt_RIMTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_RIMInformation(__mv_mme_dt_RIMInformation** rec);
 int __mv_mme_init_RIMInformation2(__mv_mme_dt_RIMInformation** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_RIMInformation(const char* key, const __mv_mme_dt_RIMInformation* rec, int level);
 void __mv_mme_memfree_RIMInformation(__mv_mme_dt_RIMInformation* rec);
-int __mv_mme_Encode_RIMInformation(const __mv_mme_dt_RIMInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_RIMInformation(__mv_mme_dt_RIMInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_RIMInformation(const __mv_mme_dt_RIMInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_RIMInformation(__mv_mme_dt_RIMInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_RIMRoutingAddress(__mv_mme_dt_RIMRoutingAddress** rec);
 void __mv_mme_debug_RIMRoutingAddress(const char* key, const __mv_mme_dt_RIMRoutingAddress* rec, int level);
 void __mv_mme_memfree_RIMRoutingAddress(__mv_mme_dt_RIMRoutingAddress* rec);
-int __mv_mme_Encode_RIMRoutingAddress(const __mv_mme_dt_RIMRoutingAddress* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_RIMRoutingAddress(__mv_mme_dt_RIMRoutingAddress** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_RIMRoutingAddress(const __mv_mme_dt_RIMRoutingAddress* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_RIMRoutingAddress(__mv_mme_dt_RIMRoutingAddress** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TargetRNC_ID(__mv_mme_dt_TargetRNC_ID** rec);
 void __mv_mme_debug_TargetRNC_ID(const char* key, const __mv_mme_dt_TargetRNC_ID* rec, int level);
 void __mv_mme_memfree_TargetRNC_ID(__mv_mme_dt_TargetRNC_ID* rec);
-int __mv_mme_Encode_TargetRNC_ID(const __mv_mme_dt_TargetRNC_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TargetRNC_ID(__mv_mme_dt_TargetRNC_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TargetRNC_ID(const __mv_mme_dt_TargetRNC_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TargetRNC_ID(__mv_mme_dt_TargetRNC_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_RNC_ID(const char* key, __mv_mme_dt_RNC_ID value, int level);
-int __mv_mme_Encode_RNC_ID(__mv_mme_dt_RNC_ID value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_RNC_ID(__mv_mme_dt_RNC_ID* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_RNC_ID(__mv_mme_dt_RNC_ID value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_RNC_ID(__mv_mme_dt_RNC_ID* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_RIMRoutingAddress_eHRPD_Sector_ID(__mv_mme_dt_RIMRoutingAddress_eHRPD_Sector_ID** rec);
 int __mv_mme_init_RIMRoutingAddress_eHRPD_Sector_ID2(__mv_mme_dt_RIMRoutingAddress_eHRPD_Sector_ID** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_RIMRoutingAddress_eHRPD_Sector_ID(const char* key, const __mv_mme_dt_RIMRoutingAddress_eHRPD_Sector_ID* rec, int level);
 void __mv_mme_memfree_RIMRoutingAddress_eHRPD_Sector_ID(__mv_mme_dt_RIMRoutingAddress_eHRPD_Sector_ID* rec);
-int __mv_mme_Encode_RIMRoutingAddress_eHRPD_Sector_ID(const __mv_mme_dt_RIMRoutingAddress_eHRPD_Sector_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_RIMRoutingAddress_eHRPD_Sector_ID(__mv_mme_dt_RIMRoutingAddress_eHRPD_Sector_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_RIMRoutingAddress_eHRPD_Sector_ID(const __mv_mme_dt_RIMRoutingAddress_eHRPD_Sector_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_RIMRoutingAddress_eHRPD_Sector_ID(__mv_mme_dt_RIMRoutingAddress_eHRPD_Sector_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_RepetitionPeriod(const char* key, __mv_mme_dt_RepetitionPeriod value, int level);
-int __mv_mme_Encode_RepetitionPeriod(__mv_mme_dt_RepetitionPeriod value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_RepetitionPeriod(__mv_mme_dt_RepetitionPeriod* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_RepetitionPeriod(__mv_mme_dt_RepetitionPeriod value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_RepetitionPeriod(__mv_mme_dt_RepetitionPeriod* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_RRC_Container(__mv_mme_dt_RRC_Container** rec);
 int __mv_mme_init_RRC_Container2(__mv_mme_dt_RRC_Container** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_RRC_Container(const char* key, const __mv_mme_dt_RRC_Container* rec, int level);
 void __mv_mme_memfree_RRC_Container(__mv_mme_dt_RRC_Container* rec);
-int __mv_mme_Encode_RRC_Container(const __mv_mme_dt_RRC_Container* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_RRC_Container(__mv_mme_dt_RRC_Container** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_RRC_Container(const __mv_mme_dt_RRC_Container* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_RRC_Container(__mv_mme_dt_RRC_Container** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_RRC_Establishment_Cause(const char* key, __mv_mme_dt_RRC_Establishment_Cause value, int level);
-int __mv_mme_Encode_RRC_Establishment_Cause(__mv_mme_dt_RRC_Establishment_Cause value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_RRC_Establishment_Cause(__mv_mme_dt_RRC_Establishment_Cause* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_RRC_Establishment_Cause(__mv_mme_dt_RRC_Establishment_Cause value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_RRC_Establishment_Cause(__mv_mme_dt_RRC_Establishment_Cause* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ECGIListForRestart(__mv_mme_dt_ECGIListForRestart** rec);
 void __mv_mme_debug_ECGIListForRestart(const char* key, const __mv_mme_dt_ECGIListForRestart* rec, int level);
 void __mv_mme_memfree_ECGIListForRestart(__mv_mme_dt_ECGIListForRestart* rec);
-int __mv_mme_Encode_ECGIListForRestart(const __mv_mme_dt_ECGIListForRestart* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ECGIListForRestart(__mv_mme_dt_ECGIListForRestart** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ECGIListForRestart(const __mv_mme_dt_ECGIListForRestart* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ECGIListForRestart(__mv_mme_dt_ECGIListForRestart** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_Routing_ID(const char* key, __mv_mme_dt_Routing_ID value, int level);
-int __mv_mme_Encode_Routing_ID(__mv_mme_dt_Routing_ID value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Routing_ID(__mv_mme_dt_Routing_ID* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Routing_ID(__mv_mme_dt_Routing_ID value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Routing_ID(__mv_mme_dt_Routing_ID* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_SecurityKey(__mv_mme_dt_SecurityKey** rec);
 int __mv_mme_init_SecurityKey2(__mv_mme_dt_SecurityKey** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_SecurityKey(const char* key, const __mv_mme_dt_SecurityKey* rec, int level);
 void __mv_mme_memfree_SecurityKey(__mv_mme_dt_SecurityKey* rec);
-int __mv_mme_Encode_SecurityKey(const __mv_mme_dt_SecurityKey* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_SecurityKey(__mv_mme_dt_SecurityKey** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_SecurityKey(const __mv_mme_dt_SecurityKey* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_SecurityKey(__mv_mme_dt_SecurityKey** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_SecurityContext(__mv_mme_dt_SecurityContext** rec);
 void __mv_mme_debug_SecurityContext(const char* key, const __mv_mme_dt_SecurityContext* rec, int level);
 void __mv_mme_memfree_SecurityContext(__mv_mme_dt_SecurityContext* rec);
-int __mv_mme_Encode_SecurityContext(const __mv_mme_dt_SecurityContext* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_SecurityContext(__mv_mme_dt_SecurityContext** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_SecurityContext(const __mv_mme_dt_SecurityContext* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_SecurityContext(__mv_mme_dt_SecurityContext** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_SecurityContext_nextHopChainingCount(const char* key, __mv_mme_dt_SecurityContext_nextHopChainingCount value, int level);
-int __mv_mme_Encode_SecurityContext_nextHopChainingCount(__mv_mme_dt_SecurityContext_nextHopChainingCount value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_SecurityContext_nextHopChainingCount(__mv_mme_dt_SecurityContext_nextHopChainingCount* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_SecurityContext_nextHopChainingCount(__mv_mme_dt_SecurityContext_nextHopChainingCount value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_SecurityContext_nextHopChainingCount(__mv_mme_dt_SecurityContext_nextHopChainingCount* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_SecondaryRATType(const char* key, __mv_mme_dt_SecondaryRATType value, int level);
-int __mv_mme_Encode_SecondaryRATType(__mv_mme_dt_SecondaryRATType value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_SecondaryRATType(__mv_mme_dt_SecondaryRATType* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_SecondaryRATType(__mv_mme_dt_SecondaryRATType value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_SecondaryRATType(__mv_mme_dt_SecondaryRATType* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_SecondaryRATDataUsageRequest(const char* key, __mv_mme_dt_SecondaryRATDataUsageRequest value, int level);
-int __mv_mme_Encode_SecondaryRATDataUsageRequest(__mv_mme_dt_SecondaryRATDataUsageRequest value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_SecondaryRATDataUsageRequest(__mv_mme_dt_SecondaryRATDataUsageRequest* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_SecondaryRATDataUsageRequest(__mv_mme_dt_SecondaryRATDataUsageRequest value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_SecondaryRATDataUsageRequest(__mv_mme_dt_SecondaryRATDataUsageRequest* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_SecondaryRATDataUsageReportList(__mv_mme_dt_SecondaryRATDataUsageReportList** rec);
 void __mv_mme_debug_SecondaryRATDataUsageReportList(const char* key, const __mv_mme_dt_SecondaryRATDataUsageReportList* rec, int level);
 void __mv_mme_memfree_SecondaryRATDataUsageReportList(__mv_mme_dt_SecondaryRATDataUsageReportList* rec);
-int __mv_mme_Encode_SecondaryRATDataUsageReportList(const __mv_mme_dt_SecondaryRATDataUsageReportList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_SecondaryRATDataUsageReportList(__mv_mme_dt_SecondaryRATDataUsageReportList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_SecondaryRATDataUsageReportList(const __mv_mme_dt_SecondaryRATDataUsageReportList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_SecondaryRATDataUsageReportList(__mv_mme_dt_SecondaryRATDataUsageReportList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_SecondaryRATDataUsageReportItemIEs(__mv_mme_dt_SecondaryRATDataUsageReportItemIEs** rec);
 void __mv_mme_debug_SecondaryRATDataUsageReportItemIEs(const char* key, const __mv_mme_dt_SecondaryRATDataUsageReportItemIEs* rec, int level);
 void __mv_mme_memfree_SecondaryRATDataUsageReportItemIEs(__mv_mme_dt_SecondaryRATDataUsageReportItemIEs* rec);
-int __mv_mme_Encode_SecondaryRATDataUsageReportItemIEs(const __mv_mme_dt_SecondaryRATDataUsageReportItemIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_SecondaryRATDataUsageReportItemIEs(__mv_mme_dt_SecondaryRATDataUsageReportItemIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_SecondaryRATDataUsageReportItemIEs(const __mv_mme_dt_SecondaryRATDataUsageReportItemIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_SecondaryRATDataUsageReportItemIEs(__mv_mme_dt_SecondaryRATDataUsageReportItemIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_SecondaryRATDataUsageReportItem(__mv_mme_dt_SecondaryRATDataUsageReportItem** rec);
 void __mv_mme_debug_SecondaryRATDataUsageReportItem(const char* key, const __mv_mme_dt_SecondaryRATDataUsageReportItem* rec, int level);
 void __mv_mme_memfree_SecondaryRATDataUsageReportItem(__mv_mme_dt_SecondaryRATDataUsageReportItem* rec);
-int __mv_mme_Encode_SecondaryRATDataUsageReportItem(const __mv_mme_dt_SecondaryRATDataUsageReportItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_SecondaryRATDataUsageReportItem(__mv_mme_dt_SecondaryRATDataUsageReportItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_SecondaryRATDataUsageReportItem(const __mv_mme_dt_SecondaryRATDataUsageReportItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_SecondaryRATDataUsageReportItem(__mv_mme_dt_SecondaryRATDataUsageReportItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_SerialNumber(__mv_mme_dt_SerialNumber** rec);
 int __mv_mme_init_SerialNumber2(__mv_mme_dt_SerialNumber** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_SerialNumber(const char* key, const __mv_mme_dt_SerialNumber* rec, int level);
 void __mv_mme_memfree_SerialNumber(__mv_mme_dt_SerialNumber* rec);
-int __mv_mme_Encode_SerialNumber(const __mv_mme_dt_SerialNumber* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_SerialNumber(__mv_mme_dt_SerialNumber** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_SerialNumber(const __mv_mme_dt_SerialNumber* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_SerialNumber(__mv_mme_dt_SerialNumber** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_ServiceType(const char* key, __mv_mme_dt_ServiceType value, int level);
-int __mv_mme_Encode_ServiceType(__mv_mme_dt_ServiceType value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ServiceType(__mv_mme_dt_ServiceType* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ServiceType(__mv_mme_dt_ServiceType value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ServiceType(__mv_mme_dt_ServiceType* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_SONConfigurationTransfer(__mv_mme_dt_SONConfigurationTransfer** rec);
 void __mv_mme_debug_SONConfigurationTransfer(const char* key, const __mv_mme_dt_SONConfigurationTransfer* rec, int level);
 void __mv_mme_memfree_SONConfigurationTransfer(__mv_mme_dt_SONConfigurationTransfer* rec);
-int __mv_mme_Encode_SONConfigurationTransfer(const __mv_mme_dt_SONConfigurationTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_SONConfigurationTransfer(__mv_mme_dt_SONConfigurationTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_SONConfigurationTransfer(const __mv_mme_dt_SONConfigurationTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_SONConfigurationTransfer(__mv_mme_dt_SONConfigurationTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TargeteNB_ID(__mv_mme_dt_TargeteNB_ID** rec);
 void __mv_mme_debug_TargeteNB_ID(const char* key, const __mv_mme_dt_TargeteNB_ID* rec, int level);
 void __mv_mme_memfree_TargeteNB_ID(__mv_mme_dt_TargeteNB_ID* rec);
-int __mv_mme_Encode_TargeteNB_ID(const __mv_mme_dt_TargeteNB_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TargeteNB_ID(__mv_mme_dt_TargeteNB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TargeteNB_ID(const __mv_mme_dt_TargeteNB_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TargeteNB_ID(__mv_mme_dt_TargeteNB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_SourceeNB_ID(__mv_mme_dt_SourceeNB_ID** rec);
 void __mv_mme_debug_SourceeNB_ID(const char* key, const __mv_mme_dt_SourceeNB_ID* rec, int level);
 void __mv_mme_memfree_SourceeNB_ID(__mv_mme_dt_SourceeNB_ID* rec);
-int __mv_mme_Encode_SourceeNB_ID(const __mv_mme_dt_SourceeNB_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_SourceeNB_ID(__mv_mme_dt_SourceeNB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_SourceeNB_ID(const __mv_mme_dt_SourceeNB_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_SourceeNB_ID(__mv_mme_dt_SourceeNB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_SynchronisationInformation(__mv_mme_dt_SynchronisationInformation** rec);
 void __mv_mme_debug_SynchronisationInformation(const char* key, const __mv_mme_dt_SynchronisationInformation* rec, int level);
 void __mv_mme_memfree_SynchronisationInformation(__mv_mme_dt_SynchronisationInformation* rec);
-int __mv_mme_Encode_SynchronisationInformation(const __mv_mme_dt_SynchronisationInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_SynchronisationInformation(__mv_mme_dt_SynchronisationInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_SynchronisationInformation(const __mv_mme_dt_SynchronisationInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_SynchronisationInformation(__mv_mme_dt_SynchronisationInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_StratumLevel(const char* key, __mv_mme_dt_StratumLevel value, int level);
-int __mv_mme_Encode_StratumLevel(__mv_mme_dt_StratumLevel value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_StratumLevel(__mv_mme_dt_StratumLevel* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_StratumLevel(__mv_mme_dt_StratumLevel value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_StratumLevel(__mv_mme_dt_StratumLevel* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_Source_ToTarget_TransparentContainer(__mv_mme_dt_Source_ToTarget_TransparentContainer** rec);
 int __mv_mme_init_Source_ToTarget_TransparentContainer2(__mv_mme_dt_Source_ToTarget_TransparentContainer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_Source_ToTarget_TransparentContainer(const char* key, const __mv_mme_dt_Source_ToTarget_TransparentContainer* rec, int level);
 void __mv_mme_memfree_Source_ToTarget_TransparentContainer(__mv_mme_dt_Source_ToTarget_TransparentContainer* rec);
-int __mv_mme_Encode_Source_ToTarget_TransparentContainer(const __mv_mme_dt_Source_ToTarget_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Source_ToTarget_TransparentContainer(__mv_mme_dt_Source_ToTarget_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Source_ToTarget_TransparentContainer(const __mv_mme_dt_Source_ToTarget_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Source_ToTarget_TransparentContainer(__mv_mme_dt_Source_ToTarget_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_SourceBSS_ToTargetBSS_TransparentContainer(__mv_mme_dt_SourceBSS_ToTargetBSS_TransparentContainer** rec);
 int __mv_mme_init_SourceBSS_ToTargetBSS_TransparentContainer2(__mv_mme_dt_SourceBSS_ToTargetBSS_TransparentContainer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_SourceBSS_ToTargetBSS_TransparentContainer(const char* key, const __mv_mme_dt_SourceBSS_ToTargetBSS_TransparentContainer* rec, int level);
 void __mv_mme_memfree_SourceBSS_ToTargetBSS_TransparentContainer(__mv_mme_dt_SourceBSS_ToTargetBSS_TransparentContainer* rec);
-int __mv_mme_Encode_SourceBSS_ToTargetBSS_TransparentContainer(const __mv_mme_dt_SourceBSS_ToTargetBSS_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_SourceBSS_ToTargetBSS_TransparentContainer(__mv_mme_dt_SourceBSS_ToTargetBSS_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_SourceBSS_ToTargetBSS_TransparentContainer(const __mv_mme_dt_SourceBSS_ToTargetBSS_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_SourceBSS_ToTargetBSS_TransparentContainer(__mv_mme_dt_SourceBSS_ToTargetBSS_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_SRVCCOperationNotPossible(const char* key, __mv_mme_dt_SRVCCOperationNotPossible value, int level);
-int __mv_mme_Encode_SRVCCOperationNotPossible(__mv_mme_dt_SRVCCOperationNotPossible value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_SRVCCOperationNotPossible(__mv_mme_dt_SRVCCOperationNotPossible* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_SRVCCOperationNotPossible(__mv_mme_dt_SRVCCOperationNotPossible value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_SRVCCOperationNotPossible(__mv_mme_dt_SRVCCOperationNotPossible* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_SRVCCOperationPossible(const char* key, __mv_mme_dt_SRVCCOperationPossible value, int level);
-int __mv_mme_Encode_SRVCCOperationPossible(__mv_mme_dt_SRVCCOperationPossible value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_SRVCCOperationPossible(__mv_mme_dt_SRVCCOperationPossible* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_SRVCCOperationPossible(__mv_mme_dt_SRVCCOperationPossible value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_SRVCCOperationPossible(__mv_mme_dt_SRVCCOperationPossible* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_SRVCCHOIndication(const char* key, __mv_mme_dt_SRVCCHOIndication value, int level);
-int __mv_mme_Encode_SRVCCHOIndication(__mv_mme_dt_SRVCCHOIndication value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_SRVCCHOIndication(__mv_mme_dt_SRVCCHOIndication* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_SRVCCHOIndication(__mv_mme_dt_SRVCCHOIndication value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_SRVCCHOIndication(__mv_mme_dt_SRVCCHOIndication* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_SourceeNB_ToTargeteNB_TransparentContainer(__mv_mme_dt_SourceeNB_ToTargeteNB_TransparentContainer** rec);
 void __mv_mme_debug_SourceeNB_ToTargeteNB_TransparentContainer(const char* key, const __mv_mme_dt_SourceeNB_ToTargeteNB_TransparentContainer* rec, int level);
 void __mv_mme_memfree_SourceeNB_ToTargeteNB_TransparentContainer(__mv_mme_dt_SourceeNB_ToTargeteNB_TransparentContainer* rec);
-int __mv_mme_Encode_SourceeNB_ToTargeteNB_TransparentContainer(const __mv_mme_dt_SourceeNB_ToTargeteNB_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_SourceeNB_ToTargeteNB_TransparentContainer(__mv_mme_dt_SourceeNB_ToTargeteNB_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_SourceeNB_ToTargeteNB_TransparentContainer(const __mv_mme_dt_SourceeNB_ToTargeteNB_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_SourceeNB_ToTargeteNB_TransparentContainer(__mv_mme_dt_SourceeNB_ToTargeteNB_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_SubscriberProfileIDforRFP(const char* key, __mv_mme_dt_SubscriberProfileIDforRFP value, int level);
-int __mv_mme_Encode_SubscriberProfileIDforRFP(__mv_mme_dt_SubscriberProfileIDforRFP value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_SubscriberProfileIDforRFP(__mv_mme_dt_SubscriberProfileIDforRFP* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_SubscriberProfileIDforRFP(__mv_mme_dt_SubscriberProfileIDforRFP value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_SubscriberProfileIDforRFP(__mv_mme_dt_SubscriberProfileIDforRFP* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UE_HistoryInformation(__mv_mme_dt_UE_HistoryInformation** rec);
 void __mv_mme_debug_UE_HistoryInformation(const char* key, const __mv_mme_dt_UE_HistoryInformation* rec, int level);
 void __mv_mme_memfree_UE_HistoryInformation(__mv_mme_dt_UE_HistoryInformation* rec);
-int __mv_mme_Encode_UE_HistoryInformation(const __mv_mme_dt_UE_HistoryInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UE_HistoryInformation(__mv_mme_dt_UE_HistoryInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UE_HistoryInformation(const __mv_mme_dt_UE_HistoryInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UE_HistoryInformation(__mv_mme_dt_UE_HistoryInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_SourceRNC_ToTargetRNC_TransparentContainer(__mv_mme_dt_SourceRNC_ToTargetRNC_TransparentContainer** rec);
 int __mv_mme_init_SourceRNC_ToTargetRNC_TransparentContainer2(__mv_mme_dt_SourceRNC_ToTargetRNC_TransparentContainer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_SourceRNC_ToTargetRNC_TransparentContainer(const char* key, const __mv_mme_dt_SourceRNC_ToTargetRNC_TransparentContainer* rec, int level);
 void __mv_mme_memfree_SourceRNC_ToTargetRNC_TransparentContainer(__mv_mme_dt_SourceRNC_ToTargetRNC_TransparentContainer* rec);
-int __mv_mme_Encode_SourceRNC_ToTargetRNC_TransparentContainer(const __mv_mme_dt_SourceRNC_ToTargetRNC_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_SourceRNC_ToTargetRNC_TransparentContainer(__mv_mme_dt_SourceRNC_ToTargetRNC_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_SourceRNC_ToTargetRNC_TransparentContainer(const __mv_mme_dt_SourceRNC_ToTargetRNC_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_SourceRNC_ToTargetRNC_TransparentContainer(__mv_mme_dt_SourceRNC_ToTargetRNC_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_SourceNgRanNode_ToTargetNgRanNode_TransparentContainer(__mv_mme_dt_SourceNgRanNode_ToTargetNgRanNode_TransparentContainer** rec);
 int __mv_mme_init_SourceNgRanNode_ToTargetNgRanNode_TransparentContainer2(__mv_mme_dt_SourceNgRanNode_ToTargetNgRanNode_TransparentContainer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_SourceNgRanNode_ToTargetNgRanNode_TransparentContainer(const char* key, const __mv_mme_dt_SourceNgRanNode_ToTargetNgRanNode_TransparentContainer* rec, int level);
 void __mv_mme_memfree_SourceNgRanNode_ToTargetNgRanNode_TransparentContainer(__mv_mme_dt_SourceNgRanNode_ToTargetNgRanNode_TransparentContainer* rec);
-int __mv_mme_Encode_SourceNgRanNode_ToTargetNgRanNode_TransparentContainer(const __mv_mme_dt_SourceNgRanNode_ToTargetNgRanNode_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_SourceNgRanNode_ToTargetNgRanNode_TransparentContainer(__mv_mme_dt_SourceNgRanNode_ToTargetNgRanNode_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_SourceNgRanNode_ToTargetNgRanNode_TransparentContainer(const __mv_mme_dt_SourceNgRanNode_ToTargetNgRanNode_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_SourceNgRanNode_ToTargetNgRanNode_TransparentContainer(__mv_mme_dt_SourceNgRanNode_ToTargetNgRanNode_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ServedGUMMEIs(__mv_mme_dt_ServedGUMMEIs** rec);
 void __mv_mme_debug_ServedGUMMEIs(const char* key, const __mv_mme_dt_ServedGUMMEIs* rec, int level);
 void __mv_mme_memfree_ServedGUMMEIs(__mv_mme_dt_ServedGUMMEIs* rec);
-int __mv_mme_Encode_ServedGUMMEIs(const __mv_mme_dt_ServedGUMMEIs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ServedGUMMEIs(__mv_mme_dt_ServedGUMMEIs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ServedGUMMEIs(const __mv_mme_dt_ServedGUMMEIs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ServedGUMMEIs(__mv_mme_dt_ServedGUMMEIs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ServedGUMMEIsItem(__mv_mme_dt_ServedGUMMEIsItem** rec);
 void __mv_mme_debug_ServedGUMMEIsItem(const char* key, const __mv_mme_dt_ServedGUMMEIsItem* rec, int level);
 void __mv_mme_memfree_ServedGUMMEIsItem(__mv_mme_dt_ServedGUMMEIsItem* rec);
-int __mv_mme_Encode_ServedGUMMEIsItem(const __mv_mme_dt_ServedGUMMEIsItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ServedGUMMEIsItem(__mv_mme_dt_ServedGUMMEIsItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ServedGUMMEIsItem(const __mv_mme_dt_ServedGUMMEIsItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ServedGUMMEIsItem(__mv_mme_dt_ServedGUMMEIsItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ServedPLMNs(__mv_mme_dt_ServedPLMNs** rec);
 void __mv_mme_debug_ServedPLMNs(const char* key, const __mv_mme_dt_ServedPLMNs* rec, int level);
 void __mv_mme_memfree_ServedPLMNs(__mv_mme_dt_ServedPLMNs* rec);
-int __mv_mme_Encode_ServedPLMNs(const __mv_mme_dt_ServedPLMNs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ServedPLMNs(__mv_mme_dt_ServedPLMNs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ServedPLMNs(const __mv_mme_dt_ServedPLMNs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ServedPLMNs(__mv_mme_dt_ServedPLMNs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ServedGroupIDs(__mv_mme_dt_ServedGroupIDs** rec);
 void __mv_mme_debug_ServedGroupIDs(const char* key, const __mv_mme_dt_ServedGroupIDs* rec, int level);
 void __mv_mme_memfree_ServedGroupIDs(__mv_mme_dt_ServedGroupIDs* rec);
-int __mv_mme_Encode_ServedGroupIDs(const __mv_mme_dt_ServedGroupIDs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ServedGroupIDs(__mv_mme_dt_ServedGroupIDs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ServedGroupIDs(const __mv_mme_dt_ServedGroupIDs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ServedGroupIDs(__mv_mme_dt_ServedGroupIDs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ServedMMECs(__mv_mme_dt_ServedMMECs** rec);
 void __mv_mme_debug_ServedMMECs(const char* key, const __mv_mme_dt_ServedMMECs* rec, int level);
 void __mv_mme_memfree_ServedMMECs(__mv_mme_dt_ServedMMECs* rec);
-int __mv_mme_Encode_ServedMMECs(const __mv_mme_dt_ServedMMECs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ServedMMECs(__mv_mme_dt_ServedMMECs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ServedMMECs(const __mv_mme_dt_ServedMMECs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ServedMMECs(__mv_mme_dt_ServedMMECs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_Subscription_Based_UE_DifferentiationInfo(__mv_mme_dt_Subscription_Based_UE_DifferentiationInfo** rec);
 void __mv_mme_debug_Subscription_Based_UE_DifferentiationInfo(const char* key, const __mv_mme_dt_Subscription_Based_UE_DifferentiationInfo* rec, int level);
 void __mv_mme_memfree_Subscription_Based_UE_DifferentiationInfo(__mv_mme_dt_Subscription_Based_UE_DifferentiationInfo* rec);
-int __mv_mme_Encode_Subscription_Based_UE_DifferentiationInfo(const __mv_mme_dt_Subscription_Based_UE_DifferentiationInfo* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Subscription_Based_UE_DifferentiationInfo(__mv_mme_dt_Subscription_Based_UE_DifferentiationInfo** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Subscription_Based_UE_DifferentiationInfo(const __mv_mme_dt_Subscription_Based_UE_DifferentiationInfo* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Subscription_Based_UE_DifferentiationInfo(__mv_mme_dt_Subscription_Based_UE_DifferentiationInfo** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_Subscription_Based_UE_DifferentiationInfo_periodicCommunicationIndicator(const char* key, __mv_mme_dt_Subscription_Based_UE_DifferentiationInfo_periodicCommunicationIndicator value, int level);
-int __mv_mme_Encode_Subscription_Based_UE_DifferentiationInfo_periodicCommunicationIndicator(__mv_mme_dt_Subscription_Based_UE_DifferentiationInfo_periodicCommunicationIndicator value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Subscription_Based_UE_DifferentiationInfo_periodicCommunicationIndicator(__mv_mme_dt_Subscription_Based_UE_DifferentiationInfo_periodicCommunicationIndicator* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Subscription_Based_UE_DifferentiationInfo_periodicCommunicationIndicator(__mv_mme_dt_Subscription_Based_UE_DifferentiationInfo_periodicCommunicationIndicator value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Subscription_Based_UE_DifferentiationInfo_periodicCommunicationIndicator(__mv_mme_dt_Subscription_Based_UE_DifferentiationInfo_periodicCommunicationIndicator* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_Subscription_Based_UE_DifferentiationInfo_periodicTime(const char* key, __mv_mme_dt_Subscription_Based_UE_DifferentiationInfo_periodicTime value, int level);
-int __mv_mme_Encode_Subscription_Based_UE_DifferentiationInfo_periodicTime(__mv_mme_dt_Subscription_Based_UE_DifferentiationInfo_periodicTime value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Subscription_Based_UE_DifferentiationInfo_periodicTime(__mv_mme_dt_Subscription_Based_UE_DifferentiationInfo_periodicTime* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Subscription_Based_UE_DifferentiationInfo_periodicTime(__mv_mme_dt_Subscription_Based_UE_DifferentiationInfo_periodicTime value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Subscription_Based_UE_DifferentiationInfo_periodicTime(__mv_mme_dt_Subscription_Based_UE_DifferentiationInfo_periodicTime* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ScheduledCommunicationTime(__mv_mme_dt_ScheduledCommunicationTime** rec);
 void __mv_mme_debug_ScheduledCommunicationTime(const char* key, const __mv_mme_dt_ScheduledCommunicationTime* rec, int level);
 void __mv_mme_memfree_ScheduledCommunicationTime(__mv_mme_dt_ScheduledCommunicationTime* rec);
-int __mv_mme_Encode_ScheduledCommunicationTime(const __mv_mme_dt_ScheduledCommunicationTime* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ScheduledCommunicationTime(__mv_mme_dt_ScheduledCommunicationTime** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ScheduledCommunicationTime(const __mv_mme_dt_ScheduledCommunicationTime* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ScheduledCommunicationTime(__mv_mme_dt_ScheduledCommunicationTime** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ScheduledCommunicationTime_dayofWeek(__mv_mme_dt_ScheduledCommunicationTime_dayofWeek** rec);
 int __mv_mme_init_ScheduledCommunicationTime_dayofWeek2(__mv_mme_dt_ScheduledCommunicationTime_dayofWeek** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_ScheduledCommunicationTime_dayofWeek(const char* key, const __mv_mme_dt_ScheduledCommunicationTime_dayofWeek* rec, int level);
 void __mv_mme_memfree_ScheduledCommunicationTime_dayofWeek(__mv_mme_dt_ScheduledCommunicationTime_dayofWeek* rec);
-int __mv_mme_Encode_ScheduledCommunicationTime_dayofWeek(const __mv_mme_dt_ScheduledCommunicationTime_dayofWeek* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ScheduledCommunicationTime_dayofWeek(__mv_mme_dt_ScheduledCommunicationTime_dayofWeek** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ScheduledCommunicationTime_dayofWeek(const __mv_mme_dt_ScheduledCommunicationTime_dayofWeek* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ScheduledCommunicationTime_dayofWeek(__mv_mme_dt_ScheduledCommunicationTime_dayofWeek** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_ScheduledCommunicationTime_timeofDayStart(const char* key, __mv_mme_dt_ScheduledCommunicationTime_timeofDayStart value, int level);
-int __mv_mme_Encode_ScheduledCommunicationTime_timeofDayStart(__mv_mme_dt_ScheduledCommunicationTime_timeofDayStart value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ScheduledCommunicationTime_timeofDayStart(__mv_mme_dt_ScheduledCommunicationTime_timeofDayStart* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ScheduledCommunicationTime_timeofDayStart(__mv_mme_dt_ScheduledCommunicationTime_timeofDayStart value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ScheduledCommunicationTime_timeofDayStart(__mv_mme_dt_ScheduledCommunicationTime_timeofDayStart* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_ScheduledCommunicationTime_timeofDayEnd(const char* key, __mv_mme_dt_ScheduledCommunicationTime_timeofDayEnd value, int level);
-int __mv_mme_Encode_ScheduledCommunicationTime_timeofDayEnd(__mv_mme_dt_ScheduledCommunicationTime_timeofDayEnd value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ScheduledCommunicationTime_timeofDayEnd(__mv_mme_dt_ScheduledCommunicationTime_timeofDayEnd* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ScheduledCommunicationTime_timeofDayEnd(__mv_mme_dt_ScheduledCommunicationTime_timeofDayEnd value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ScheduledCommunicationTime_timeofDayEnd(__mv_mme_dt_ScheduledCommunicationTime_timeofDayEnd* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_Subscription_Based_UE_DifferentiationInfo_stationaryIndication(const char* key, __mv_mme_dt_Subscription_Based_UE_DifferentiationInfo_stationaryIndication value, int level);
-int __mv_mme_Encode_Subscription_Based_UE_DifferentiationInfo_stationaryIndication(__mv_mme_dt_Subscription_Based_UE_DifferentiationInfo_stationaryIndication value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Subscription_Based_UE_DifferentiationInfo_stationaryIndication(__mv_mme_dt_Subscription_Based_UE_DifferentiationInfo_stationaryIndication* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Subscription_Based_UE_DifferentiationInfo_stationaryIndication(__mv_mme_dt_Subscription_Based_UE_DifferentiationInfo_stationaryIndication value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Subscription_Based_UE_DifferentiationInfo_stationaryIndication(__mv_mme_dt_Subscription_Based_UE_DifferentiationInfo_stationaryIndication* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_Subscription_Based_UE_DifferentiationInfo_trafficProfile(const char* key, __mv_mme_dt_Subscription_Based_UE_DifferentiationInfo_trafficProfile value, int level);
-int __mv_mme_Encode_Subscription_Based_UE_DifferentiationInfo_trafficProfile(__mv_mme_dt_Subscription_Based_UE_DifferentiationInfo_trafficProfile value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Subscription_Based_UE_DifferentiationInfo_trafficProfile(__mv_mme_dt_Subscription_Based_UE_DifferentiationInfo_trafficProfile* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Subscription_Based_UE_DifferentiationInfo_trafficProfile(__mv_mme_dt_Subscription_Based_UE_DifferentiationInfo_trafficProfile value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Subscription_Based_UE_DifferentiationInfo_trafficProfile(__mv_mme_dt_Subscription_Based_UE_DifferentiationInfo_trafficProfile* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_Subscription_Based_UE_DifferentiationInfo_batteryIndication(const char* key, __mv_mme_dt_Subscription_Based_UE_DifferentiationInfo_batteryIndication value, int level);
-int __mv_mme_Encode_Subscription_Based_UE_DifferentiationInfo_batteryIndication(__mv_mme_dt_Subscription_Based_UE_DifferentiationInfo_batteryIndication value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Subscription_Based_UE_DifferentiationInfo_batteryIndication(__mv_mme_dt_Subscription_Based_UE_DifferentiationInfo_batteryIndication* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Subscription_Based_UE_DifferentiationInfo_batteryIndication(__mv_mme_dt_Subscription_Based_UE_DifferentiationInfo_batteryIndication value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Subscription_Based_UE_DifferentiationInfo_batteryIndication(__mv_mme_dt_Subscription_Based_UE_DifferentiationInfo_batteryIndication* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_SynchronisationStatus(const char* key, __mv_mme_dt_SynchronisationStatus value, int level);
-int __mv_mme_Encode_SynchronisationStatus(__mv_mme_dt_SynchronisationStatus value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_SynchronisationStatus(__mv_mme_dt_SynchronisationStatus* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_SynchronisationStatus(__mv_mme_dt_SynchronisationStatus value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_SynchronisationStatus(__mv_mme_dt_SynchronisationStatus* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TimeSynchronisationInfo(__mv_mme_dt_TimeSynchronisationInfo** rec);
 void __mv_mme_debug_TimeSynchronisationInfo(const char* key, const __mv_mme_dt_TimeSynchronisationInfo* rec, int level);
 void __mv_mme_memfree_TimeSynchronisationInfo(__mv_mme_dt_TimeSynchronisationInfo* rec);
-int __mv_mme_Encode_TimeSynchronisationInfo(const __mv_mme_dt_TimeSynchronisationInfo* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TimeSynchronisationInfo(__mv_mme_dt_TimeSynchronisationInfo** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TimeSynchronisationInfo(const __mv_mme_dt_TimeSynchronisationInfo* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TimeSynchronisationInfo(__mv_mme_dt_TimeSynchronisationInfo** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_S_TMSI(__mv_mme_dt_S_TMSI** rec);
 void __mv_mme_debug_S_TMSI(const char* key, const __mv_mme_dt_S_TMSI* rec, int level);
 void __mv_mme_memfree_S_TMSI(__mv_mme_dt_S_TMSI* rec);
-int __mv_mme_Encode_S_TMSI(const __mv_mme_dt_S_TMSI* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_S_TMSI(__mv_mme_dt_S_TMSI** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_S_TMSI(const __mv_mme_dt_S_TMSI* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_S_TMSI(__mv_mme_dt_S_TMSI** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TAIListforWarning(__mv_mme_dt_TAIListforWarning** rec);
 void __mv_mme_debug_TAIListforWarning(const char* key, const __mv_mme_dt_TAIListforWarning* rec, int level);
 void __mv_mme_memfree_TAIListforWarning(__mv_mme_dt_TAIListforWarning* rec);
-int __mv_mme_Encode_TAIListforWarning(const __mv_mme_dt_TAIListforWarning* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TAIListforWarning(__mv_mme_dt_TAIListforWarning** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TAIListforWarning(const __mv_mme_dt_TAIListforWarning* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TAIListforWarning(__mv_mme_dt_TAIListforWarning** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TargetID(__mv_mme_dt_TargetID** rec);
 void __mv_mme_debug_TargetID(const char* key, const __mv_mme_dt_TargetID* rec, int level);
 void __mv_mme_memfree_TargetID(__mv_mme_dt_TargetID* rec);
-int __mv_mme_Encode_TargetID(const __mv_mme_dt_TargetID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TargetID(__mv_mme_dt_TargetID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TargetID(const __mv_mme_dt_TargetID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TargetID(__mv_mme_dt_TargetID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TargetNgRanNode_ID(__mv_mme_dt_TargetNgRanNode_ID** rec);
 void __mv_mme_debug_TargetNgRanNode_ID(const char* key, const __mv_mme_dt_TargetNgRanNode_ID* rec, int level);
 void __mv_mme_memfree_TargetNgRanNode_ID(__mv_mme_dt_TargetNgRanNode_ID* rec);
-int __mv_mme_Encode_TargetNgRanNode_ID(const __mv_mme_dt_TargetNgRanNode_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TargetNgRanNode_ID(__mv_mme_dt_TargetNgRanNode_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TargetNgRanNode_ID(const __mv_mme_dt_TargetNgRanNode_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TargetNgRanNode_ID(__mv_mme_dt_TargetNgRanNode_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_Global_RAN_NODE_ID(__mv_mme_dt_Global_RAN_NODE_ID** rec);
 void __mv_mme_debug_Global_RAN_NODE_ID(const char* key, const __mv_mme_dt_Global_RAN_NODE_ID* rec, int level);
 void __mv_mme_memfree_Global_RAN_NODE_ID(__mv_mme_dt_Global_RAN_NODE_ID* rec);
-int __mv_mme_Encode_Global_RAN_NODE_ID(const __mv_mme_dt_Global_RAN_NODE_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Global_RAN_NODE_ID(__mv_mme_dt_Global_RAN_NODE_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Global_RAN_NODE_ID(const __mv_mme_dt_Global_RAN_NODE_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Global_RAN_NODE_ID(__mv_mme_dt_Global_RAN_NODE_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_GNB(__mv_mme_dt_GNB** rec);
 void __mv_mme_debug_GNB(const char* key, const __mv_mme_dt_GNB* rec, int level);
 void __mv_mme_memfree_GNB(__mv_mme_dt_GNB* rec);
-int __mv_mme_Encode_GNB(const __mv_mme_dt_GNB* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_GNB(__mv_mme_dt_GNB** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_GNB(const __mv_mme_dt_GNB* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_GNB(__mv_mme_dt_GNB** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_Global_GNB_ID(__mv_mme_dt_Global_GNB_ID** rec);
 void __mv_mme_debug_Global_GNB_ID(const char* key, const __mv_mme_dt_Global_GNB_ID* rec, int level);
 void __mv_mme_memfree_Global_GNB_ID(__mv_mme_dt_Global_GNB_ID* rec);
-int __mv_mme_Encode_Global_GNB_ID(const __mv_mme_dt_Global_GNB_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Global_GNB_ID(__mv_mme_dt_Global_GNB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Global_GNB_ID(const __mv_mme_dt_Global_GNB_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Global_GNB_ID(__mv_mme_dt_Global_GNB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_GNB_Identity(__mv_mme_dt_GNB_Identity** rec);
 void __mv_mme_debug_GNB_Identity(const char* key, const __mv_mme_dt_GNB_Identity* rec, int level);
 void __mv_mme_memfree_GNB_Identity(__mv_mme_dt_GNB_Identity* rec);
-int __mv_mme_Encode_GNB_Identity(const __mv_mme_dt_GNB_Identity* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_GNB_Identity(__mv_mme_dt_GNB_Identity** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_GNB_Identity(const __mv_mme_dt_GNB_Identity* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_GNB_Identity(__mv_mme_dt_GNB_Identity** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_GNB_ID(__mv_mme_dt_GNB_ID** rec);
 int __mv_mme_init_GNB_ID2(__mv_mme_dt_GNB_ID** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_GNB_ID(const char* key, const __mv_mme_dt_GNB_ID* rec, int level);
 void __mv_mme_memfree_GNB_ID(__mv_mme_dt_GNB_ID* rec);
-int __mv_mme_Encode_GNB_ID(const __mv_mme_dt_GNB_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_GNB_ID(__mv_mme_dt_GNB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_GNB_ID(const __mv_mme_dt_GNB_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_GNB_ID(__mv_mme_dt_GNB_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_NG_eNB(__mv_mme_dt_NG_eNB** rec);
 void __mv_mme_debug_NG_eNB(const char* key, const __mv_mme_dt_NG_eNB* rec, int level);
 void __mv_mme_memfree_NG_eNB(__mv_mme_dt_NG_eNB* rec);
-int __mv_mme_Encode_NG_eNB(const __mv_mme_dt_NG_eNB* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_NG_eNB(__mv_mme_dt_NG_eNB** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_NG_eNB(const __mv_mme_dt_NG_eNB* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_NG_eNB(__mv_mme_dt_NG_eNB** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TargeteNB_ToSourceeNB_TransparentContainer(__mv_mme_dt_TargeteNB_ToSourceeNB_TransparentContainer** rec);
 void __mv_mme_debug_TargeteNB_ToSourceeNB_TransparentContainer(const char* key, const __mv_mme_dt_TargeteNB_ToSourceeNB_TransparentContainer* rec, int level);
 void __mv_mme_memfree_TargeteNB_ToSourceeNB_TransparentContainer(__mv_mme_dt_TargeteNB_ToSourceeNB_TransparentContainer* rec);
-int __mv_mme_Encode_TargeteNB_ToSourceeNB_TransparentContainer(const __mv_mme_dt_TargeteNB_ToSourceeNB_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TargeteNB_ToSourceeNB_TransparentContainer(__mv_mme_dt_TargeteNB_ToSourceeNB_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TargeteNB_ToSourceeNB_TransparentContainer(const __mv_mme_dt_TargeteNB_ToSourceeNB_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TargeteNB_ToSourceeNB_TransparentContainer(__mv_mme_dt_TargeteNB_ToSourceeNB_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_Target_ToSource_TransparentContainer(__mv_mme_dt_Target_ToSource_TransparentContainer** rec);
 int __mv_mme_init_Target_ToSource_TransparentContainer2(__mv_mme_dt_Target_ToSource_TransparentContainer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_Target_ToSource_TransparentContainer(const char* key, const __mv_mme_dt_Target_ToSource_TransparentContainer* rec, int level);
 void __mv_mme_memfree_Target_ToSource_TransparentContainer(__mv_mme_dt_Target_ToSource_TransparentContainer* rec);
-int __mv_mme_Encode_Target_ToSource_TransparentContainer(const __mv_mme_dt_Target_ToSource_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Target_ToSource_TransparentContainer(__mv_mme_dt_Target_ToSource_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Target_ToSource_TransparentContainer(const __mv_mme_dt_Target_ToSource_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Target_ToSource_TransparentContainer(__mv_mme_dt_Target_ToSource_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TargetRNC_ToSourceRNC_TransparentContainer(__mv_mme_dt_TargetRNC_ToSourceRNC_TransparentContainer** rec);
 int __mv_mme_init_TargetRNC_ToSourceRNC_TransparentContainer2(__mv_mme_dt_TargetRNC_ToSourceRNC_TransparentContainer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_TargetRNC_ToSourceRNC_TransparentContainer(const char* key, const __mv_mme_dt_TargetRNC_ToSourceRNC_TransparentContainer* rec, int level);
 void __mv_mme_memfree_TargetRNC_ToSourceRNC_TransparentContainer(__mv_mme_dt_TargetRNC_ToSourceRNC_TransparentContainer* rec);
-int __mv_mme_Encode_TargetRNC_ToSourceRNC_TransparentContainer(const __mv_mme_dt_TargetRNC_ToSourceRNC_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TargetRNC_ToSourceRNC_TransparentContainer(__mv_mme_dt_TargetRNC_ToSourceRNC_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TargetRNC_ToSourceRNC_TransparentContainer(const __mv_mme_dt_TargetRNC_ToSourceRNC_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TargetRNC_ToSourceRNC_TransparentContainer(__mv_mme_dt_TargetRNC_ToSourceRNC_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TargetBSS_ToSourceBSS_TransparentContainer(__mv_mme_dt_TargetBSS_ToSourceBSS_TransparentContainer** rec);
 int __mv_mme_init_TargetBSS_ToSourceBSS_TransparentContainer2(__mv_mme_dt_TargetBSS_ToSourceBSS_TransparentContainer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_TargetBSS_ToSourceBSS_TransparentContainer(const char* key, const __mv_mme_dt_TargetBSS_ToSourceBSS_TransparentContainer* rec, int level);
 void __mv_mme_memfree_TargetBSS_ToSourceBSS_TransparentContainer(__mv_mme_dt_TargetBSS_ToSourceBSS_TransparentContainer* rec);
-int __mv_mme_Encode_TargetBSS_ToSourceBSS_TransparentContainer(const __mv_mme_dt_TargetBSS_ToSourceBSS_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TargetBSS_ToSourceBSS_TransparentContainer(__mv_mme_dt_TargetBSS_ToSourceBSS_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TargetBSS_ToSourceBSS_TransparentContainer(const __mv_mme_dt_TargetBSS_ToSourceBSS_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TargetBSS_ToSourceBSS_TransparentContainer(__mv_mme_dt_TargetBSS_ToSourceBSS_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TargetNgRanNode_ToSourceNgRanNode_TransparentContainer(__mv_mme_dt_TargetNgRanNode_ToSourceNgRanNode_TransparentContainer** rec);
 int __mv_mme_init_TargetNgRanNode_ToSourceNgRanNode_TransparentContainer2(__mv_mme_dt_TargetNgRanNode_ToSourceNgRanNode_TransparentContainer** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_TargetNgRanNode_ToSourceNgRanNode_TransparentContainer(const char* key, const __mv_mme_dt_TargetNgRanNode_ToSourceNgRanNode_TransparentContainer* rec, int level);
 void __mv_mme_memfree_TargetNgRanNode_ToSourceNgRanNode_TransparentContainer(__mv_mme_dt_TargetNgRanNode_ToSourceNgRanNode_TransparentContainer* rec);
-int __mv_mme_Encode_TargetNgRanNode_ToSourceNgRanNode_TransparentContainer(const __mv_mme_dt_TargetNgRanNode_ToSourceNgRanNode_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TargetNgRanNode_ToSourceNgRanNode_TransparentContainer(__mv_mme_dt_TargetNgRanNode_ToSourceNgRanNode_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TargetNgRanNode_ToSourceNgRanNode_TransparentContainer(const __mv_mme_dt_TargetNgRanNode_ToSourceNgRanNode_TransparentContainer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TargetNgRanNode_ToSourceNgRanNode_TransparentContainer(__mv_mme_dt_TargetNgRanNode_ToSourceNgRanNode_TransparentContainer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_TimeToWait(const char* key, __mv_mme_dt_TimeToWait value, int level);
-int __mv_mme_Encode_TimeToWait(__mv_mme_dt_TimeToWait value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TimeToWait(__mv_mme_dt_TimeToWait* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TimeToWait(__mv_mme_dt_TimeToWait value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TimeToWait(__mv_mme_dt_TimeToWait* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_Time_UE_StayedInCell_EnhancedGranularity(const char* key, __mv_mme_dt_Time_UE_StayedInCell_EnhancedGranularity value, int level);
-int __mv_mme_Encode_Time_UE_StayedInCell_EnhancedGranularity(__mv_mme_dt_Time_UE_StayedInCell_EnhancedGranularity value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Time_UE_StayedInCell_EnhancedGranularity(__mv_mme_dt_Time_UE_StayedInCell_EnhancedGranularity* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Time_UE_StayedInCell_EnhancedGranularity(__mv_mme_dt_Time_UE_StayedInCell_EnhancedGranularity value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Time_UE_StayedInCell_EnhancedGranularity(__mv_mme_dt_Time_UE_StayedInCell_EnhancedGranularity* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TimeSinceSecondaryNodeRelease(__mv_mme_dt_TimeSinceSecondaryNodeRelease** rec);
 int __mv_mme_init_TimeSinceSecondaryNodeRelease2(__mv_mme_dt_TimeSinceSecondaryNodeRelease** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_TimeSinceSecondaryNodeRelease(const char* key, const __mv_mme_dt_TimeSinceSecondaryNodeRelease* rec, int level);
 void __mv_mme_memfree_TimeSinceSecondaryNodeRelease(__mv_mme_dt_TimeSinceSecondaryNodeRelease* rec);
-int __mv_mme_Encode_TimeSinceSecondaryNodeRelease(const __mv_mme_dt_TimeSinceSecondaryNodeRelease* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TimeSinceSecondaryNodeRelease(__mv_mme_dt_TimeSinceSecondaryNodeRelease** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TimeSinceSecondaryNodeRelease(const __mv_mme_dt_TimeSinceSecondaryNodeRelease* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TimeSinceSecondaryNodeRelease(__mv_mme_dt_TimeSinceSecondaryNodeRelease** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TransportInformation(__mv_mme_dt_TransportInformation** rec);
 void __mv_mme_debug_TransportInformation(const char* key, const __mv_mme_dt_TransportInformation* rec, int level);
 void __mv_mme_memfree_TransportInformation(__mv_mme_dt_TransportInformation* rec);
-int __mv_mme_Encode_TransportInformation(const __mv_mme_dt_TransportInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TransportInformation(__mv_mme_dt_TransportInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TransportInformation(const __mv_mme_dt_TransportInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TransportInformation(__mv_mme_dt_TransportInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TraceActivation(__mv_mme_dt_TraceActivation** rec);
 void __mv_mme_debug_TraceActivation(const char* key, const __mv_mme_dt_TraceActivation* rec, int level);
 void __mv_mme_memfree_TraceActivation(__mv_mme_dt_TraceActivation* rec);
-int __mv_mme_Encode_TraceActivation(const __mv_mme_dt_TraceActivation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TraceActivation(__mv_mme_dt_TraceActivation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TraceActivation(const __mv_mme_dt_TraceActivation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TraceActivation(__mv_mme_dt_TraceActivation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_UTRAN_Trace_ID(__mv_mme_dt_E_UTRAN_Trace_ID** rec);
 int __mv_mme_init_E_UTRAN_Trace_ID2(__mv_mme_dt_E_UTRAN_Trace_ID** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_E_UTRAN_Trace_ID(const char* key, const __mv_mme_dt_E_UTRAN_Trace_ID* rec, int level);
 void __mv_mme_memfree_E_UTRAN_Trace_ID(__mv_mme_dt_E_UTRAN_Trace_ID* rec);
-int __mv_mme_Encode_E_UTRAN_Trace_ID(const __mv_mme_dt_E_UTRAN_Trace_ID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_UTRAN_Trace_ID(__mv_mme_dt_E_UTRAN_Trace_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_UTRAN_Trace_ID(const __mv_mme_dt_E_UTRAN_Trace_ID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_UTRAN_Trace_ID(__mv_mme_dt_E_UTRAN_Trace_ID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_TraceDepth(const char* key, __mv_mme_dt_TraceDepth value, int level);
-int __mv_mme_Encode_TraceDepth(__mv_mme_dt_TraceDepth value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TraceDepth(__mv_mme_dt_TraceDepth* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TraceDepth(__mv_mme_dt_TraceDepth value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TraceDepth(__mv_mme_dt_TraceDepth* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_TrafficLoadReductionIndication(const char* key, __mv_mme_dt_TrafficLoadReductionIndication value, int level);
-int __mv_mme_Encode_TrafficLoadReductionIndication(__mv_mme_dt_TrafficLoadReductionIndication value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TrafficLoadReductionIndication(__mv_mme_dt_TrafficLoadReductionIndication* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TrafficLoadReductionIndication(__mv_mme_dt_TrafficLoadReductionIndication value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TrafficLoadReductionIndication(__mv_mme_dt_TrafficLoadReductionIndication* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TunnelInformation(__mv_mme_dt_TunnelInformation** rec);
 void __mv_mme_debug_TunnelInformation(const char* key, const __mv_mme_dt_TunnelInformation* rec, int level);
 void __mv_mme_memfree_TunnelInformation(__mv_mme_dt_TunnelInformation* rec);
-int __mv_mme_Encode_TunnelInformation(const __mv_mme_dt_TunnelInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TunnelInformation(__mv_mme_dt_TunnelInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TunnelInformation(const __mv_mme_dt_TunnelInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TunnelInformation(__mv_mme_dt_TunnelInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TAIListForRestart(__mv_mme_dt_TAIListForRestart** rec);
 void __mv_mme_debug_TAIListForRestart(const char* key, const __mv_mme_dt_TAIListForRestart* rec, int level);
 void __mv_mme_memfree_TAIListForRestart(__mv_mme_dt_TAIListForRestart* rec);
-int __mv_mme_Encode_TAIListForRestart(const __mv_mme_dt_TAIListForRestart* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TAIListForRestart(__mv_mme_dt_TAIListForRestart** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TAIListForRestart(const __mv_mme_dt_TAIListForRestart* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TAIListForRestart(__mv_mme_dt_TAIListForRestart** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UEAggregateMaximumBitrate(__mv_mme_dt_UEAggregateMaximumBitrate** rec);
 void __mv_mme_debug_UEAggregateMaximumBitrate(const char* key, const __mv_mme_dt_UEAggregateMaximumBitrate* rec, int level);
 void __mv_mme_memfree_UEAggregateMaximumBitrate(__mv_mme_dt_UEAggregateMaximumBitrate* rec);
-int __mv_mme_Encode_UEAggregateMaximumBitrate(const __mv_mme_dt_UEAggregateMaximumBitrate* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UEAggregateMaximumBitrate(__mv_mme_dt_UEAggregateMaximumBitrate** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UEAggregateMaximumBitrate(const __mv_mme_dt_UEAggregateMaximumBitrate* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UEAggregateMaximumBitrate(__mv_mme_dt_UEAggregateMaximumBitrate** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UEAppLayerMeasConfig(__mv_mme_dt_UEAppLayerMeasConfig** rec);
 void __mv_mme_debug_UEAppLayerMeasConfig(const char* key, const __mv_mme_dt_UEAppLayerMeasConfig* rec, int level);
 void __mv_mme_memfree_UEAppLayerMeasConfig(__mv_mme_dt_UEAppLayerMeasConfig* rec);
-int __mv_mme_Encode_UEAppLayerMeasConfig(const __mv_mme_dt_UEAppLayerMeasConfig* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UEAppLayerMeasConfig(__mv_mme_dt_UEAppLayerMeasConfig** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UEAppLayerMeasConfig(const __mv_mme_dt_UEAppLayerMeasConfig* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UEAppLayerMeasConfig(__mv_mme_dt_UEAppLayerMeasConfig** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UEAppLayerMeasConfig_containerForAppLayerMeasConfig(__mv_mme_dt_UEAppLayerMeasConfig_containerForAppLayerMeasConfig** rec);
 int __mv_mme_init_UEAppLayerMeasConfig_containerForAppLayerMeasConfig2(__mv_mme_dt_UEAppLayerMeasConfig_containerForAppLayerMeasConfig** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_UEAppLayerMeasConfig_containerForAppLayerMeasConfig(const char* key, const __mv_mme_dt_UEAppLayerMeasConfig_containerForAppLayerMeasConfig* rec, int level);
 void __mv_mme_memfree_UEAppLayerMeasConfig_containerForAppLayerMeasConfig(__mv_mme_dt_UEAppLayerMeasConfig_containerForAppLayerMeasConfig* rec);
-int __mv_mme_Encode_UEAppLayerMeasConfig_containerForAppLayerMeasConfig(const __mv_mme_dt_UEAppLayerMeasConfig_containerForAppLayerMeasConfig* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UEAppLayerMeasConfig_containerForAppLayerMeasConfig(__mv_mme_dt_UEAppLayerMeasConfig_containerForAppLayerMeasConfig** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UEAppLayerMeasConfig_containerForAppLayerMeasConfig(const __mv_mme_dt_UEAppLayerMeasConfig_containerForAppLayerMeasConfig* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UEAppLayerMeasConfig_containerForAppLayerMeasConfig(__mv_mme_dt_UEAppLayerMeasConfig_containerForAppLayerMeasConfig** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_UECapabilityInfoRequest(const char* key, __mv_mme_dt_UECapabilityInfoRequest value, int level);
-int __mv_mme_Encode_UECapabilityInfoRequest(__mv_mme_dt_UECapabilityInfoRequest value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UECapabilityInfoRequest(__mv_mme_dt_UECapabilityInfoRequest* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UECapabilityInfoRequest(__mv_mme_dt_UECapabilityInfoRequest value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UECapabilityInfoRequest(__mv_mme_dt_UECapabilityInfoRequest* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_UE_RetentionInformation(const char* key, __mv_mme_dt_UE_RetentionInformation value, int level);
-int __mv_mme_Encode_UE_RetentionInformation(__mv_mme_dt_UE_RetentionInformation value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UE_RetentionInformation(__mv_mme_dt_UE_RetentionInformation* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UE_RetentionInformation(__mv_mme_dt_UE_RetentionInformation value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UE_RetentionInformation(__mv_mme_dt_UE_RetentionInformation* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UE_S1AP_IDs(__mv_mme_dt_UE_S1AP_IDs** rec);
 void __mv_mme_debug_UE_S1AP_IDs(const char* key, const __mv_mme_dt_UE_S1AP_IDs* rec, int level);
 void __mv_mme_memfree_UE_S1AP_IDs(__mv_mme_dt_UE_S1AP_IDs* rec);
-int __mv_mme_Encode_UE_S1AP_IDs(const __mv_mme_dt_UE_S1AP_IDs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UE_S1AP_IDs(__mv_mme_dt_UE_S1AP_IDs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UE_S1AP_IDs(const __mv_mme_dt_UE_S1AP_IDs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UE_S1AP_IDs(__mv_mme_dt_UE_S1AP_IDs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UE_S1AP_ID_pair(__mv_mme_dt_UE_S1AP_ID_pair** rec);
 void __mv_mme_debug_UE_S1AP_ID_pair(const char* key, const __mv_mme_dt_UE_S1AP_ID_pair* rec, int level);
 void __mv_mme_memfree_UE_S1AP_ID_pair(__mv_mme_dt_UE_S1AP_ID_pair* rec);
-int __mv_mme_Encode_UE_S1AP_ID_pair(const __mv_mme_dt_UE_S1AP_ID_pair* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UE_S1AP_ID_pair(__mv_mme_dt_UE_S1AP_ID_pair** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UE_S1AP_ID_pair(const __mv_mme_dt_UE_S1AP_ID_pair* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UE_S1AP_ID_pair(__mv_mme_dt_UE_S1AP_ID_pair** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UE_associatedLogicalS1_ConnectionItem(__mv_mme_dt_UE_associatedLogicalS1_ConnectionItem** rec);
 void __mv_mme_debug_UE_associatedLogicalS1_ConnectionItem(const char* key, const __mv_mme_dt_UE_associatedLogicalS1_ConnectionItem* rec, int level);
 void __mv_mme_memfree_UE_associatedLogicalS1_ConnectionItem(__mv_mme_dt_UE_associatedLogicalS1_ConnectionItem* rec);
-int __mv_mme_Encode_UE_associatedLogicalS1_ConnectionItem(const __mv_mme_dt_UE_associatedLogicalS1_ConnectionItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UE_associatedLogicalS1_ConnectionItem(__mv_mme_dt_UE_associatedLogicalS1_ConnectionItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UE_associatedLogicalS1_ConnectionItem(const __mv_mme_dt_UE_associatedLogicalS1_ConnectionItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UE_associatedLogicalS1_ConnectionItem(__mv_mme_dt_UE_associatedLogicalS1_ConnectionItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UEIdentityIndexValue(__mv_mme_dt_UEIdentityIndexValue** rec);
 int __mv_mme_init_UEIdentityIndexValue2(__mv_mme_dt_UEIdentityIndexValue** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_UEIdentityIndexValue(const char* key, const __mv_mme_dt_UEIdentityIndexValue* rec, int level);
 void __mv_mme_memfree_UEIdentityIndexValue(__mv_mme_dt_UEIdentityIndexValue* rec);
-int __mv_mme_Encode_UEIdentityIndexValue(const __mv_mme_dt_UEIdentityIndexValue* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UEIdentityIndexValue(__mv_mme_dt_UEIdentityIndexValue** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UEIdentityIndexValue(const __mv_mme_dt_UEIdentityIndexValue* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UEIdentityIndexValue(__mv_mme_dt_UEIdentityIndexValue** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UE_HistoryInformationFromTheUE(__mv_mme_dt_UE_HistoryInformationFromTheUE** rec);
 int __mv_mme_init_UE_HistoryInformationFromTheUE2(__mv_mme_dt_UE_HistoryInformationFromTheUE** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_UE_HistoryInformationFromTheUE(const char* key, const __mv_mme_dt_UE_HistoryInformationFromTheUE* rec, int level);
 void __mv_mme_memfree_UE_HistoryInformationFromTheUE(__mv_mme_dt_UE_HistoryInformationFromTheUE* rec);
-int __mv_mme_Encode_UE_HistoryInformationFromTheUE(const __mv_mme_dt_UE_HistoryInformationFromTheUE* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UE_HistoryInformationFromTheUE(__mv_mme_dt_UE_HistoryInformationFromTheUE** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UE_HistoryInformationFromTheUE(const __mv_mme_dt_UE_HistoryInformationFromTheUE* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UE_HistoryInformationFromTheUE(__mv_mme_dt_UE_HistoryInformationFromTheUE** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UEPagingID(__mv_mme_dt_UEPagingID** rec);
 void __mv_mme_debug_UEPagingID(const char* key, const __mv_mme_dt_UEPagingID* rec, int level);
 void __mv_mme_memfree_UEPagingID(__mv_mme_dt_UEPagingID* rec);
-int __mv_mme_Encode_UEPagingID(const __mv_mme_dt_UEPagingID* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UEPagingID(__mv_mme_dt_UEPagingID** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UEPagingID(const __mv_mme_dt_UEPagingID* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UEPagingID(__mv_mme_dt_UEPagingID** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UERadioCapability(__mv_mme_dt_UERadioCapability** rec);
 int __mv_mme_init_UERadioCapability2(__mv_mme_dt_UERadioCapability** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_UERadioCapability(const char* key, const __mv_mme_dt_UERadioCapability* rec, int level);
 void __mv_mme_memfree_UERadioCapability(__mv_mme_dt_UERadioCapability* rec);
-int __mv_mme_Encode_UERadioCapability(const __mv_mme_dt_UERadioCapability* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UERadioCapability(__mv_mme_dt_UERadioCapability** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UERadioCapability(const __mv_mme_dt_UERadioCapability* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UERadioCapability(__mv_mme_dt_UERadioCapability** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UERadioCapabilityForPaging(__mv_mme_dt_UERadioCapabilityForPaging** rec);
 int __mv_mme_init_UERadioCapabilityForPaging2(__mv_mme_dt_UERadioCapabilityForPaging** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_UERadioCapabilityForPaging(const char* key, const __mv_mme_dt_UERadioCapabilityForPaging* rec, int level);
 void __mv_mme_memfree_UERadioCapabilityForPaging(__mv_mme_dt_UERadioCapabilityForPaging* rec);
-int __mv_mme_Encode_UERadioCapabilityForPaging(const __mv_mme_dt_UERadioCapabilityForPaging* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UERadioCapabilityForPaging(__mv_mme_dt_UERadioCapabilityForPaging** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UERadioCapabilityForPaging(const __mv_mme_dt_UERadioCapabilityForPaging* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UERadioCapabilityForPaging(__mv_mme_dt_UERadioCapabilityForPaging** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UESecurityCapabilities(__mv_mme_dt_UESecurityCapabilities** rec);
 void __mv_mme_debug_UESecurityCapabilities(const char* key, const __mv_mme_dt_UESecurityCapabilities* rec, int level);
 void __mv_mme_memfree_UESecurityCapabilities(__mv_mme_dt_UESecurityCapabilities* rec);
-int __mv_mme_Encode_UESecurityCapabilities(const __mv_mme_dt_UESecurityCapabilities* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UESecurityCapabilities(__mv_mme_dt_UESecurityCapabilities** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UESecurityCapabilities(const __mv_mme_dt_UESecurityCapabilities* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UESecurityCapabilities(__mv_mme_dt_UESecurityCapabilities** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UESidelinkAggregateMaximumBitrate(__mv_mme_dt_UESidelinkAggregateMaximumBitrate** rec);
 void __mv_mme_debug_UESidelinkAggregateMaximumBitrate(const char* key, const __mv_mme_dt_UESidelinkAggregateMaximumBitrate* rec, int level);
 void __mv_mme_memfree_UESidelinkAggregateMaximumBitrate(__mv_mme_dt_UESidelinkAggregateMaximumBitrate* rec);
-int __mv_mme_Encode_UESidelinkAggregateMaximumBitrate(const __mv_mme_dt_UESidelinkAggregateMaximumBitrate* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UESidelinkAggregateMaximumBitrate(__mv_mme_dt_UESidelinkAggregateMaximumBitrate** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UESidelinkAggregateMaximumBitrate(const __mv_mme_dt_UESidelinkAggregateMaximumBitrate* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UESidelinkAggregateMaximumBitrate(__mv_mme_dt_UESidelinkAggregateMaximumBitrate** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_UE_Usage_Type(const char* key, __mv_mme_dt_UE_Usage_Type value, int level);
-int __mv_mme_Encode_UE_Usage_Type(__mv_mme_dt_UE_Usage_Type value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UE_Usage_Type(__mv_mme_dt_UE_Usage_Type* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UE_Usage_Type(__mv_mme_dt_UE_Usage_Type value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UE_Usage_Type(__mv_mme_dt_UE_Usage_Type* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UL_CP_SecurityInformation(__mv_mme_dt_UL_CP_SecurityInformation** rec);
 void __mv_mme_debug_UL_CP_SecurityInformation(const char* key, const __mv_mme_dt_UL_CP_SecurityInformation* rec, int level);
 void __mv_mme_memfree_UL_CP_SecurityInformation(__mv_mme_dt_UL_CP_SecurityInformation* rec);
-int __mv_mme_Encode_UL_CP_SecurityInformation(const __mv_mme_dt_UL_CP_SecurityInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UL_CP_SecurityInformation(__mv_mme_dt_UL_CP_SecurityInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UL_CP_SecurityInformation(const __mv_mme_dt_UL_CP_SecurityInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UL_CP_SecurityInformation(__mv_mme_dt_UL_CP_SecurityInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UL_NAS_MAC(__mv_mme_dt_UL_NAS_MAC** rec);
 int __mv_mme_init_UL_NAS_MAC2(__mv_mme_dt_UL_NAS_MAC** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_UL_NAS_MAC(const char* key, const __mv_mme_dt_UL_NAS_MAC* rec, int level);
 void __mv_mme_memfree_UL_NAS_MAC(__mv_mme_dt_UL_NAS_MAC* rec);
-int __mv_mme_Encode_UL_NAS_MAC(const __mv_mme_dt_UL_NAS_MAC* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UL_NAS_MAC(__mv_mme_dt_UL_NAS_MAC** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UL_NAS_MAC(const __mv_mme_dt_UL_NAS_MAC* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UL_NAS_MAC(__mv_mme_dt_UL_NAS_MAC** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UL_NAS_Count(__mv_mme_dt_UL_NAS_Count** rec);
 int __mv_mme_init_UL_NAS_Count2(__mv_mme_dt_UL_NAS_Count** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_UL_NAS_Count(const char* key, const __mv_mme_dt_UL_NAS_Count* rec, int level);
 void __mv_mme_memfree_UL_NAS_Count(__mv_mme_dt_UL_NAS_Count* rec);
-int __mv_mme_Encode_UL_NAS_Count(const __mv_mme_dt_UL_NAS_Count* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UL_NAS_Count(__mv_mme_dt_UL_NAS_Count** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UL_NAS_Count(const __mv_mme_dt_UL_NAS_Count* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UL_NAS_Count(__mv_mme_dt_UL_NAS_Count** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_UnlicensedSpectrumRestriction(const char* key, __mv_mme_dt_UnlicensedSpectrumRestriction value, int level);
-int __mv_mme_Encode_UnlicensedSpectrumRestriction(__mv_mme_dt_UnlicensedSpectrumRestriction value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UnlicensedSpectrumRestriction(__mv_mme_dt_UnlicensedSpectrumRestriction* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UnlicensedSpectrumRestriction(__mv_mme_dt_UnlicensedSpectrumRestriction value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UnlicensedSpectrumRestriction(__mv_mme_dt_UnlicensedSpectrumRestriction* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UserLocationInformation(__mv_mme_dt_UserLocationInformation** rec);
 void __mv_mme_debug_UserLocationInformation(const char* key, const __mv_mme_dt_UserLocationInformation* rec, int level);
 void __mv_mme_memfree_UserLocationInformation(__mv_mme_dt_UserLocationInformation* rec);
-int __mv_mme_Encode_UserLocationInformation(const __mv_mme_dt_UserLocationInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UserLocationInformation(__mv_mme_dt_UserLocationInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UserLocationInformation(const __mv_mme_dt_UserLocationInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UserLocationInformation(__mv_mme_dt_UserLocationInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_UEUserPlaneCIoTSupportIndicator(const char* key, __mv_mme_dt_UEUserPlaneCIoTSupportIndicator value, int level);
-int __mv_mme_Encode_UEUserPlaneCIoTSupportIndicator(__mv_mme_dt_UEUserPlaneCIoTSupportIndicator value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UEUserPlaneCIoTSupportIndicator(__mv_mme_dt_UEUserPlaneCIoTSupportIndicator* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UEUserPlaneCIoTSupportIndicator(__mv_mme_dt_UEUserPlaneCIoTSupportIndicator value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UEUserPlaneCIoTSupportIndicator(__mv_mme_dt_UEUserPlaneCIoTSupportIndicator* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UE_Application_Layer_Measurement_Capability(__mv_mme_dt_UE_Application_Layer_Measurement_Capability** rec);
 int __mv_mme_init_UE_Application_Layer_Measurement_Capability2(__mv_mme_dt_UE_Application_Layer_Measurement_Capability** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_UE_Application_Layer_Measurement_Capability(const char* key, const __mv_mme_dt_UE_Application_Layer_Measurement_Capability* rec, int level);
 void __mv_mme_memfree_UE_Application_Layer_Measurement_Capability(__mv_mme_dt_UE_Application_Layer_Measurement_Capability* rec);
-int __mv_mme_Encode_UE_Application_Layer_Measurement_Capability(const __mv_mme_dt_UE_Application_Layer_Measurement_Capability* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UE_Application_Layer_Measurement_Capability(__mv_mme_dt_UE_Application_Layer_Measurement_Capability** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UE_Application_Layer_Measurement_Capability(const __mv_mme_dt_UE_Application_Layer_Measurement_Capability* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UE_Application_Layer_Measurement_Capability(__mv_mme_dt_UE_Application_Layer_Measurement_Capability** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_VoiceSupportMatchIndicator(const char* key, __mv_mme_dt_VoiceSupportMatchIndicator value, int level);
-int __mv_mme_Encode_VoiceSupportMatchIndicator(__mv_mme_dt_VoiceSupportMatchIndicator value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_VoiceSupportMatchIndicator(__mv_mme_dt_VoiceSupportMatchIndicator* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_VoiceSupportMatchIndicator(__mv_mme_dt_VoiceSupportMatchIndicator value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_VoiceSupportMatchIndicator(__mv_mme_dt_VoiceSupportMatchIndicator* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_V2XServicesAuthorized(__mv_mme_dt_V2XServicesAuthorized** rec);
 void __mv_mme_debug_V2XServicesAuthorized(const char* key, const __mv_mme_dt_V2XServicesAuthorized* rec, int level);
 void __mv_mme_memfree_V2XServicesAuthorized(__mv_mme_dt_V2XServicesAuthorized* rec);
-int __mv_mme_Encode_V2XServicesAuthorized(const __mv_mme_dt_V2XServicesAuthorized* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_V2XServicesAuthorized(__mv_mme_dt_V2XServicesAuthorized** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_V2XServicesAuthorized(const __mv_mme_dt_V2XServicesAuthorized* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_V2XServicesAuthorized(__mv_mme_dt_V2XServicesAuthorized** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_VehicleUE(const char* key, __mv_mme_dt_VehicleUE value, int level);
-int __mv_mme_Encode_VehicleUE(__mv_mme_dt_VehicleUE value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_VehicleUE(__mv_mme_dt_VehicleUE* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_VehicleUE(__mv_mme_dt_VehicleUE value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_VehicleUE(__mv_mme_dt_VehicleUE* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_PedestrianUE(const char* key, __mv_mme_dt_PedestrianUE value, int level);
-int __mv_mme_Encode_PedestrianUE(__mv_mme_dt_PedestrianUE value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_PedestrianUE(__mv_mme_dt_PedestrianUE* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_PedestrianUE(__mv_mme_dt_PedestrianUE value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_PedestrianUE(__mv_mme_dt_PedestrianUE* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_WarningAreaCoordinates(__mv_mme_dt_WarningAreaCoordinates** rec);
 int __mv_mme_init_WarningAreaCoordinates2(__mv_mme_dt_WarningAreaCoordinates** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_WarningAreaCoordinates(const char* key, const __mv_mme_dt_WarningAreaCoordinates* rec, int level);
 void __mv_mme_memfree_WarningAreaCoordinates(__mv_mme_dt_WarningAreaCoordinates* rec);
-int __mv_mme_Encode_WarningAreaCoordinates(const __mv_mme_dt_WarningAreaCoordinates* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_WarningAreaCoordinates(__mv_mme_dt_WarningAreaCoordinates** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_WarningAreaCoordinates(const __mv_mme_dt_WarningAreaCoordinates* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_WarningAreaCoordinates(__mv_mme_dt_WarningAreaCoordinates** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_WarningAreaList(__mv_mme_dt_WarningAreaList** rec);
 void __mv_mme_debug_WarningAreaList(const char* key, const __mv_mme_dt_WarningAreaList* rec, int level);
 void __mv_mme_memfree_WarningAreaList(__mv_mme_dt_WarningAreaList* rec);
-int __mv_mme_Encode_WarningAreaList(const __mv_mme_dt_WarningAreaList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_WarningAreaList(__mv_mme_dt_WarningAreaList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_WarningAreaList(const __mv_mme_dt_WarningAreaList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_WarningAreaList(__mv_mme_dt_WarningAreaList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_WarningType(__mv_mme_dt_WarningType** rec);
 int __mv_mme_init_WarningType2(__mv_mme_dt_WarningType** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_WarningType(const char* key, const __mv_mme_dt_WarningType* rec, int level);
 void __mv_mme_memfree_WarningType(__mv_mme_dt_WarningType* rec);
-int __mv_mme_Encode_WarningType(const __mv_mme_dt_WarningType* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_WarningType(__mv_mme_dt_WarningType** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_WarningType(const __mv_mme_dt_WarningType* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_WarningType(__mv_mme_dt_WarningType** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_WarningSecurityInfo(__mv_mme_dt_WarningSecurityInfo** rec);
 int __mv_mme_init_WarningSecurityInfo2(__mv_mme_dt_WarningSecurityInfo** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_WarningSecurityInfo(const char* key, const __mv_mme_dt_WarningSecurityInfo* rec, int level);
 void __mv_mme_memfree_WarningSecurityInfo(__mv_mme_dt_WarningSecurityInfo* rec);
-int __mv_mme_Encode_WarningSecurityInfo(const __mv_mme_dt_WarningSecurityInfo* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_WarningSecurityInfo(__mv_mme_dt_WarningSecurityInfo** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_WarningSecurityInfo(const __mv_mme_dt_WarningSecurityInfo* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_WarningSecurityInfo(__mv_mme_dt_WarningSecurityInfo** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_WarningMessageContents(__mv_mme_dt_WarningMessageContents** rec);
 int __mv_mme_init_WarningMessageContents2(__mv_mme_dt_WarningMessageContents** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_WarningMessageContents(const char* key, const __mv_mme_dt_WarningMessageContents* rec, int level);
 void __mv_mme_memfree_WarningMessageContents(__mv_mme_dt_WarningMessageContents* rec);
-int __mv_mme_Encode_WarningMessageContents(const __mv_mme_dt_WarningMessageContents* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_WarningMessageContents(__mv_mme_dt_WarningMessageContents** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_WarningMessageContents(const __mv_mme_dt_WarningMessageContents* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_WarningMessageContents(__mv_mme_dt_WarningMessageContents** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_WLANMeasurementConfiguration(__mv_mme_dt_WLANMeasurementConfiguration** rec);
 void __mv_mme_debug_WLANMeasurementConfiguration(const char* key, const __mv_mme_dt_WLANMeasurementConfiguration* rec, int level);
 void __mv_mme_memfree_WLANMeasurementConfiguration(__mv_mme_dt_WLANMeasurementConfiguration* rec);
-int __mv_mme_Encode_WLANMeasurementConfiguration(const __mv_mme_dt_WLANMeasurementConfiguration* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_WLANMeasurementConfiguration(__mv_mme_dt_WLANMeasurementConfiguration** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_WLANMeasurementConfiguration(const __mv_mme_dt_WLANMeasurementConfiguration* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_WLANMeasurementConfiguration(__mv_mme_dt_WLANMeasurementConfiguration** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_WLANMeasConfig(const char* key, __mv_mme_dt_WLANMeasConfig value, int level);
-int __mv_mme_Encode_WLANMeasConfig(__mv_mme_dt_WLANMeasConfig value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_WLANMeasConfig(__mv_mme_dt_WLANMeasConfig* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_WLANMeasConfig(__mv_mme_dt_WLANMeasConfig value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_WLANMeasConfig(__mv_mme_dt_WLANMeasConfig* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_WLANMeasConfigNameList(__mv_mme_dt_WLANMeasConfigNameList** rec);
 void __mv_mme_debug_WLANMeasConfigNameList(const char* key, const __mv_mme_dt_WLANMeasConfigNameList* rec, int level);
 void __mv_mme_memfree_WLANMeasConfigNameList(__mv_mme_dt_WLANMeasConfigNameList* rec);
-int __mv_mme_Encode_WLANMeasConfigNameList(const __mv_mme_dt_WLANMeasConfigNameList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_WLANMeasConfigNameList(__mv_mme_dt_WLANMeasConfigNameList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_WLANMeasConfigNameList(const __mv_mme_dt_WLANMeasConfigNameList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_WLANMeasConfigNameList(__mv_mme_dt_WLANMeasConfigNameList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_WLANName(__mv_mme_dt_WLANName** rec);
 int __mv_mme_init_WLANName2(__mv_mme_dt_WLANName** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_WLANName(const char* key, const __mv_mme_dt_WLANName* rec, int level);
 void __mv_mme_memfree_WLANName(__mv_mme_dt_WLANName* rec);
-int __mv_mme_Encode_WLANName(const __mv_mme_dt_WLANName* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_WLANName(__mv_mme_dt_WLANName** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_WLANName(const __mv_mme_dt_WLANName* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_WLANName(__mv_mme_dt_WLANName** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_WLANMeasurementConfiguration_wlan_rssi(const char* key, __mv_mme_dt_WLANMeasurementConfiguration_wlan_rssi value, int level);
-int __mv_mme_Encode_WLANMeasurementConfiguration_wlan_rssi(__mv_mme_dt_WLANMeasurementConfiguration_wlan_rssi value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_WLANMeasurementConfiguration_wlan_rssi(__mv_mme_dt_WLANMeasurementConfiguration_wlan_rssi* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_WLANMeasurementConfiguration_wlan_rssi(__mv_mme_dt_WLANMeasurementConfiguration_wlan_rssi value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_WLANMeasurementConfiguration_wlan_rssi(__mv_mme_dt_WLANMeasurementConfiguration_wlan_rssi* out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_WLANMeasurementConfiguration_wlan_rtt(const char* key, __mv_mme_dt_WLANMeasurementConfiguration_wlan_rtt value, int level);
-int __mv_mme_Encode_WLANMeasurementConfiguration_wlan_rtt(__mv_mme_dt_WLANMeasurementConfiguration_wlan_rtt value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_WLANMeasurementConfiguration_wlan_rtt(__mv_mme_dt_WLANMeasurementConfiguration_wlan_rtt* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_WLANMeasurementConfiguration_wlan_rtt(__mv_mme_dt_WLANMeasurementConfiguration_wlan_rtt value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_WLANMeasurementConfiguration_wlan_rtt(__mv_mme_dt_WLANMeasurementConfiguration_wlan_rtt* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ENBX2ExtTLAs(__mv_mme_dt_ENBX2ExtTLAs** rec);
 void __mv_mme_debug_ENBX2ExtTLAs(const char* key, const __mv_mme_dt_ENBX2ExtTLAs* rec, int level);
 void __mv_mme_memfree_ENBX2ExtTLAs(__mv_mme_dt_ENBX2ExtTLAs* rec);
-int __mv_mme_Encode_ENBX2ExtTLAs(const __mv_mme_dt_ENBX2ExtTLAs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ENBX2ExtTLAs(__mv_mme_dt_ENBX2ExtTLAs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ENBX2ExtTLAs(const __mv_mme_dt_ENBX2ExtTLAs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ENBX2ExtTLAs(__mv_mme_dt_ENBX2ExtTLAs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ENBX2ExtTLA(__mv_mme_dt_ENBX2ExtTLA** rec);
 void __mv_mme_debug_ENBX2ExtTLA(const char* key, const __mv_mme_dt_ENBX2ExtTLA* rec, int level);
 void __mv_mme_memfree_ENBX2ExtTLA(__mv_mme_dt_ENBX2ExtTLA* rec);
-int __mv_mme_Encode_ENBX2ExtTLA(const __mv_mme_dt_ENBX2ExtTLA* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ENBX2ExtTLA(__mv_mme_dt_ENBX2ExtTLA** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ENBX2ExtTLA(const __mv_mme_dt_ENBX2ExtTLA* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ENBX2ExtTLA(__mv_mme_dt_ENBX2ExtTLA** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ENBX2GTPTLAs(__mv_mme_dt_ENBX2GTPTLAs** rec);
 void __mv_mme_debug_ENBX2GTPTLAs(const char* key, const __mv_mme_dt_ENBX2GTPTLAs* rec, int level);
 void __mv_mme_memfree_ENBX2GTPTLAs(__mv_mme_dt_ENBX2GTPTLAs* rec);
-int __mv_mme_Encode_ENBX2GTPTLAs(const __mv_mme_dt_ENBX2GTPTLAs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ENBX2GTPTLAs(__mv_mme_dt_ENBX2GTPTLAs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ENBX2GTPTLAs(const __mv_mme_dt_ENBX2GTPTLAs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ENBX2GTPTLAs(__mv_mme_dt_ENBX2GTPTLAs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ENBIndirectX2TransportLayerAddresses(__mv_mme_dt_ENBIndirectX2TransportLayerAddresses** rec);
 void __mv_mme_debug_ENBIndirectX2TransportLayerAddresses(const char* key, const __mv_mme_dt_ENBIndirectX2TransportLayerAddresses* rec, int level);
 void __mv_mme_memfree_ENBIndirectX2TransportLayerAddresses(__mv_mme_dt_ENBIndirectX2TransportLayerAddresses* rec);
-int __mv_mme_Encode_ENBIndirectX2TransportLayerAddresses(const __mv_mme_dt_ENBIndirectX2TransportLayerAddresses* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ENBIndirectX2TransportLayerAddresses(__mv_mme_dt_ENBIndirectX2TransportLayerAddresses** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ENBIndirectX2TransportLayerAddresses(const __mv_mme_dt_ENBIndirectX2TransportLayerAddresses* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ENBIndirectX2TransportLayerAddresses(__mv_mme_dt_ENBIndirectX2TransportLayerAddresses** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_HandoverRequired(__mv_mme_dt_HandoverRequired** rec);
 void __mv_mme_debug_HandoverRequired(const char* key, const __mv_mme_dt_HandoverRequired* rec, int level);
 void __mv_mme_memfree_HandoverRequired(__mv_mme_dt_HandoverRequired* rec);
-int __mv_mme_Encode_HandoverRequired(const __mv_mme_dt_HandoverRequired* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_HandoverRequired(__mv_mme_dt_HandoverRequired** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_HandoverRequired(const __mv_mme_dt_HandoverRequired* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_HandoverRequired(__mv_mme_dt_HandoverRequired** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_HandoverCommand(__mv_mme_dt_HandoverCommand** rec);
 void __mv_mme_debug_HandoverCommand(const char* key, const __mv_mme_dt_HandoverCommand* rec, int level);
 void __mv_mme_memfree_HandoverCommand(__mv_mme_dt_HandoverCommand* rec);
-int __mv_mme_Encode_HandoverCommand(const __mv_mme_dt_HandoverCommand* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_HandoverCommand(__mv_mme_dt_HandoverCommand** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_HandoverCommand(const __mv_mme_dt_HandoverCommand* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_HandoverCommand(__mv_mme_dt_HandoverCommand** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABSubjecttoDataForwardingList(__mv_mme_dt_E_RABSubjecttoDataForwardingList** rec);
 void __mv_mme_debug_E_RABSubjecttoDataForwardingList(const char* key, const __mv_mme_dt_E_RABSubjecttoDataForwardingList* rec, int level);
 void __mv_mme_memfree_E_RABSubjecttoDataForwardingList(__mv_mme_dt_E_RABSubjecttoDataForwardingList* rec);
-int __mv_mme_Encode_E_RABSubjecttoDataForwardingList(const __mv_mme_dt_E_RABSubjecttoDataForwardingList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABSubjecttoDataForwardingList(__mv_mme_dt_E_RABSubjecttoDataForwardingList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABSubjecttoDataForwardingList(const __mv_mme_dt_E_RABSubjecttoDataForwardingList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABSubjecttoDataForwardingList(__mv_mme_dt_E_RABSubjecttoDataForwardingList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABDataForwardingItemIEs(__mv_mme_dt_E_RABDataForwardingItemIEs** rec);
 void __mv_mme_debug_E_RABDataForwardingItemIEs(const char* key, const __mv_mme_dt_E_RABDataForwardingItemIEs* rec, int level);
 void __mv_mme_memfree_E_RABDataForwardingItemIEs(__mv_mme_dt_E_RABDataForwardingItemIEs* rec);
-int __mv_mme_Encode_E_RABDataForwardingItemIEs(const __mv_mme_dt_E_RABDataForwardingItemIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABDataForwardingItemIEs(__mv_mme_dt_E_RABDataForwardingItemIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABDataForwardingItemIEs(const __mv_mme_dt_E_RABDataForwardingItemIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABDataForwardingItemIEs(__mv_mme_dt_E_RABDataForwardingItemIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABDataForwardingItem(__mv_mme_dt_E_RABDataForwardingItem** rec);
 void __mv_mme_debug_E_RABDataForwardingItem(const char* key, const __mv_mme_dt_E_RABDataForwardingItem* rec, int level);
 void __mv_mme_memfree_E_RABDataForwardingItem(__mv_mme_dt_E_RABDataForwardingItem* rec);
-int __mv_mme_Encode_E_RABDataForwardingItem(const __mv_mme_dt_E_RABDataForwardingItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABDataForwardingItem(__mv_mme_dt_E_RABDataForwardingItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABDataForwardingItem(const __mv_mme_dt_E_RABDataForwardingItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABDataForwardingItem(__mv_mme_dt_E_RABDataForwardingItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_HandoverPreparationFailure(__mv_mme_dt_HandoverPreparationFailure** rec);
 void __mv_mme_debug_HandoverPreparationFailure(const char* key, const __mv_mme_dt_HandoverPreparationFailure* rec, int level);
 void __mv_mme_memfree_HandoverPreparationFailure(__mv_mme_dt_HandoverPreparationFailure* rec);
-int __mv_mme_Encode_HandoverPreparationFailure(const __mv_mme_dt_HandoverPreparationFailure* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_HandoverPreparationFailure(__mv_mme_dt_HandoverPreparationFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_HandoverPreparationFailure(const __mv_mme_dt_HandoverPreparationFailure* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_HandoverPreparationFailure(__mv_mme_dt_HandoverPreparationFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_HandoverRequest(__mv_mme_dt_HandoverRequest** rec);
 void __mv_mme_debug_HandoverRequest(const char* key, const __mv_mme_dt_HandoverRequest* rec, int level);
 void __mv_mme_memfree_HandoverRequest(__mv_mme_dt_HandoverRequest* rec);
-int __mv_mme_Encode_HandoverRequest(const __mv_mme_dt_HandoverRequest* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_HandoverRequest(__mv_mme_dt_HandoverRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_HandoverRequest(const __mv_mme_dt_HandoverRequest* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_HandoverRequest(__mv_mme_dt_HandoverRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABToBeSetupListHOReq(__mv_mme_dt_E_RABToBeSetupListHOReq** rec);
 void __mv_mme_debug_E_RABToBeSetupListHOReq(const char* key, const __mv_mme_dt_E_RABToBeSetupListHOReq* rec, int level);
 void __mv_mme_memfree_E_RABToBeSetupListHOReq(__mv_mme_dt_E_RABToBeSetupListHOReq* rec);
-int __mv_mme_Encode_E_RABToBeSetupListHOReq(const __mv_mme_dt_E_RABToBeSetupListHOReq* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABToBeSetupListHOReq(__mv_mme_dt_E_RABToBeSetupListHOReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABToBeSetupListHOReq(const __mv_mme_dt_E_RABToBeSetupListHOReq* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABToBeSetupListHOReq(__mv_mme_dt_E_RABToBeSetupListHOReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABToBeSetupItemHOReqIEs(__mv_mme_dt_E_RABToBeSetupItemHOReqIEs** rec);
 void __mv_mme_debug_E_RABToBeSetupItemHOReqIEs(const char* key, const __mv_mme_dt_E_RABToBeSetupItemHOReqIEs* rec, int level);
 void __mv_mme_memfree_E_RABToBeSetupItemHOReqIEs(__mv_mme_dt_E_RABToBeSetupItemHOReqIEs* rec);
-int __mv_mme_Encode_E_RABToBeSetupItemHOReqIEs(const __mv_mme_dt_E_RABToBeSetupItemHOReqIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABToBeSetupItemHOReqIEs(__mv_mme_dt_E_RABToBeSetupItemHOReqIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABToBeSetupItemHOReqIEs(const __mv_mme_dt_E_RABToBeSetupItemHOReqIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABToBeSetupItemHOReqIEs(__mv_mme_dt_E_RABToBeSetupItemHOReqIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABToBeSetupItemHOReq(__mv_mme_dt_E_RABToBeSetupItemHOReq** rec);
 void __mv_mme_debug_E_RABToBeSetupItemHOReq(const char* key, const __mv_mme_dt_E_RABToBeSetupItemHOReq* rec, int level);
 void __mv_mme_memfree_E_RABToBeSetupItemHOReq(__mv_mme_dt_E_RABToBeSetupItemHOReq* rec);
-int __mv_mme_Encode_E_RABToBeSetupItemHOReq(const __mv_mme_dt_E_RABToBeSetupItemHOReq* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABToBeSetupItemHOReq(__mv_mme_dt_E_RABToBeSetupItemHOReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABToBeSetupItemHOReq(const __mv_mme_dt_E_RABToBeSetupItemHOReq* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABToBeSetupItemHOReq(__mv_mme_dt_E_RABToBeSetupItemHOReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_HandoverRequestAcknowledge(__mv_mme_dt_HandoverRequestAcknowledge** rec);
 void __mv_mme_debug_HandoverRequestAcknowledge(const char* key, const __mv_mme_dt_HandoverRequestAcknowledge* rec, int level);
 void __mv_mme_memfree_HandoverRequestAcknowledge(__mv_mme_dt_HandoverRequestAcknowledge* rec);
-int __mv_mme_Encode_HandoverRequestAcknowledge(const __mv_mme_dt_HandoverRequestAcknowledge* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_HandoverRequestAcknowledge(__mv_mme_dt_HandoverRequestAcknowledge** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_HandoverRequestAcknowledge(const __mv_mme_dt_HandoverRequestAcknowledge* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_HandoverRequestAcknowledge(__mv_mme_dt_HandoverRequestAcknowledge** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABAdmittedList(__mv_mme_dt_E_RABAdmittedList** rec);
 void __mv_mme_debug_E_RABAdmittedList(const char* key, const __mv_mme_dt_E_RABAdmittedList* rec, int level);
 void __mv_mme_memfree_E_RABAdmittedList(__mv_mme_dt_E_RABAdmittedList* rec);
-int __mv_mme_Encode_E_RABAdmittedList(const __mv_mme_dt_E_RABAdmittedList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABAdmittedList(__mv_mme_dt_E_RABAdmittedList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABAdmittedList(const __mv_mme_dt_E_RABAdmittedList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABAdmittedList(__mv_mme_dt_E_RABAdmittedList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABAdmittedItemIEs(__mv_mme_dt_E_RABAdmittedItemIEs** rec);
 void __mv_mme_debug_E_RABAdmittedItemIEs(const char* key, const __mv_mme_dt_E_RABAdmittedItemIEs* rec, int level);
 void __mv_mme_memfree_E_RABAdmittedItemIEs(__mv_mme_dt_E_RABAdmittedItemIEs* rec);
-int __mv_mme_Encode_E_RABAdmittedItemIEs(const __mv_mme_dt_E_RABAdmittedItemIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABAdmittedItemIEs(__mv_mme_dt_E_RABAdmittedItemIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABAdmittedItemIEs(const __mv_mme_dt_E_RABAdmittedItemIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABAdmittedItemIEs(__mv_mme_dt_E_RABAdmittedItemIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABAdmittedItem(__mv_mme_dt_E_RABAdmittedItem** rec);
 void __mv_mme_debug_E_RABAdmittedItem(const char* key, const __mv_mme_dt_E_RABAdmittedItem* rec, int level);
 void __mv_mme_memfree_E_RABAdmittedItem(__mv_mme_dt_E_RABAdmittedItem* rec);
-int __mv_mme_Encode_E_RABAdmittedItem(const __mv_mme_dt_E_RABAdmittedItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABAdmittedItem(__mv_mme_dt_E_RABAdmittedItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABAdmittedItem(const __mv_mme_dt_E_RABAdmittedItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABAdmittedItem(__mv_mme_dt_E_RABAdmittedItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABFailedtoSetupListHOReqAck(__mv_mme_dt_E_RABFailedtoSetupListHOReqAck** rec);
 void __mv_mme_debug_E_RABFailedtoSetupListHOReqAck(const char* key, const __mv_mme_dt_E_RABFailedtoSetupListHOReqAck* rec, int level);
 void __mv_mme_memfree_E_RABFailedtoSetupListHOReqAck(__mv_mme_dt_E_RABFailedtoSetupListHOReqAck* rec);
-int __mv_mme_Encode_E_RABFailedtoSetupListHOReqAck(const __mv_mme_dt_E_RABFailedtoSetupListHOReqAck* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABFailedtoSetupListHOReqAck(__mv_mme_dt_E_RABFailedtoSetupListHOReqAck** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABFailedtoSetupListHOReqAck(const __mv_mme_dt_E_RABFailedtoSetupListHOReqAck* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABFailedtoSetupListHOReqAck(__mv_mme_dt_E_RABFailedtoSetupListHOReqAck** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABFailedtoSetupItemHOReqAckIEs(__mv_mme_dt_E_RABFailedtoSetupItemHOReqAckIEs** rec);
 void __mv_mme_debug_E_RABFailedtoSetupItemHOReqAckIEs(const char* key, const __mv_mme_dt_E_RABFailedtoSetupItemHOReqAckIEs* rec, int level);
 void __mv_mme_memfree_E_RABFailedtoSetupItemHOReqAckIEs(__mv_mme_dt_E_RABFailedtoSetupItemHOReqAckIEs* rec);
-int __mv_mme_Encode_E_RABFailedtoSetupItemHOReqAckIEs(const __mv_mme_dt_E_RABFailedtoSetupItemHOReqAckIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABFailedtoSetupItemHOReqAckIEs(__mv_mme_dt_E_RABFailedtoSetupItemHOReqAckIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABFailedtoSetupItemHOReqAckIEs(const __mv_mme_dt_E_RABFailedtoSetupItemHOReqAckIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABFailedtoSetupItemHOReqAckIEs(__mv_mme_dt_E_RABFailedtoSetupItemHOReqAckIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABFailedToSetupItemHOReqAck(__mv_mme_dt_E_RABFailedToSetupItemHOReqAck** rec);
 void __mv_mme_debug_E_RABFailedToSetupItemHOReqAck(const char* key, const __mv_mme_dt_E_RABFailedToSetupItemHOReqAck* rec, int level);
 void __mv_mme_memfree_E_RABFailedToSetupItemHOReqAck(__mv_mme_dt_E_RABFailedToSetupItemHOReqAck* rec);
-int __mv_mme_Encode_E_RABFailedToSetupItemHOReqAck(const __mv_mme_dt_E_RABFailedToSetupItemHOReqAck* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABFailedToSetupItemHOReqAck(__mv_mme_dt_E_RABFailedToSetupItemHOReqAck** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABFailedToSetupItemHOReqAck(const __mv_mme_dt_E_RABFailedToSetupItemHOReqAck* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABFailedToSetupItemHOReqAck(__mv_mme_dt_E_RABFailedToSetupItemHOReqAck** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_HandoverFailure(__mv_mme_dt_HandoverFailure** rec);
 void __mv_mme_debug_HandoverFailure(const char* key, const __mv_mme_dt_HandoverFailure* rec, int level);
 void __mv_mme_memfree_HandoverFailure(__mv_mme_dt_HandoverFailure* rec);
-int __mv_mme_Encode_HandoverFailure(const __mv_mme_dt_HandoverFailure* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_HandoverFailure(__mv_mme_dt_HandoverFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_HandoverFailure(const __mv_mme_dt_HandoverFailure* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_HandoverFailure(__mv_mme_dt_HandoverFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_HandoverNotify(__mv_mme_dt_HandoverNotify** rec);
 void __mv_mme_debug_HandoverNotify(const char* key, const __mv_mme_dt_HandoverNotify* rec, int level);
 void __mv_mme_memfree_HandoverNotify(__mv_mme_dt_HandoverNotify* rec);
-int __mv_mme_Encode_HandoverNotify(const __mv_mme_dt_HandoverNotify* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_HandoverNotify(__mv_mme_dt_HandoverNotify** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_HandoverNotify(const __mv_mme_dt_HandoverNotify* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_HandoverNotify(__mv_mme_dt_HandoverNotify** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_PathSwitchRequest(__mv_mme_dt_PathSwitchRequest** rec);
 void __mv_mme_debug_PathSwitchRequest(const char* key, const __mv_mme_dt_PathSwitchRequest* rec, int level);
 void __mv_mme_memfree_PathSwitchRequest(__mv_mme_dt_PathSwitchRequest* rec);
-int __mv_mme_Encode_PathSwitchRequest(const __mv_mme_dt_PathSwitchRequest* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_PathSwitchRequest(__mv_mme_dt_PathSwitchRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_PathSwitchRequest(const __mv_mme_dt_PathSwitchRequest* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_PathSwitchRequest(__mv_mme_dt_PathSwitchRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABToBeSwitchedDLList(__mv_mme_dt_E_RABToBeSwitchedDLList** rec);
 void __mv_mme_debug_E_RABToBeSwitchedDLList(const char* key, const __mv_mme_dt_E_RABToBeSwitchedDLList* rec, int level);
 void __mv_mme_memfree_E_RABToBeSwitchedDLList(__mv_mme_dt_E_RABToBeSwitchedDLList* rec);
-int __mv_mme_Encode_E_RABToBeSwitchedDLList(const __mv_mme_dt_E_RABToBeSwitchedDLList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABToBeSwitchedDLList(__mv_mme_dt_E_RABToBeSwitchedDLList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABToBeSwitchedDLList(const __mv_mme_dt_E_RABToBeSwitchedDLList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABToBeSwitchedDLList(__mv_mme_dt_E_RABToBeSwitchedDLList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABToBeSwitchedDLItemIEs(__mv_mme_dt_E_RABToBeSwitchedDLItemIEs** rec);
 void __mv_mme_debug_E_RABToBeSwitchedDLItemIEs(const char* key, const __mv_mme_dt_E_RABToBeSwitchedDLItemIEs* rec, int level);
 void __mv_mme_memfree_E_RABToBeSwitchedDLItemIEs(__mv_mme_dt_E_RABToBeSwitchedDLItemIEs* rec);
-int __mv_mme_Encode_E_RABToBeSwitchedDLItemIEs(const __mv_mme_dt_E_RABToBeSwitchedDLItemIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABToBeSwitchedDLItemIEs(__mv_mme_dt_E_RABToBeSwitchedDLItemIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABToBeSwitchedDLItemIEs(const __mv_mme_dt_E_RABToBeSwitchedDLItemIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABToBeSwitchedDLItemIEs(__mv_mme_dt_E_RABToBeSwitchedDLItemIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABToBeSwitchedDLItem(__mv_mme_dt_E_RABToBeSwitchedDLItem** rec);
 void __mv_mme_debug_E_RABToBeSwitchedDLItem(const char* key, const __mv_mme_dt_E_RABToBeSwitchedDLItem* rec, int level);
 void __mv_mme_memfree_E_RABToBeSwitchedDLItem(__mv_mme_dt_E_RABToBeSwitchedDLItem* rec);
-int __mv_mme_Encode_E_RABToBeSwitchedDLItem(const __mv_mme_dt_E_RABToBeSwitchedDLItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABToBeSwitchedDLItem(__mv_mme_dt_E_RABToBeSwitchedDLItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABToBeSwitchedDLItem(const __mv_mme_dt_E_RABToBeSwitchedDLItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABToBeSwitchedDLItem(__mv_mme_dt_E_RABToBeSwitchedDLItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_PathSwitchRequestAcknowledge(__mv_mme_dt_PathSwitchRequestAcknowledge** rec);
 void __mv_mme_debug_PathSwitchRequestAcknowledge(const char* key, const __mv_mme_dt_PathSwitchRequestAcknowledge* rec, int level);
 void __mv_mme_memfree_PathSwitchRequestAcknowledge(__mv_mme_dt_PathSwitchRequestAcknowledge* rec);
-int __mv_mme_Encode_PathSwitchRequestAcknowledge(const __mv_mme_dt_PathSwitchRequestAcknowledge* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_PathSwitchRequestAcknowledge(__mv_mme_dt_PathSwitchRequestAcknowledge** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_PathSwitchRequestAcknowledge(const __mv_mme_dt_PathSwitchRequestAcknowledge* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_PathSwitchRequestAcknowledge(__mv_mme_dt_PathSwitchRequestAcknowledge** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABToBeSwitchedULList(__mv_mme_dt_E_RABToBeSwitchedULList** rec);
 void __mv_mme_debug_E_RABToBeSwitchedULList(const char* key, const __mv_mme_dt_E_RABToBeSwitchedULList* rec, int level);
 void __mv_mme_memfree_E_RABToBeSwitchedULList(__mv_mme_dt_E_RABToBeSwitchedULList* rec);
-int __mv_mme_Encode_E_RABToBeSwitchedULList(const __mv_mme_dt_E_RABToBeSwitchedULList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABToBeSwitchedULList(__mv_mme_dt_E_RABToBeSwitchedULList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABToBeSwitchedULList(const __mv_mme_dt_E_RABToBeSwitchedULList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABToBeSwitchedULList(__mv_mme_dt_E_RABToBeSwitchedULList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABToBeSwitchedULItemIEs(__mv_mme_dt_E_RABToBeSwitchedULItemIEs** rec);
 void __mv_mme_debug_E_RABToBeSwitchedULItemIEs(const char* key, const __mv_mme_dt_E_RABToBeSwitchedULItemIEs* rec, int level);
 void __mv_mme_memfree_E_RABToBeSwitchedULItemIEs(__mv_mme_dt_E_RABToBeSwitchedULItemIEs* rec);
-int __mv_mme_Encode_E_RABToBeSwitchedULItemIEs(const __mv_mme_dt_E_RABToBeSwitchedULItemIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABToBeSwitchedULItemIEs(__mv_mme_dt_E_RABToBeSwitchedULItemIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABToBeSwitchedULItemIEs(const __mv_mme_dt_E_RABToBeSwitchedULItemIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABToBeSwitchedULItemIEs(__mv_mme_dt_E_RABToBeSwitchedULItemIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABToBeSwitchedULItem(__mv_mme_dt_E_RABToBeSwitchedULItem** rec);
 void __mv_mme_debug_E_RABToBeSwitchedULItem(const char* key, const __mv_mme_dt_E_RABToBeSwitchedULItem* rec, int level);
 void __mv_mme_memfree_E_RABToBeSwitchedULItem(__mv_mme_dt_E_RABToBeSwitchedULItem* rec);
-int __mv_mme_Encode_E_RABToBeSwitchedULItem(const __mv_mme_dt_E_RABToBeSwitchedULItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABToBeSwitchedULItem(__mv_mme_dt_E_RABToBeSwitchedULItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABToBeSwitchedULItem(const __mv_mme_dt_E_RABToBeSwitchedULItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABToBeSwitchedULItem(__mv_mme_dt_E_RABToBeSwitchedULItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_PathSwitchRequestFailure(__mv_mme_dt_PathSwitchRequestFailure** rec);
 void __mv_mme_debug_PathSwitchRequestFailure(const char* key, const __mv_mme_dt_PathSwitchRequestFailure* rec, int level);
 void __mv_mme_memfree_PathSwitchRequestFailure(__mv_mme_dt_PathSwitchRequestFailure* rec);
-int __mv_mme_Encode_PathSwitchRequestFailure(const __mv_mme_dt_PathSwitchRequestFailure* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_PathSwitchRequestFailure(__mv_mme_dt_PathSwitchRequestFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_PathSwitchRequestFailure(const __mv_mme_dt_PathSwitchRequestFailure* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_PathSwitchRequestFailure(__mv_mme_dt_PathSwitchRequestFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_HandoverCancel(__mv_mme_dt_HandoverCancel** rec);
 void __mv_mme_debug_HandoverCancel(const char* key, const __mv_mme_dt_HandoverCancel* rec, int level);
 void __mv_mme_memfree_HandoverCancel(__mv_mme_dt_HandoverCancel* rec);
-int __mv_mme_Encode_HandoverCancel(const __mv_mme_dt_HandoverCancel* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_HandoverCancel(__mv_mme_dt_HandoverCancel** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_HandoverCancel(const __mv_mme_dt_HandoverCancel* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_HandoverCancel(__mv_mme_dt_HandoverCancel** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_HandoverCancelAcknowledge(__mv_mme_dt_HandoverCancelAcknowledge** rec);
 void __mv_mme_debug_HandoverCancelAcknowledge(const char* key, const __mv_mme_dt_HandoverCancelAcknowledge* rec, int level);
 void __mv_mme_memfree_HandoverCancelAcknowledge(__mv_mme_dt_HandoverCancelAcknowledge* rec);
-int __mv_mme_Encode_HandoverCancelAcknowledge(const __mv_mme_dt_HandoverCancelAcknowledge* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_HandoverCancelAcknowledge(__mv_mme_dt_HandoverCancelAcknowledge** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_HandoverCancelAcknowledge(const __mv_mme_dt_HandoverCancelAcknowledge* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_HandoverCancelAcknowledge(__mv_mme_dt_HandoverCancelAcknowledge** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABSetupRequest(__mv_mme_dt_E_RABSetupRequest** rec);
 void __mv_mme_debug_E_RABSetupRequest(const char* key, const __mv_mme_dt_E_RABSetupRequest* rec, int level);
 void __mv_mme_memfree_E_RABSetupRequest(__mv_mme_dt_E_RABSetupRequest* rec);
-int __mv_mme_Encode_E_RABSetupRequest(const __mv_mme_dt_E_RABSetupRequest* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABSetupRequest(__mv_mme_dt_E_RABSetupRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABSetupRequest(const __mv_mme_dt_E_RABSetupRequest* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABSetupRequest(__mv_mme_dt_E_RABSetupRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABToBeSetupListBearerSUReq(__mv_mme_dt_E_RABToBeSetupListBearerSUReq** rec);
 void __mv_mme_debug_E_RABToBeSetupListBearerSUReq(const char* key, const __mv_mme_dt_E_RABToBeSetupListBearerSUReq* rec, int level);
 void __mv_mme_memfree_E_RABToBeSetupListBearerSUReq(__mv_mme_dt_E_RABToBeSetupListBearerSUReq* rec);
-int __mv_mme_Encode_E_RABToBeSetupListBearerSUReq(const __mv_mme_dt_E_RABToBeSetupListBearerSUReq* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABToBeSetupListBearerSUReq(__mv_mme_dt_E_RABToBeSetupListBearerSUReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABToBeSetupListBearerSUReq(const __mv_mme_dt_E_RABToBeSetupListBearerSUReq* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABToBeSetupListBearerSUReq(__mv_mme_dt_E_RABToBeSetupListBearerSUReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABToBeSetupItemBearerSUReqIEs(__mv_mme_dt_E_RABToBeSetupItemBearerSUReqIEs** rec);
 void __mv_mme_debug_E_RABToBeSetupItemBearerSUReqIEs(const char* key, const __mv_mme_dt_E_RABToBeSetupItemBearerSUReqIEs* rec, int level);
 void __mv_mme_memfree_E_RABToBeSetupItemBearerSUReqIEs(__mv_mme_dt_E_RABToBeSetupItemBearerSUReqIEs* rec);
-int __mv_mme_Encode_E_RABToBeSetupItemBearerSUReqIEs(const __mv_mme_dt_E_RABToBeSetupItemBearerSUReqIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABToBeSetupItemBearerSUReqIEs(__mv_mme_dt_E_RABToBeSetupItemBearerSUReqIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABToBeSetupItemBearerSUReqIEs(const __mv_mme_dt_E_RABToBeSetupItemBearerSUReqIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABToBeSetupItemBearerSUReqIEs(__mv_mme_dt_E_RABToBeSetupItemBearerSUReqIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABToBeSetupItemBearerSUReq(__mv_mme_dt_E_RABToBeSetupItemBearerSUReq** rec);
 void __mv_mme_debug_E_RABToBeSetupItemBearerSUReq(const char* key, const __mv_mme_dt_E_RABToBeSetupItemBearerSUReq* rec, int level);
 void __mv_mme_memfree_E_RABToBeSetupItemBearerSUReq(__mv_mme_dt_E_RABToBeSetupItemBearerSUReq* rec);
-int __mv_mme_Encode_E_RABToBeSetupItemBearerSUReq(const __mv_mme_dt_E_RABToBeSetupItemBearerSUReq* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABToBeSetupItemBearerSUReq(__mv_mme_dt_E_RABToBeSetupItemBearerSUReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABToBeSetupItemBearerSUReq(const __mv_mme_dt_E_RABToBeSetupItemBearerSUReq* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABToBeSetupItemBearerSUReq(__mv_mme_dt_E_RABToBeSetupItemBearerSUReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABSetupResponse(__mv_mme_dt_E_RABSetupResponse** rec);
 void __mv_mme_debug_E_RABSetupResponse(const char* key, const __mv_mme_dt_E_RABSetupResponse* rec, int level);
 void __mv_mme_memfree_E_RABSetupResponse(__mv_mme_dt_E_RABSetupResponse* rec);
-int __mv_mme_Encode_E_RABSetupResponse(const __mv_mme_dt_E_RABSetupResponse* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABSetupResponse(__mv_mme_dt_E_RABSetupResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABSetupResponse(const __mv_mme_dt_E_RABSetupResponse* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABSetupResponse(__mv_mme_dt_E_RABSetupResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABSetupListBearerSURes(__mv_mme_dt_E_RABSetupListBearerSURes** rec);
 void __mv_mme_debug_E_RABSetupListBearerSURes(const char* key, const __mv_mme_dt_E_RABSetupListBearerSURes* rec, int level);
 void __mv_mme_memfree_E_RABSetupListBearerSURes(__mv_mme_dt_E_RABSetupListBearerSURes* rec);
-int __mv_mme_Encode_E_RABSetupListBearerSURes(const __mv_mme_dt_E_RABSetupListBearerSURes* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABSetupListBearerSURes(__mv_mme_dt_E_RABSetupListBearerSURes** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABSetupListBearerSURes(const __mv_mme_dt_E_RABSetupListBearerSURes* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABSetupListBearerSURes(__mv_mme_dt_E_RABSetupListBearerSURes** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABSetupItemBearerSUResIEs(__mv_mme_dt_E_RABSetupItemBearerSUResIEs** rec);
 void __mv_mme_debug_E_RABSetupItemBearerSUResIEs(const char* key, const __mv_mme_dt_E_RABSetupItemBearerSUResIEs* rec, int level);
 void __mv_mme_memfree_E_RABSetupItemBearerSUResIEs(__mv_mme_dt_E_RABSetupItemBearerSUResIEs* rec);
-int __mv_mme_Encode_E_RABSetupItemBearerSUResIEs(const __mv_mme_dt_E_RABSetupItemBearerSUResIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABSetupItemBearerSUResIEs(__mv_mme_dt_E_RABSetupItemBearerSUResIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABSetupItemBearerSUResIEs(const __mv_mme_dt_E_RABSetupItemBearerSUResIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABSetupItemBearerSUResIEs(__mv_mme_dt_E_RABSetupItemBearerSUResIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABSetupItemBearerSURes(__mv_mme_dt_E_RABSetupItemBearerSURes** rec);
 void __mv_mme_debug_E_RABSetupItemBearerSURes(const char* key, const __mv_mme_dt_E_RABSetupItemBearerSURes* rec, int level);
 void __mv_mme_memfree_E_RABSetupItemBearerSURes(__mv_mme_dt_E_RABSetupItemBearerSURes* rec);
-int __mv_mme_Encode_E_RABSetupItemBearerSURes(const __mv_mme_dt_E_RABSetupItemBearerSURes* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABSetupItemBearerSURes(__mv_mme_dt_E_RABSetupItemBearerSURes** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABSetupItemBearerSURes(const __mv_mme_dt_E_RABSetupItemBearerSURes* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABSetupItemBearerSURes(__mv_mme_dt_E_RABSetupItemBearerSURes** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABModifyRequest(__mv_mme_dt_E_RABModifyRequest** rec);
 void __mv_mme_debug_E_RABModifyRequest(const char* key, const __mv_mme_dt_E_RABModifyRequest* rec, int level);
 void __mv_mme_memfree_E_RABModifyRequest(__mv_mme_dt_E_RABModifyRequest* rec);
-int __mv_mme_Encode_E_RABModifyRequest(const __mv_mme_dt_E_RABModifyRequest* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABModifyRequest(__mv_mme_dt_E_RABModifyRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABModifyRequest(const __mv_mme_dt_E_RABModifyRequest* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABModifyRequest(__mv_mme_dt_E_RABModifyRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABToBeModifiedListBearerModReq(__mv_mme_dt_E_RABToBeModifiedListBearerModReq** rec);
 void __mv_mme_debug_E_RABToBeModifiedListBearerModReq(const char* key, const __mv_mme_dt_E_RABToBeModifiedListBearerModReq* rec, int level);
 void __mv_mme_memfree_E_RABToBeModifiedListBearerModReq(__mv_mme_dt_E_RABToBeModifiedListBearerModReq* rec);
-int __mv_mme_Encode_E_RABToBeModifiedListBearerModReq(const __mv_mme_dt_E_RABToBeModifiedListBearerModReq* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABToBeModifiedListBearerModReq(__mv_mme_dt_E_RABToBeModifiedListBearerModReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABToBeModifiedListBearerModReq(const __mv_mme_dt_E_RABToBeModifiedListBearerModReq* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABToBeModifiedListBearerModReq(__mv_mme_dt_E_RABToBeModifiedListBearerModReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABToBeModifiedItemBearerModReqIEs(__mv_mme_dt_E_RABToBeModifiedItemBearerModReqIEs** rec);
 void __mv_mme_debug_E_RABToBeModifiedItemBearerModReqIEs(const char* key, const __mv_mme_dt_E_RABToBeModifiedItemBearerModReqIEs* rec, int level);
 void __mv_mme_memfree_E_RABToBeModifiedItemBearerModReqIEs(__mv_mme_dt_E_RABToBeModifiedItemBearerModReqIEs* rec);
-int __mv_mme_Encode_E_RABToBeModifiedItemBearerModReqIEs(const __mv_mme_dt_E_RABToBeModifiedItemBearerModReqIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABToBeModifiedItemBearerModReqIEs(__mv_mme_dt_E_RABToBeModifiedItemBearerModReqIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABToBeModifiedItemBearerModReqIEs(const __mv_mme_dt_E_RABToBeModifiedItemBearerModReqIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABToBeModifiedItemBearerModReqIEs(__mv_mme_dt_E_RABToBeModifiedItemBearerModReqIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABToBeModifiedItemBearerModReq(__mv_mme_dt_E_RABToBeModifiedItemBearerModReq** rec);
 void __mv_mme_debug_E_RABToBeModifiedItemBearerModReq(const char* key, const __mv_mme_dt_E_RABToBeModifiedItemBearerModReq* rec, int level);
 void __mv_mme_memfree_E_RABToBeModifiedItemBearerModReq(__mv_mme_dt_E_RABToBeModifiedItemBearerModReq* rec);
-int __mv_mme_Encode_E_RABToBeModifiedItemBearerModReq(const __mv_mme_dt_E_RABToBeModifiedItemBearerModReq* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABToBeModifiedItemBearerModReq(__mv_mme_dt_E_RABToBeModifiedItemBearerModReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABToBeModifiedItemBearerModReq(const __mv_mme_dt_E_RABToBeModifiedItemBearerModReq* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABToBeModifiedItemBearerModReq(__mv_mme_dt_E_RABToBeModifiedItemBearerModReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABModifyResponse(__mv_mme_dt_E_RABModifyResponse** rec);
 void __mv_mme_debug_E_RABModifyResponse(const char* key, const __mv_mme_dt_E_RABModifyResponse* rec, int level);
 void __mv_mme_memfree_E_RABModifyResponse(__mv_mme_dt_E_RABModifyResponse* rec);
-int __mv_mme_Encode_E_RABModifyResponse(const __mv_mme_dt_E_RABModifyResponse* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABModifyResponse(__mv_mme_dt_E_RABModifyResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABModifyResponse(const __mv_mme_dt_E_RABModifyResponse* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABModifyResponse(__mv_mme_dt_E_RABModifyResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABModifyListBearerModRes(__mv_mme_dt_E_RABModifyListBearerModRes** rec);
 void __mv_mme_debug_E_RABModifyListBearerModRes(const char* key, const __mv_mme_dt_E_RABModifyListBearerModRes* rec, int level);
 void __mv_mme_memfree_E_RABModifyListBearerModRes(__mv_mme_dt_E_RABModifyListBearerModRes* rec);
-int __mv_mme_Encode_E_RABModifyListBearerModRes(const __mv_mme_dt_E_RABModifyListBearerModRes* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABModifyListBearerModRes(__mv_mme_dt_E_RABModifyListBearerModRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABModifyListBearerModRes(const __mv_mme_dt_E_RABModifyListBearerModRes* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABModifyListBearerModRes(__mv_mme_dt_E_RABModifyListBearerModRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABModifyItemBearerModResIEs(__mv_mme_dt_E_RABModifyItemBearerModResIEs** rec);
 void __mv_mme_debug_E_RABModifyItemBearerModResIEs(const char* key, const __mv_mme_dt_E_RABModifyItemBearerModResIEs* rec, int level);
 void __mv_mme_memfree_E_RABModifyItemBearerModResIEs(__mv_mme_dt_E_RABModifyItemBearerModResIEs* rec);
-int __mv_mme_Encode_E_RABModifyItemBearerModResIEs(const __mv_mme_dt_E_RABModifyItemBearerModResIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABModifyItemBearerModResIEs(__mv_mme_dt_E_RABModifyItemBearerModResIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABModifyItemBearerModResIEs(const __mv_mme_dt_E_RABModifyItemBearerModResIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABModifyItemBearerModResIEs(__mv_mme_dt_E_RABModifyItemBearerModResIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABModifyItemBearerModRes(__mv_mme_dt_E_RABModifyItemBearerModRes** rec);
 void __mv_mme_debug_E_RABModifyItemBearerModRes(const char* key, const __mv_mme_dt_E_RABModifyItemBearerModRes* rec, int level);
 void __mv_mme_memfree_E_RABModifyItemBearerModRes(__mv_mme_dt_E_RABModifyItemBearerModRes* rec);
-int __mv_mme_Encode_E_RABModifyItemBearerModRes(const __mv_mme_dt_E_RABModifyItemBearerModRes* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABModifyItemBearerModRes(__mv_mme_dt_E_RABModifyItemBearerModRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABModifyItemBearerModRes(const __mv_mme_dt_E_RABModifyItemBearerModRes* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABModifyItemBearerModRes(__mv_mme_dt_E_RABModifyItemBearerModRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABReleaseCommand(__mv_mme_dt_E_RABReleaseCommand** rec);
 void __mv_mme_debug_E_RABReleaseCommand(const char* key, const __mv_mme_dt_E_RABReleaseCommand* rec, int level);
 void __mv_mme_memfree_E_RABReleaseCommand(__mv_mme_dt_E_RABReleaseCommand* rec);
-int __mv_mme_Encode_E_RABReleaseCommand(const __mv_mme_dt_E_RABReleaseCommand* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABReleaseCommand(__mv_mme_dt_E_RABReleaseCommand** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABReleaseCommand(const __mv_mme_dt_E_RABReleaseCommand* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABReleaseCommand(__mv_mme_dt_E_RABReleaseCommand** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABReleaseResponse(__mv_mme_dt_E_RABReleaseResponse** rec);
 void __mv_mme_debug_E_RABReleaseResponse(const char* key, const __mv_mme_dt_E_RABReleaseResponse* rec, int level);
 void __mv_mme_memfree_E_RABReleaseResponse(__mv_mme_dt_E_RABReleaseResponse* rec);
-int __mv_mme_Encode_E_RABReleaseResponse(const __mv_mme_dt_E_RABReleaseResponse* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABReleaseResponse(__mv_mme_dt_E_RABReleaseResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABReleaseResponse(const __mv_mme_dt_E_RABReleaseResponse* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABReleaseResponse(__mv_mme_dt_E_RABReleaseResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABReleaseListBearerRelComp(__mv_mme_dt_E_RABReleaseListBearerRelComp** rec);
 void __mv_mme_debug_E_RABReleaseListBearerRelComp(const char* key, const __mv_mme_dt_E_RABReleaseListBearerRelComp* rec, int level);
 void __mv_mme_memfree_E_RABReleaseListBearerRelComp(__mv_mme_dt_E_RABReleaseListBearerRelComp* rec);
-int __mv_mme_Encode_E_RABReleaseListBearerRelComp(const __mv_mme_dt_E_RABReleaseListBearerRelComp* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABReleaseListBearerRelComp(__mv_mme_dt_E_RABReleaseListBearerRelComp** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABReleaseListBearerRelComp(const __mv_mme_dt_E_RABReleaseListBearerRelComp* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABReleaseListBearerRelComp(__mv_mme_dt_E_RABReleaseListBearerRelComp** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABReleaseItemBearerRelCompIEs(__mv_mme_dt_E_RABReleaseItemBearerRelCompIEs** rec);
 void __mv_mme_debug_E_RABReleaseItemBearerRelCompIEs(const char* key, const __mv_mme_dt_E_RABReleaseItemBearerRelCompIEs* rec, int level);
 void __mv_mme_memfree_E_RABReleaseItemBearerRelCompIEs(__mv_mme_dt_E_RABReleaseItemBearerRelCompIEs* rec);
-int __mv_mme_Encode_E_RABReleaseItemBearerRelCompIEs(const __mv_mme_dt_E_RABReleaseItemBearerRelCompIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABReleaseItemBearerRelCompIEs(__mv_mme_dt_E_RABReleaseItemBearerRelCompIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABReleaseItemBearerRelCompIEs(const __mv_mme_dt_E_RABReleaseItemBearerRelCompIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABReleaseItemBearerRelCompIEs(__mv_mme_dt_E_RABReleaseItemBearerRelCompIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABReleaseItemBearerRelComp(__mv_mme_dt_E_RABReleaseItemBearerRelComp** rec);
 void __mv_mme_debug_E_RABReleaseItemBearerRelComp(const char* key, const __mv_mme_dt_E_RABReleaseItemBearerRelComp* rec, int level);
 void __mv_mme_memfree_E_RABReleaseItemBearerRelComp(__mv_mme_dt_E_RABReleaseItemBearerRelComp* rec);
-int __mv_mme_Encode_E_RABReleaseItemBearerRelComp(const __mv_mme_dt_E_RABReleaseItemBearerRelComp* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABReleaseItemBearerRelComp(__mv_mme_dt_E_RABReleaseItemBearerRelComp** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABReleaseItemBearerRelComp(const __mv_mme_dt_E_RABReleaseItemBearerRelComp* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABReleaseItemBearerRelComp(__mv_mme_dt_E_RABReleaseItemBearerRelComp** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABReleaseIndication(__mv_mme_dt_E_RABReleaseIndication** rec);
 void __mv_mme_debug_E_RABReleaseIndication(const char* key, const __mv_mme_dt_E_RABReleaseIndication* rec, int level);
 void __mv_mme_memfree_E_RABReleaseIndication(__mv_mme_dt_E_RABReleaseIndication* rec);
-int __mv_mme_Encode_E_RABReleaseIndication(const __mv_mme_dt_E_RABReleaseIndication* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABReleaseIndication(__mv_mme_dt_E_RABReleaseIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABReleaseIndication(const __mv_mme_dt_E_RABReleaseIndication* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABReleaseIndication(__mv_mme_dt_E_RABReleaseIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_InitialContextSetupRequest(__mv_mme_dt_InitialContextSetupRequest** rec);
 void __mv_mme_debug_InitialContextSetupRequest(const char* key, const __mv_mme_dt_InitialContextSetupRequest* rec, int level);
 void __mv_mme_memfree_InitialContextSetupRequest(__mv_mme_dt_InitialContextSetupRequest* rec);
-int __mv_mme_Encode_InitialContextSetupRequest(const __mv_mme_dt_InitialContextSetupRequest* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_InitialContextSetupRequest(__mv_mme_dt_InitialContextSetupRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_InitialContextSetupRequest(const __mv_mme_dt_InitialContextSetupRequest* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_InitialContextSetupRequest(__mv_mme_dt_InitialContextSetupRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABToBeSetupListCtxtSUReq(__mv_mme_dt_E_RABToBeSetupListCtxtSUReq** rec);
 void __mv_mme_debug_E_RABToBeSetupListCtxtSUReq(const char* key, const __mv_mme_dt_E_RABToBeSetupListCtxtSUReq* rec, int level);
 void __mv_mme_memfree_E_RABToBeSetupListCtxtSUReq(__mv_mme_dt_E_RABToBeSetupListCtxtSUReq* rec);
-int __mv_mme_Encode_E_RABToBeSetupListCtxtSUReq(const __mv_mme_dt_E_RABToBeSetupListCtxtSUReq* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABToBeSetupListCtxtSUReq(__mv_mme_dt_E_RABToBeSetupListCtxtSUReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABToBeSetupListCtxtSUReq(const __mv_mme_dt_E_RABToBeSetupListCtxtSUReq* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABToBeSetupListCtxtSUReq(__mv_mme_dt_E_RABToBeSetupListCtxtSUReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABToBeSetupItemCtxtSUReqIEs(__mv_mme_dt_E_RABToBeSetupItemCtxtSUReqIEs** rec);
 void __mv_mme_debug_E_RABToBeSetupItemCtxtSUReqIEs(const char* key, const __mv_mme_dt_E_RABToBeSetupItemCtxtSUReqIEs* rec, int level);
 void __mv_mme_memfree_E_RABToBeSetupItemCtxtSUReqIEs(__mv_mme_dt_E_RABToBeSetupItemCtxtSUReqIEs* rec);
-int __mv_mme_Encode_E_RABToBeSetupItemCtxtSUReqIEs(const __mv_mme_dt_E_RABToBeSetupItemCtxtSUReqIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABToBeSetupItemCtxtSUReqIEs(__mv_mme_dt_E_RABToBeSetupItemCtxtSUReqIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABToBeSetupItemCtxtSUReqIEs(const __mv_mme_dt_E_RABToBeSetupItemCtxtSUReqIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABToBeSetupItemCtxtSUReqIEs(__mv_mme_dt_E_RABToBeSetupItemCtxtSUReqIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABToBeSetupItemCtxtSUReq(__mv_mme_dt_E_RABToBeSetupItemCtxtSUReq** rec);
 void __mv_mme_debug_E_RABToBeSetupItemCtxtSUReq(const char* key, const __mv_mme_dt_E_RABToBeSetupItemCtxtSUReq* rec, int level);
 void __mv_mme_memfree_E_RABToBeSetupItemCtxtSUReq(__mv_mme_dt_E_RABToBeSetupItemCtxtSUReq* rec);
-int __mv_mme_Encode_E_RABToBeSetupItemCtxtSUReq(const __mv_mme_dt_E_RABToBeSetupItemCtxtSUReq* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABToBeSetupItemCtxtSUReq(__mv_mme_dt_E_RABToBeSetupItemCtxtSUReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABToBeSetupItemCtxtSUReq(const __mv_mme_dt_E_RABToBeSetupItemCtxtSUReq* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABToBeSetupItemCtxtSUReq(__mv_mme_dt_E_RABToBeSetupItemCtxtSUReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_InitialContextSetupResponse(__mv_mme_dt_InitialContextSetupResponse** rec);
 void __mv_mme_debug_InitialContextSetupResponse(const char* key, const __mv_mme_dt_InitialContextSetupResponse* rec, int level);
 void __mv_mme_memfree_InitialContextSetupResponse(__mv_mme_dt_InitialContextSetupResponse* rec);
-int __mv_mme_Encode_InitialContextSetupResponse(const __mv_mme_dt_InitialContextSetupResponse* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_InitialContextSetupResponse(__mv_mme_dt_InitialContextSetupResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_InitialContextSetupResponse(const __mv_mme_dt_InitialContextSetupResponse* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_InitialContextSetupResponse(__mv_mme_dt_InitialContextSetupResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABSetupListCtxtSURes(__mv_mme_dt_E_RABSetupListCtxtSURes** rec);
 void __mv_mme_debug_E_RABSetupListCtxtSURes(const char* key, const __mv_mme_dt_E_RABSetupListCtxtSURes* rec, int level);
 void __mv_mme_memfree_E_RABSetupListCtxtSURes(__mv_mme_dt_E_RABSetupListCtxtSURes* rec);
-int __mv_mme_Encode_E_RABSetupListCtxtSURes(const __mv_mme_dt_E_RABSetupListCtxtSURes* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABSetupListCtxtSURes(__mv_mme_dt_E_RABSetupListCtxtSURes** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABSetupListCtxtSURes(const __mv_mme_dt_E_RABSetupListCtxtSURes* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABSetupListCtxtSURes(__mv_mme_dt_E_RABSetupListCtxtSURes** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABSetupItemCtxtSUResIEs(__mv_mme_dt_E_RABSetupItemCtxtSUResIEs** rec);
 void __mv_mme_debug_E_RABSetupItemCtxtSUResIEs(const char* key, const __mv_mme_dt_E_RABSetupItemCtxtSUResIEs* rec, int level);
 void __mv_mme_memfree_E_RABSetupItemCtxtSUResIEs(__mv_mme_dt_E_RABSetupItemCtxtSUResIEs* rec);
-int __mv_mme_Encode_E_RABSetupItemCtxtSUResIEs(const __mv_mme_dt_E_RABSetupItemCtxtSUResIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABSetupItemCtxtSUResIEs(__mv_mme_dt_E_RABSetupItemCtxtSUResIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABSetupItemCtxtSUResIEs(const __mv_mme_dt_E_RABSetupItemCtxtSUResIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABSetupItemCtxtSUResIEs(__mv_mme_dt_E_RABSetupItemCtxtSUResIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABSetupItemCtxtSURes(__mv_mme_dt_E_RABSetupItemCtxtSURes** rec);
 void __mv_mme_debug_E_RABSetupItemCtxtSURes(const char* key, const __mv_mme_dt_E_RABSetupItemCtxtSURes* rec, int level);
 void __mv_mme_memfree_E_RABSetupItemCtxtSURes(__mv_mme_dt_E_RABSetupItemCtxtSURes* rec);
-int __mv_mme_Encode_E_RABSetupItemCtxtSURes(const __mv_mme_dt_E_RABSetupItemCtxtSURes* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABSetupItemCtxtSURes(__mv_mme_dt_E_RABSetupItemCtxtSURes** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABSetupItemCtxtSURes(const __mv_mme_dt_E_RABSetupItemCtxtSURes* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABSetupItemCtxtSURes(__mv_mme_dt_E_RABSetupItemCtxtSURes** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_InitialContextSetupFailure(__mv_mme_dt_InitialContextSetupFailure** rec);
 void __mv_mme_debug_InitialContextSetupFailure(const char* key, const __mv_mme_dt_InitialContextSetupFailure* rec, int level);
 void __mv_mme_memfree_InitialContextSetupFailure(__mv_mme_dt_InitialContextSetupFailure* rec);
-int __mv_mme_Encode_InitialContextSetupFailure(const __mv_mme_dt_InitialContextSetupFailure* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_InitialContextSetupFailure(__mv_mme_dt_InitialContextSetupFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_InitialContextSetupFailure(const __mv_mme_dt_InitialContextSetupFailure* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_InitialContextSetupFailure(__mv_mme_dt_InitialContextSetupFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_Paging(__mv_mme_dt_Paging** rec);
 void __mv_mme_debug_Paging(const char* key, const __mv_mme_dt_Paging* rec, int level);
 void __mv_mme_memfree_Paging(__mv_mme_dt_Paging* rec);
-int __mv_mme_Encode_Paging(const __mv_mme_dt_Paging* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Paging(__mv_mme_dt_Paging** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Paging(const __mv_mme_dt_Paging* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Paging(__mv_mme_dt_Paging** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TAIList(__mv_mme_dt_TAIList** rec);
 void __mv_mme_debug_TAIList(const char* key, const __mv_mme_dt_TAIList* rec, int level);
 void __mv_mme_memfree_TAIList(__mv_mme_dt_TAIList* rec);
-int __mv_mme_Encode_TAIList(const __mv_mme_dt_TAIList* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TAIList(__mv_mme_dt_TAIList** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TAIList(const __mv_mme_dt_TAIList* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TAIList(__mv_mme_dt_TAIList** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TAIItemIEs(__mv_mme_dt_TAIItemIEs** rec);
 void __mv_mme_debug_TAIItemIEs(const char* key, const __mv_mme_dt_TAIItemIEs* rec, int level);
 void __mv_mme_memfree_TAIItemIEs(__mv_mme_dt_TAIItemIEs* rec);
-int __mv_mme_Encode_TAIItemIEs(const __mv_mme_dt_TAIItemIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TAIItemIEs(__mv_mme_dt_TAIItemIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TAIItemIEs(const __mv_mme_dt_TAIItemIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TAIItemIEs(__mv_mme_dt_TAIItemIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TAIItem(__mv_mme_dt_TAIItem** rec);
 void __mv_mme_debug_TAIItem(const char* key, const __mv_mme_dt_TAIItem* rec, int level);
 void __mv_mme_memfree_TAIItem(__mv_mme_dt_TAIItem* rec);
-int __mv_mme_Encode_TAIItem(const __mv_mme_dt_TAIItem* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TAIItem(__mv_mme_dt_TAIItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TAIItem(const __mv_mme_dt_TAIItem* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TAIItem(__mv_mme_dt_TAIItem** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UEContextReleaseRequest(__mv_mme_dt_UEContextReleaseRequest** rec);
 void __mv_mme_debug_UEContextReleaseRequest(const char* key, const __mv_mme_dt_UEContextReleaseRequest* rec, int level);
 void __mv_mme_memfree_UEContextReleaseRequest(__mv_mme_dt_UEContextReleaseRequest* rec);
-int __mv_mme_Encode_UEContextReleaseRequest(const __mv_mme_dt_UEContextReleaseRequest* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UEContextReleaseRequest(__mv_mme_dt_UEContextReleaseRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UEContextReleaseRequest(const __mv_mme_dt_UEContextReleaseRequest* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UEContextReleaseRequest(__mv_mme_dt_UEContextReleaseRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UEContextReleaseCommand(__mv_mme_dt_UEContextReleaseCommand** rec);
 void __mv_mme_debug_UEContextReleaseCommand(const char* key, const __mv_mme_dt_UEContextReleaseCommand* rec, int level);
 void __mv_mme_memfree_UEContextReleaseCommand(__mv_mme_dt_UEContextReleaseCommand* rec);
-int __mv_mme_Encode_UEContextReleaseCommand(const __mv_mme_dt_UEContextReleaseCommand* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UEContextReleaseCommand(__mv_mme_dt_UEContextReleaseCommand** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UEContextReleaseCommand(const __mv_mme_dt_UEContextReleaseCommand* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UEContextReleaseCommand(__mv_mme_dt_UEContextReleaseCommand** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UEContextReleaseComplete(__mv_mme_dt_UEContextReleaseComplete** rec);
 void __mv_mme_debug_UEContextReleaseComplete(const char* key, const __mv_mme_dt_UEContextReleaseComplete* rec, int level);
 void __mv_mme_memfree_UEContextReleaseComplete(__mv_mme_dt_UEContextReleaseComplete* rec);
-int __mv_mme_Encode_UEContextReleaseComplete(const __mv_mme_dt_UEContextReleaseComplete* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UEContextReleaseComplete(__mv_mme_dt_UEContextReleaseComplete** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UEContextReleaseComplete(const __mv_mme_dt_UEContextReleaseComplete* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UEContextReleaseComplete(__mv_mme_dt_UEContextReleaseComplete** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UEContextModificationRequest(__mv_mme_dt_UEContextModificationRequest** rec);
 void __mv_mme_debug_UEContextModificationRequest(const char* key, const __mv_mme_dt_UEContextModificationRequest* rec, int level);
 void __mv_mme_memfree_UEContextModificationRequest(__mv_mme_dt_UEContextModificationRequest* rec);
-int __mv_mme_Encode_UEContextModificationRequest(const __mv_mme_dt_UEContextModificationRequest* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UEContextModificationRequest(__mv_mme_dt_UEContextModificationRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UEContextModificationRequest(const __mv_mme_dt_UEContextModificationRequest* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UEContextModificationRequest(__mv_mme_dt_UEContextModificationRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UEContextModificationResponse(__mv_mme_dt_UEContextModificationResponse** rec);
 void __mv_mme_debug_UEContextModificationResponse(const char* key, const __mv_mme_dt_UEContextModificationResponse* rec, int level);
 void __mv_mme_memfree_UEContextModificationResponse(__mv_mme_dt_UEContextModificationResponse* rec);
-int __mv_mme_Encode_UEContextModificationResponse(const __mv_mme_dt_UEContextModificationResponse* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UEContextModificationResponse(__mv_mme_dt_UEContextModificationResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UEContextModificationResponse(const __mv_mme_dt_UEContextModificationResponse* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UEContextModificationResponse(__mv_mme_dt_UEContextModificationResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UEContextModificationFailure(__mv_mme_dt_UEContextModificationFailure** rec);
 void __mv_mme_debug_UEContextModificationFailure(const char* key, const __mv_mme_dt_UEContextModificationFailure* rec, int level);
 void __mv_mme_memfree_UEContextModificationFailure(__mv_mme_dt_UEContextModificationFailure* rec);
-int __mv_mme_Encode_UEContextModificationFailure(const __mv_mme_dt_UEContextModificationFailure* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UEContextModificationFailure(__mv_mme_dt_UEContextModificationFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UEContextModificationFailure(const __mv_mme_dt_UEContextModificationFailure* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UEContextModificationFailure(__mv_mme_dt_UEContextModificationFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UERadioCapabilityMatchRequest(__mv_mme_dt_UERadioCapabilityMatchRequest** rec);
 void __mv_mme_debug_UERadioCapabilityMatchRequest(const char* key, const __mv_mme_dt_UERadioCapabilityMatchRequest* rec, int level);
 void __mv_mme_memfree_UERadioCapabilityMatchRequest(__mv_mme_dt_UERadioCapabilityMatchRequest* rec);
-int __mv_mme_Encode_UERadioCapabilityMatchRequest(const __mv_mme_dt_UERadioCapabilityMatchRequest* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UERadioCapabilityMatchRequest(__mv_mme_dt_UERadioCapabilityMatchRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UERadioCapabilityMatchRequest(const __mv_mme_dt_UERadioCapabilityMatchRequest* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UERadioCapabilityMatchRequest(__mv_mme_dt_UERadioCapabilityMatchRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UERadioCapabilityMatchResponse(__mv_mme_dt_UERadioCapabilityMatchResponse** rec);
 void __mv_mme_debug_UERadioCapabilityMatchResponse(const char* key, const __mv_mme_dt_UERadioCapabilityMatchResponse* rec, int level);
 void __mv_mme_memfree_UERadioCapabilityMatchResponse(__mv_mme_dt_UERadioCapabilityMatchResponse* rec);
-int __mv_mme_Encode_UERadioCapabilityMatchResponse(const __mv_mme_dt_UERadioCapabilityMatchResponse* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UERadioCapabilityMatchResponse(__mv_mme_dt_UERadioCapabilityMatchResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UERadioCapabilityMatchResponse(const __mv_mme_dt_UERadioCapabilityMatchResponse* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UERadioCapabilityMatchResponse(__mv_mme_dt_UERadioCapabilityMatchResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_DownlinkNASTransport(__mv_mme_dt_DownlinkNASTransport** rec);
 void __mv_mme_debug_DownlinkNASTransport(const char* key, const __mv_mme_dt_DownlinkNASTransport* rec, int level);
 void __mv_mme_memfree_DownlinkNASTransport(__mv_mme_dt_DownlinkNASTransport* rec);
-int __mv_mme_Encode_DownlinkNASTransport(const __mv_mme_dt_DownlinkNASTransport* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_DownlinkNASTransport(__mv_mme_dt_DownlinkNASTransport** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_DownlinkNASTransport(const __mv_mme_dt_DownlinkNASTransport* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_DownlinkNASTransport(__mv_mme_dt_DownlinkNASTransport** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_InitialUEMessage(__mv_mme_dt_InitialUEMessage** rec);
 void __mv_mme_debug_InitialUEMessage(const char* key, const __mv_mme_dt_InitialUEMessage* rec, int level);
 void __mv_mme_memfree_InitialUEMessage(__mv_mme_dt_InitialUEMessage* rec);
-int __mv_mme_Encode_InitialUEMessage(const __mv_mme_dt_InitialUEMessage* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_InitialUEMessage(__mv_mme_dt_InitialUEMessage** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_InitialUEMessage(const __mv_mme_dt_InitialUEMessage* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_InitialUEMessage(__mv_mme_dt_InitialUEMessage** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UplinkNASTransport(__mv_mme_dt_UplinkNASTransport** rec);
 void __mv_mme_debug_UplinkNASTransport(const char* key, const __mv_mme_dt_UplinkNASTransport* rec, int level);
 void __mv_mme_memfree_UplinkNASTransport(__mv_mme_dt_UplinkNASTransport* rec);
-int __mv_mme_Encode_UplinkNASTransport(const __mv_mme_dt_UplinkNASTransport* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UplinkNASTransport(__mv_mme_dt_UplinkNASTransport** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UplinkNASTransport(const __mv_mme_dt_UplinkNASTransport* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UplinkNASTransport(__mv_mme_dt_UplinkNASTransport** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_NASNonDeliveryIndication(__mv_mme_dt_NASNonDeliveryIndication** rec);
 void __mv_mme_debug_NASNonDeliveryIndication(const char* key, const __mv_mme_dt_NASNonDeliveryIndication* rec, int level);
 void __mv_mme_memfree_NASNonDeliveryIndication(__mv_mme_dt_NASNonDeliveryIndication* rec);
-int __mv_mme_Encode_NASNonDeliveryIndication(const __mv_mme_dt_NASNonDeliveryIndication* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_NASNonDeliveryIndication(__mv_mme_dt_NASNonDeliveryIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_NASNonDeliveryIndication(const __mv_mme_dt_NASNonDeliveryIndication* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_NASNonDeliveryIndication(__mv_mme_dt_NASNonDeliveryIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_RerouteNASRequest(__mv_mme_dt_RerouteNASRequest** rec);
 void __mv_mme_debug_RerouteNASRequest(const char* key, const __mv_mme_dt_RerouteNASRequest* rec, int level);
 void __mv_mme_memfree_RerouteNASRequest(__mv_mme_dt_RerouteNASRequest* rec);
-int __mv_mme_Encode_RerouteNASRequest(const __mv_mme_dt_RerouteNASRequest* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_RerouteNASRequest(__mv_mme_dt_RerouteNASRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_RerouteNASRequest(const __mv_mme_dt_RerouteNASRequest* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_RerouteNASRequest(__mv_mme_dt_RerouteNASRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_RerouteNASRequest_S1_Message(__mv_mme_dt_RerouteNASRequest_S1_Message** rec);
 int __mv_mme_init_RerouteNASRequest_S1_Message2(__mv_mme_dt_RerouteNASRequest_S1_Message** rec, const uint8_t* bytes, uint32_t length);
 void __mv_mme_debug_RerouteNASRequest_S1_Message(const char* key, const __mv_mme_dt_RerouteNASRequest_S1_Message* rec, int level);
 void __mv_mme_memfree_RerouteNASRequest_S1_Message(__mv_mme_dt_RerouteNASRequest_S1_Message* rec);
-int __mv_mme_Encode_RerouteNASRequest_S1_Message(const __mv_mme_dt_RerouteNASRequest_S1_Message* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_RerouteNASRequest_S1_Message(__mv_mme_dt_RerouteNASRequest_S1_Message** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_RerouteNASRequest_S1_Message(const __mv_mme_dt_RerouteNASRequest_S1_Message* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_RerouteNASRequest_S1_Message(__mv_mme_dt_RerouteNASRequest_S1_Message** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_NASDeliveryIndication(__mv_mme_dt_NASDeliveryIndication** rec);
 void __mv_mme_debug_NASDeliveryIndication(const char* key, const __mv_mme_dt_NASDeliveryIndication* rec, int level);
 void __mv_mme_memfree_NASDeliveryIndication(__mv_mme_dt_NASDeliveryIndication* rec);
-int __mv_mme_Encode_NASDeliveryIndication(const __mv_mme_dt_NASDeliveryIndication* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_NASDeliveryIndication(__mv_mme_dt_NASDeliveryIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_NASDeliveryIndication(const __mv_mme_dt_NASDeliveryIndication* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_NASDeliveryIndication(__mv_mme_dt_NASDeliveryIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_Reset(__mv_mme_dt_Reset** rec);
 void __mv_mme_debug_Reset(const char* key, const __mv_mme_dt_Reset* rec, int level);
 void __mv_mme_memfree_Reset(__mv_mme_dt_Reset* rec);
-int __mv_mme_Encode_Reset(const __mv_mme_dt_Reset* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Reset(__mv_mme_dt_Reset** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Reset(const __mv_mme_dt_Reset* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Reset(__mv_mme_dt_Reset** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ResetType(__mv_mme_dt_ResetType** rec);
 void __mv_mme_debug_ResetType(const char* key, const __mv_mme_dt_ResetType* rec, int level);
 void __mv_mme_memfree_ResetType(__mv_mme_dt_ResetType* rec);
-int __mv_mme_Encode_ResetType(const __mv_mme_dt_ResetType* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ResetType(__mv_mme_dt_ResetType** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ResetType(const __mv_mme_dt_ResetType* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ResetType(__mv_mme_dt_ResetType** out, int* isset, int level, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_ResetAll(const char* key, __mv_mme_dt_ResetAll value, int level);
-int __mv_mme_Encode_ResetAll(__mv_mme_dt_ResetAll value, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ResetAll(__mv_mme_dt_ResetAll* out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ResetAll(__mv_mme_dt_ResetAll value, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ResetAll(__mv_mme_dt_ResetAll* out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UE_associatedLogicalS1_ConnectionListRes(__mv_mme_dt_UE_associatedLogicalS1_ConnectionListRes** rec);
 void __mv_mme_debug_UE_associatedLogicalS1_ConnectionListRes(const char* key, const __mv_mme_dt_UE_associatedLogicalS1_ConnectionListRes* rec, int level);
 void __mv_mme_memfree_UE_associatedLogicalS1_ConnectionListRes(__mv_mme_dt_UE_associatedLogicalS1_ConnectionListRes* rec);
-int __mv_mme_Encode_UE_associatedLogicalS1_ConnectionListRes(const __mv_mme_dt_UE_associatedLogicalS1_ConnectionListRes* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UE_associatedLogicalS1_ConnectionListRes(__mv_mme_dt_UE_associatedLogicalS1_ConnectionListRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UE_associatedLogicalS1_ConnectionListRes(const __mv_mme_dt_UE_associatedLogicalS1_ConnectionListRes* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UE_associatedLogicalS1_ConnectionListRes(__mv_mme_dt_UE_associatedLogicalS1_ConnectionListRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UE_associatedLogicalS1_ConnectionItemRes(__mv_mme_dt_UE_associatedLogicalS1_ConnectionItemRes** rec);
 void __mv_mme_debug_UE_associatedLogicalS1_ConnectionItemRes(const char* key, const __mv_mme_dt_UE_associatedLogicalS1_ConnectionItemRes* rec, int level);
 void __mv_mme_memfree_UE_associatedLogicalS1_ConnectionItemRes(__mv_mme_dt_UE_associatedLogicalS1_ConnectionItemRes* rec);
-int __mv_mme_Encode_UE_associatedLogicalS1_ConnectionItemRes(const __mv_mme_dt_UE_associatedLogicalS1_ConnectionItemRes* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UE_associatedLogicalS1_ConnectionItemRes(__mv_mme_dt_UE_associatedLogicalS1_ConnectionItemRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UE_associatedLogicalS1_ConnectionItemRes(const __mv_mme_dt_UE_associatedLogicalS1_ConnectionItemRes* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UE_associatedLogicalS1_ConnectionItemRes(__mv_mme_dt_UE_associatedLogicalS1_ConnectionItemRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ResetAcknowledge(__mv_mme_dt_ResetAcknowledge** rec);
 void __mv_mme_debug_ResetAcknowledge(const char* key, const __mv_mme_dt_ResetAcknowledge* rec, int level);
 void __mv_mme_memfree_ResetAcknowledge(__mv_mme_dt_ResetAcknowledge* rec);
-int __mv_mme_Encode_ResetAcknowledge(const __mv_mme_dt_ResetAcknowledge* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ResetAcknowledge(__mv_mme_dt_ResetAcknowledge** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ResetAcknowledge(const __mv_mme_dt_ResetAcknowledge* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ResetAcknowledge(__mv_mme_dt_ResetAcknowledge** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UE_associatedLogicalS1_ConnectionListResAck(__mv_mme_dt_UE_associatedLogicalS1_ConnectionListResAck** rec);
 void __mv_mme_debug_UE_associatedLogicalS1_ConnectionListResAck(const char* key, const __mv_mme_dt_UE_associatedLogicalS1_ConnectionListResAck* rec, int level);
 void __mv_mme_memfree_UE_associatedLogicalS1_ConnectionListResAck(__mv_mme_dt_UE_associatedLogicalS1_ConnectionListResAck* rec);
-int __mv_mme_Encode_UE_associatedLogicalS1_ConnectionListResAck(const __mv_mme_dt_UE_associatedLogicalS1_ConnectionListResAck* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UE_associatedLogicalS1_ConnectionListResAck(__mv_mme_dt_UE_associatedLogicalS1_ConnectionListResAck** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UE_associatedLogicalS1_ConnectionListResAck(const __mv_mme_dt_UE_associatedLogicalS1_ConnectionListResAck* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UE_associatedLogicalS1_ConnectionListResAck(__mv_mme_dt_UE_associatedLogicalS1_ConnectionListResAck** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UE_associatedLogicalS1_ConnectionItemResAck(__mv_mme_dt_UE_associatedLogicalS1_ConnectionItemResAck** rec);
 void __mv_mme_debug_UE_associatedLogicalS1_ConnectionItemResAck(const char* key, const __mv_mme_dt_UE_associatedLogicalS1_ConnectionItemResAck* rec, int level);
 void __mv_mme_memfree_UE_associatedLogicalS1_ConnectionItemResAck(__mv_mme_dt_UE_associatedLogicalS1_ConnectionItemResAck* rec);
-int __mv_mme_Encode_UE_associatedLogicalS1_ConnectionItemResAck(const __mv_mme_dt_UE_associatedLogicalS1_ConnectionItemResAck* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UE_associatedLogicalS1_ConnectionItemResAck(__mv_mme_dt_UE_associatedLogicalS1_ConnectionItemResAck** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UE_associatedLogicalS1_ConnectionItemResAck(const __mv_mme_dt_UE_associatedLogicalS1_ConnectionItemResAck* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UE_associatedLogicalS1_ConnectionItemResAck(__mv_mme_dt_UE_associatedLogicalS1_ConnectionItemResAck** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ErrorIndication(__mv_mme_dt_ErrorIndication** rec);
 void __mv_mme_debug_ErrorIndication(const char* key, const __mv_mme_dt_ErrorIndication* rec, int level);
 void __mv_mme_memfree_ErrorIndication(__mv_mme_dt_ErrorIndication* rec);
-int __mv_mme_Encode_ErrorIndication(const __mv_mme_dt_ErrorIndication* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ErrorIndication(__mv_mme_dt_ErrorIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ErrorIndication(const __mv_mme_dt_ErrorIndication* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ErrorIndication(__mv_mme_dt_ErrorIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_S1SetupRequest(__mv_mme_dt_S1SetupRequest** rec);
 void __mv_mme_debug_S1SetupRequest(const char* key, const __mv_mme_dt_S1SetupRequest* rec, int level);
 void __mv_mme_memfree_S1SetupRequest(__mv_mme_dt_S1SetupRequest* rec);
-int __mv_mme_Encode_S1SetupRequest(const __mv_mme_dt_S1SetupRequest* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_S1SetupRequest(__mv_mme_dt_S1SetupRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_S1SetupRequest(const __mv_mme_dt_S1SetupRequest* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_S1SetupRequest(__mv_mme_dt_S1SetupRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_S1SetupResponse(__mv_mme_dt_S1SetupResponse** rec);
 void __mv_mme_debug_S1SetupResponse(const char* key, const __mv_mme_dt_S1SetupResponse* rec, int level);
 void __mv_mme_memfree_S1SetupResponse(__mv_mme_dt_S1SetupResponse* rec);
-int __mv_mme_Encode_S1SetupResponse(const __mv_mme_dt_S1SetupResponse* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_S1SetupResponse(__mv_mme_dt_S1SetupResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_S1SetupResponse(const __mv_mme_dt_S1SetupResponse* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_S1SetupResponse(__mv_mme_dt_S1SetupResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_S1SetupFailure(__mv_mme_dt_S1SetupFailure** rec);
 void __mv_mme_debug_S1SetupFailure(const char* key, const __mv_mme_dt_S1SetupFailure* rec, int level);
 void __mv_mme_memfree_S1SetupFailure(__mv_mme_dt_S1SetupFailure* rec);
-int __mv_mme_Encode_S1SetupFailure(const __mv_mme_dt_S1SetupFailure* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_S1SetupFailure(__mv_mme_dt_S1SetupFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_S1SetupFailure(const __mv_mme_dt_S1SetupFailure* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_S1SetupFailure(__mv_mme_dt_S1SetupFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ENBConfigurationUpdate(__mv_mme_dt_ENBConfigurationUpdate** rec);
 void __mv_mme_debug_ENBConfigurationUpdate(const char* key, const __mv_mme_dt_ENBConfigurationUpdate* rec, int level);
 void __mv_mme_memfree_ENBConfigurationUpdate(__mv_mme_dt_ENBConfigurationUpdate* rec);
-int __mv_mme_Encode_ENBConfigurationUpdate(const __mv_mme_dt_ENBConfigurationUpdate* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ENBConfigurationUpdate(__mv_mme_dt_ENBConfigurationUpdate** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ENBConfigurationUpdate(const __mv_mme_dt_ENBConfigurationUpdate* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ENBConfigurationUpdate(__mv_mme_dt_ENBConfigurationUpdate** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ENBConfigurationUpdateAcknowledge(__mv_mme_dt_ENBConfigurationUpdateAcknowledge** rec);
 void __mv_mme_debug_ENBConfigurationUpdateAcknowledge(const char* key, const __mv_mme_dt_ENBConfigurationUpdateAcknowledge* rec, int level);
 void __mv_mme_memfree_ENBConfigurationUpdateAcknowledge(__mv_mme_dt_ENBConfigurationUpdateAcknowledge* rec);
-int __mv_mme_Encode_ENBConfigurationUpdateAcknowledge(const __mv_mme_dt_ENBConfigurationUpdateAcknowledge* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ENBConfigurationUpdateAcknowledge(__mv_mme_dt_ENBConfigurationUpdateAcknowledge** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ENBConfigurationUpdateAcknowledge(const __mv_mme_dt_ENBConfigurationUpdateAcknowledge* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ENBConfigurationUpdateAcknowledge(__mv_mme_dt_ENBConfigurationUpdateAcknowledge** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ENBConfigurationUpdateFailure(__mv_mme_dt_ENBConfigurationUpdateFailure** rec);
 void __mv_mme_debug_ENBConfigurationUpdateFailure(const char* key, const __mv_mme_dt_ENBConfigurationUpdateFailure* rec, int level);
 void __mv_mme_memfree_ENBConfigurationUpdateFailure(__mv_mme_dt_ENBConfigurationUpdateFailure* rec);
-int __mv_mme_Encode_ENBConfigurationUpdateFailure(const __mv_mme_dt_ENBConfigurationUpdateFailure* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ENBConfigurationUpdateFailure(__mv_mme_dt_ENBConfigurationUpdateFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ENBConfigurationUpdateFailure(const __mv_mme_dt_ENBConfigurationUpdateFailure* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ENBConfigurationUpdateFailure(__mv_mme_dt_ENBConfigurationUpdateFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_MMEConfigurationUpdate(__mv_mme_dt_MMEConfigurationUpdate** rec);
 void __mv_mme_debug_MMEConfigurationUpdate(const char* key, const __mv_mme_dt_MMEConfigurationUpdate* rec, int level);
 void __mv_mme_memfree_MMEConfigurationUpdate(__mv_mme_dt_MMEConfigurationUpdate* rec);
-int __mv_mme_Encode_MMEConfigurationUpdate(const __mv_mme_dt_MMEConfigurationUpdate* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MMEConfigurationUpdate(__mv_mme_dt_MMEConfigurationUpdate** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MMEConfigurationUpdate(const __mv_mme_dt_MMEConfigurationUpdate* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MMEConfigurationUpdate(__mv_mme_dt_MMEConfigurationUpdate** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_MMEConfigurationUpdateAcknowledge(__mv_mme_dt_MMEConfigurationUpdateAcknowledge** rec);
 void __mv_mme_debug_MMEConfigurationUpdateAcknowledge(const char* key, const __mv_mme_dt_MMEConfigurationUpdateAcknowledge* rec, int level);
 void __mv_mme_memfree_MMEConfigurationUpdateAcknowledge(__mv_mme_dt_MMEConfigurationUpdateAcknowledge* rec);
-int __mv_mme_Encode_MMEConfigurationUpdateAcknowledge(const __mv_mme_dt_MMEConfigurationUpdateAcknowledge* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MMEConfigurationUpdateAcknowledge(__mv_mme_dt_MMEConfigurationUpdateAcknowledge** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MMEConfigurationUpdateAcknowledge(const __mv_mme_dt_MMEConfigurationUpdateAcknowledge* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MMEConfigurationUpdateAcknowledge(__mv_mme_dt_MMEConfigurationUpdateAcknowledge** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_MMEConfigurationUpdateFailure(__mv_mme_dt_MMEConfigurationUpdateFailure** rec);
 void __mv_mme_debug_MMEConfigurationUpdateFailure(const char* key, const __mv_mme_dt_MMEConfigurationUpdateFailure* rec, int level);
 void __mv_mme_memfree_MMEConfigurationUpdateFailure(__mv_mme_dt_MMEConfigurationUpdateFailure* rec);
-int __mv_mme_Encode_MMEConfigurationUpdateFailure(const __mv_mme_dt_MMEConfigurationUpdateFailure* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MMEConfigurationUpdateFailure(__mv_mme_dt_MMEConfigurationUpdateFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MMEConfigurationUpdateFailure(const __mv_mme_dt_MMEConfigurationUpdateFailure* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MMEConfigurationUpdateFailure(__mv_mme_dt_MMEConfigurationUpdateFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_DownlinkS1cdma2000tunnelling(__mv_mme_dt_DownlinkS1cdma2000tunnelling** rec);
 void __mv_mme_debug_DownlinkS1cdma2000tunnelling(const char* key, const __mv_mme_dt_DownlinkS1cdma2000tunnelling* rec, int level);
 void __mv_mme_memfree_DownlinkS1cdma2000tunnelling(__mv_mme_dt_DownlinkS1cdma2000tunnelling* rec);
-int __mv_mme_Encode_DownlinkS1cdma2000tunnelling(const __mv_mme_dt_DownlinkS1cdma2000tunnelling* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_DownlinkS1cdma2000tunnelling(__mv_mme_dt_DownlinkS1cdma2000tunnelling** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_DownlinkS1cdma2000tunnelling(const __mv_mme_dt_DownlinkS1cdma2000tunnelling* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_DownlinkS1cdma2000tunnelling(__mv_mme_dt_DownlinkS1cdma2000tunnelling** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UplinkS1cdma2000tunnelling(__mv_mme_dt_UplinkS1cdma2000tunnelling** rec);
 void __mv_mme_debug_UplinkS1cdma2000tunnelling(const char* key, const __mv_mme_dt_UplinkS1cdma2000tunnelling* rec, int level);
 void __mv_mme_memfree_UplinkS1cdma2000tunnelling(__mv_mme_dt_UplinkS1cdma2000tunnelling* rec);
-int __mv_mme_Encode_UplinkS1cdma2000tunnelling(const __mv_mme_dt_UplinkS1cdma2000tunnelling* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UplinkS1cdma2000tunnelling(__mv_mme_dt_UplinkS1cdma2000tunnelling** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UplinkS1cdma2000tunnelling(const __mv_mme_dt_UplinkS1cdma2000tunnelling* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UplinkS1cdma2000tunnelling(__mv_mme_dt_UplinkS1cdma2000tunnelling** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UECapabilityInfoIndication(__mv_mme_dt_UECapabilityInfoIndication** rec);
 void __mv_mme_debug_UECapabilityInfoIndication(const char* key, const __mv_mme_dt_UECapabilityInfoIndication* rec, int level);
 void __mv_mme_memfree_UECapabilityInfoIndication(__mv_mme_dt_UECapabilityInfoIndication* rec);
-int __mv_mme_Encode_UECapabilityInfoIndication(const __mv_mme_dt_UECapabilityInfoIndication* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UECapabilityInfoIndication(__mv_mme_dt_UECapabilityInfoIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UECapabilityInfoIndication(const __mv_mme_dt_UECapabilityInfoIndication* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UECapabilityInfoIndication(__mv_mme_dt_UECapabilityInfoIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ENBStatusTransfer(__mv_mme_dt_ENBStatusTransfer** rec);
 void __mv_mme_debug_ENBStatusTransfer(const char* key, const __mv_mme_dt_ENBStatusTransfer* rec, int level);
 void __mv_mme_memfree_ENBStatusTransfer(__mv_mme_dt_ENBStatusTransfer* rec);
-int __mv_mme_Encode_ENBStatusTransfer(const __mv_mme_dt_ENBStatusTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ENBStatusTransfer(__mv_mme_dt_ENBStatusTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ENBStatusTransfer(const __mv_mme_dt_ENBStatusTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ENBStatusTransfer(__mv_mme_dt_ENBStatusTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_MMEStatusTransfer(__mv_mme_dt_MMEStatusTransfer** rec);
 void __mv_mme_debug_MMEStatusTransfer(const char* key, const __mv_mme_dt_MMEStatusTransfer* rec, int level);
 void __mv_mme_memfree_MMEStatusTransfer(__mv_mme_dt_MMEStatusTransfer* rec);
-int __mv_mme_Encode_MMEStatusTransfer(const __mv_mme_dt_MMEStatusTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MMEStatusTransfer(__mv_mme_dt_MMEStatusTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MMEStatusTransfer(const __mv_mme_dt_MMEStatusTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MMEStatusTransfer(__mv_mme_dt_MMEStatusTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TraceStart(__mv_mme_dt_TraceStart** rec);
 void __mv_mme_debug_TraceStart(const char* key, const __mv_mme_dt_TraceStart* rec, int level);
 void __mv_mme_memfree_TraceStart(__mv_mme_dt_TraceStart* rec);
-int __mv_mme_Encode_TraceStart(const __mv_mme_dt_TraceStart* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TraceStart(__mv_mme_dt_TraceStart** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TraceStart(const __mv_mme_dt_TraceStart* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TraceStart(__mv_mme_dt_TraceStart** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_TraceFailureIndication(__mv_mme_dt_TraceFailureIndication** rec);
 void __mv_mme_debug_TraceFailureIndication(const char* key, const __mv_mme_dt_TraceFailureIndication* rec, int level);
 void __mv_mme_memfree_TraceFailureIndication(__mv_mme_dt_TraceFailureIndication* rec);
-int __mv_mme_Encode_TraceFailureIndication(const __mv_mme_dt_TraceFailureIndication* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_TraceFailureIndication(__mv_mme_dt_TraceFailureIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_TraceFailureIndication(const __mv_mme_dt_TraceFailureIndication* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_TraceFailureIndication(__mv_mme_dt_TraceFailureIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_DeactivateTrace(__mv_mme_dt_DeactivateTrace** rec);
 void __mv_mme_debug_DeactivateTrace(const char* key, const __mv_mme_dt_DeactivateTrace* rec, int level);
 void __mv_mme_memfree_DeactivateTrace(__mv_mme_dt_DeactivateTrace* rec);
-int __mv_mme_Encode_DeactivateTrace(const __mv_mme_dt_DeactivateTrace* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_DeactivateTrace(__mv_mme_dt_DeactivateTrace** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_DeactivateTrace(const __mv_mme_dt_DeactivateTrace* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_DeactivateTrace(__mv_mme_dt_DeactivateTrace** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CellTrafficTrace(__mv_mme_dt_CellTrafficTrace** rec);
 void __mv_mme_debug_CellTrafficTrace(const char* key, const __mv_mme_dt_CellTrafficTrace* rec, int level);
 void __mv_mme_memfree_CellTrafficTrace(__mv_mme_dt_CellTrafficTrace* rec);
-int __mv_mme_Encode_CellTrafficTrace(const __mv_mme_dt_CellTrafficTrace* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CellTrafficTrace(__mv_mme_dt_CellTrafficTrace** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CellTrafficTrace(const __mv_mme_dt_CellTrafficTrace* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CellTrafficTrace(__mv_mme_dt_CellTrafficTrace** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_LocationReportingControl(__mv_mme_dt_LocationReportingControl** rec);
 void __mv_mme_debug_LocationReportingControl(const char* key, const __mv_mme_dt_LocationReportingControl* rec, int level);
 void __mv_mme_memfree_LocationReportingControl(__mv_mme_dt_LocationReportingControl* rec);
-int __mv_mme_Encode_LocationReportingControl(const __mv_mme_dt_LocationReportingControl* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_LocationReportingControl(__mv_mme_dt_LocationReportingControl** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_LocationReportingControl(const __mv_mme_dt_LocationReportingControl* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_LocationReportingControl(__mv_mme_dt_LocationReportingControl** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_LocationReportingFailureIndication(__mv_mme_dt_LocationReportingFailureIndication** rec);
 void __mv_mme_debug_LocationReportingFailureIndication(const char* key, const __mv_mme_dt_LocationReportingFailureIndication* rec, int level);
 void __mv_mme_memfree_LocationReportingFailureIndication(__mv_mme_dt_LocationReportingFailureIndication* rec);
-int __mv_mme_Encode_LocationReportingFailureIndication(const __mv_mme_dt_LocationReportingFailureIndication* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_LocationReportingFailureIndication(__mv_mme_dt_LocationReportingFailureIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_LocationReportingFailureIndication(const __mv_mme_dt_LocationReportingFailureIndication* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_LocationReportingFailureIndication(__mv_mme_dt_LocationReportingFailureIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_LocationReport(__mv_mme_dt_LocationReport** rec);
 void __mv_mme_debug_LocationReport(const char* key, const __mv_mme_dt_LocationReport* rec, int level);
 void __mv_mme_memfree_LocationReport(__mv_mme_dt_LocationReport* rec);
-int __mv_mme_Encode_LocationReport(const __mv_mme_dt_LocationReport* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_LocationReport(__mv_mme_dt_LocationReport** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_LocationReport(const __mv_mme_dt_LocationReport* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_LocationReport(__mv_mme_dt_LocationReport** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_OverloadStart(__mv_mme_dt_OverloadStart** rec);
 void __mv_mme_debug_OverloadStart(const char* key, const __mv_mme_dt_OverloadStart* rec, int level);
 void __mv_mme_memfree_OverloadStart(__mv_mme_dt_OverloadStart* rec);
-int __mv_mme_Encode_OverloadStart(const __mv_mme_dt_OverloadStart* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_OverloadStart(__mv_mme_dt_OverloadStart** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_OverloadStart(const __mv_mme_dt_OverloadStart* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_OverloadStart(__mv_mme_dt_OverloadStart** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_OverloadStop(__mv_mme_dt_OverloadStop** rec);
 void __mv_mme_debug_OverloadStop(const char* key, const __mv_mme_dt_OverloadStop* rec, int level);
 void __mv_mme_memfree_OverloadStop(__mv_mme_dt_OverloadStop* rec);
-int __mv_mme_Encode_OverloadStop(const __mv_mme_dt_OverloadStop* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_OverloadStop(__mv_mme_dt_OverloadStop** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_OverloadStop(const __mv_mme_dt_OverloadStop* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_OverloadStop(__mv_mme_dt_OverloadStop** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_WriteReplaceWarningRequest(__mv_mme_dt_WriteReplaceWarningRequest** rec);
 void __mv_mme_debug_WriteReplaceWarningRequest(const char* key, const __mv_mme_dt_WriteReplaceWarningRequest* rec, int level);
 void __mv_mme_memfree_WriteReplaceWarningRequest(__mv_mme_dt_WriteReplaceWarningRequest* rec);
-int __mv_mme_Encode_WriteReplaceWarningRequest(const __mv_mme_dt_WriteReplaceWarningRequest* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_WriteReplaceWarningRequest(__mv_mme_dt_WriteReplaceWarningRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_WriteReplaceWarningRequest(const __mv_mme_dt_WriteReplaceWarningRequest* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_WriteReplaceWarningRequest(__mv_mme_dt_WriteReplaceWarningRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_WriteReplaceWarningResponse(__mv_mme_dt_WriteReplaceWarningResponse** rec);
 void __mv_mme_debug_WriteReplaceWarningResponse(const char* key, const __mv_mme_dt_WriteReplaceWarningResponse* rec, int level);
 void __mv_mme_memfree_WriteReplaceWarningResponse(__mv_mme_dt_WriteReplaceWarningResponse* rec);
-int __mv_mme_Encode_WriteReplaceWarningResponse(const __mv_mme_dt_WriteReplaceWarningResponse* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_WriteReplaceWarningResponse(__mv_mme_dt_WriteReplaceWarningResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_WriteReplaceWarningResponse(const __mv_mme_dt_WriteReplaceWarningResponse* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_WriteReplaceWarningResponse(__mv_mme_dt_WriteReplaceWarningResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ENBDirectInformationTransfer(__mv_mme_dt_ENBDirectInformationTransfer** rec);
 void __mv_mme_debug_ENBDirectInformationTransfer(const char* key, const __mv_mme_dt_ENBDirectInformationTransfer* rec, int level);
 void __mv_mme_memfree_ENBDirectInformationTransfer(__mv_mme_dt_ENBDirectInformationTransfer* rec);
-int __mv_mme_Encode_ENBDirectInformationTransfer(const __mv_mme_dt_ENBDirectInformationTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ENBDirectInformationTransfer(__mv_mme_dt_ENBDirectInformationTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ENBDirectInformationTransfer(const __mv_mme_dt_ENBDirectInformationTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ENBDirectInformationTransfer(__mv_mme_dt_ENBDirectInformationTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_Inter_SystemInformationTransferType(__mv_mme_dt_Inter_SystemInformationTransferType** rec);
 void __mv_mme_debug_Inter_SystemInformationTransferType(const char* key, const __mv_mme_dt_Inter_SystemInformationTransferType* rec, int level);
 void __mv_mme_memfree_Inter_SystemInformationTransferType(__mv_mme_dt_Inter_SystemInformationTransferType* rec);
-int __mv_mme_Encode_Inter_SystemInformationTransferType(const __mv_mme_dt_Inter_SystemInformationTransferType* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_Inter_SystemInformationTransferType(__mv_mme_dt_Inter_SystemInformationTransferType** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_Inter_SystemInformationTransferType(const __mv_mme_dt_Inter_SystemInformationTransferType* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_Inter_SystemInformationTransferType(__mv_mme_dt_Inter_SystemInformationTransferType** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_MMEDirectInformationTransfer(__mv_mme_dt_MMEDirectInformationTransfer** rec);
 void __mv_mme_debug_MMEDirectInformationTransfer(const char* key, const __mv_mme_dt_MMEDirectInformationTransfer* rec, int level);
 void __mv_mme_memfree_MMEDirectInformationTransfer(__mv_mme_dt_MMEDirectInformationTransfer* rec);
-int __mv_mme_Encode_MMEDirectInformationTransfer(const __mv_mme_dt_MMEDirectInformationTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MMEDirectInformationTransfer(__mv_mme_dt_MMEDirectInformationTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MMEDirectInformationTransfer(const __mv_mme_dt_MMEDirectInformationTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MMEDirectInformationTransfer(__mv_mme_dt_MMEDirectInformationTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ENBConfigurationTransfer(__mv_mme_dt_ENBConfigurationTransfer** rec);
 void __mv_mme_debug_ENBConfigurationTransfer(const char* key, const __mv_mme_dt_ENBConfigurationTransfer* rec, int level);
 void __mv_mme_memfree_ENBConfigurationTransfer(__mv_mme_dt_ENBConfigurationTransfer* rec);
-int __mv_mme_Encode_ENBConfigurationTransfer(const __mv_mme_dt_ENBConfigurationTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ENBConfigurationTransfer(__mv_mme_dt_ENBConfigurationTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ENBConfigurationTransfer(const __mv_mme_dt_ENBConfigurationTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ENBConfigurationTransfer(__mv_mme_dt_ENBConfigurationTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_MMEConfigurationTransfer(__mv_mme_dt_MMEConfigurationTransfer** rec);
 void __mv_mme_debug_MMEConfigurationTransfer(const char* key, const __mv_mme_dt_MMEConfigurationTransfer* rec, int level);
 void __mv_mme_memfree_MMEConfigurationTransfer(__mv_mme_dt_MMEConfigurationTransfer* rec);
-int __mv_mme_Encode_MMEConfigurationTransfer(const __mv_mme_dt_MMEConfigurationTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MMEConfigurationTransfer(__mv_mme_dt_MMEConfigurationTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MMEConfigurationTransfer(const __mv_mme_dt_MMEConfigurationTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MMEConfigurationTransfer(__mv_mme_dt_MMEConfigurationTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_PrivateMessage(__mv_mme_dt_PrivateMessage** rec);
 void __mv_mme_debug_PrivateMessage(const char* key, const __mv_mme_dt_PrivateMessage* rec, int level);
 void __mv_mme_memfree_PrivateMessage(__mv_mme_dt_PrivateMessage* rec);
-int __mv_mme_Encode_PrivateMessage(const __mv_mme_dt_PrivateMessage* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_PrivateMessage(__mv_mme_dt_PrivateMessage** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_PrivateMessage(const __mv_mme_dt_PrivateMessage* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_PrivateMessage(__mv_mme_dt_PrivateMessage** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_KillRequest(__mv_mme_dt_KillRequest** rec);
 void __mv_mme_debug_KillRequest(const char* key, const __mv_mme_dt_KillRequest* rec, int level);
 void __mv_mme_memfree_KillRequest(__mv_mme_dt_KillRequest* rec);
-int __mv_mme_Encode_KillRequest(const __mv_mme_dt_KillRequest* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_KillRequest(__mv_mme_dt_KillRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_KillRequest(const __mv_mme_dt_KillRequest* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_KillRequest(__mv_mme_dt_KillRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_KillResponse(__mv_mme_dt_KillResponse** rec);
 void __mv_mme_debug_KillResponse(const char* key, const __mv_mme_dt_KillResponse* rec, int level);
 void __mv_mme_memfree_KillResponse(__mv_mme_dt_KillResponse* rec);
-int __mv_mme_Encode_KillResponse(const __mv_mme_dt_KillResponse* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_KillResponse(__mv_mme_dt_KillResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_KillResponse(const __mv_mme_dt_KillResponse* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_KillResponse(__mv_mme_dt_KillResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_PWSRestartIndication(__mv_mme_dt_PWSRestartIndication** rec);
 void __mv_mme_debug_PWSRestartIndication(const char* key, const __mv_mme_dt_PWSRestartIndication* rec, int level);
 void __mv_mme_memfree_PWSRestartIndication(__mv_mme_dt_PWSRestartIndication* rec);
-int __mv_mme_Encode_PWSRestartIndication(const __mv_mme_dt_PWSRestartIndication* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_PWSRestartIndication(__mv_mme_dt_PWSRestartIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_PWSRestartIndication(const __mv_mme_dt_PWSRestartIndication* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_PWSRestartIndication(__mv_mme_dt_PWSRestartIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_PWSFailureIndication(__mv_mme_dt_PWSFailureIndication** rec);
 void __mv_mme_debug_PWSFailureIndication(const char* key, const __mv_mme_dt_PWSFailureIndication* rec, int level);
 void __mv_mme_memfree_PWSFailureIndication(__mv_mme_dt_PWSFailureIndication* rec);
-int __mv_mme_Encode_PWSFailureIndication(const __mv_mme_dt_PWSFailureIndication* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_PWSFailureIndication(__mv_mme_dt_PWSFailureIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_PWSFailureIndication(const __mv_mme_dt_PWSFailureIndication* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_PWSFailureIndication(__mv_mme_dt_PWSFailureIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_DownlinkUEAssociatedLPPaTransport(__mv_mme_dt_DownlinkUEAssociatedLPPaTransport** rec);
 void __mv_mme_debug_DownlinkUEAssociatedLPPaTransport(const char* key, const __mv_mme_dt_DownlinkUEAssociatedLPPaTransport* rec, int level);
 void __mv_mme_memfree_DownlinkUEAssociatedLPPaTransport(__mv_mme_dt_DownlinkUEAssociatedLPPaTransport* rec);
-int __mv_mme_Encode_DownlinkUEAssociatedLPPaTransport(const __mv_mme_dt_DownlinkUEAssociatedLPPaTransport* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_DownlinkUEAssociatedLPPaTransport(__mv_mme_dt_DownlinkUEAssociatedLPPaTransport** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_DownlinkUEAssociatedLPPaTransport(const __mv_mme_dt_DownlinkUEAssociatedLPPaTransport* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_DownlinkUEAssociatedLPPaTransport(__mv_mme_dt_DownlinkUEAssociatedLPPaTransport** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UplinkUEAssociatedLPPaTransport(__mv_mme_dt_UplinkUEAssociatedLPPaTransport** rec);
 void __mv_mme_debug_UplinkUEAssociatedLPPaTransport(const char* key, const __mv_mme_dt_UplinkUEAssociatedLPPaTransport* rec, int level);
 void __mv_mme_memfree_UplinkUEAssociatedLPPaTransport(__mv_mme_dt_UplinkUEAssociatedLPPaTransport* rec);
-int __mv_mme_Encode_UplinkUEAssociatedLPPaTransport(const __mv_mme_dt_UplinkUEAssociatedLPPaTransport* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UplinkUEAssociatedLPPaTransport(__mv_mme_dt_UplinkUEAssociatedLPPaTransport** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UplinkUEAssociatedLPPaTransport(const __mv_mme_dt_UplinkUEAssociatedLPPaTransport* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UplinkUEAssociatedLPPaTransport(__mv_mme_dt_UplinkUEAssociatedLPPaTransport** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_DownlinkNonUEAssociatedLPPaTransport(__mv_mme_dt_DownlinkNonUEAssociatedLPPaTransport** rec);
 void __mv_mme_debug_DownlinkNonUEAssociatedLPPaTransport(const char* key, const __mv_mme_dt_DownlinkNonUEAssociatedLPPaTransport* rec, int level);
 void __mv_mme_memfree_DownlinkNonUEAssociatedLPPaTransport(__mv_mme_dt_DownlinkNonUEAssociatedLPPaTransport* rec);
-int __mv_mme_Encode_DownlinkNonUEAssociatedLPPaTransport(const __mv_mme_dt_DownlinkNonUEAssociatedLPPaTransport* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_DownlinkNonUEAssociatedLPPaTransport(__mv_mme_dt_DownlinkNonUEAssociatedLPPaTransport** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_DownlinkNonUEAssociatedLPPaTransport(const __mv_mme_dt_DownlinkNonUEAssociatedLPPaTransport* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_DownlinkNonUEAssociatedLPPaTransport(__mv_mme_dt_DownlinkNonUEAssociatedLPPaTransport** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UplinkNonUEAssociatedLPPaTransport(__mv_mme_dt_UplinkNonUEAssociatedLPPaTransport** rec);
 void __mv_mme_debug_UplinkNonUEAssociatedLPPaTransport(const char* key, const __mv_mme_dt_UplinkNonUEAssociatedLPPaTransport* rec, int level);
 void __mv_mme_memfree_UplinkNonUEAssociatedLPPaTransport(__mv_mme_dt_UplinkNonUEAssociatedLPPaTransport* rec);
-int __mv_mme_Encode_UplinkNonUEAssociatedLPPaTransport(const __mv_mme_dt_UplinkNonUEAssociatedLPPaTransport* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UplinkNonUEAssociatedLPPaTransport(__mv_mme_dt_UplinkNonUEAssociatedLPPaTransport** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UplinkNonUEAssociatedLPPaTransport(const __mv_mme_dt_UplinkNonUEAssociatedLPPaTransport* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UplinkNonUEAssociatedLPPaTransport(__mv_mme_dt_UplinkNonUEAssociatedLPPaTransport** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABModificationIndication(__mv_mme_dt_E_RABModificationIndication** rec);
 void __mv_mme_debug_E_RABModificationIndication(const char* key, const __mv_mme_dt_E_RABModificationIndication* rec, int level);
 void __mv_mme_memfree_E_RABModificationIndication(__mv_mme_dt_E_RABModificationIndication* rec);
-int __mv_mme_Encode_E_RABModificationIndication(const __mv_mme_dt_E_RABModificationIndication* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABModificationIndication(__mv_mme_dt_E_RABModificationIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABModificationIndication(const __mv_mme_dt_E_RABModificationIndication* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABModificationIndication(__mv_mme_dt_E_RABModificationIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABToBeModifiedListBearerModInd(__mv_mme_dt_E_RABToBeModifiedListBearerModInd** rec);
 void __mv_mme_debug_E_RABToBeModifiedListBearerModInd(const char* key, const __mv_mme_dt_E_RABToBeModifiedListBearerModInd* rec, int level);
 void __mv_mme_memfree_E_RABToBeModifiedListBearerModInd(__mv_mme_dt_E_RABToBeModifiedListBearerModInd* rec);
-int __mv_mme_Encode_E_RABToBeModifiedListBearerModInd(const __mv_mme_dt_E_RABToBeModifiedListBearerModInd* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABToBeModifiedListBearerModInd(__mv_mme_dt_E_RABToBeModifiedListBearerModInd** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABToBeModifiedListBearerModInd(const __mv_mme_dt_E_RABToBeModifiedListBearerModInd* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABToBeModifiedListBearerModInd(__mv_mme_dt_E_RABToBeModifiedListBearerModInd** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABToBeModifiedItemBearerModIndIEs(__mv_mme_dt_E_RABToBeModifiedItemBearerModIndIEs** rec);
 void __mv_mme_debug_E_RABToBeModifiedItemBearerModIndIEs(const char* key, const __mv_mme_dt_E_RABToBeModifiedItemBearerModIndIEs* rec, int level);
 void __mv_mme_memfree_E_RABToBeModifiedItemBearerModIndIEs(__mv_mme_dt_E_RABToBeModifiedItemBearerModIndIEs* rec);
-int __mv_mme_Encode_E_RABToBeModifiedItemBearerModIndIEs(const __mv_mme_dt_E_RABToBeModifiedItemBearerModIndIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABToBeModifiedItemBearerModIndIEs(__mv_mme_dt_E_RABToBeModifiedItemBearerModIndIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABToBeModifiedItemBearerModIndIEs(const __mv_mme_dt_E_RABToBeModifiedItemBearerModIndIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABToBeModifiedItemBearerModIndIEs(__mv_mme_dt_E_RABToBeModifiedItemBearerModIndIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABToBeModifiedItemBearerModInd(__mv_mme_dt_E_RABToBeModifiedItemBearerModInd** rec);
 void __mv_mme_debug_E_RABToBeModifiedItemBearerModInd(const char* key, const __mv_mme_dt_E_RABToBeModifiedItemBearerModInd* rec, int level);
 void __mv_mme_memfree_E_RABToBeModifiedItemBearerModInd(__mv_mme_dt_E_RABToBeModifiedItemBearerModInd* rec);
-int __mv_mme_Encode_E_RABToBeModifiedItemBearerModInd(const __mv_mme_dt_E_RABToBeModifiedItemBearerModInd* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABToBeModifiedItemBearerModInd(__mv_mme_dt_E_RABToBeModifiedItemBearerModInd** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABToBeModifiedItemBearerModInd(const __mv_mme_dt_E_RABToBeModifiedItemBearerModInd* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABToBeModifiedItemBearerModInd(__mv_mme_dt_E_RABToBeModifiedItemBearerModInd** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABNotToBeModifiedListBearerModInd(__mv_mme_dt_E_RABNotToBeModifiedListBearerModInd** rec);
 void __mv_mme_debug_E_RABNotToBeModifiedListBearerModInd(const char* key, const __mv_mme_dt_E_RABNotToBeModifiedListBearerModInd* rec, int level);
 void __mv_mme_memfree_E_RABNotToBeModifiedListBearerModInd(__mv_mme_dt_E_RABNotToBeModifiedListBearerModInd* rec);
-int __mv_mme_Encode_E_RABNotToBeModifiedListBearerModInd(const __mv_mme_dt_E_RABNotToBeModifiedListBearerModInd* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABNotToBeModifiedListBearerModInd(__mv_mme_dt_E_RABNotToBeModifiedListBearerModInd** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABNotToBeModifiedListBearerModInd(const __mv_mme_dt_E_RABNotToBeModifiedListBearerModInd* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABNotToBeModifiedListBearerModInd(__mv_mme_dt_E_RABNotToBeModifiedListBearerModInd** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABNotToBeModifiedItemBearerModIndIEs(__mv_mme_dt_E_RABNotToBeModifiedItemBearerModIndIEs** rec);
 void __mv_mme_debug_E_RABNotToBeModifiedItemBearerModIndIEs(const char* key, const __mv_mme_dt_E_RABNotToBeModifiedItemBearerModIndIEs* rec, int level);
 void __mv_mme_memfree_E_RABNotToBeModifiedItemBearerModIndIEs(__mv_mme_dt_E_RABNotToBeModifiedItemBearerModIndIEs* rec);
-int __mv_mme_Encode_E_RABNotToBeModifiedItemBearerModIndIEs(const __mv_mme_dt_E_RABNotToBeModifiedItemBearerModIndIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABNotToBeModifiedItemBearerModIndIEs(__mv_mme_dt_E_RABNotToBeModifiedItemBearerModIndIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABNotToBeModifiedItemBearerModIndIEs(const __mv_mme_dt_E_RABNotToBeModifiedItemBearerModIndIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABNotToBeModifiedItemBearerModIndIEs(__mv_mme_dt_E_RABNotToBeModifiedItemBearerModIndIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABNotToBeModifiedItemBearerModInd(__mv_mme_dt_E_RABNotToBeModifiedItemBearerModInd** rec);
 void __mv_mme_debug_E_RABNotToBeModifiedItemBearerModInd(const char* key, const __mv_mme_dt_E_RABNotToBeModifiedItemBearerModInd* rec, int level);
 void __mv_mme_memfree_E_RABNotToBeModifiedItemBearerModInd(__mv_mme_dt_E_RABNotToBeModifiedItemBearerModInd* rec);
-int __mv_mme_Encode_E_RABNotToBeModifiedItemBearerModInd(const __mv_mme_dt_E_RABNotToBeModifiedItemBearerModInd* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABNotToBeModifiedItemBearerModInd(__mv_mme_dt_E_RABNotToBeModifiedItemBearerModInd** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABNotToBeModifiedItemBearerModInd(const __mv_mme_dt_E_RABNotToBeModifiedItemBearerModInd* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABNotToBeModifiedItemBearerModInd(__mv_mme_dt_E_RABNotToBeModifiedItemBearerModInd** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_CSGMembershipInfo(__mv_mme_dt_CSGMembershipInfo** rec);
 void __mv_mme_debug_CSGMembershipInfo(const char* key, const __mv_mme_dt_CSGMembershipInfo* rec, int level);
 void __mv_mme_memfree_CSGMembershipInfo(__mv_mme_dt_CSGMembershipInfo* rec);
-int __mv_mme_Encode_CSGMembershipInfo(const __mv_mme_dt_CSGMembershipInfo* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_CSGMembershipInfo(__mv_mme_dt_CSGMembershipInfo** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_CSGMembershipInfo(const __mv_mme_dt_CSGMembershipInfo* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_CSGMembershipInfo(__mv_mme_dt_CSGMembershipInfo** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABModificationConfirm(__mv_mme_dt_E_RABModificationConfirm** rec);
 void __mv_mme_debug_E_RABModificationConfirm(const char* key, const __mv_mme_dt_E_RABModificationConfirm* rec, int level);
 void __mv_mme_memfree_E_RABModificationConfirm(__mv_mme_dt_E_RABModificationConfirm* rec);
-int __mv_mme_Encode_E_RABModificationConfirm(const __mv_mme_dt_E_RABModificationConfirm* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABModificationConfirm(__mv_mme_dt_E_RABModificationConfirm** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABModificationConfirm(const __mv_mme_dt_E_RABModificationConfirm* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABModificationConfirm(__mv_mme_dt_E_RABModificationConfirm** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABModifyListBearerModConf(__mv_mme_dt_E_RABModifyListBearerModConf** rec);
 void __mv_mme_debug_E_RABModifyListBearerModConf(const char* key, const __mv_mme_dt_E_RABModifyListBearerModConf* rec, int level);
 void __mv_mme_memfree_E_RABModifyListBearerModConf(__mv_mme_dt_E_RABModifyListBearerModConf* rec);
-int __mv_mme_Encode_E_RABModifyListBearerModConf(const __mv_mme_dt_E_RABModifyListBearerModConf* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABModifyListBearerModConf(__mv_mme_dt_E_RABModifyListBearerModConf** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABModifyListBearerModConf(const __mv_mme_dt_E_RABModifyListBearerModConf* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABModifyListBearerModConf(__mv_mme_dt_E_RABModifyListBearerModConf** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABModifyItemBearerModConfIEs(__mv_mme_dt_E_RABModifyItemBearerModConfIEs** rec);
 void __mv_mme_debug_E_RABModifyItemBearerModConfIEs(const char* key, const __mv_mme_dt_E_RABModifyItemBearerModConfIEs* rec, int level);
 void __mv_mme_memfree_E_RABModifyItemBearerModConfIEs(__mv_mme_dt_E_RABModifyItemBearerModConfIEs* rec);
-int __mv_mme_Encode_E_RABModifyItemBearerModConfIEs(const __mv_mme_dt_E_RABModifyItemBearerModConfIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABModifyItemBearerModConfIEs(__mv_mme_dt_E_RABModifyItemBearerModConfIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABModifyItemBearerModConfIEs(const __mv_mme_dt_E_RABModifyItemBearerModConfIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABModifyItemBearerModConfIEs(__mv_mme_dt_E_RABModifyItemBearerModConfIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABModifyItemBearerModConf(__mv_mme_dt_E_RABModifyItemBearerModConf** rec);
 void __mv_mme_debug_E_RABModifyItemBearerModConf(const char* key, const __mv_mme_dt_E_RABModifyItemBearerModConf* rec, int level);
 void __mv_mme_memfree_E_RABModifyItemBearerModConf(__mv_mme_dt_E_RABModifyItemBearerModConf* rec);
-int __mv_mme_Encode_E_RABModifyItemBearerModConf(const __mv_mme_dt_E_RABModifyItemBearerModConf* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABModifyItemBearerModConf(__mv_mme_dt_E_RABModifyItemBearerModConf** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABModifyItemBearerModConf(const __mv_mme_dt_E_RABModifyItemBearerModConf* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABModifyItemBearerModConf(__mv_mme_dt_E_RABModifyItemBearerModConf** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UEContextModificationIndication(__mv_mme_dt_UEContextModificationIndication** rec);
 void __mv_mme_debug_UEContextModificationIndication(const char* key, const __mv_mme_dt_UEContextModificationIndication* rec, int level);
 void __mv_mme_memfree_UEContextModificationIndication(__mv_mme_dt_UEContextModificationIndication* rec);
-int __mv_mme_Encode_UEContextModificationIndication(const __mv_mme_dt_UEContextModificationIndication* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UEContextModificationIndication(__mv_mme_dt_UEContextModificationIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UEContextModificationIndication(const __mv_mme_dt_UEContextModificationIndication* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UEContextModificationIndication(__mv_mme_dt_UEContextModificationIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UEContextModificationConfirm(__mv_mme_dt_UEContextModificationConfirm** rec);
 void __mv_mme_debug_UEContextModificationConfirm(const char* key, const __mv_mme_dt_UEContextModificationConfirm* rec, int level);
 void __mv_mme_memfree_UEContextModificationConfirm(__mv_mme_dt_UEContextModificationConfirm* rec);
-int __mv_mme_Encode_UEContextModificationConfirm(const __mv_mme_dt_UEContextModificationConfirm* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UEContextModificationConfirm(__mv_mme_dt_UEContextModificationConfirm** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UEContextModificationConfirm(const __mv_mme_dt_UEContextModificationConfirm* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UEContextModificationConfirm(__mv_mme_dt_UEContextModificationConfirm** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UEContextSuspendRequest(__mv_mme_dt_UEContextSuspendRequest** rec);
 void __mv_mme_debug_UEContextSuspendRequest(const char* key, const __mv_mme_dt_UEContextSuspendRequest* rec, int level);
 void __mv_mme_memfree_UEContextSuspendRequest(__mv_mme_dt_UEContextSuspendRequest* rec);
-int __mv_mme_Encode_UEContextSuspendRequest(const __mv_mme_dt_UEContextSuspendRequest* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UEContextSuspendRequest(__mv_mme_dt_UEContextSuspendRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UEContextSuspendRequest(const __mv_mme_dt_UEContextSuspendRequest* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UEContextSuspendRequest(__mv_mme_dt_UEContextSuspendRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UEContextSuspendResponse(__mv_mme_dt_UEContextSuspendResponse** rec);
 void __mv_mme_debug_UEContextSuspendResponse(const char* key, const __mv_mme_dt_UEContextSuspendResponse* rec, int level);
 void __mv_mme_memfree_UEContextSuspendResponse(__mv_mme_dt_UEContextSuspendResponse* rec);
-int __mv_mme_Encode_UEContextSuspendResponse(const __mv_mme_dt_UEContextSuspendResponse* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UEContextSuspendResponse(__mv_mme_dt_UEContextSuspendResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UEContextSuspendResponse(const __mv_mme_dt_UEContextSuspendResponse* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UEContextSuspendResponse(__mv_mme_dt_UEContextSuspendResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UEContextResumeRequest(__mv_mme_dt_UEContextResumeRequest** rec);
 void __mv_mme_debug_UEContextResumeRequest(const char* key, const __mv_mme_dt_UEContextResumeRequest* rec, int level);
 void __mv_mme_memfree_UEContextResumeRequest(__mv_mme_dt_UEContextResumeRequest* rec);
-int __mv_mme_Encode_UEContextResumeRequest(const __mv_mme_dt_UEContextResumeRequest* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UEContextResumeRequest(__mv_mme_dt_UEContextResumeRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UEContextResumeRequest(const __mv_mme_dt_UEContextResumeRequest* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UEContextResumeRequest(__mv_mme_dt_UEContextResumeRequest** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABFailedToResumeListResumeReq(__mv_mme_dt_E_RABFailedToResumeListResumeReq** rec);
 void __mv_mme_debug_E_RABFailedToResumeListResumeReq(const char* key, const __mv_mme_dt_E_RABFailedToResumeListResumeReq* rec, int level);
 void __mv_mme_memfree_E_RABFailedToResumeListResumeReq(__mv_mme_dt_E_RABFailedToResumeListResumeReq* rec);
-int __mv_mme_Encode_E_RABFailedToResumeListResumeReq(const __mv_mme_dt_E_RABFailedToResumeListResumeReq* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABFailedToResumeListResumeReq(__mv_mme_dt_E_RABFailedToResumeListResumeReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABFailedToResumeListResumeReq(const __mv_mme_dt_E_RABFailedToResumeListResumeReq* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABFailedToResumeListResumeReq(__mv_mme_dt_E_RABFailedToResumeListResumeReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABFailedToResumeItemResumeReqIEs(__mv_mme_dt_E_RABFailedToResumeItemResumeReqIEs** rec);
 void __mv_mme_debug_E_RABFailedToResumeItemResumeReqIEs(const char* key, const __mv_mme_dt_E_RABFailedToResumeItemResumeReqIEs* rec, int level);
 void __mv_mme_memfree_E_RABFailedToResumeItemResumeReqIEs(__mv_mme_dt_E_RABFailedToResumeItemResumeReqIEs* rec);
-int __mv_mme_Encode_E_RABFailedToResumeItemResumeReqIEs(const __mv_mme_dt_E_RABFailedToResumeItemResumeReqIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABFailedToResumeItemResumeReqIEs(__mv_mme_dt_E_RABFailedToResumeItemResumeReqIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABFailedToResumeItemResumeReqIEs(const __mv_mme_dt_E_RABFailedToResumeItemResumeReqIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABFailedToResumeItemResumeReqIEs(__mv_mme_dt_E_RABFailedToResumeItemResumeReqIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABFailedToResumeItemResumeReq(__mv_mme_dt_E_RABFailedToResumeItemResumeReq** rec);
 void __mv_mme_debug_E_RABFailedToResumeItemResumeReq(const char* key, const __mv_mme_dt_E_RABFailedToResumeItemResumeReq* rec, int level);
 void __mv_mme_memfree_E_RABFailedToResumeItemResumeReq(__mv_mme_dt_E_RABFailedToResumeItemResumeReq* rec);
-int __mv_mme_Encode_E_RABFailedToResumeItemResumeReq(const __mv_mme_dt_E_RABFailedToResumeItemResumeReq* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABFailedToResumeItemResumeReq(__mv_mme_dt_E_RABFailedToResumeItemResumeReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABFailedToResumeItemResumeReq(const __mv_mme_dt_E_RABFailedToResumeItemResumeReq* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABFailedToResumeItemResumeReq(__mv_mme_dt_E_RABFailedToResumeItemResumeReq** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UEContextResumeResponse(__mv_mme_dt_UEContextResumeResponse** rec);
 void __mv_mme_debug_UEContextResumeResponse(const char* key, const __mv_mme_dt_UEContextResumeResponse* rec, int level);
 void __mv_mme_memfree_UEContextResumeResponse(__mv_mme_dt_UEContextResumeResponse* rec);
-int __mv_mme_Encode_UEContextResumeResponse(const __mv_mme_dt_UEContextResumeResponse* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UEContextResumeResponse(__mv_mme_dt_UEContextResumeResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UEContextResumeResponse(const __mv_mme_dt_UEContextResumeResponse* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UEContextResumeResponse(__mv_mme_dt_UEContextResumeResponse** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABFailedToResumeListResumeRes(__mv_mme_dt_E_RABFailedToResumeListResumeRes** rec);
 void __mv_mme_debug_E_RABFailedToResumeListResumeRes(const char* key, const __mv_mme_dt_E_RABFailedToResumeListResumeRes* rec, int level);
 void __mv_mme_memfree_E_RABFailedToResumeListResumeRes(__mv_mme_dt_E_RABFailedToResumeListResumeRes* rec);
-int __mv_mme_Encode_E_RABFailedToResumeListResumeRes(const __mv_mme_dt_E_RABFailedToResumeListResumeRes* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABFailedToResumeListResumeRes(__mv_mme_dt_E_RABFailedToResumeListResumeRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABFailedToResumeListResumeRes(const __mv_mme_dt_E_RABFailedToResumeListResumeRes* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABFailedToResumeListResumeRes(__mv_mme_dt_E_RABFailedToResumeListResumeRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABFailedToResumeItemResumeResIEs(__mv_mme_dt_E_RABFailedToResumeItemResumeResIEs** rec);
 void __mv_mme_debug_E_RABFailedToResumeItemResumeResIEs(const char* key, const __mv_mme_dt_E_RABFailedToResumeItemResumeResIEs* rec, int level);
 void __mv_mme_memfree_E_RABFailedToResumeItemResumeResIEs(__mv_mme_dt_E_RABFailedToResumeItemResumeResIEs* rec);
-int __mv_mme_Encode_E_RABFailedToResumeItemResumeResIEs(const __mv_mme_dt_E_RABFailedToResumeItemResumeResIEs* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABFailedToResumeItemResumeResIEs(__mv_mme_dt_E_RABFailedToResumeItemResumeResIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABFailedToResumeItemResumeResIEs(const __mv_mme_dt_E_RABFailedToResumeItemResumeResIEs* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABFailedToResumeItemResumeResIEs(__mv_mme_dt_E_RABFailedToResumeItemResumeResIEs** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_E_RABFailedToResumeItemResumeRes(__mv_mme_dt_E_RABFailedToResumeItemResumeRes** rec);
 void __mv_mme_debug_E_RABFailedToResumeItemResumeRes(const char* key, const __mv_mme_dt_E_RABFailedToResumeItemResumeRes* rec, int level);
 void __mv_mme_memfree_E_RABFailedToResumeItemResumeRes(__mv_mme_dt_E_RABFailedToResumeItemResumeRes* rec);
-int __mv_mme_Encode_E_RABFailedToResumeItemResumeRes(const __mv_mme_dt_E_RABFailedToResumeItemResumeRes* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_E_RABFailedToResumeItemResumeRes(__mv_mme_dt_E_RABFailedToResumeItemResumeRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_E_RABFailedToResumeItemResumeRes(const __mv_mme_dt_E_RABFailedToResumeItemResumeRes* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_E_RABFailedToResumeItemResumeRes(__mv_mme_dt_E_RABFailedToResumeItemResumeRes** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UEContextResumeFailure(__mv_mme_dt_UEContextResumeFailure** rec);
 void __mv_mme_debug_UEContextResumeFailure(const char* key, const __mv_mme_dt_UEContextResumeFailure* rec, int level);
 void __mv_mme_memfree_UEContextResumeFailure(__mv_mme_dt_UEContextResumeFailure* rec);
-int __mv_mme_Encode_UEContextResumeFailure(const __mv_mme_dt_UEContextResumeFailure* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UEContextResumeFailure(__mv_mme_dt_UEContextResumeFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UEContextResumeFailure(const __mv_mme_dt_UEContextResumeFailure* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UEContextResumeFailure(__mv_mme_dt_UEContextResumeFailure** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ConnectionEstablishmentIndication(__mv_mme_dt_ConnectionEstablishmentIndication** rec);
 void __mv_mme_debug_ConnectionEstablishmentIndication(const char* key, const __mv_mme_dt_ConnectionEstablishmentIndication* rec, int level);
 void __mv_mme_memfree_ConnectionEstablishmentIndication(__mv_mme_dt_ConnectionEstablishmentIndication* rec);
-int __mv_mme_Encode_ConnectionEstablishmentIndication(const __mv_mme_dt_ConnectionEstablishmentIndication* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ConnectionEstablishmentIndication(__mv_mme_dt_ConnectionEstablishmentIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ConnectionEstablishmentIndication(const __mv_mme_dt_ConnectionEstablishmentIndication* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ConnectionEstablishmentIndication(__mv_mme_dt_ConnectionEstablishmentIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_RetrieveUEInformation(__mv_mme_dt_RetrieveUEInformation** rec);
 void __mv_mme_debug_RetrieveUEInformation(const char* key, const __mv_mme_dt_RetrieveUEInformation* rec, int level);
 void __mv_mme_memfree_RetrieveUEInformation(__mv_mme_dt_RetrieveUEInformation* rec);
-int __mv_mme_Encode_RetrieveUEInformation(const __mv_mme_dt_RetrieveUEInformation* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_RetrieveUEInformation(__mv_mme_dt_RetrieveUEInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_RetrieveUEInformation(const __mv_mme_dt_RetrieveUEInformation* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_RetrieveUEInformation(__mv_mme_dt_RetrieveUEInformation** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_UEInformationTransfer(__mv_mme_dt_UEInformationTransfer** rec);
 void __mv_mme_debug_UEInformationTransfer(const char* key, const __mv_mme_dt_UEInformationTransfer* rec, int level);
 void __mv_mme_memfree_UEInformationTransfer(__mv_mme_dt_UEInformationTransfer* rec);
-int __mv_mme_Encode_UEInformationTransfer(const __mv_mme_dt_UEInformationTransfer* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_UEInformationTransfer(__mv_mme_dt_UEInformationTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_UEInformationTransfer(const __mv_mme_dt_UEInformationTransfer* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_UEInformationTransfer(__mv_mme_dt_UEInformationTransfer** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_ENBCPRelocationIndication(__mv_mme_dt_ENBCPRelocationIndication** rec);
 void __mv_mme_debug_ENBCPRelocationIndication(const char* key, const __mv_mme_dt_ENBCPRelocationIndication* rec, int level);
 void __mv_mme_memfree_ENBCPRelocationIndication(__mv_mme_dt_ENBCPRelocationIndication* rec);
-int __mv_mme_Encode_ENBCPRelocationIndication(const __mv_mme_dt_ENBCPRelocationIndication* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_ENBCPRelocationIndication(__mv_mme_dt_ENBCPRelocationIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_ENBCPRelocationIndication(const __mv_mme_dt_ENBCPRelocationIndication* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_ENBCPRelocationIndication(__mv_mme_dt_ENBCPRelocationIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_MMECPRelocationIndication(__mv_mme_dt_MMECPRelocationIndication** rec);
 void __mv_mme_debug_MMECPRelocationIndication(const char* key, const __mv_mme_dt_MMECPRelocationIndication* rec, int level);
 void __mv_mme_memfree_MMECPRelocationIndication(__mv_mme_dt_MMECPRelocationIndication* rec);
-int __mv_mme_Encode_MMECPRelocationIndication(const __mv_mme_dt_MMECPRelocationIndication* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_MMECPRelocationIndication(__mv_mme_dt_MMECPRelocationIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_MMECPRelocationIndication(const __mv_mme_dt_MMECPRelocationIndication* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_MMECPRelocationIndication(__mv_mme_dt_MMECPRelocationIndication** out, int* isset, int level, __mv_asn_coding_context* ctx);
 int __mv_mme_init_SecondaryRATDataUsageReport(__mv_mme_dt_SecondaryRATDataUsageReport** rec);
 void __mv_mme_debug_SecondaryRATDataUsageReport(const char* key, const __mv_mme_dt_SecondaryRATDataUsageReport* rec, int level);
 void __mv_mme_memfree_SecondaryRATDataUsageReport(__mv_mme_dt_SecondaryRATDataUsageReport* rec);
-int __mv_mme_Encode_SecondaryRATDataUsageReport(const __mv_mme_dt_SecondaryRATDataUsageReport* rec, int level, __mv_asn_coding_context* ctx);
-int __mv_mme_Decode_SecondaryRATDataUsageReport(__mv_mme_dt_SecondaryRATDataUsageReport** out, int* isset, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Encode_SecondaryRATDataUsageReport(const __mv_mme_dt_SecondaryRATDataUsageReport* rec, int level, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_Decode_SecondaryRATDataUsageReport(__mv_mme_dt_SecondaryRATDataUsageReport** out, int* isset, int level, __mv_asn_coding_context* ctx);
 
-// Placeholders of the extension sets: nothing to code, always good.
-inline int __mv_mme_Encode_Additional_GUTI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_Additional_GUTI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+// Placeholders of the extension sets: nothing to code, always good (1).
+inline int __mv_mme_Encode_Additional_GUTI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_Additional_GUTI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_Additional_GUTI_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_Additional_GUTI_ExtIEs(void*) {}
-inline int __mv_mme_Encode_AllocationAndRetentionPriority_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_AllocationAndRetentionPriority_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_AllocationAndRetentionPriority_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_AllocationAndRetentionPriority_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_AllocationAndRetentionPriority_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_AllocationAndRetentionPriority_ExtIEs(void*) {}
-inline int __mv_mme_Encode_AssistanceDataForPaging_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_AssistanceDataForPaging_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_AssistanceDataForPaging_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_AssistanceDataForPaging_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_AssistanceDataForPaging_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_AssistanceDataForPaging_ExtIEs(void*) {}
-inline int __mv_mme_Encode_AssistanceDataForRecommendedCells_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_AssistanceDataForRecommendedCells_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_AssistanceDataForRecommendedCells_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_AssistanceDataForRecommendedCells_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_AssistanceDataForRecommendedCells_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_AssistanceDataForRecommendedCells_ExtIEs(void*) {}
-inline int __mv_mme_Encode_Bearers_SubjectToStatusTransfer_ItemExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_Bearers_SubjectToStatusTransfer_ItemExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_Bearers_SubjectToStatusTransfer_ItemExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_Bearers_SubjectToStatusTransfer_ItemExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_Bearers_SubjectToStatusTransfer_ItemExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_Bearers_SubjectToStatusTransfer_ItemExtIEs(void*) {}
-inline int __mv_mme_Encode_BluetoothMeasurementConfiguration_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_BluetoothMeasurementConfiguration_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_BluetoothMeasurementConfiguration_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_BluetoothMeasurementConfiguration_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_BluetoothMeasurementConfiguration_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_BluetoothMeasurementConfiguration_ExtIEs(void*) {}
-inline int __mv_mme_Encode_CGI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_CGI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_CGI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_CGI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_CGI_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_CGI_ExtIEs(void*) {}
-inline int __mv_mme_Encode_CNTypeRestrictions_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_CNTypeRestrictions_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_CNTypeRestrictions_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_CNTypeRestrictions_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_CNTypeRestrictions_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_CNTypeRestrictions_Item_ExtIEs(void*) {}
-inline int __mv_mme_Encode_COUNTValueExtended_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_COUNTValueExtended_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_COUNTValueExtended_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_COUNTValueExtended_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_COUNTValueExtended_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_COUNTValueExtended_ExtIEs(void*) {}
-inline int __mv_mme_Encode_COUNTvalue_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_COUNTvalue_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_COUNTvalue_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_COUNTvalue_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_COUNTvalue_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_COUNTvalue_ExtIEs(void*) {}
-inline int __mv_mme_Encode_COUNTvaluePDCP_SNlength18_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_COUNTvaluePDCP_SNlength18_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_COUNTvaluePDCP_SNlength18_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_COUNTvaluePDCP_SNlength18_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_COUNTvaluePDCP_SNlength18_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_COUNTvaluePDCP_SNlength18_ExtIEs(void*) {}
-inline int __mv_mme_Encode_CSG_IdList_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_CSG_IdList_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_CSG_IdList_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_CSG_IdList_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_CSG_IdList_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_CSG_IdList_Item_ExtIEs(void*) {}
-inline int __mv_mme_Encode_CSGMembershipInfo_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_CSGMembershipInfo_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_CSGMembershipInfo_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_CSGMembershipInfo_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_CSGMembershipInfo_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_CSGMembershipInfo_ExtIEs(void*) {}
-inline int __mv_mme_Encode_CancelledCellinEAI_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_CancelledCellinEAI_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_CancelledCellinEAI_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_CancelledCellinEAI_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_CancelledCellinEAI_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_CancelledCellinEAI_Item_ExtIEs(void*) {}
-inline int __mv_mme_Encode_CancelledCellinTAI_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_CancelledCellinTAI_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_CancelledCellinTAI_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_CancelledCellinTAI_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_CancelledCellinTAI_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_CancelledCellinTAI_Item_ExtIEs(void*) {}
-inline int __mv_mme_Encode_Cdma2000OneXSRVCCInfo_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_Cdma2000OneXSRVCCInfo_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_Cdma2000OneXSRVCCInfo_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_Cdma2000OneXSRVCCInfo_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_Cdma2000OneXSRVCCInfo_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_Cdma2000OneXSRVCCInfo_ExtIEs(void*) {}
-inline int __mv_mme_Encode_CellBasedMDT_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_CellBasedMDT_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_CellBasedMDT_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_CellBasedMDT_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_CellBasedMDT_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_CellBasedMDT_ExtIEs(void*) {}
-inline int __mv_mme_Encode_CellBasedQMC_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_CellBasedQMC_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_CellBasedQMC_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_CellBasedQMC_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_CellBasedQMC_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_CellBasedQMC_ExtIEs(void*) {}
-inline int __mv_mme_Encode_CellID_Broadcast_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_CellID_Broadcast_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_CellID_Broadcast_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_CellID_Broadcast_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_CellID_Broadcast_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_CellID_Broadcast_Item_ExtIEs(void*) {}
-inline int __mv_mme_Encode_CellID_Cancelled_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_CellID_Cancelled_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_CellID_Cancelled_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_CellID_Cancelled_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_CellID_Cancelled_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_CellID_Cancelled_Item_ExtIEs(void*) {}
-inline int __mv_mme_Encode_CellIdentifierAndCELevelForCECapableUEs_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_CellIdentifierAndCELevelForCECapableUEs_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_CellIdentifierAndCELevelForCECapableUEs_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_CellIdentifierAndCELevelForCECapableUEs_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_CellIdentifierAndCELevelForCECapableUEs_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_CellIdentifierAndCELevelForCECapableUEs_ExtIEs(void*) {}
-inline int __mv_mme_Encode_CellType_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_CellType_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_CellType_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_CellType_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_CellType_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_CellType_ExtIEs(void*) {}
-inline int __mv_mme_Encode_CompletedCellinEAI_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_CompletedCellinEAI_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_CompletedCellinEAI_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_CompletedCellinEAI_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_CompletedCellinEAI_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_CompletedCellinEAI_Item_ExtIEs(void*) {}
-inline int __mv_mme_Encode_CompletedCellinTAI_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_CompletedCellinTAI_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_CompletedCellinTAI_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_CompletedCellinTAI_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_CompletedCellinTAI_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_CompletedCellinTAI_Item_ExtIEs(void*) {}
-inline int __mv_mme_Encode_ConnectedengNBItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_ConnectedengNBItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_ConnectedengNBItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_ConnectedengNBItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_ConnectedengNBItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_ConnectedengNBItem_ExtIEs(void*) {}
-inline int __mv_mme_Encode_CriticalityDiagnostics_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_CriticalityDiagnostics_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_CriticalityDiagnostics_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_CriticalityDiagnostics_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_CriticalityDiagnostics_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_CriticalityDiagnostics_ExtIEs(void*) {}
-inline int __mv_mme_Encode_CriticalityDiagnostics_IE_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_CriticalityDiagnostics_IE_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_CriticalityDiagnostics_IE_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_CriticalityDiagnostics_IE_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_CriticalityDiagnostics_IE_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_CriticalityDiagnostics_IE_Item_ExtIEs(void*) {}
-inline int __mv_mme_Encode_DL_CP_SecurityInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_DL_CP_SecurityInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_DL_CP_SecurityInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_DL_CP_SecurityInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_DL_CP_SecurityInformation_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_DL_CP_SecurityInformation_ExtIEs(void*) {}
-inline int __mv_mme_Encode_E_RABAdmittedItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_E_RABAdmittedItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_E_RABAdmittedItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_E_RABAdmittedItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_E_RABAdmittedItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_E_RABAdmittedItem_ExtIEs(void*) {}
-inline int __mv_mme_Encode_E_RABDataForwardingItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_E_RABDataForwardingItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_E_RABDataForwardingItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_E_RABDataForwardingItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_E_RABDataForwardingItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_E_RABDataForwardingItem_ExtIEs(void*) {}
-inline int __mv_mme_Encode_E_RABFailedToResumeItemResumeReq_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_E_RABFailedToResumeItemResumeReq_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_E_RABFailedToResumeItemResumeReq_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_E_RABFailedToResumeItemResumeReq_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_E_RABFailedToResumeItemResumeReq_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_E_RABFailedToResumeItemResumeReq_ExtIEs(void*) {}
-inline int __mv_mme_Encode_E_RABFailedToResumeItemResumeRes_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_E_RABFailedToResumeItemResumeRes_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_E_RABFailedToResumeItemResumeRes_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_E_RABFailedToResumeItemResumeRes_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_E_RABFailedToResumeItemResumeRes_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_E_RABFailedToResumeItemResumeRes_ExtIEs(void*) {}
-inline int __mv_mme_Encode_E_RABFailedToSetupItemHOReqAckExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_E_RABFailedToSetupItemHOReqAckExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_E_RABFailedToSetupItemHOReqAckExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_E_RABFailedToSetupItemHOReqAckExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_E_RABFailedToSetupItemHOReqAckExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_E_RABFailedToSetupItemHOReqAckExtIEs(void*) {}
-inline int __mv_mme_Encode_E_RABInformationListItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_E_RABInformationListItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_E_RABInformationListItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_E_RABInformationListItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_E_RABInformationListItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_E_RABInformationListItem_ExtIEs(void*) {}
-inline int __mv_mme_Encode_E_RABItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_E_RABItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_E_RABItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_E_RABItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_E_RABItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_E_RABItem_ExtIEs(void*) {}
-inline int __mv_mme_Encode_E_RABModifyItemBearerModConfExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_E_RABModifyItemBearerModConfExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_E_RABModifyItemBearerModConfExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_E_RABModifyItemBearerModConfExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_E_RABModifyItemBearerModConfExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_E_RABModifyItemBearerModConfExtIEs(void*) {}
-inline int __mv_mme_Encode_E_RABModifyItemBearerModResExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_E_RABModifyItemBearerModResExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_E_RABModifyItemBearerModResExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_E_RABModifyItemBearerModResExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_E_RABModifyItemBearerModResExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_E_RABModifyItemBearerModResExtIEs(void*) {}
-inline int __mv_mme_Encode_E_RABNotToBeModifiedItemBearerModInd_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_E_RABNotToBeModifiedItemBearerModInd_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_E_RABNotToBeModifiedItemBearerModInd_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_E_RABNotToBeModifiedItemBearerModInd_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_E_RABNotToBeModifiedItemBearerModInd_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_E_RABNotToBeModifiedItemBearerModInd_ExtIEs(void*) {}
-inline int __mv_mme_Encode_E_RABQoSParameters_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_E_RABQoSParameters_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_E_RABQoSParameters_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_E_RABQoSParameters_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_E_RABQoSParameters_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_E_RABQoSParameters_ExtIEs(void*) {}
-inline int __mv_mme_Encode_E_RABReleaseItemBearerRelCompExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_E_RABReleaseItemBearerRelCompExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_E_RABReleaseItemBearerRelCompExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_E_RABReleaseItemBearerRelCompExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_E_RABReleaseItemBearerRelCompExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_E_RABReleaseItemBearerRelCompExtIEs(void*) {}
-inline int __mv_mme_Encode_E_RABSetupItemBearerSUResExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_E_RABSetupItemBearerSUResExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_E_RABSetupItemBearerSUResExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_E_RABSetupItemBearerSUResExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_E_RABSetupItemBearerSUResExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_E_RABSetupItemBearerSUResExtIEs(void*) {}
-inline int __mv_mme_Encode_E_RABSetupItemCtxtSUResExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_E_RABSetupItemCtxtSUResExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_E_RABSetupItemCtxtSUResExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_E_RABSetupItemCtxtSUResExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_E_RABSetupItemCtxtSUResExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_E_RABSetupItemCtxtSUResExtIEs(void*) {}
-inline int __mv_mme_Encode_E_RABToBeModifiedItemBearerModInd_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_E_RABToBeModifiedItemBearerModInd_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_E_RABToBeModifiedItemBearerModInd_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_E_RABToBeModifiedItemBearerModInd_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_E_RABToBeModifiedItemBearerModInd_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_E_RABToBeModifiedItemBearerModInd_ExtIEs(void*) {}
-inline int __mv_mme_Encode_E_RABToBeModifyItemBearerModReqExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_E_RABToBeModifyItemBearerModReqExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_E_RABToBeModifyItemBearerModReqExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_E_RABToBeModifyItemBearerModReqExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_E_RABToBeModifyItemBearerModReqExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_E_RABToBeModifyItemBearerModReqExtIEs(void*) {}
-inline int __mv_mme_Encode_E_RABToBeSetupItemBearerSUReqExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_E_RABToBeSetupItemBearerSUReqExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_E_RABToBeSetupItemBearerSUReqExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_E_RABToBeSetupItemBearerSUReqExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_E_RABToBeSetupItemBearerSUReqExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_E_RABToBeSetupItemBearerSUReqExtIEs(void*) {}
-inline int __mv_mme_Encode_E_RABToBeSetupItemCtxtSUReqExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_E_RABToBeSetupItemCtxtSUReqExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_E_RABToBeSetupItemCtxtSUReqExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_E_RABToBeSetupItemCtxtSUReqExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_E_RABToBeSetupItemCtxtSUReqExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_E_RABToBeSetupItemCtxtSUReqExtIEs(void*) {}
-inline int __mv_mme_Encode_E_RABToBeSetupItemHOReq_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_E_RABToBeSetupItemHOReq_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_E_RABToBeSetupItemHOReq_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_E_RABToBeSetupItemHOReq_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_E_RABToBeSetupItemHOReq_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_E_RABToBeSetupItemHOReq_ExtIEs(void*) {}
-inline int __mv_mme_Encode_E_RABToBeSwitchedDLItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_E_RABToBeSwitchedDLItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_E_RABToBeSwitchedDLItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_E_RABToBeSwitchedDLItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_E_RABToBeSwitchedDLItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_E_RABToBeSwitchedDLItem_ExtIEs(void*) {}
-inline int __mv_mme_Encode_E_RABToBeSwitchedULItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_E_RABToBeSwitchedULItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_E_RABToBeSwitchedULItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_E_RABToBeSwitchedULItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_E_RABToBeSwitchedULItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_E_RABToBeSwitchedULItem_ExtIEs(void*) {}
-inline int __mv_mme_Encode_E_RABUsageReportItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_E_RABUsageReportItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_E_RABUsageReportItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_E_RABUsageReportItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_E_RABUsageReportItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_E_RABUsageReportItem_ExtIEs(void*) {}
-inline int __mv_mme_Encode_EN_DCSONConfigurationTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_EN_DCSONConfigurationTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_EN_DCSONConfigurationTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_EN_DCSONConfigurationTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_EN_DCSONConfigurationTransfer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_EN_DCSONConfigurationTransfer_ExtIEs(void*) {}
-inline int __mv_mme_Encode_EN_DCSONeNBIdentification_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_EN_DCSONeNBIdentification_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_EN_DCSONeNBIdentification_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_EN_DCSONeNBIdentification_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_EN_DCSONeNBIdentification_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_EN_DCSONeNBIdentification_ExtIEs(void*) {}
-inline int __mv_mme_Encode_EN_DCSONengNBIdentification_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_EN_DCSONengNBIdentification_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_EN_DCSONengNBIdentification_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_EN_DCSONengNBIdentification_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_EN_DCSONengNBIdentification_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_EN_DCSONengNBIdentification_ExtIEs(void*) {}
-inline int __mv_mme_Encode_EN_DCTransferTypeReply_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_EN_DCTransferTypeReply_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_EN_DCTransferTypeReply_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_EN_DCTransferTypeReply_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_EN_DCTransferTypeReply_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_EN_DCTransferTypeReply_ExtIEs(void*) {}
-inline int __mv_mme_Encode_EN_DCTransferTypeRequest_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_EN_DCTransferTypeRequest_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_EN_DCTransferTypeRequest_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_EN_DCTransferTypeRequest_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_EN_DCTransferTypeRequest_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_EN_DCTransferTypeRequest_ExtIEs(void*) {}
-inline int __mv_mme_Encode_ENB_StatusTransfer_TransparentContainer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_ENB_StatusTransfer_TransparentContainer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_ENB_StatusTransfer_TransparentContainer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_ENB_StatusTransfer_TransparentContainer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_ENB_StatusTransfer_TransparentContainer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_ENB_StatusTransfer_TransparentContainer_ExtIEs(void*) {}
-inline int __mv_mme_Encode_ENBX2ExtTLA_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_ENBX2ExtTLA_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_ENBX2ExtTLA_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_ENBX2ExtTLA_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_ENBX2ExtTLA_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_ENBX2ExtTLA_ExtIEs(void*) {}
-inline int __mv_mme_Encode_EUTRAN_CGI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_EUTRAN_CGI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_EUTRAN_CGI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_EUTRAN_CGI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_EUTRAN_CGI_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_EUTRAN_CGI_ExtIEs(void*) {}
-inline int __mv_mme_Encode_EmergencyAreaID_Broadcast_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_EmergencyAreaID_Broadcast_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_EmergencyAreaID_Broadcast_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_EmergencyAreaID_Broadcast_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_EmergencyAreaID_Broadcast_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_EmergencyAreaID_Broadcast_Item_ExtIEs(void*) {}
-inline int __mv_mme_Encode_EmergencyAreaID_Cancelled_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_EmergencyAreaID_Cancelled_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_EmergencyAreaID_Cancelled_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_EmergencyAreaID_Cancelled_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_EmergencyAreaID_Cancelled_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_EmergencyAreaID_Cancelled_Item_ExtIEs(void*) {}
-inline int __mv_mme_Encode_ExpectedUEActivityBehaviour_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_ExpectedUEActivityBehaviour_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_ExpectedUEActivityBehaviour_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_ExpectedUEActivityBehaviour_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_ExpectedUEActivityBehaviour_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_ExpectedUEActivityBehaviour_ExtIEs(void*) {}
-inline int __mv_mme_Encode_ExpectedUEBehaviour_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_ExpectedUEBehaviour_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_ExpectedUEBehaviour_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_ExpectedUEBehaviour_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_ExpectedUEBehaviour_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_ExpectedUEBehaviour_ExtIEs(void*) {}
-inline int __mv_mme_Encode_FiveGSTAI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_FiveGSTAI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_FiveGSTAI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_FiveGSTAI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_FiveGSTAI_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_FiveGSTAI_ExtIEs(void*) {}
-inline int __mv_mme_Encode_ForbiddenLAs_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_ForbiddenLAs_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_ForbiddenLAs_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_ForbiddenLAs_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_ForbiddenLAs_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_ForbiddenLAs_Item_ExtIEs(void*) {}
-inline int __mv_mme_Encode_ForbiddenTAs_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_ForbiddenTAs_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_ForbiddenTAs_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_ForbiddenTAs_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_ForbiddenTAs_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_ForbiddenTAs_Item_ExtIEs(void*) {}
-inline int __mv_mme_Encode_GBR_QosInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_GBR_QosInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_GBR_QosInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_GBR_QosInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_GBR_QosInformation_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_GBR_QosInformation_ExtIEs(void*) {}
-inline int __mv_mme_Encode_GERAN_Cell_ID_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_GERAN_Cell_ID_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_GERAN_Cell_ID_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_GERAN_Cell_ID_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_GERAN_Cell_ID_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_GERAN_Cell_ID_ExtIEs(void*) {}
-inline int __mv_mme_Encode_GNB_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_GNB_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_GNB_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_GNB_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_GNB_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_GNB_ExtIEs(void*) {}
-inline int __mv_mme_Encode_GUMMEI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_GUMMEI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_GUMMEI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_GUMMEI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_GUMMEI_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_GUMMEI_ExtIEs(void*) {}
-inline int __mv_mme_Encode_Global_GNB_ID_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_Global_GNB_ID_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_Global_GNB_ID_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_Global_GNB_ID_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_Global_GNB_ID_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_Global_GNB_ID_ExtIEs(void*) {}
-inline int __mv_mme_Encode_Global_en_gNB_ID_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_Global_en_gNB_ID_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_Global_en_gNB_ID_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_Global_en_gNB_ID_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_Global_en_gNB_ID_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_Global_en_gNB_ID_ExtIEs(void*) {}
-inline int __mv_mme_Encode_GlobalENB_ID_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_GlobalENB_ID_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_GlobalENB_ID_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_GlobalENB_ID_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_GlobalENB_ID_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_GlobalENB_ID_ExtIEs(void*) {}
-inline int __mv_mme_Encode_HandoverRestrictionList_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_HandoverRestrictionList_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_HandoverRestrictionList_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_HandoverRestrictionList_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_HandoverRestrictionList_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_HandoverRestrictionList_ExtIEs(void*) {}
-inline int __mv_mme_Encode_ImmediateMDT_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_ImmediateMDT_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_ImmediateMDT_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_ImmediateMDT_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_ImmediateMDT_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_ImmediateMDT_ExtIEs(void*) {}
-inline int __mv_mme_Encode_InformationForCECapableUEs_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_InformationForCECapableUEs_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_InformationForCECapableUEs_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_InformationForCECapableUEs_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_InformationForCECapableUEs_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_InformationForCECapableUEs_ExtIEs(void*) {}
-inline int __mv_mme_Encode_InformationOnRecommendedCellsAndENBsForPaging_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_InformationOnRecommendedCellsAndENBsForPaging_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_InformationOnRecommendedCellsAndENBsForPaging_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_InformationOnRecommendedCellsAndENBsForPaging_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_InformationOnRecommendedCellsAndENBsForPaging_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_InformationOnRecommendedCellsAndENBsForPaging_ExtIEs(void*) {}
-inline int __mv_mme_Encode_LAI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_LAI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_LAI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_LAI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_LAI_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_LAI_ExtIEs(void*) {}
-inline int __mv_mme_Encode_LastVisitedEUTRANCellInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_LastVisitedEUTRANCellInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_LastVisitedEUTRANCellInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_LastVisitedEUTRANCellInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_LastVisitedEUTRANCellInformation_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_LastVisitedEUTRANCellInformation_ExtIEs(void*) {}
-inline int __mv_mme_Encode_ListeningSubframePattern_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_ListeningSubframePattern_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_ListeningSubframePattern_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_ListeningSubframePattern_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_ListeningSubframePattern_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_ListeningSubframePattern_ExtIEs(void*) {}
-inline int __mv_mme_Encode_LoggedMBSFNMDT_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_LoggedMBSFNMDT_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_LoggedMBSFNMDT_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_LoggedMBSFNMDT_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_LoggedMBSFNMDT_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_LoggedMBSFNMDT_ExtIEs(void*) {}
-inline int __mv_mme_Encode_LoggedMDT_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_LoggedMDT_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_LoggedMDT_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_LoggedMDT_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_LoggedMDT_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_LoggedMDT_ExtIEs(void*) {}
-inline int __mv_mme_Encode_M1PeriodicReporting_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_M1PeriodicReporting_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_M1PeriodicReporting_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_M1PeriodicReporting_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_M1PeriodicReporting_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_M1PeriodicReporting_ExtIEs(void*) {}
-inline int __mv_mme_Encode_M1ThresholdEventA2_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_M1ThresholdEventA2_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_M1ThresholdEventA2_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_M1ThresholdEventA2_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_M1ThresholdEventA2_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_M1ThresholdEventA2_ExtIEs(void*) {}
-inline int __mv_mme_Encode_M3Configuration_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_M3Configuration_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_M3Configuration_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_M3Configuration_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_M3Configuration_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_M3Configuration_ExtIEs(void*) {}
-inline int __mv_mme_Encode_M4Configuration_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_M4Configuration_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_M4Configuration_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_M4Configuration_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_M4Configuration_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_M4Configuration_ExtIEs(void*) {}
-inline int __mv_mme_Encode_M5Configuration_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_M5Configuration_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_M5Configuration_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_M5Configuration_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_M5Configuration_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_M5Configuration_ExtIEs(void*) {}
-inline int __mv_mme_Encode_M6Configuration_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_M6Configuration_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_M6Configuration_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_M6Configuration_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_M6Configuration_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_M6Configuration_ExtIEs(void*) {}
-inline int __mv_mme_Encode_M7Configuration_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_M7Configuration_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_M7Configuration_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_M7Configuration_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_M7Configuration_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_M7Configuration_ExtIEs(void*) {}
-inline int __mv_mme_Encode_MBSFN_ResultToLogInfo_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_MBSFN_ResultToLogInfo_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_MBSFN_ResultToLogInfo_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_MBSFN_ResultToLogInfo_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_MBSFN_ResultToLogInfo_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_MBSFN_ResultToLogInfo_ExtIEs(void*) {}
-inline int __mv_mme_Encode_MDT_Configuration_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_MDT_Configuration_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_MDT_Configuration_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_MDT_Configuration_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_MDT_Configuration_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_MDT_Configuration_ExtIEs(void*) {}
-inline int __mv_mme_Encode_MutingPatternInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_MutingPatternInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_MutingPatternInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_MutingPatternInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_MutingPatternInformation_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_MutingPatternInformation_ExtIEs(void*) {}
-inline int __mv_mme_Encode_NB_IoT_Paging_eDRXInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_NB_IoT_Paging_eDRXInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_NB_IoT_Paging_eDRXInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_NB_IoT_Paging_eDRXInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_NB_IoT_Paging_eDRXInformation_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_NB_IoT_Paging_eDRXInformation_ExtIEs(void*) {}
-inline int __mv_mme_Encode_NG_eNB_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_NG_eNB_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_NG_eNB_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_NG_eNB_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_NG_eNB_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_NG_eNB_ExtIEs(void*) {}
-inline int __mv_mme_Encode_NR_CGI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_NR_CGI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_NR_CGI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_NR_CGI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_NR_CGI_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_NR_CGI_ExtIEs(void*) {}
-inline int __mv_mme_Encode_NRUESecurityCapabilities_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_NRUESecurityCapabilities_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_NRUESecurityCapabilities_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_NRUESecurityCapabilities_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_NRUESecurityCapabilities_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_NRUESecurityCapabilities_ExtIEs(void*) {}
-inline int __mv_mme_Encode_PLMNAreaBasedQMC_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_PLMNAreaBasedQMC_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_PLMNAreaBasedQMC_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_PLMNAreaBasedQMC_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_PLMNAreaBasedQMC_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_PLMNAreaBasedQMC_ExtIEs(void*) {}
-inline int __mv_mme_Encode_PSCellInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_PSCellInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_PSCellInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_PSCellInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_PSCellInformation_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_PSCellInformation_ExtIEs(void*) {}
-inline int __mv_mme_Encode_Paging_eDRXInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_Paging_eDRXInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_Paging_eDRXInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_Paging_eDRXInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_Paging_eDRXInformation_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_Paging_eDRXInformation_ExtIEs(void*) {}
-inline int __mv_mme_Encode_PagingAttemptInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_PagingAttemptInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_PagingAttemptInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_PagingAttemptInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_PagingAttemptInformation_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_PagingAttemptInformation_ExtIEs(void*) {}
-inline int __mv_mme_Encode_ProSeAuthorized_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_ProSeAuthorized_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_ProSeAuthorized_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_ProSeAuthorized_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_ProSeAuthorized_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_ProSeAuthorized_ExtIEs(void*) {}
-inline int __mv_mme_Encode_RIMTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_RIMTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_RIMTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_RIMTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_RIMTransfer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_RIMTransfer_ExtIEs(void*) {}
-inline int __mv_mme_Encode_RLFReportInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_RLFReportInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_RLFReportInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_RLFReportInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_RLFReportInformation_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_RLFReportInformation_ExtIEs(void*) {}
-inline int __mv_mme_Encode_RecommendedCellsForPaging_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_RecommendedCellsForPaging_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_RecommendedCellsForPaging_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_RecommendedCellsForPaging_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_RecommendedCellsForPaging_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_RecommendedCellsForPaging_ExtIEs(void*) {}
-inline int __mv_mme_Encode_RecommendedCellsForPagingItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_RecommendedCellsForPagingItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_RecommendedCellsForPagingItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_RecommendedCellsForPagingItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_RecommendedCellsForPagingItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_RecommendedCellsForPagingItem_ExtIEs(void*) {}
-inline int __mv_mme_Encode_RecommendedENBItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_RecommendedENBItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_RecommendedENBItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_RecommendedENBItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_RecommendedENBItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_RecommendedENBItem_ExtIEs(void*) {}
-inline int __mv_mme_Encode_RecommendedENBsForPaging_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_RecommendedENBsForPaging_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_RecommendedENBsForPaging_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_RecommendedENBsForPaging_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_RecommendedENBsForPaging_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_RecommendedENBsForPaging_ExtIEs(void*) {}
-inline int __mv_mme_Encode_RequestType_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_RequestType_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_RequestType_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_RequestType_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_RequestType_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_RequestType_ExtIEs(void*) {}
-inline int __mv_mme_Encode_S_TMSI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_S_TMSI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_S_TMSI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_S_TMSI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_S_TMSI_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_S_TMSI_ExtIEs(void*) {}
-inline int __mv_mme_Encode_SONConfigurationTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_SONConfigurationTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_SONConfigurationTransfer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_SONConfigurationTransfer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_SONConfigurationTransfer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_SONConfigurationTransfer_ExtIEs(void*) {}
-inline int __mv_mme_Encode_SONInformationReply_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_SONInformationReply_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_SONInformationReply_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_SONInformationReply_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_SONInformationReply_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_SONInformationReply_ExtIEs(void*) {}
-inline int __mv_mme_Encode_ScheduledCommunicationTime_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_ScheduledCommunicationTime_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_ScheduledCommunicationTime_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_ScheduledCommunicationTime_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_ScheduledCommunicationTime_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_ScheduledCommunicationTime_ExtIEs(void*) {}
-inline int __mv_mme_Encode_SecondaryRATDataUsageReportItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_SecondaryRATDataUsageReportItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_SecondaryRATDataUsageReportItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_SecondaryRATDataUsageReportItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_SecondaryRATDataUsageReportItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_SecondaryRATDataUsageReportItem_ExtIEs(void*) {}
-inline int __mv_mme_Encode_SecurityContext_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_SecurityContext_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_SecurityContext_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_SecurityContext_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_SecurityContext_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_SecurityContext_ExtIEs(void*) {}
-inline int __mv_mme_Encode_ServedDCNsItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_ServedDCNsItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_ServedDCNsItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_ServedDCNsItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_ServedDCNsItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_ServedDCNsItem_ExtIEs(void*) {}
-inline int __mv_mme_Encode_ServedGUMMEIsItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_ServedGUMMEIsItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_ServedGUMMEIsItem_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_ServedGUMMEIsItem_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_ServedGUMMEIsItem_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_ServedGUMMEIsItem_ExtIEs(void*) {}
-inline int __mv_mme_Encode_SourceeNB_ID_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_SourceeNB_ID_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_SourceeNB_ID_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_SourceeNB_ID_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_SourceeNB_ID_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_SourceeNB_ID_ExtIEs(void*) {}
-inline int __mv_mme_Encode_SourceeNB_ToTargeteNB_TransparentContainer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_SourceeNB_ToTargeteNB_TransparentContainer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_SourceeNB_ToTargeteNB_TransparentContainer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_SourceeNB_ToTargeteNB_TransparentContainer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_SourceeNB_ToTargeteNB_TransparentContainer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_SourceeNB_ToTargeteNB_TransparentContainer_ExtIEs(void*) {}
-inline int __mv_mme_Encode_Subscription_Based_UE_DifferentiationInfo_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_Subscription_Based_UE_DifferentiationInfo_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_Subscription_Based_UE_DifferentiationInfo_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_Subscription_Based_UE_DifferentiationInfo_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_Subscription_Based_UE_DifferentiationInfo_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_Subscription_Based_UE_DifferentiationInfo_ExtIEs(void*) {}
-inline int __mv_mme_Encode_SupportedTAs_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_SupportedTAs_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_SupportedTAs_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_SupportedTAs_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_SupportedTAs_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_SupportedTAs_Item_ExtIEs(void*) {}
-inline int __mv_mme_Encode_SynchronisationInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_SynchronisationInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_SynchronisationInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_SynchronisationInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_SynchronisationInformation_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_SynchronisationInformation_ExtIEs(void*) {}
-inline int __mv_mme_Encode_TABasedMDT_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_TABasedMDT_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_TABasedMDT_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_TABasedMDT_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_TABasedMDT_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_TABasedMDT_ExtIEs(void*) {}
-inline int __mv_mme_Encode_TABasedQMC_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_TABasedQMC_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_TABasedQMC_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_TABasedQMC_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_TABasedQMC_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_TABasedQMC_ExtIEs(void*) {}
-inline int __mv_mme_Encode_TAI_Broadcast_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_TAI_Broadcast_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_TAI_Broadcast_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_TAI_Broadcast_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_TAI_Broadcast_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_TAI_Broadcast_Item_ExtIEs(void*) {}
-inline int __mv_mme_Encode_TAI_Cancelled_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_TAI_Cancelled_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_TAI_Cancelled_Item_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_TAI_Cancelled_Item_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_TAI_Cancelled_Item_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_TAI_Cancelled_Item_ExtIEs(void*) {}
-inline int __mv_mme_Encode_TAI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_TAI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_TAI_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_TAI_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_TAI_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_TAI_ExtIEs(void*) {}
-inline int __mv_mme_Encode_TAIBasedMDT_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_TAIBasedMDT_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_TAIBasedMDT_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_TAIBasedMDT_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_TAIBasedMDT_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_TAIBasedMDT_ExtIEs(void*) {}
-inline int __mv_mme_Encode_TAIBasedQMC_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_TAIBasedQMC_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_TAIBasedQMC_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_TAIBasedQMC_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_TAIBasedQMC_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_TAIBasedQMC_ExtIEs(void*) {}
-inline int __mv_mme_Encode_TAIItemExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_TAIItemExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_TAIItemExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_TAIItemExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_TAIItemExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_TAIItemExtIEs(void*) {}
-inline int __mv_mme_Encode_TargetNgRanNode_ID_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_TargetNgRanNode_ID_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_TargetNgRanNode_ID_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_TargetNgRanNode_ID_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_TargetNgRanNode_ID_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_TargetNgRanNode_ID_ExtIEs(void*) {}
-inline int __mv_mme_Encode_TargetRNC_ID_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_TargetRNC_ID_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_TargetRNC_ID_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_TargetRNC_ID_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_TargetRNC_ID_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_TargetRNC_ID_ExtIEs(void*) {}
-inline int __mv_mme_Encode_TargeteNB_ID_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_TargeteNB_ID_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_TargeteNB_ID_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_TargeteNB_ID_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_TargeteNB_ID_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_TargeteNB_ID_ExtIEs(void*) {}
-inline int __mv_mme_Encode_TargeteNB_ToSourceeNB_TransparentContainer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_TargeteNB_ToSourceeNB_TransparentContainer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_TargeteNB_ToSourceeNB_TransparentContainer_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_TargeteNB_ToSourceeNB_TransparentContainer_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_TargeteNB_ToSourceeNB_TransparentContainer_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_TargeteNB_ToSourceeNB_TransparentContainer_ExtIEs(void*) {}
-inline int __mv_mme_Encode_TimeSynchronisationInfo_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_TimeSynchronisationInfo_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_TimeSynchronisationInfo_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_TimeSynchronisationInfo_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_TimeSynchronisationInfo_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_TimeSynchronisationInfo_ExtIEs(void*) {}
-inline int __mv_mme_Encode_TraceActivation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_TraceActivation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_TraceActivation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_TraceActivation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_TraceActivation_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_TraceActivation_ExtIEs(void*) {}
-inline int __mv_mme_Encode_Tunnel_Information_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_Tunnel_Information_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_Tunnel_Information_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_Tunnel_Information_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_Tunnel_Information_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_Tunnel_Information_ExtIEs(void*) {}
-inline int __mv_mme_Encode_UE_S1AP_ID_pair_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_UE_S1AP_ID_pair_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_UE_S1AP_ID_pair_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_UE_S1AP_ID_pair_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_UE_S1AP_ID_pair_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_UE_S1AP_ID_pair_ExtIEs(void*) {}
-inline int __mv_mme_Encode_UE_Sidelink_Aggregate_MaximumBitrates_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_UE_Sidelink_Aggregate_MaximumBitrates_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_UE_Sidelink_Aggregate_MaximumBitrates_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_UE_Sidelink_Aggregate_MaximumBitrates_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_UE_Sidelink_Aggregate_MaximumBitrates_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_UE_Sidelink_Aggregate_MaximumBitrates_ExtIEs(void*) {}
-inline int __mv_mme_Encode_UE_associatedLogicalS1_ConnectionItemExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_UE_associatedLogicalS1_ConnectionItemExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_UE_associatedLogicalS1_ConnectionItemExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_UE_associatedLogicalS1_ConnectionItemExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_UE_associatedLogicalS1_ConnectionItemExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_UE_associatedLogicalS1_ConnectionItemExtIEs(void*) {}
-inline int __mv_mme_Encode_UEAggregate_MaximumBitrates_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_UEAggregate_MaximumBitrates_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_UEAggregate_MaximumBitrates_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_UEAggregate_MaximumBitrates_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_UEAggregate_MaximumBitrates_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_UEAggregate_MaximumBitrates_ExtIEs(void*) {}
-inline int __mv_mme_Encode_UEAppLayerMeasConfig_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_UEAppLayerMeasConfig_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_UEAppLayerMeasConfig_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_UEAppLayerMeasConfig_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_UEAppLayerMeasConfig_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_UEAppLayerMeasConfig_ExtIEs(void*) {}
-inline int __mv_mme_Encode_UESecurityCapabilities_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_UESecurityCapabilities_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_UESecurityCapabilities_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_UESecurityCapabilities_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_UESecurityCapabilities_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_UESecurityCapabilities_ExtIEs(void*) {}
-inline int __mv_mme_Encode_UL_CP_SecurityInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_UL_CP_SecurityInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_UL_CP_SecurityInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_UL_CP_SecurityInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_UL_CP_SecurityInformation_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_UL_CP_SecurityInformation_ExtIEs(void*) {}
-inline int __mv_mme_Encode_UserLocationInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_UserLocationInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_UserLocationInformation_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_UserLocationInformation_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_UserLocationInformation_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_UserLocationInformation_ExtIEs(void*) {}
-inline int __mv_mme_Encode_V2XServicesAuthorized_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_V2XServicesAuthorized_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_V2XServicesAuthorized_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_V2XServicesAuthorized_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_V2XServicesAuthorized_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_V2XServicesAuthorized_ExtIEs(void*) {}
-inline int __mv_mme_Encode_WLANMeasurementConfiguration_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_WLANMeasurementConfiguration_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_WLANMeasurementConfiguration_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_WLANMeasurementConfiguration_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_WLANMeasurementConfiguration_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_WLANMeasurementConfiguration_ExtIEs(void*) {}
-inline int __mv_mme_Encode_X2TNLConfigurationInfo_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 0; }
-inline int __mv_mme_Decode_X2TNLConfigurationInfo_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 0; }
+inline int __mv_mme_Encode_X2TNLConfigurationInfo_ExtIEs(const void*, int, __mv_asn_coding_context*) { return 1; }
+inline int __mv_mme_Decode_X2TNLConfigurationInfo_ExtIEs(void**, int*, int, __mv_asn_coding_context*) { return 1; }
 inline void __mv_mme_debug_X2TNLConfigurationInfo_ExtIEs(const char*, const void*, int) {}
 inline void __mv_mme_memfree_X2TNLConfigurationInfo_ExtIEs(void*) {}
 
 // Operations per PDU.
-int __mv_mme_encode_pdu_HandoverRequired(__mv_mme_dt_HandoverRequired* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_HandoverRequired(__mv_mme_dt_HandoverRequired* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_HandoverRequired(__mv_mme_dt_HandoverRequired* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_HandoverRequired(__mv_mme_dt_HandoverRequired* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_HandoverRequired(const __mv_mme_dt_HandoverRequired* rec);
 void __mv_mme_memfree_pdu_HandoverRequired(__mv_mme_dt_HandoverRequired* rec);
-int __mv_mme_encode_pdu_HandoverCommand(__mv_mme_dt_HandoverCommand* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_HandoverCommand(__mv_mme_dt_HandoverCommand* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_HandoverCommand(__mv_mme_dt_HandoverCommand* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_HandoverCommand(__mv_mme_dt_HandoverCommand* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_HandoverCommand(const __mv_mme_dt_HandoverCommand* rec);
 void __mv_mme_memfree_pdu_HandoverCommand(__mv_mme_dt_HandoverCommand* rec);
-int __mv_mme_encode_pdu_HandoverPreparationFailure(__mv_mme_dt_HandoverPreparationFailure* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_HandoverPreparationFailure(__mv_mme_dt_HandoverPreparationFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_HandoverPreparationFailure(__mv_mme_dt_HandoverPreparationFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_HandoverPreparationFailure(__mv_mme_dt_HandoverPreparationFailure* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_HandoverPreparationFailure(const __mv_mme_dt_HandoverPreparationFailure* rec);
 void __mv_mme_memfree_pdu_HandoverPreparationFailure(__mv_mme_dt_HandoverPreparationFailure* rec);
-int __mv_mme_encode_pdu_HandoverRequest(__mv_mme_dt_HandoverRequest* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_HandoverRequest(__mv_mme_dt_HandoverRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_HandoverRequest(__mv_mme_dt_HandoverRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_HandoverRequest(__mv_mme_dt_HandoverRequest* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_HandoverRequest(const __mv_mme_dt_HandoverRequest* rec);
 void __mv_mme_memfree_pdu_HandoverRequest(__mv_mme_dt_HandoverRequest* rec);
-int __mv_mme_encode_pdu_HandoverRequestAcknowledge(__mv_mme_dt_HandoverRequestAcknowledge* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_HandoverRequestAcknowledge(__mv_mme_dt_HandoverRequestAcknowledge* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_HandoverRequestAcknowledge(__mv_mme_dt_HandoverRequestAcknowledge* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_HandoverRequestAcknowledge(__mv_mme_dt_HandoverRequestAcknowledge* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_HandoverRequestAcknowledge(const __mv_mme_dt_HandoverRequestAcknowledge* rec);
 void __mv_mme_memfree_pdu_HandoverRequestAcknowledge(__mv_mme_dt_HandoverRequestAcknowledge* rec);
-int __mv_mme_encode_pdu_HandoverFailure(__mv_mme_dt_HandoverFailure* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_HandoverFailure(__mv_mme_dt_HandoverFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_HandoverFailure(__mv_mme_dt_HandoverFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_HandoverFailure(__mv_mme_dt_HandoverFailure* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_HandoverFailure(const __mv_mme_dt_HandoverFailure* rec);
 void __mv_mme_memfree_pdu_HandoverFailure(__mv_mme_dt_HandoverFailure* rec);
-int __mv_mme_encode_pdu_HandoverNotify(__mv_mme_dt_HandoverNotify* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_HandoverNotify(__mv_mme_dt_HandoverNotify* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_HandoverNotify(__mv_mme_dt_HandoverNotify* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_HandoverNotify(__mv_mme_dt_HandoverNotify* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_HandoverNotify(const __mv_mme_dt_HandoverNotify* rec);
 void __mv_mme_memfree_pdu_HandoverNotify(__mv_mme_dt_HandoverNotify* rec);
-int __mv_mme_encode_pdu_PathSwitchRequest(__mv_mme_dt_PathSwitchRequest* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_PathSwitchRequest(__mv_mme_dt_PathSwitchRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_PathSwitchRequest(__mv_mme_dt_PathSwitchRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_PathSwitchRequest(__mv_mme_dt_PathSwitchRequest* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_PathSwitchRequest(const __mv_mme_dt_PathSwitchRequest* rec);
 void __mv_mme_memfree_pdu_PathSwitchRequest(__mv_mme_dt_PathSwitchRequest* rec);
-int __mv_mme_encode_pdu_PathSwitchRequestAcknowledge(__mv_mme_dt_PathSwitchRequestAcknowledge* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_PathSwitchRequestAcknowledge(__mv_mme_dt_PathSwitchRequestAcknowledge* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_PathSwitchRequestAcknowledge(__mv_mme_dt_PathSwitchRequestAcknowledge* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_PathSwitchRequestAcknowledge(__mv_mme_dt_PathSwitchRequestAcknowledge* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_PathSwitchRequestAcknowledge(const __mv_mme_dt_PathSwitchRequestAcknowledge* rec);
 void __mv_mme_memfree_pdu_PathSwitchRequestAcknowledge(__mv_mme_dt_PathSwitchRequestAcknowledge* rec);
-int __mv_mme_encode_pdu_PathSwitchRequestFailure(__mv_mme_dt_PathSwitchRequestFailure* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_PathSwitchRequestFailure(__mv_mme_dt_PathSwitchRequestFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_PathSwitchRequestFailure(__mv_mme_dt_PathSwitchRequestFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_PathSwitchRequestFailure(__mv_mme_dt_PathSwitchRequestFailure* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_PathSwitchRequestFailure(const __mv_mme_dt_PathSwitchRequestFailure* rec);
 void __mv_mme_memfree_pdu_PathSwitchRequestFailure(__mv_mme_dt_PathSwitchRequestFailure* rec);
-int __mv_mme_encode_pdu_HandoverCancel(__mv_mme_dt_HandoverCancel* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_HandoverCancel(__mv_mme_dt_HandoverCancel* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_HandoverCancel(__mv_mme_dt_HandoverCancel* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_HandoverCancel(__mv_mme_dt_HandoverCancel* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_HandoverCancel(const __mv_mme_dt_HandoverCancel* rec);
 void __mv_mme_memfree_pdu_HandoverCancel(__mv_mme_dt_HandoverCancel* rec);
-int __mv_mme_encode_pdu_HandoverCancelAcknowledge(__mv_mme_dt_HandoverCancelAcknowledge* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_HandoverCancelAcknowledge(__mv_mme_dt_HandoverCancelAcknowledge* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_HandoverCancelAcknowledge(__mv_mme_dt_HandoverCancelAcknowledge* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_HandoverCancelAcknowledge(__mv_mme_dt_HandoverCancelAcknowledge* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_HandoverCancelAcknowledge(const __mv_mme_dt_HandoverCancelAcknowledge* rec);
 void __mv_mme_memfree_pdu_HandoverCancelAcknowledge(__mv_mme_dt_HandoverCancelAcknowledge* rec);
-int __mv_mme_encode_pdu_E_RABSetupRequest(__mv_mme_dt_E_RABSetupRequest* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_E_RABSetupRequest(__mv_mme_dt_E_RABSetupRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_E_RABSetupRequest(__mv_mme_dt_E_RABSetupRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_E_RABSetupRequest(__mv_mme_dt_E_RABSetupRequest* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_E_RABSetupRequest(const __mv_mme_dt_E_RABSetupRequest* rec);
 void __mv_mme_memfree_pdu_E_RABSetupRequest(__mv_mme_dt_E_RABSetupRequest* rec);
-int __mv_mme_encode_pdu_E_RABSetupResponse(__mv_mme_dt_E_RABSetupResponse* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_E_RABSetupResponse(__mv_mme_dt_E_RABSetupResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_E_RABSetupResponse(__mv_mme_dt_E_RABSetupResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_E_RABSetupResponse(__mv_mme_dt_E_RABSetupResponse* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_E_RABSetupResponse(const __mv_mme_dt_E_RABSetupResponse* rec);
 void __mv_mme_memfree_pdu_E_RABSetupResponse(__mv_mme_dt_E_RABSetupResponse* rec);
-int __mv_mme_encode_pdu_E_RABModifyRequest(__mv_mme_dt_E_RABModifyRequest* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_E_RABModifyRequest(__mv_mme_dt_E_RABModifyRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_E_RABModifyRequest(__mv_mme_dt_E_RABModifyRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_E_RABModifyRequest(__mv_mme_dt_E_RABModifyRequest* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_E_RABModifyRequest(const __mv_mme_dt_E_RABModifyRequest* rec);
 void __mv_mme_memfree_pdu_E_RABModifyRequest(__mv_mme_dt_E_RABModifyRequest* rec);
-int __mv_mme_encode_pdu_E_RABModifyResponse(__mv_mme_dt_E_RABModifyResponse* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_E_RABModifyResponse(__mv_mme_dt_E_RABModifyResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_E_RABModifyResponse(__mv_mme_dt_E_RABModifyResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_E_RABModifyResponse(__mv_mme_dt_E_RABModifyResponse* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_E_RABModifyResponse(const __mv_mme_dt_E_RABModifyResponse* rec);
 void __mv_mme_memfree_pdu_E_RABModifyResponse(__mv_mme_dt_E_RABModifyResponse* rec);
-int __mv_mme_encode_pdu_E_RABReleaseCommand(__mv_mme_dt_E_RABReleaseCommand* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_E_RABReleaseCommand(__mv_mme_dt_E_RABReleaseCommand* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_E_RABReleaseCommand(__mv_mme_dt_E_RABReleaseCommand* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_E_RABReleaseCommand(__mv_mme_dt_E_RABReleaseCommand* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_E_RABReleaseCommand(const __mv_mme_dt_E_RABReleaseCommand* rec);
 void __mv_mme_memfree_pdu_E_RABReleaseCommand(__mv_mme_dt_E_RABReleaseCommand* rec);
-int __mv_mme_encode_pdu_E_RABReleaseResponse(__mv_mme_dt_E_RABReleaseResponse* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_E_RABReleaseResponse(__mv_mme_dt_E_RABReleaseResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_E_RABReleaseResponse(__mv_mme_dt_E_RABReleaseResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_E_RABReleaseResponse(__mv_mme_dt_E_RABReleaseResponse* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_E_RABReleaseResponse(const __mv_mme_dt_E_RABReleaseResponse* rec);
 void __mv_mme_memfree_pdu_E_RABReleaseResponse(__mv_mme_dt_E_RABReleaseResponse* rec);
-int __mv_mme_encode_pdu_E_RABReleaseIndication(__mv_mme_dt_E_RABReleaseIndication* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_E_RABReleaseIndication(__mv_mme_dt_E_RABReleaseIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_E_RABReleaseIndication(__mv_mme_dt_E_RABReleaseIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_E_RABReleaseIndication(__mv_mme_dt_E_RABReleaseIndication* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_E_RABReleaseIndication(const __mv_mme_dt_E_RABReleaseIndication* rec);
 void __mv_mme_memfree_pdu_E_RABReleaseIndication(__mv_mme_dt_E_RABReleaseIndication* rec);
-int __mv_mme_encode_pdu_InitialContextSetupRequest(__mv_mme_dt_InitialContextSetupRequest* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_InitialContextSetupRequest(__mv_mme_dt_InitialContextSetupRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_InitialContextSetupRequest(__mv_mme_dt_InitialContextSetupRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_InitialContextSetupRequest(__mv_mme_dt_InitialContextSetupRequest* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_InitialContextSetupRequest(const __mv_mme_dt_InitialContextSetupRequest* rec);
 void __mv_mme_memfree_pdu_InitialContextSetupRequest(__mv_mme_dt_InitialContextSetupRequest* rec);
-int __mv_mme_encode_pdu_InitialContextSetupResponse(__mv_mme_dt_InitialContextSetupResponse* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_InitialContextSetupResponse(__mv_mme_dt_InitialContextSetupResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_InitialContextSetupResponse(__mv_mme_dt_InitialContextSetupResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_InitialContextSetupResponse(__mv_mme_dt_InitialContextSetupResponse* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_InitialContextSetupResponse(const __mv_mme_dt_InitialContextSetupResponse* rec);
 void __mv_mme_memfree_pdu_InitialContextSetupResponse(__mv_mme_dt_InitialContextSetupResponse* rec);
-int __mv_mme_encode_pdu_InitialContextSetupFailure(__mv_mme_dt_InitialContextSetupFailure* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_InitialContextSetupFailure(__mv_mme_dt_InitialContextSetupFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_InitialContextSetupFailure(__mv_mme_dt_InitialContextSetupFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_InitialContextSetupFailure(__mv_mme_dt_InitialContextSetupFailure* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_InitialContextSetupFailure(const __mv_mme_dt_InitialContextSetupFailure* rec);
 void __mv_mme_memfree_pdu_InitialContextSetupFailure(__mv_mme_dt_InitialContextSetupFailure* rec);
-int __mv_mme_encode_pdu_Paging(__mv_mme_dt_Paging* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_Paging(__mv_mme_dt_Paging* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_Paging(__mv_mme_dt_Paging* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_Paging(__mv_mme_dt_Paging* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_Paging(const __mv_mme_dt_Paging* rec);
 void __mv_mme_memfree_pdu_Paging(__mv_mme_dt_Paging* rec);
-int __mv_mme_encode_pdu_DownlinkNASTransport(__mv_mme_dt_DownlinkNASTransport* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_DownlinkNASTransport(__mv_mme_dt_DownlinkNASTransport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_DownlinkNASTransport(__mv_mme_dt_DownlinkNASTransport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_DownlinkNASTransport(__mv_mme_dt_DownlinkNASTransport* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_DownlinkNASTransport(const __mv_mme_dt_DownlinkNASTransport* rec);
 void __mv_mme_memfree_pdu_DownlinkNASTransport(__mv_mme_dt_DownlinkNASTransport* rec);
-int __mv_mme_encode_pdu_InitialUEMessage(__mv_mme_dt_InitialUEMessage* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_InitialUEMessage(__mv_mme_dt_InitialUEMessage* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_InitialUEMessage(__mv_mme_dt_InitialUEMessage* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_InitialUEMessage(__mv_mme_dt_InitialUEMessage* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_InitialUEMessage(const __mv_mme_dt_InitialUEMessage* rec);
 void __mv_mme_memfree_pdu_InitialUEMessage(__mv_mme_dt_InitialUEMessage* rec);
-int __mv_mme_encode_pdu_UplinkNASTransport(__mv_mme_dt_UplinkNASTransport* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_UplinkNASTransport(__mv_mme_dt_UplinkNASTransport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_UplinkNASTransport(__mv_mme_dt_UplinkNASTransport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_UplinkNASTransport(__mv_mme_dt_UplinkNASTransport* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_UplinkNASTransport(const __mv_mme_dt_UplinkNASTransport* rec);
 void __mv_mme_memfree_pdu_UplinkNASTransport(__mv_mme_dt_UplinkNASTransport* rec);
-int __mv_mme_encode_pdu_Reset(__mv_mme_dt_Reset* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_Reset(__mv_mme_dt_Reset* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_Reset(__mv_mme_dt_Reset* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_Reset(__mv_mme_dt_Reset* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_Reset(const __mv_mme_dt_Reset* rec);
 void __mv_mme_memfree_pdu_Reset(__mv_mme_dt_Reset* rec);
-int __mv_mme_encode_pdu_ResetAcknowledge(__mv_mme_dt_ResetAcknowledge* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_ResetAcknowledge(__mv_mme_dt_ResetAcknowledge* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_ResetAcknowledge(__mv_mme_dt_ResetAcknowledge* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_ResetAcknowledge(__mv_mme_dt_ResetAcknowledge* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_ResetAcknowledge(const __mv_mme_dt_ResetAcknowledge* rec);
 void __mv_mme_memfree_pdu_ResetAcknowledge(__mv_mme_dt_ResetAcknowledge* rec);
-int __mv_mme_encode_pdu_ErrorIndication(__mv_mme_dt_ErrorIndication* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_ErrorIndication(__mv_mme_dt_ErrorIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_ErrorIndication(__mv_mme_dt_ErrorIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_ErrorIndication(__mv_mme_dt_ErrorIndication* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_ErrorIndication(const __mv_mme_dt_ErrorIndication* rec);
 void __mv_mme_memfree_pdu_ErrorIndication(__mv_mme_dt_ErrorIndication* rec);
-int __mv_mme_encode_pdu_NASNonDeliveryIndication(__mv_mme_dt_NASNonDeliveryIndication* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_NASNonDeliveryIndication(__mv_mme_dt_NASNonDeliveryIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_NASNonDeliveryIndication(__mv_mme_dt_NASNonDeliveryIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_NASNonDeliveryIndication(__mv_mme_dt_NASNonDeliveryIndication* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_NASNonDeliveryIndication(const __mv_mme_dt_NASNonDeliveryIndication* rec);
 void __mv_mme_memfree_pdu_NASNonDeliveryIndication(__mv_mme_dt_NASNonDeliveryIndication* rec);
-int __mv_mme_encode_pdu_S1SetupRequest(__mv_mme_dt_S1SetupRequest* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_S1SetupRequest(__mv_mme_dt_S1SetupRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_S1SetupRequest(__mv_mme_dt_S1SetupRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_S1SetupRequest(__mv_mme_dt_S1SetupRequest* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_S1SetupRequest(const __mv_mme_dt_S1SetupRequest* rec);
 void __mv_mme_memfree_pdu_S1SetupRequest(__mv_mme_dt_S1SetupRequest* rec);
-int __mv_mme_encode_pdu_S1SetupResponse(__mv_mme_dt_S1SetupResponse* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_S1SetupResponse(__mv_mme_dt_S1SetupResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_S1SetupResponse(__mv_mme_dt_S1SetupResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_S1SetupResponse(__mv_mme_dt_S1SetupResponse* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_S1SetupResponse(const __mv_mme_dt_S1SetupResponse* rec);
 void __mv_mme_memfree_pdu_S1SetupResponse(__mv_mme_dt_S1SetupResponse* rec);
-int __mv_mme_encode_pdu_S1SetupFailure(__mv_mme_dt_S1SetupFailure* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_S1SetupFailure(__mv_mme_dt_S1SetupFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_S1SetupFailure(__mv_mme_dt_S1SetupFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_S1SetupFailure(__mv_mme_dt_S1SetupFailure* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_S1SetupFailure(const __mv_mme_dt_S1SetupFailure* rec);
 void __mv_mme_memfree_pdu_S1SetupFailure(__mv_mme_dt_S1SetupFailure* rec);
-int __mv_mme_encode_pdu_UEContextReleaseRequest(__mv_mme_dt_UEContextReleaseRequest* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_UEContextReleaseRequest(__mv_mme_dt_UEContextReleaseRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_UEContextReleaseRequest(__mv_mme_dt_UEContextReleaseRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_UEContextReleaseRequest(__mv_mme_dt_UEContextReleaseRequest* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_UEContextReleaseRequest(const __mv_mme_dt_UEContextReleaseRequest* rec);
 void __mv_mme_memfree_pdu_UEContextReleaseRequest(__mv_mme_dt_UEContextReleaseRequest* rec);
-int __mv_mme_encode_pdu_DownlinkS1cdma2000tunnelling(__mv_mme_dt_DownlinkS1cdma2000tunnelling* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_DownlinkS1cdma2000tunnelling(__mv_mme_dt_DownlinkS1cdma2000tunnelling* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_DownlinkS1cdma2000tunnelling(__mv_mme_dt_DownlinkS1cdma2000tunnelling* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_DownlinkS1cdma2000tunnelling(__mv_mme_dt_DownlinkS1cdma2000tunnelling* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_DownlinkS1cdma2000tunnelling(const __mv_mme_dt_DownlinkS1cdma2000tunnelling* rec);
 void __mv_mme_memfree_pdu_DownlinkS1cdma2000tunnelling(__mv_mme_dt_DownlinkS1cdma2000tunnelling* rec);
-int __mv_mme_encode_pdu_UplinkS1cdma2000tunnelling(__mv_mme_dt_UplinkS1cdma2000tunnelling* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_UplinkS1cdma2000tunnelling(__mv_mme_dt_UplinkS1cdma2000tunnelling* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_UplinkS1cdma2000tunnelling(__mv_mme_dt_UplinkS1cdma2000tunnelling* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_UplinkS1cdma2000tunnelling(__mv_mme_dt_UplinkS1cdma2000tunnelling* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_UplinkS1cdma2000tunnelling(const __mv_mme_dt_UplinkS1cdma2000tunnelling* rec);
 void __mv_mme_memfree_pdu_UplinkS1cdma2000tunnelling(__mv_mme_dt_UplinkS1cdma2000tunnelling* rec);
-int __mv_mme_encode_pdu_UEContextModificationRequest(__mv_mme_dt_UEContextModificationRequest* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_UEContextModificationRequest(__mv_mme_dt_UEContextModificationRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_UEContextModificationRequest(__mv_mme_dt_UEContextModificationRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_UEContextModificationRequest(__mv_mme_dt_UEContextModificationRequest* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_UEContextModificationRequest(const __mv_mme_dt_UEContextModificationRequest* rec);
 void __mv_mme_memfree_pdu_UEContextModificationRequest(__mv_mme_dt_UEContextModificationRequest* rec);
-int __mv_mme_encode_pdu_UEContextModificationResponse(__mv_mme_dt_UEContextModificationResponse* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_UEContextModificationResponse(__mv_mme_dt_UEContextModificationResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_UEContextModificationResponse(__mv_mme_dt_UEContextModificationResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_UEContextModificationResponse(__mv_mme_dt_UEContextModificationResponse* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_UEContextModificationResponse(const __mv_mme_dt_UEContextModificationResponse* rec);
 void __mv_mme_memfree_pdu_UEContextModificationResponse(__mv_mme_dt_UEContextModificationResponse* rec);
-int __mv_mme_encode_pdu_UEContextModificationFailure(__mv_mme_dt_UEContextModificationFailure* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_UEContextModificationFailure(__mv_mme_dt_UEContextModificationFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_UEContextModificationFailure(__mv_mme_dt_UEContextModificationFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_UEContextModificationFailure(__mv_mme_dt_UEContextModificationFailure* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_UEContextModificationFailure(const __mv_mme_dt_UEContextModificationFailure* rec);
 void __mv_mme_memfree_pdu_UEContextModificationFailure(__mv_mme_dt_UEContextModificationFailure* rec);
-int __mv_mme_encode_pdu_UECapabilityInfoIndication(__mv_mme_dt_UECapabilityInfoIndication* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_UECapabilityInfoIndication(__mv_mme_dt_UECapabilityInfoIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_UECapabilityInfoIndication(__mv_mme_dt_UECapabilityInfoIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_UECapabilityInfoIndication(__mv_mme_dt_UECapabilityInfoIndication* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_UECapabilityInfoIndication(const __mv_mme_dt_UECapabilityInfoIndication* rec);
 void __mv_mme_memfree_pdu_UECapabilityInfoIndication(__mv_mme_dt_UECapabilityInfoIndication* rec);
-int __mv_mme_encode_pdu_UEContextReleaseCommand(__mv_mme_dt_UEContextReleaseCommand* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_UEContextReleaseCommand(__mv_mme_dt_UEContextReleaseCommand* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_UEContextReleaseCommand(__mv_mme_dt_UEContextReleaseCommand* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_UEContextReleaseCommand(__mv_mme_dt_UEContextReleaseCommand* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_UEContextReleaseCommand(const __mv_mme_dt_UEContextReleaseCommand* rec);
 void __mv_mme_memfree_pdu_UEContextReleaseCommand(__mv_mme_dt_UEContextReleaseCommand* rec);
-int __mv_mme_encode_pdu_UEContextReleaseComplete(__mv_mme_dt_UEContextReleaseComplete* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_UEContextReleaseComplete(__mv_mme_dt_UEContextReleaseComplete* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_UEContextReleaseComplete(__mv_mme_dt_UEContextReleaseComplete* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_UEContextReleaseComplete(__mv_mme_dt_UEContextReleaseComplete* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_UEContextReleaseComplete(const __mv_mme_dt_UEContextReleaseComplete* rec);
 void __mv_mme_memfree_pdu_UEContextReleaseComplete(__mv_mme_dt_UEContextReleaseComplete* rec);
-int __mv_mme_encode_pdu_ENBStatusTransfer(__mv_mme_dt_ENBStatusTransfer* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_ENBStatusTransfer(__mv_mme_dt_ENBStatusTransfer* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_ENBStatusTransfer(__mv_mme_dt_ENBStatusTransfer* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_ENBStatusTransfer(__mv_mme_dt_ENBStatusTransfer* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_ENBStatusTransfer(const __mv_mme_dt_ENBStatusTransfer* rec);
 void __mv_mme_memfree_pdu_ENBStatusTransfer(__mv_mme_dt_ENBStatusTransfer* rec);
-int __mv_mme_encode_pdu_MMEStatusTransfer(__mv_mme_dt_MMEStatusTransfer* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_MMEStatusTransfer(__mv_mme_dt_MMEStatusTransfer* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_MMEStatusTransfer(__mv_mme_dt_MMEStatusTransfer* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_MMEStatusTransfer(__mv_mme_dt_MMEStatusTransfer* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_MMEStatusTransfer(const __mv_mme_dt_MMEStatusTransfer* rec);
 void __mv_mme_memfree_pdu_MMEStatusTransfer(__mv_mme_dt_MMEStatusTransfer* rec);
-int __mv_mme_encode_pdu_DeactivateTrace(__mv_mme_dt_DeactivateTrace* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_DeactivateTrace(__mv_mme_dt_DeactivateTrace* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_DeactivateTrace(__mv_mme_dt_DeactivateTrace* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_DeactivateTrace(__mv_mme_dt_DeactivateTrace* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_DeactivateTrace(const __mv_mme_dt_DeactivateTrace* rec);
 void __mv_mme_memfree_pdu_DeactivateTrace(__mv_mme_dt_DeactivateTrace* rec);
-int __mv_mme_encode_pdu_TraceStart(__mv_mme_dt_TraceStart* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_TraceStart(__mv_mme_dt_TraceStart* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_TraceStart(__mv_mme_dt_TraceStart* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_TraceStart(__mv_mme_dt_TraceStart* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_TraceStart(const __mv_mme_dt_TraceStart* rec);
 void __mv_mme_memfree_pdu_TraceStart(__mv_mme_dt_TraceStart* rec);
-int __mv_mme_encode_pdu_TraceFailureIndication(__mv_mme_dt_TraceFailureIndication* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_TraceFailureIndication(__mv_mme_dt_TraceFailureIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_TraceFailureIndication(__mv_mme_dt_TraceFailureIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_TraceFailureIndication(__mv_mme_dt_TraceFailureIndication* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_TraceFailureIndication(const __mv_mme_dt_TraceFailureIndication* rec);
 void __mv_mme_memfree_pdu_TraceFailureIndication(__mv_mme_dt_TraceFailureIndication* rec);
-int __mv_mme_encode_pdu_ENBConfigurationUpdate(__mv_mme_dt_ENBConfigurationUpdate* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_ENBConfigurationUpdate(__mv_mme_dt_ENBConfigurationUpdate* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_ENBConfigurationUpdate(__mv_mme_dt_ENBConfigurationUpdate* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_ENBConfigurationUpdate(__mv_mme_dt_ENBConfigurationUpdate* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_ENBConfigurationUpdate(const __mv_mme_dt_ENBConfigurationUpdate* rec);
 void __mv_mme_memfree_pdu_ENBConfigurationUpdate(__mv_mme_dt_ENBConfigurationUpdate* rec);
-int __mv_mme_encode_pdu_ENBConfigurationUpdateAcknowledge(__mv_mme_dt_ENBConfigurationUpdateAcknowledge* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_ENBConfigurationUpdateAcknowledge(__mv_mme_dt_ENBConfigurationUpdateAcknowledge* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_ENBConfigurationUpdateAcknowledge(__mv_mme_dt_ENBConfigurationUpdateAcknowledge* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_ENBConfigurationUpdateAcknowledge(__mv_mme_dt_ENBConfigurationUpdateAcknowledge* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_ENBConfigurationUpdateAcknowledge(const __mv_mme_dt_ENBConfigurationUpdateAcknowledge* rec);
 void __mv_mme_memfree_pdu_ENBConfigurationUpdateAcknowledge(__mv_mme_dt_ENBConfigurationUpdateAcknowledge* rec);
-int __mv_mme_encode_pdu_ENBConfigurationUpdateFailure(__mv_mme_dt_ENBConfigurationUpdateFailure* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_ENBConfigurationUpdateFailure(__mv_mme_dt_ENBConfigurationUpdateFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_ENBConfigurationUpdateFailure(__mv_mme_dt_ENBConfigurationUpdateFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_ENBConfigurationUpdateFailure(__mv_mme_dt_ENBConfigurationUpdateFailure* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_ENBConfigurationUpdateFailure(const __mv_mme_dt_ENBConfigurationUpdateFailure* rec);
 void __mv_mme_memfree_pdu_ENBConfigurationUpdateFailure(__mv_mme_dt_ENBConfigurationUpdateFailure* rec);
-int __mv_mme_encode_pdu_MMEConfigurationUpdate(__mv_mme_dt_MMEConfigurationUpdate* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_MMEConfigurationUpdate(__mv_mme_dt_MMEConfigurationUpdate* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_MMEConfigurationUpdate(__mv_mme_dt_MMEConfigurationUpdate* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_MMEConfigurationUpdate(__mv_mme_dt_MMEConfigurationUpdate* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_MMEConfigurationUpdate(const __mv_mme_dt_MMEConfigurationUpdate* rec);
 void __mv_mme_memfree_pdu_MMEConfigurationUpdate(__mv_mme_dt_MMEConfigurationUpdate* rec);
-int __mv_mme_encode_pdu_MMEConfigurationUpdateAcknowledge(__mv_mme_dt_MMEConfigurationUpdateAcknowledge* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_MMEConfigurationUpdateAcknowledge(__mv_mme_dt_MMEConfigurationUpdateAcknowledge* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_MMEConfigurationUpdateAcknowledge(__mv_mme_dt_MMEConfigurationUpdateAcknowledge* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_MMEConfigurationUpdateAcknowledge(__mv_mme_dt_MMEConfigurationUpdateAcknowledge* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_MMEConfigurationUpdateAcknowledge(const __mv_mme_dt_MMEConfigurationUpdateAcknowledge* rec);
 void __mv_mme_memfree_pdu_MMEConfigurationUpdateAcknowledge(__mv_mme_dt_MMEConfigurationUpdateAcknowledge* rec);
-int __mv_mme_encode_pdu_MMEConfigurationUpdateFailure(__mv_mme_dt_MMEConfigurationUpdateFailure* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_MMEConfigurationUpdateFailure(__mv_mme_dt_MMEConfigurationUpdateFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_MMEConfigurationUpdateFailure(__mv_mme_dt_MMEConfigurationUpdateFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_MMEConfigurationUpdateFailure(__mv_mme_dt_MMEConfigurationUpdateFailure* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_MMEConfigurationUpdateFailure(const __mv_mme_dt_MMEConfigurationUpdateFailure* rec);
 void __mv_mme_memfree_pdu_MMEConfigurationUpdateFailure(__mv_mme_dt_MMEConfigurationUpdateFailure* rec);
-int __mv_mme_encode_pdu_LocationReportingControl(__mv_mme_dt_LocationReportingControl* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_LocationReportingControl(__mv_mme_dt_LocationReportingControl* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_LocationReportingControl(__mv_mme_dt_LocationReportingControl* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_LocationReportingControl(__mv_mme_dt_LocationReportingControl* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_LocationReportingControl(const __mv_mme_dt_LocationReportingControl* rec);
 void __mv_mme_memfree_pdu_LocationReportingControl(__mv_mme_dt_LocationReportingControl* rec);
-int __mv_mme_encode_pdu_LocationReportingFailureIndication(__mv_mme_dt_LocationReportingFailureIndication* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_LocationReportingFailureIndication(__mv_mme_dt_LocationReportingFailureIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_LocationReportingFailureIndication(__mv_mme_dt_LocationReportingFailureIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_LocationReportingFailureIndication(__mv_mme_dt_LocationReportingFailureIndication* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_LocationReportingFailureIndication(const __mv_mme_dt_LocationReportingFailureIndication* rec);
 void __mv_mme_memfree_pdu_LocationReportingFailureIndication(__mv_mme_dt_LocationReportingFailureIndication* rec);
-int __mv_mme_encode_pdu_LocationReport(__mv_mme_dt_LocationReport* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_LocationReport(__mv_mme_dt_LocationReport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_LocationReport(__mv_mme_dt_LocationReport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_LocationReport(__mv_mme_dt_LocationReport* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_LocationReport(const __mv_mme_dt_LocationReport* rec);
 void __mv_mme_memfree_pdu_LocationReport(__mv_mme_dt_LocationReport* rec);
-int __mv_mme_encode_pdu_OverloadStart(__mv_mme_dt_OverloadStart* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_OverloadStart(__mv_mme_dt_OverloadStart* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_OverloadStart(__mv_mme_dt_OverloadStart* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_OverloadStart(__mv_mme_dt_OverloadStart* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_OverloadStart(const __mv_mme_dt_OverloadStart* rec);
 void __mv_mme_memfree_pdu_OverloadStart(__mv_mme_dt_OverloadStart* rec);
-int __mv_mme_encode_pdu_OverloadStop(__mv_mme_dt_OverloadStop* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_OverloadStop(__mv_mme_dt_OverloadStop* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_OverloadStop(__mv_mme_dt_OverloadStop* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_OverloadStop(__mv_mme_dt_OverloadStop* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_OverloadStop(const __mv_mme_dt_OverloadStop* rec);
 void __mv_mme_memfree_pdu_OverloadStop(__mv_mme_dt_OverloadStop* rec);
-int __mv_mme_encode_pdu_WriteReplaceWarningRequest(__mv_mme_dt_WriteReplaceWarningRequest* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_WriteReplaceWarningRequest(__mv_mme_dt_WriteReplaceWarningRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_WriteReplaceWarningRequest(__mv_mme_dt_WriteReplaceWarningRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_WriteReplaceWarningRequest(__mv_mme_dt_WriteReplaceWarningRequest* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_WriteReplaceWarningRequest(const __mv_mme_dt_WriteReplaceWarningRequest* rec);
 void __mv_mme_memfree_pdu_WriteReplaceWarningRequest(__mv_mme_dt_WriteReplaceWarningRequest* rec);
-int __mv_mme_encode_pdu_WriteReplaceWarningResponse(__mv_mme_dt_WriteReplaceWarningResponse* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_WriteReplaceWarningResponse(__mv_mme_dt_WriteReplaceWarningResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_WriteReplaceWarningResponse(__mv_mme_dt_WriteReplaceWarningResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_WriteReplaceWarningResponse(__mv_mme_dt_WriteReplaceWarningResponse* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_WriteReplaceWarningResponse(const __mv_mme_dt_WriteReplaceWarningResponse* rec);
 void __mv_mme_memfree_pdu_WriteReplaceWarningResponse(__mv_mme_dt_WriteReplaceWarningResponse* rec);
-int __mv_mme_encode_pdu_ENBDirectInformationTransfer(__mv_mme_dt_ENBDirectInformationTransfer* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_ENBDirectInformationTransfer(__mv_mme_dt_ENBDirectInformationTransfer* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_ENBDirectInformationTransfer(__mv_mme_dt_ENBDirectInformationTransfer* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_ENBDirectInformationTransfer(__mv_mme_dt_ENBDirectInformationTransfer* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_ENBDirectInformationTransfer(const __mv_mme_dt_ENBDirectInformationTransfer* rec);
 void __mv_mme_memfree_pdu_ENBDirectInformationTransfer(__mv_mme_dt_ENBDirectInformationTransfer* rec);
-int __mv_mme_encode_pdu_MMEDirectInformationTransfer(__mv_mme_dt_MMEDirectInformationTransfer* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_MMEDirectInformationTransfer(__mv_mme_dt_MMEDirectInformationTransfer* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_MMEDirectInformationTransfer(__mv_mme_dt_MMEDirectInformationTransfer* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_MMEDirectInformationTransfer(__mv_mme_dt_MMEDirectInformationTransfer* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_MMEDirectInformationTransfer(const __mv_mme_dt_MMEDirectInformationTransfer* rec);
 void __mv_mme_memfree_pdu_MMEDirectInformationTransfer(__mv_mme_dt_MMEDirectInformationTransfer* rec);
-int __mv_mme_encode_pdu_PrivateMessage(__mv_mme_dt_PrivateMessage* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_PrivateMessage(__mv_mme_dt_PrivateMessage* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_PrivateMessage(__mv_mme_dt_PrivateMessage* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_PrivateMessage(__mv_mme_dt_PrivateMessage* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_PrivateMessage(const __mv_mme_dt_PrivateMessage* rec);
 void __mv_mme_memfree_pdu_PrivateMessage(__mv_mme_dt_PrivateMessage* rec);
-int __mv_mme_encode_pdu_ENBConfigurationTransfer(__mv_mme_dt_ENBConfigurationTransfer* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_ENBConfigurationTransfer(__mv_mme_dt_ENBConfigurationTransfer* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_ENBConfigurationTransfer(__mv_mme_dt_ENBConfigurationTransfer* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_ENBConfigurationTransfer(__mv_mme_dt_ENBConfigurationTransfer* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_ENBConfigurationTransfer(const __mv_mme_dt_ENBConfigurationTransfer* rec);
 void __mv_mme_memfree_pdu_ENBConfigurationTransfer(__mv_mme_dt_ENBConfigurationTransfer* rec);
-int __mv_mme_encode_pdu_MMEConfigurationTransfer(__mv_mme_dt_MMEConfigurationTransfer* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_MMEConfigurationTransfer(__mv_mme_dt_MMEConfigurationTransfer* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_MMEConfigurationTransfer(__mv_mme_dt_MMEConfigurationTransfer* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_MMEConfigurationTransfer(__mv_mme_dt_MMEConfigurationTransfer* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_MMEConfigurationTransfer(const __mv_mme_dt_MMEConfigurationTransfer* rec);
 void __mv_mme_memfree_pdu_MMEConfigurationTransfer(__mv_mme_dt_MMEConfigurationTransfer* rec);
-int __mv_mme_encode_pdu_CellTrafficTrace(__mv_mme_dt_CellTrafficTrace* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_CellTrafficTrace(__mv_mme_dt_CellTrafficTrace* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_CellTrafficTrace(__mv_mme_dt_CellTrafficTrace* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_CellTrafficTrace(__mv_mme_dt_CellTrafficTrace* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_CellTrafficTrace(const __mv_mme_dt_CellTrafficTrace* rec);
 void __mv_mme_memfree_pdu_CellTrafficTrace(__mv_mme_dt_CellTrafficTrace* rec);
-int __mv_mme_encode_pdu_KillRequest(__mv_mme_dt_KillRequest* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_KillRequest(__mv_mme_dt_KillRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_KillRequest(__mv_mme_dt_KillRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_KillRequest(__mv_mme_dt_KillRequest* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_KillRequest(const __mv_mme_dt_KillRequest* rec);
 void __mv_mme_memfree_pdu_KillRequest(__mv_mme_dt_KillRequest* rec);
-int __mv_mme_encode_pdu_KillResponse(__mv_mme_dt_KillResponse* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_KillResponse(__mv_mme_dt_KillResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_KillResponse(__mv_mme_dt_KillResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_KillResponse(__mv_mme_dt_KillResponse* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_KillResponse(const __mv_mme_dt_KillResponse* rec);
 void __mv_mme_memfree_pdu_KillResponse(__mv_mme_dt_KillResponse* rec);
-int __mv_mme_encode_pdu_DownlinkUEAssociatedLPPaTransport(__mv_mme_dt_DownlinkUEAssociatedLPPaTransport* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_DownlinkUEAssociatedLPPaTransport(__mv_mme_dt_DownlinkUEAssociatedLPPaTransport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_DownlinkUEAssociatedLPPaTransport(__mv_mme_dt_DownlinkUEAssociatedLPPaTransport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_DownlinkUEAssociatedLPPaTransport(__mv_mme_dt_DownlinkUEAssociatedLPPaTransport* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_DownlinkUEAssociatedLPPaTransport(const __mv_mme_dt_DownlinkUEAssociatedLPPaTransport* rec);
 void __mv_mme_memfree_pdu_DownlinkUEAssociatedLPPaTransport(__mv_mme_dt_DownlinkUEAssociatedLPPaTransport* rec);
-int __mv_mme_encode_pdu_UplinkUEAssociatedLPPaTransport(__mv_mme_dt_UplinkUEAssociatedLPPaTransport* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_UplinkUEAssociatedLPPaTransport(__mv_mme_dt_UplinkUEAssociatedLPPaTransport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_UplinkUEAssociatedLPPaTransport(__mv_mme_dt_UplinkUEAssociatedLPPaTransport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_UplinkUEAssociatedLPPaTransport(__mv_mme_dt_UplinkUEAssociatedLPPaTransport* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_UplinkUEAssociatedLPPaTransport(const __mv_mme_dt_UplinkUEAssociatedLPPaTransport* rec);
 void __mv_mme_memfree_pdu_UplinkUEAssociatedLPPaTransport(__mv_mme_dt_UplinkUEAssociatedLPPaTransport* rec);
-int __mv_mme_encode_pdu_DownlinkNonUEAssociatedLPPaTransport(__mv_mme_dt_DownlinkNonUEAssociatedLPPaTransport* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_DownlinkNonUEAssociatedLPPaTransport(__mv_mme_dt_DownlinkNonUEAssociatedLPPaTransport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_DownlinkNonUEAssociatedLPPaTransport(__mv_mme_dt_DownlinkNonUEAssociatedLPPaTransport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_DownlinkNonUEAssociatedLPPaTransport(__mv_mme_dt_DownlinkNonUEAssociatedLPPaTransport* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_DownlinkNonUEAssociatedLPPaTransport(const __mv_mme_dt_DownlinkNonUEAssociatedLPPaTransport* rec);
 void __mv_mme_memfree_pdu_DownlinkNonUEAssociatedLPPaTransport(__mv_mme_dt_DownlinkNonUEAssociatedLPPaTransport* rec);
-int __mv_mme_encode_pdu_UplinkNonUEAssociatedLPPaTransport(__mv_mme_dt_UplinkNonUEAssociatedLPPaTransport* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_UplinkNonUEAssociatedLPPaTransport(__mv_mme_dt_UplinkNonUEAssociatedLPPaTransport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_UplinkNonUEAssociatedLPPaTransport(__mv_mme_dt_UplinkNonUEAssociatedLPPaTransport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_UplinkNonUEAssociatedLPPaTransport(__mv_mme_dt_UplinkNonUEAssociatedLPPaTransport* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_UplinkNonUEAssociatedLPPaTransport(const __mv_mme_dt_UplinkNonUEAssociatedLPPaTransport* rec);
 void __mv_mme_memfree_pdu_UplinkNonUEAssociatedLPPaTransport(__mv_mme_dt_UplinkNonUEAssociatedLPPaTransport* rec);
-int __mv_mme_encode_pdu_UERadioCapabilityMatchRequest(__mv_mme_dt_UERadioCapabilityMatchRequest* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_UERadioCapabilityMatchRequest(__mv_mme_dt_UERadioCapabilityMatchRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_UERadioCapabilityMatchRequest(__mv_mme_dt_UERadioCapabilityMatchRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_UERadioCapabilityMatchRequest(__mv_mme_dt_UERadioCapabilityMatchRequest* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_UERadioCapabilityMatchRequest(const __mv_mme_dt_UERadioCapabilityMatchRequest* rec);
 void __mv_mme_memfree_pdu_UERadioCapabilityMatchRequest(__mv_mme_dt_UERadioCapabilityMatchRequest* rec);
-int __mv_mme_encode_pdu_UERadioCapabilityMatchResponse(__mv_mme_dt_UERadioCapabilityMatchResponse* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_UERadioCapabilityMatchResponse(__mv_mme_dt_UERadioCapabilityMatchResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_UERadioCapabilityMatchResponse(__mv_mme_dt_UERadioCapabilityMatchResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_UERadioCapabilityMatchResponse(__mv_mme_dt_UERadioCapabilityMatchResponse* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_UERadioCapabilityMatchResponse(const __mv_mme_dt_UERadioCapabilityMatchResponse* rec);
 void __mv_mme_memfree_pdu_UERadioCapabilityMatchResponse(__mv_mme_dt_UERadioCapabilityMatchResponse* rec);
-int __mv_mme_encode_pdu_PWSRestartIndication(__mv_mme_dt_PWSRestartIndication* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_PWSRestartIndication(__mv_mme_dt_PWSRestartIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_PWSRestartIndication(__mv_mme_dt_PWSRestartIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_PWSRestartIndication(__mv_mme_dt_PWSRestartIndication* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_PWSRestartIndication(const __mv_mme_dt_PWSRestartIndication* rec);
 void __mv_mme_memfree_pdu_PWSRestartIndication(__mv_mme_dt_PWSRestartIndication* rec);
-int __mv_mme_encode_pdu_E_RABModificationIndication(__mv_mme_dt_E_RABModificationIndication* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_E_RABModificationIndication(__mv_mme_dt_E_RABModificationIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_E_RABModificationIndication(__mv_mme_dt_E_RABModificationIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_E_RABModificationIndication(__mv_mme_dt_E_RABModificationIndication* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_E_RABModificationIndication(const __mv_mme_dt_E_RABModificationIndication* rec);
 void __mv_mme_memfree_pdu_E_RABModificationIndication(__mv_mme_dt_E_RABModificationIndication* rec);
-int __mv_mme_encode_pdu_E_RABModificationConfirm(__mv_mme_dt_E_RABModificationConfirm* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_E_RABModificationConfirm(__mv_mme_dt_E_RABModificationConfirm* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_E_RABModificationConfirm(__mv_mme_dt_E_RABModificationConfirm* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_E_RABModificationConfirm(__mv_mme_dt_E_RABModificationConfirm* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_E_RABModificationConfirm(const __mv_mme_dt_E_RABModificationConfirm* rec);
 void __mv_mme_memfree_pdu_E_RABModificationConfirm(__mv_mme_dt_E_RABModificationConfirm* rec);
-int __mv_mme_encode_pdu_PWSFailureIndication(__mv_mme_dt_PWSFailureIndication* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_PWSFailureIndication(__mv_mme_dt_PWSFailureIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_PWSFailureIndication(__mv_mme_dt_PWSFailureIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_PWSFailureIndication(__mv_mme_dt_PWSFailureIndication* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_PWSFailureIndication(const __mv_mme_dt_PWSFailureIndication* rec);
 void __mv_mme_memfree_pdu_PWSFailureIndication(__mv_mme_dt_PWSFailureIndication* rec);
-int __mv_mme_encode_pdu_RerouteNASRequest(__mv_mme_dt_RerouteNASRequest* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_RerouteNASRequest(__mv_mme_dt_RerouteNASRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_RerouteNASRequest(__mv_mme_dt_RerouteNASRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_RerouteNASRequest(__mv_mme_dt_RerouteNASRequest* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_RerouteNASRequest(const __mv_mme_dt_RerouteNASRequest* rec);
 void __mv_mme_memfree_pdu_RerouteNASRequest(__mv_mme_dt_RerouteNASRequest* rec);
-int __mv_mme_encode_pdu_UEContextModificationIndication(__mv_mme_dt_UEContextModificationIndication* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_UEContextModificationIndication(__mv_mme_dt_UEContextModificationIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_UEContextModificationIndication(__mv_mme_dt_UEContextModificationIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_UEContextModificationIndication(__mv_mme_dt_UEContextModificationIndication* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_UEContextModificationIndication(const __mv_mme_dt_UEContextModificationIndication* rec);
 void __mv_mme_memfree_pdu_UEContextModificationIndication(__mv_mme_dt_UEContextModificationIndication* rec);
-int __mv_mme_encode_pdu_UEContextModificationConfirm(__mv_mme_dt_UEContextModificationConfirm* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_UEContextModificationConfirm(__mv_mme_dt_UEContextModificationConfirm* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_UEContextModificationConfirm(__mv_mme_dt_UEContextModificationConfirm* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_UEContextModificationConfirm(__mv_mme_dt_UEContextModificationConfirm* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_UEContextModificationConfirm(const __mv_mme_dt_UEContextModificationConfirm* rec);
 void __mv_mme_memfree_pdu_UEContextModificationConfirm(__mv_mme_dt_UEContextModificationConfirm* rec);
-int __mv_mme_encode_pdu_ConnectionEstablishmentIndication(__mv_mme_dt_ConnectionEstablishmentIndication* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_ConnectionEstablishmentIndication(__mv_mme_dt_ConnectionEstablishmentIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_ConnectionEstablishmentIndication(__mv_mme_dt_ConnectionEstablishmentIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_ConnectionEstablishmentIndication(__mv_mme_dt_ConnectionEstablishmentIndication* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_ConnectionEstablishmentIndication(const __mv_mme_dt_ConnectionEstablishmentIndication* rec);
 void __mv_mme_memfree_pdu_ConnectionEstablishmentIndication(__mv_mme_dt_ConnectionEstablishmentIndication* rec);
-int __mv_mme_encode_pdu_UEContextSuspendRequest(__mv_mme_dt_UEContextSuspendRequest* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_UEContextSuspendRequest(__mv_mme_dt_UEContextSuspendRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_UEContextSuspendRequest(__mv_mme_dt_UEContextSuspendRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_UEContextSuspendRequest(__mv_mme_dt_UEContextSuspendRequest* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_UEContextSuspendRequest(const __mv_mme_dt_UEContextSuspendRequest* rec);
 void __mv_mme_memfree_pdu_UEContextSuspendRequest(__mv_mme_dt_UEContextSuspendRequest* rec);
-int __mv_mme_encode_pdu_UEContextSuspendResponse(__mv_mme_dt_UEContextSuspendResponse* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_UEContextSuspendResponse(__mv_mme_dt_UEContextSuspendResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_UEContextSuspendResponse(__mv_mme_dt_UEContextSuspendResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_UEContextSuspendResponse(__mv_mme_dt_UEContextSuspendResponse* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_UEContextSuspendResponse(const __mv_mme_dt_UEContextSuspendResponse* rec);
 void __mv_mme_memfree_pdu_UEContextSuspendResponse(__mv_mme_dt_UEContextSuspendResponse* rec);
-int __mv_mme_encode_pdu_UEContextResumeRequest(__mv_mme_dt_UEContextResumeRequest* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_UEContextResumeRequest(__mv_mme_dt_UEContextResumeRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_UEContextResumeRequest(__mv_mme_dt_UEContextResumeRequest* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_UEContextResumeRequest(__mv_mme_dt_UEContextResumeRequest* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_UEContextResumeRequest(const __mv_mme_dt_UEContextResumeRequest* rec);
 void __mv_mme_memfree_pdu_UEContextResumeRequest(__mv_mme_dt_UEContextResumeRequest* rec);
-int __mv_mme_encode_pdu_UEContextResumeResponse(__mv_mme_dt_UEContextResumeResponse* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_UEContextResumeResponse(__mv_mme_dt_UEContextResumeResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_UEContextResumeResponse(__mv_mme_dt_UEContextResumeResponse* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_UEContextResumeResponse(__mv_mme_dt_UEContextResumeResponse* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_UEContextResumeResponse(const __mv_mme_dt_UEContextResumeResponse* rec);
 void __mv_mme_memfree_pdu_UEContextResumeResponse(__mv_mme_dt_UEContextResumeResponse* rec);
-int __mv_mme_encode_pdu_UEContextResumeFailure(__mv_mme_dt_UEContextResumeFailure* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_UEContextResumeFailure(__mv_mme_dt_UEContextResumeFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_UEContextResumeFailure(__mv_mme_dt_UEContextResumeFailure* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_UEContextResumeFailure(__mv_mme_dt_UEContextResumeFailure* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_UEContextResumeFailure(const __mv_mme_dt_UEContextResumeFailure* rec);
 void __mv_mme_memfree_pdu_UEContextResumeFailure(__mv_mme_dt_UEContextResumeFailure* rec);
-int __mv_mme_encode_pdu_NASDeliveryIndication(__mv_mme_dt_NASDeliveryIndication* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_NASDeliveryIndication(__mv_mme_dt_NASDeliveryIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_NASDeliveryIndication(__mv_mme_dt_NASDeliveryIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_NASDeliveryIndication(__mv_mme_dt_NASDeliveryIndication* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_NASDeliveryIndication(const __mv_mme_dt_NASDeliveryIndication* rec);
 void __mv_mme_memfree_pdu_NASDeliveryIndication(__mv_mme_dt_NASDeliveryIndication* rec);
-int __mv_mme_encode_pdu_RetrieveUEInformation(__mv_mme_dt_RetrieveUEInformation* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_RetrieveUEInformation(__mv_mme_dt_RetrieveUEInformation* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_RetrieveUEInformation(__mv_mme_dt_RetrieveUEInformation* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_RetrieveUEInformation(__mv_mme_dt_RetrieveUEInformation* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_RetrieveUEInformation(const __mv_mme_dt_RetrieveUEInformation* rec);
 void __mv_mme_memfree_pdu_RetrieveUEInformation(__mv_mme_dt_RetrieveUEInformation* rec);
-int __mv_mme_encode_pdu_UEInformationTransfer(__mv_mme_dt_UEInformationTransfer* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_UEInformationTransfer(__mv_mme_dt_UEInformationTransfer* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_UEInformationTransfer(__mv_mme_dt_UEInformationTransfer* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_UEInformationTransfer(__mv_mme_dt_UEInformationTransfer* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_UEInformationTransfer(const __mv_mme_dt_UEInformationTransfer* rec);
 void __mv_mme_memfree_pdu_UEInformationTransfer(__mv_mme_dt_UEInformationTransfer* rec);
-int __mv_mme_encode_pdu_ENBCPRelocationIndication(__mv_mme_dt_ENBCPRelocationIndication* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_ENBCPRelocationIndication(__mv_mme_dt_ENBCPRelocationIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_ENBCPRelocationIndication(__mv_mme_dt_ENBCPRelocationIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_ENBCPRelocationIndication(__mv_mme_dt_ENBCPRelocationIndication* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_ENBCPRelocationIndication(const __mv_mme_dt_ENBCPRelocationIndication* rec);
 void __mv_mme_memfree_pdu_ENBCPRelocationIndication(__mv_mme_dt_ENBCPRelocationIndication* rec);
-int __mv_mme_encode_pdu_MMECPRelocationIndication(__mv_mme_dt_MMECPRelocationIndication* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_MMECPRelocationIndication(__mv_mme_dt_MMECPRelocationIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_MMECPRelocationIndication(__mv_mme_dt_MMECPRelocationIndication* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_MMECPRelocationIndication(__mv_mme_dt_MMECPRelocationIndication* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_MMECPRelocationIndication(const __mv_mme_dt_MMECPRelocationIndication* rec);
 void __mv_mme_memfree_pdu_MMECPRelocationIndication(__mv_mme_dt_MMECPRelocationIndication* rec);
-int __mv_mme_encode_pdu_SecondaryRATDataUsageReport(__mv_mme_dt_SecondaryRATDataUsageReport* rec, __mv_asn_coding_context* ctx);
-int __mv_mme_decode_pdu_SecondaryRATDataUsageReport(__mv_mme_dt_SecondaryRATDataUsageReport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_encode_pdu_SecondaryRATDataUsageReport(__mv_mme_dt_SecondaryRATDataUsageReport* rec, __mv_asn_coding_context* ctx);
+[[nodiscard]] int __mv_mme_decode_pdu_SecondaryRATDataUsageReport(__mv_mme_dt_SecondaryRATDataUsageReport* rec, __mv_asn_coding_context* ctx);
 void __mv_mme_debug_pdu_SecondaryRATDataUsageReport(const __mv_mme_dt_SecondaryRATDataUsageReport* rec);
 void __mv_mme_memfree_pdu_SecondaryRATDataUsageReport(__mv_mme_dt_SecondaryRATDataUsageReport* rec);
 

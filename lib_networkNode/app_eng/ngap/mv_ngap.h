@@ -98,16 +98,16 @@ MV_NGAP_PROCEDURE_LIST(MV_NGAP_DECLARE_HANDLERS)
 // PDUSessionResourceModifyRequestTransfer: a bare IE container with no PDU head.
 
 // Writes the container's octets from buffer[0] of a context it sets up itself; pos is
-// their count afterwards. 0, or a negative status (nothing usable in the context).
-int __mv_ngap_encode_pdu_PDUSessionResourceSetupRequestTransfer(MV_AMF_DT_PDUSessionResourceSetupRequestTransfer* record,
+// their count afterwards. That count, or a negative status (nothing usable in the context).
+[[nodiscard]] int __mv_ngap_encode_pdu_PDUSessionResourceSetupRequestTransfer(MV_AMF_DT_PDUSessionResourceSetupRequestTransfer* record,
                                                                 __mv_asn_coding_context* context);
-int __mv_ngap_encode_pdu_PDUSessionResourceModifyRequestTransfer(
+[[nodiscard]] int __mv_ngap_encode_pdu_PDUSessionResourceModifyRequestTransfer(
     MV_AMF_DT_PDUSessionResourceModifyRequestTransfer* record, __mv_asn_coding_context* context);
 // Decodes the container set up for decoding in context (pos 0, usedBits 7, len the octet
 // count) into the caller's zeroed record: 1 when every IE decoded, else the failing
 // step's result with decodingError 1. What was decoded stays in the record either way;
 // free it with __mv_ngap_free_pdu_PDUSessionResourceSetupRequestTransfer.
-int __mv_ngap_decode_pdu_PDUSessionResourceSetupRequestTransfer(MV_AMF_DT_PDUSessionResourceSetupRequestTransfer* record,
+[[nodiscard]] int __mv_ngap_decode_pdu_PDUSessionResourceSetupRequestTransfer(MV_AMF_DT_PDUSessionResourceSetupRequestTransfer* record,
                                                                 __mv_asn_coding_context* context);
 // Frees the members and the record; a null record does nothing.
 void __mv_ngap_free_pdu_PDUSessionResourceSetupRequestTransfer(MV_AMF_DT_PDUSessionResourceSetupRequestTransfer* record);

@@ -81,8 +81,7 @@ int runProcedure(int code, const char* name, const std::array<FormHandler, 3>& f
 
     // The extension bit and the form are the PDU CHOICE's index; the decoder reads them again.
     uint64_t ext = 0, form = 0;
-    __mv_asn_get_bits(1, &ext, &ctx);
-    __mv_asn_get_bits(2, &form, &ctx);
+    if (__mv_asn_get_bits(1, &ext, &ctx) < 1 || __mv_asn_get_bits(2, &form, &ctx) < 1) return 0;
     ctx.pos = 0;
     ctx.usedBits = 7;
     unsigned choice = unsigned(ext << 2 | form);

@@ -42,12 +42,13 @@ int __mv_ngap___send_pdu(const char* name, mv_ngap_encoder enc, void* record, MV
     // Only the head is reset: the encoder clears each byte as it starts it.
     __mv_asn_coding_context ctx;
     __mv_asn_init_CodingContext(&ctx);
-    int sts = enc(record, &ctx);
-    if (sts != 0) {
-        MV_NGAP_LOG(MV_LOG_ERROR, "encoding failed for %s sts=%d <%s|%s|%d>", name, sts, __FILE_NAME__, __func__,
+    int written = enc(record, &ctx);
+    if (written < 1) {
+        MV_NGAP_LOG(MV_LOG_ERROR, "encoding failed for %s sts=%d <%s|%s|%d>", name, written, __FILE_NAME__, __func__,
                     __LINE__);
         return -1;
     }
+    const int sts = 0;  // the lines below show a good encoding's status as they always have
     if (ctx.pos == 0) {
         MV_NGAP_LOG(MV_LOG_ERROR, "encoding failed for %s bufpos=0 sts=%d <%s|%s|%d>", name, sts, __FILE_NAME__,
                     __func__, __LINE__);

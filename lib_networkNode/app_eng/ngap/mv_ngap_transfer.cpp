@@ -19,14 +19,14 @@ int encodeTransfer(const char* name, R* record, __mv_asn_coding_context* ctx,
     }
     // Level 1: the container is the whole value, with no open-type length of its own.
     int sts = encode(record, 1, ctx);
-    if (sts != 0) {
+    if (sts < 1) {
         MV_NGAP_LOG(MV_LOG_ERROR, "encoding failed for %s sts=%d <%s|%s|%d>", name, sts, __FILE_NAME__, __func__,
                     __LINE__);
         ctx->pos = 0;
         return sts < 0 ? sts : -1;
     }
     __mv_asn_pad_bits(ctx);
-    return 0;
+    return ctx->pos;
 }
 
 const MvAsnIE* findIE(const MvAsnType& t, uint64_t id) {
@@ -34,17 +34,6 @@ const MvAsnIE* findIE(const MvAsnType& t, uint64_t id) {
         if (t.ies[i].id == id) return &t.ies[i];
     return nullptr;
 }
-
-bool isString(const MvAsnType* t) {
-    return t->kind == MV_ASN_K_OCTSTR || t->kind == MV_ASN_K_PRTSTR || t->kind == MV_ASN_K_OID ||
-           t->kind == MV_ASN_K_BITSTR;
-}
-
-// Every string record begins with its data pointer and its length.
-struct __attribute__((packed)) StrHead {
-    uint8_t* data;
-    uint32_t length;
-};
 
 }  // namespace
 
@@ -66,13 +55,13 @@ int __mv_ngap_decode_pdu_PDUSessionResourceSetupRequestTransfer(MV_AMF_DT_PDUSes
     const MvAsnType& t = mv_asn_amf::T_PDUSessionResourceSetupRequestTransfer;
     auto* rec = reinterpret_cast<uint8_t*>(record);
     uint64_t ext = 0, count = 0;
-    if (__mv_asn_get_bits(1, &ext, context) < 0) {
+    if (__mv_asn_get_bits(1, &ext, context) < 1) {
         record->decodingError = 1;
         return -1;
     }
     record->pduIEExtension = uint8_t(ext);
     __mv_asn_pad_readbits(context);
-    if (__mv_asn_get_bits(16, &count, context) < 0) {
+    if (__mv_asn_get_bits(16, &count, context) < 1) {
         record->decodingError = 1;
         return -1;
     }
@@ -82,7 +71,7 @@ int __mv_ngap_decode_pdu_PDUSessionResourceSetupRequestTransfer(MV_AMF_DT_PDUSes
     while (context->pos < context->len) {
         uint64_t id = 0, crit = 0;
         __mv_asn_pad_readbits(context);
-        if (__mv_asn_get_bits(16, &id, context) < 0 || __mv_asn_get_bits(2, &crit, context) < 0) {
+        if (__mv_asn_get_bits(16, &id, context) < 1 || __mv_asn_get_bits(2, &crit, context) < 1) {
             last = -1;
         } else if (const MvAsnIE* ie = findIE(t, id)) {
             uint8_t* slot = rec + ie->off;
@@ -90,14 +79,6 @@ int __mv_ngap_decode_pdu_PDUSessionResourceSetupRequestTransfer(MV_AMF_DT_PDUSes
             memcpy(&isset, rec + ie->issetOff, sizeof isset);
             if (isset == 1) __mv_asn_free_type(ie->type, slot);  // a repeated IE replaces the first
             last = __mv_asn_decode_type(ie->type, slot, &isset, 0, context);
-            if (last > 0 && isString(ie->type)) {
-                StrHead* s = nullptr;
-                memcpy(&s, slot, sizeof s);
-                if (s && s->length == 0) {
-                    __mv_asn_free_type(ie->type, slot);
-                    isset = 0;
-                }
-            }
             memcpy(rec + ie->issetOff, &isset, sizeof isset);
         } else {
             last = __mv_asn_move_unknown_field_length(context);

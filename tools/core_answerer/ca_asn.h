@@ -12,8 +12,8 @@
 
 namespace ca {
 
-inline bool asnEncoded(int rc) { return rc == 0; }
-inline bool asnDecoded(int rc) { return rc == 1; }
+inline bool asnEncoded(int rc) { return rc >= 1; }  // 1 or the bytes written
+inline bool asnDecoded(int rc) { return rc >= 1; }
 
 constexpr uint32_t kNgapPpid = 60;
 

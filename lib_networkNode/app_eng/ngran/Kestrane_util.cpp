@@ -54,7 +54,11 @@ void refusePlmn(json_t* obj, const char* where) {
         json_t* v = json_object_get(obj, key);
         char* t = v ? json_dumps(v, JSON_ENCODE_ANY) : nullptr;
         std::string r = t ? t : "(absent)";
-        free(t);
+        // json_dumps allocates through jansson's allocator, which main points at the pools.
+        json_malloc_t jm;
+        json_free_t jf;
+        json_get_alloc_funcs(&jm, &jf);
+        if (t) jf(t);
         return r.size() > 40 ? r.substr(0, 40) + "..." : r;
     };
     std::string vc = shown("MCC"), vn = shown("MNC");

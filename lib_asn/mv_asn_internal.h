@@ -11,9 +11,16 @@
 
 // ---------------------------------------------------------------- regions (mv_asn_region.cpp)
 
+// gcc says so with __SANITIZE_ADDRESS__, clang (the fuzz builds) through __has_feature.
 #if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/asan_interface.h>
 #define MV_ASN_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define MV_ASN_ASAN 1
+#endif
+#endif
+#ifdef MV_ASN_ASAN
+#include <sanitizer/asan_interface.h>
 #else
 #define ASAN_POISON_MEMORY_REGION(a, n) ((void)(a), (void)(n))
 #define ASAN_UNPOISON_MEMORY_REGION(a, n) ((void)(a), (void)(n))

@@ -32,7 +32,10 @@ inline Bytes slotBytes(const gtpu_tx_slot& s) {
 // error, which fails the verdict.
 inline kst::TsharkRun tshark(const std::vector<Bytes>& packets, const std::vector<std::string>& names) {
     return kst::runTshark(KS_WSDECODE, "gtpu", GTPU_PORT,
-                          "-o ip.check_checksum:TRUE -o udp.check_checksum:TRUE -o tcp.check_checksum:TRUE", packets,
+                          // Inner flows use random ports; one on MPLS-over-UDP's port is not MPLS.
+                          "-o ip.check_checksum:TRUE -o udp.check_checksum:TRUE -o tcp.check_checksum:TRUE "
+                          "-d udp.port==6635,data",
+                          packets,
                           names);
 }
 

@@ -118,7 +118,8 @@ void KsMonitoringEngine__ConfigureNodes(void) {
     for (const KsMonitoringPair& p : pairs) {
         KsMonitoringNode_s* node = KsMonitoringEngine__FindNode(p.ServerId, p.ClientId, 1);
         if (!node) continue;
-        node->AppType = p.AppType;
+        // Written only when it changes: a reader of a node that is up sees no write after it.
+        if (node->AppType != p.AppType) node->AppType = p.AppType;
         for (KsTEClient* c = KsTE__GetKsTEClientHead(); c && !node->ksClient; c = KsTE__GetKsTEClientNext(c)) {
             if (c->ApplicationType != p.AppType || c->ID != uint32_t(p.ClientId)) continue;
             for (KsTEServer* s = KsTE__GetKsTEServerHead(c); s; s = KsTE__GetKsTEServerNext(s)) {

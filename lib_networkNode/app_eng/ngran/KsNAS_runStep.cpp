@@ -6,6 +6,7 @@
 
 #include "KsEngine_step.h"
 #include "KsNAS.h"
+#include "KsNGAP.h"
 
 namespace {
 
@@ -111,6 +112,9 @@ void KsNAS__send_pdusession_request_3gpp(void* ue) {
 // ---------------------------------------------------------------- start
 
 void KsNAS__Init() {
+    // Downlink NAS PDUs reach the UE through the gNB's registration.
+    static constexpr KsNGAPNasEntry kEntry{KsNAS__processNasMessage, nullptr};
+    KsNGAP__RegisterNasEntry(&kEntry);
     KsEngine__RegisterRunner(0, 999, "KsNAS__runStep_FQ", runOn3gpp);
     KsEngine__RegisterRunner(12000, UINT32_MAX, "KsNAS__runStep_FQ", runOn3gpp);
 }

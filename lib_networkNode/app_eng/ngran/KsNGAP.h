@@ -67,6 +67,23 @@ MV_KsNGRanUeContext* KsNGAP___GetKsNGRanUeContext(const MV_KsNGRan* ran, uint64_
 // Gives the UE's RAN context of that bearer back and takes the UE off its connection.
 void KsNGAP__ReleaseRanUeContext(MV_KsUE* ue, uint8_t bearer);
 
+// ---------------------------------------------------------------- UE-associated signalling (KsNGAP_ue.cpp)
+
+// The UE's NAS side, which sits above the gNB: the NAS module registers it at start, and
+// the gNB reaches it only through these (downlink NAS PDUs on the UE's line, and a send
+// that could not be made).
+struct KsNGAPNasEntry {
+    void (*ProcessNasMessage)(MV_KsUE* ue, u_char* data, uint32_t len, uint8_t bearer, uint8_t ngapProcCode);
+    void (*SendingMessageFailed)(MV_KsUE* ue);
+};
+void KsNGAP__RegisterNasEntry(const KsNGAPNasEntry* entry);
+const KsNGAPNasEntry* KsNGAP__GetNasEntry();
+
+// The one entry for a NAS PDU going up: InitialUEMessage on a fresh RAN UE context,
+// UplinkNASTransport once the core has answered on it. Gives the result of the send.
+int KsNGAP___sendNasMessage(MV_KsUE* ue, u_char* data, uint32_t len, uint8_t bearer, uint32_t nasMessageType,
+                            uint32_t childNasMessageType, uint32_t childNasMessCateId, uint8_t initial);
+
 // ---------------------------------------------------------------- builders (KsNGAP_build.cpp)
 
 // What a builder could not read or left out of a record. Builders change no state and

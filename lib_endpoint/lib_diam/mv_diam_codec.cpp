@@ -10,6 +10,7 @@
 #include <ctime>
 
 #include "mv_alloc.h"
+#include "mv_byteio.h"
 #include "mv_diam_internal.h"
 
 namespace {
@@ -195,49 +196,6 @@ void write(Writer& w, const MV_DiamAvp* a) {
 
 // ---------------------------------------------------------------- decoding
 
-// Bounded big-endian reads: each checks before it reads.
-class DiamReader {
-public:
-    explicit DiamReader(std::span<const uint8_t> b) : buf_(b) {}
-    [[nodiscard]] bool u8(uint8_t& v) {
-        if (remaining() < 1) return false;
-        v = buf_[pos_++];
-        return true;
-    }
-    [[nodiscard]] bool u24(uint32_t& v) {
-        if (remaining() < 3) return false;
-        v = get24(buf_.data() + pos_);
-        pos_ += 3;
-        return true;
-    }
-    [[nodiscard]] bool u32(uint32_t& v) {
-        if (remaining() < 4) return false;
-        const uint8_t* p = buf_.data() + pos_;
-        v = uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
-        pos_ += 4;
-        return true;
-    }
-    [[nodiscard]] bool u64(uint64_t& v) {
-        uint32_t hi, lo;
-        if (remaining() < 8 || !u32(hi) || !u32(lo)) return false;
-        v = uint64_t(hi) << 32 | lo;
-        return true;
-    }
-    [[nodiscard]] bool take(size_t n, std::span<const uint8_t>& out) {
-        if (remaining() < n) return false;
-        out = buf_.subspan(pos_, n);
-        pos_ += n;
-        return true;
-    }
-    void skip(size_t n) { pos_ += std::min(n, remaining()); }
-    size_t remaining() const { return buf_.size() - pos_; }
-    size_t pos() const { return pos_; }
-
-private:
-    std::span<const uint8_t> buf_;
-    size_t pos_ = 0;
-};
-
 struct Decoder {
     uint32_t appId;
     MV_DiamDecodeStatus* st;
@@ -250,9 +208,9 @@ struct Decoder {
     // The AVPs of one extent (the message body or a group's value); base is its offset in
     // the message. Each AVP read goes to the group `parent`, or to `msg` at the top.
     bool avps(std::span<const uint8_t> extent, size_t base, int depth, MV_DiamMessage* msg, MV_DiamAvp* parent) {
-        DiamReader r(extent);
+        ByteReader r(extent);
         while (r.remaining() > 0) {
-            size_t off = base + r.pos();
+            size_t off = base + r.position();
             uint32_t code = 0, len = 0, vendor = 0;
             uint8_t flags = 0;
             if (r.remaining() < 8) {
@@ -269,9 +227,9 @@ struct Decoder {
                 hdr = 12;
             }
             std::span<const uint8_t> value;
-            if (!r.take(len - hdr, value)) return fail(DIAMETER_INVALID_AVP_LENGTH, off, code, vendor, "AVP overruns its parent");
+            if (!r.view(len - hdr, value)) return fail(DIAMETER_INVALID_AVP_LENGTH, off, code, vendor, "AVP overruns its parent");
             // The last AVP of a group may come without its padding.
-            r.skip((4 - len % 4) % 4);
+            (void)r.skip(std::min<size_t>((4 - len % 4) % 4, r.remaining()));
             uint8_t type = uint8_t(__mv_diam_get_data_type(code, appId));
             uint32_t n = uint32_t(value.size());
             // A fixed-size type whose length does not fit is kept as bytes: the type comes
@@ -287,7 +245,7 @@ struct Decoder {
             a->HeaderLen = hdr;
             a->AvpLength = len;
             a->Padding = (4 - len % 4) % 4;
-            DiamReader v(value);
+            ByteReader v(value);
             switch (type) {
                 case MV_DIAM_TYPE_INT32: {
                     uint32_t x = 0;

@@ -15,6 +15,7 @@
 #include "KsNGAP.h"
 #include "asn_testlib.h"
 #include "ca_ngap.h"
+#include "KsTemplateEng.h"
 #include "ks_engine_env.h"
 #include "mv_ngap.h"
 #include "mv_socket_engine.h"
@@ -310,6 +311,69 @@ TEST_F(NgapUe, NasGoesUpInitialThenUplinkAndComesDownOnTheUesLine) {
     EXPECT_FALSE(has(out, "_ws.malformed")) << out;
     EXPECT_FALSE(has(out, "\"_ws.expert.severity\": \"8388608\"")) << out;
     KsNGAP___releaseUeContext(ue, 1);
+}
+
+// A step's template picks the location, UEContextRequest and the RRC cause; the console's
+// tracking area still wins over the location's PLMN and TAC.
+TEST_F(NgapUe, TemplatesShapeInitialUEMessageAndUplinkLocation) {
+    json_t* t = json_loads(R"({"Type": "NGAP", "Templates": [
+        {"Name": "ue16-init", "ProcedureCode": 15, "ProtocolIEs": [
+            {"ID": 121, "ValueType": "Json", "Value": {"Type": "ULINR", "NRCellId": 4660, "TAC": 77}},
+            {"ID": 112}, {"ID": 90, "ValueType": "Int", "Value": 7}]},
+        {"Name": "ue16-none", "ProcedureCode": 15, "ProtocolIEs": [
+            {"ID": 121, "ValueType": "Json", "Value": {"Type": "ULIEUTRA"}}, {"ID": 90, "ValueType": "String", "Value": "x"}]}]})",
+                           0, nullptr);
+    ASSERT_TRUE(t);
+    KsTemplateEng__LoadTemplate(t, "ue16.json");
+    json_decref(t);
+    MV_Template* init = KsTemplateEng__FindTemplate("ue16-init", "NGAP", 0);
+    MV_Template* none = KsTemplateEng__FindTemplate("ue16-none", "NGAP", 0);
+    ASSERT_TRUE(init && none);
+    Gnb g(5);
+    MV_KsUE* ue = newUe(g, 5);
+    KsStep step{};
+    KsStepExecution exec{};
+    exec.ksStep = &step;
+    ue->ksStepExecution = &exec;
+    std::vector<uint8_t> nas = kNasUp;
+    struct Case {
+        MV_Template* tpl;
+        uint32_t taiTac;
+        int uli, ctxReq, cause;
+        uint32_t tac;
+        uint8_t cellByte3;
+    };
+    for (const Case& c : {Case{init, 0, 1, 1, 7, 77, 0x12}, Case{none, 0, 0, 0, 0, 0, 0}, Case{none, 99, 1, 0, 0, 99, 0x00},
+                          Case{init, 99, 1, 1, 7, 99, 0x12}}) {
+        SCOPED_TRACE(KsTemplateEng__GetTemplateName(c.tpl) + std::string(" tac=") + std::to_string(c.taiTac));
+        step.ngap_initUEMessTemplate = c.tpl;
+        ue->TAI_TAC = c.taiTac;
+        snprintf(ue->TAI_MCC, sizeof ue->TAI_MCC, "001");
+        snprintf(ue->TAI_MNC, sizeof ue->TAI_MNC, "01");
+        size_t before = sentCount();
+        ASSERT_EQ(KsNGAP___sendNasMessage(ue, nas.data(), uint32_t(nas.size()), 1, 0, 0, 0, 0), 1);
+        ASSERT_EQ(sentCount(), before + 1);
+        void* rec = nullptr;
+        ASSERT_EQ(decodePdu(pduOf(15, 0), sentAt(before).bytes, &rec), 1);
+        auto* im = static_cast<MV_AMF_DT_InitialUEMessage*>(rec);
+        EXPECT_EQ(im->userLocationInformation_isset, c.uli);
+        EXPECT_EQ(im->uEContextRequest_isset, c.ctxReq);
+        EXPECT_EQ(im->rRCEstablishmentCause_isset, 1);
+        EXPECT_EQ(im->rRCEstablishmentCause, c.cause);
+        if (c.uli == 1) {
+            auto* nr = im->userLocationInformation->u.userLocationInformationNR;
+            EXPECT_EQ(nr->tAI->tAC->data[2], uint8_t(c.tac));
+            EXPECT_EQ(nr->nR_CGI->nRCellIdentity->data[2], c.cellByte3) << "cell 4660 is 00 00 12 34 00";
+        }
+        __mv_asn_memfree_pdu(pduOf(15, 0), rec);
+    }
+    ue->ksStepExecution = nullptr;
+    ue->TAI_TAC = 0;
+    KsNGAP___releaseUeContext(ue, 1);
+    std::string out = dissectAll();
+    if (out.empty()) GTEST_SKIP() << "tshark is not installed";
+    EXPECT_TRUE(has(out, "\"ngap.RRCEstablishmentCause\": \"7\"")) << out.substr(0, 4000);
+    EXPECT_FALSE(has(out, "_ws.malformed")) << out;
 }
 
 // ---------------------------------------------------------------- context setup and sessions

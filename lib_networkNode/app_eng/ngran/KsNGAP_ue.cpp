@@ -9,6 +9,7 @@
 
 #include "KsEngine_step.h"
 #include "KsNGAP.h"
+#include "KsTemplateEng.h"
 #include "mv_amf_asn_procs.h"
 
 namespace {
@@ -85,18 +86,67 @@ const uint8_t* plmnOf(const MV_KsNGRanUeContext* ctx) {
     return kNone;
 }
 
-// The location of a UE message: the RAN's PLMN, cell 1 and TAC 1, unless the console set
-// the UE's own tracking area (then *overridden is 1).
-MV_AMF_DT_UserLocationInformation* locationOf(MV_KsUE* ue, const MV_KsNGRanUeContext* ctx, int* overridden) {
-    MV_AMF_DT_UserLocationInformation* uli = nullptr;
-    *overridden = ue->TAI_TAC != 0;
-    if (!*overridden) {
-        KsNGAP___setUserLocationInformation(ue, &uli, plmnOf(ctx), 1, 1);
-        return uli;
+// Where a UE message says the UE is: the RAN's PLMN, cell 1 and TAC 1 unless a template
+// says otherwise; left out when the template's location is of another type.
+struct Location {
+    uint8_t plmn[3];
+    uint32_t cell = 1, tac = 1;
+    bool present = true;
+};
+
+// The template's elements of an UE message: 121 the location, 112 UEContextRequest, 90 the
+// RRC establishment cause (the last two only when `r` is given).
+void applyTemplate(const MV_Template* tpl, Location& loc, MV_AMF_DT_InitialUEMessage* r) {
+    loc.present = false;
+    if (r) r->rRCEstablishmentCause_isset = 0;
+    for (MV_Element* e = KsTemplateEng__BeginIterator(tpl); e; e = KsTemplateEng__NextIterator(e)) {
+        uint32_t vt = KsTemplateEng__GetValueType(e);
+        switch (KsTemplateEng__GetID(e)) {
+            case 121:
+                if (vt == KsTMT__VALUE_TYPE__DEFAULT_0 || vt == KsTMT__VALUE_TYPE__DEFAULT) {
+                    loc.present = true;
+                    loc.cell = loc.tac = 1;
+                } else if (vt == KsTMT__VALUE_TYPE__JSon) {
+                    json_t* j = KsTemplateEng__GetJsonValue(e);
+                    const char* type = json_string_value(json_object_get(j, "Type"));
+                    if (type && strcmp(type, "ULINR") == 0) {
+                        loc.present = true;
+                        loc.cell = uint32_t(json_integer_value(json_object_get(j, "NRCellId")));
+                        loc.tac = uint32_t(json_integer_value(json_object_get(j, "TAC")));
+                    }
+                }
+                break;
+            case 112:
+                if (r) r->uEContextRequest_isset = 1;
+                break;
+            case 90:
+                if (!r) break;
+                r->rRCEstablishmentCause_isset = 1;
+                r->rRCEstablishmentCause = vt == KsTMT__VALUE_TYPE__INT ? uint8_t(KsTemplateEng__GetIntValue(e)) : 0;
+                break;
+            default: break;
+        }
     }
-    uint8_t plmn[3] = {0, 0, 0};
-    KsEngine__get_plmnHex(plmn, ue->TAI_MCC, ue->TAI_MNC);
-    KsNGAP___setUserLocationInformation(ue, &uli, plmn, 1, ue->TAI_TAC);
+}
+
+// The tracking area the console set for the UE replaces the PLMN and TAC; 1 when it did.
+int overrideTai(const MV_KsUE* ue, Location& loc) {
+    if (ue->TAI_TAC == 0) return 0;
+    KsEngine__get_plmnHex(loc.plmn, ue->TAI_MCC, ue->TAI_MNC);
+    loc.tac = ue->TAI_TAC;
+    if (!loc.present) loc.cell = 1;
+    loc.present = true;
+    return 1;
+}
+
+MV_AMF_DT_UserLocationInformation* locationOf(MV_KsUE* ue, const MV_KsNGRanUeContext* ctx, const MV_Template* tpl,
+                                              MV_AMF_DT_InitialUEMessage* r, int* overridden) {
+    Location loc;
+    memcpy(loc.plmn, plmnOf(ctx), 3);
+    if (tpl) applyTemplate(tpl, loc, r);
+    *overridden = overrideTai(ue, loc);
+    MV_AMF_DT_UserLocationInformation* uli = nullptr;
+    if (loc.present) KsNGAP___setUserLocationInformation(ue, &uli, loc.plmn, loc.cell, loc.tac);
     return uli;
 }
 
@@ -230,10 +280,11 @@ int KsNGAP___send_InitialUEMessage(MV_KsNGRanUeContext* ctx, u_char* data, uint3
     r->rRCEstablishmentCause = 3;  // mo-Data
     r->rRCEstablishmentCause_isset = 1;
     const KsStep* step = KsScanario__GetKsExecutionStep(ue);
-    if (step && step->UEContextRequest == 1) r->uEContextRequest_isset = 1;
+    const MV_Template* tpl = step ? step->ngap_initUEMessTemplate : nullptr;
+    if (!tpl && step && step->UEContextRequest == 1) r->uEContextRequest_isset = 1;
     int overridden = 0;
-    r->userLocationInformation = locationOf(ue, ctx, &overridden);
-    r->userLocationInformation_isset = 1;
+    r->userLocationInformation = locationOf(ue, ctx, tpl, r, &overridden);
+    r->userLocationInformation_isset = r->userLocationInformation ? 1 : 0;
     if (overridden) {
         const uint8_t* p = r->userLocationInformation->u.userLocationInformationNR->tAI->pLMNIdentity->data;
         __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_INFO, "[%s] Setting UE-ServingNetworkName=%02X%02X%02X %s|%s|%d",
@@ -281,9 +332,11 @@ int KsNGAP___send_UplinkNasTransport(MV_KsNGRanUeContext* ctx, u_char* data, uin
     r->rANUENGAPID_isset = 1;
     r->nASPDU = octets(__mv_amf_init_NAS_PDU2, data, len);
     r->nASPDU_isset = 1;
+    const KsStep* step = KsScanario__GetKsExecutionStep(ue);
     int overridden = 0;
-    r->userLocationInformation = locationOf(ue, ctx, &overridden);
-    r->userLocationInformation_isset = 1;
+    r->userLocationInformation = locationOf(ue, ctx, step ? step->ngap_uplinkNASTranTemplate : nullptr, nullptr,
+                                            &overridden);
+    r->userLocationInformation_isset = r->userLocationInformation ? 1 : 0;
     uint64_t amfId = ctx->amf_id;
     int sts = KsNGAP___sendRecord(uint8_t(NgapProc::UplinkNASTransport), 0, r, ctx->ranAmfConn);
     __mv_amf_memfree_pdu_UplinkNASTransport(r);

@@ -652,6 +652,68 @@ TEST_F(NgapUe, ReleaseFromTheAmfAndFromAStepAndLateMessagesAreDropped) {
     KsNGAP___releaseUeContext(ue, 1);
 }
 
+// Reroute moves the UE to the connection whose AMF serves the named set; context
+// modification is answered at once with the two ids.
+TEST_F(NgapUe, RerouteMovesTheUeAndModificationIsEchoed) {
+    Gnb g(6);
+    auto* other = __mv_arena_new<MV_KsRanAmfConnection>();
+    other->ID = 61;
+    other->ran = g.conn->ran;
+    other->amf = __mv_arena_new<MV_KsAmf>();
+    other->amf->ServedGuamiCount = 1;
+    other->amf->ServedGuami[0].amfSetId = 0x3FF;
+    other->isOKToRun = 1;
+    other->ConnStatus = KS_NGCONN__READY;
+    g.conn->ran->ranAMFHead = g.conn;
+    g.conn->Next = other;
+    MV_KsUE* ue = newUe(g, 6);
+    std::vector<uint8_t> nas = kNasUp;
+    ASSERT_EQ(KsNGAP___sendNasMessage(ue, nas.data(), uint32_t(nas.size()), 1, 0, 0, 0, 0), 1);
+    uint64_t ranId = KsNGAP___GetRANUEId(ue, 1);
+
+    auto* mod = newRec<MV_AMF_DT_UEContextModificationRequest>(mv_asn_amf::T_UEContextModificationRequest);
+    mod->aMFUENGAPID = 31;
+    mod->aMFUENGAPID_isset = 1;
+    mod->rANUENGAPID = ranId;
+    mod->rANUENGAPID_isset = 1;
+    g.deliver(40, 0, mod);
+    ASSERT_EQ(sentCount(), 2u) << "answered on the read thread";
+    void* rec = nullptr;
+    ASSERT_EQ(decodePdu(pduOf(40, 1), sentAt(1).bytes, &rec), 1);
+    EXPECT_EQ(static_cast<MV_AMF_DT_UEContextModificationResponse*>(rec)->aMFUENGAPID, 31u);
+    EXPECT_EQ(static_cast<MV_AMF_DT_UEContextModificationResponse*>(rec)->rANUENGAPID, ranId);
+    __mv_asn_memfree_pdu(pduOf(40, 1), rec);
+
+    auto rerouteTo = [&](uint16_t set) {
+        auto* r = newRec<MV_AMF_DT_RerouteNASRequest>(mv_asn_amf::T_RerouteNASRequest);
+        r->rANUENGAPID = ranId;
+        r->rANUENGAPID_isset = 1;
+        r->aMFUENGAPID = 31;
+        r->aMFUENGAPID_isset = 1;
+        r->nGAPMessage = octets(__mv_amf_init_RerouteNASRequest_NGAP_Message2, sentAt(0).bytes);
+        r->nGAPMessage_isset = 1;
+        const std::vector<uint8_t> b = {uint8_t(set >> 2), uint8_t(set << 6)};
+        r->aMFSetID = octets(__mv_amf_init_AMFSetID2, b);
+        r->aMFSetID->bitslen = 10;
+        r->aMFSetID_isset = 1;
+        g.deliver(36, 0, r);
+    };
+    uint64_t dropped = KsNGAP__DroppedUeMessages();
+    rerouteTo(0x3FF);
+    ASSERT_TRUE(waitFor([&] { return ue->TGPP.ranAmfConnection == other; }));
+    EXPECT_EQ(ue->AMFConnId, 61u);
+    EXPECT_EQ(KsNGAP__getRanUeContext(ue, 1), nullptr) << "the old context is given back";
+    // No connection serves set 5, and the old id is stale now.
+    rerouteTo(5);
+    ASSERT_TRUE(waitFor([&] { return KsNGAP__DroppedUeMessages() == dropped + 1; }));
+    g.conn->Next = nullptr;
+    g.conn->ran->ranAMFHead = nullptr;
+    std::string out = dissectAll();
+    if (out.empty()) GTEST_SKIP() << "tshark is not installed";
+    EXPECT_TRUE(has(out, "\"ngap.AMF_UE_NGAP_ID\": \"31\"")) << out.substr(0, 4000);
+    EXPECT_FALSE(has(out, "_ws.malformed")) << out;
+}
+
 // ---------------------------------------------------------------- bad input
 
 TEST_F(NgapUe, BadInputIsDroppedAndTheUesGoOn) {

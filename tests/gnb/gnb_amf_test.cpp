@@ -467,10 +467,11 @@ TEST_F(GnbAmf, BadInputFromTheAmfIsLoggedAndDroppedAndTheAssociationGoesOn) {
                              "invalid message received (no message defination)",
                              "NGAP PDU of len=1 has no procedure code", "Unknown ProcedureCode=255, dropping request"})
         EXPECT_TRUE(has(stk, line)) << line;
-    EXPECT_TRUE(has(app, "UE-associated NGAP handling is not part of this build, procedureCode=4 form=0"));
+    EXPECT_TRUE(kst::waitFor([] { return has(appLog(), "Found For AMF-UE-Id=7 RAN-UE-Id=5"); }, 15))
+        << "the downlink for an unknown UE is dropped on its line";
     // Two truncated, the unknown code, form 3, the form DownlinkNASTransport lacks, one
-    // octet, and the noise (an unknown code).
-    EXPECT_EQ(__ksEngine->NGAPErrors - errorsBefore, 7u);
+    // octet, and the noise (an unknown code); the truncated downlink also lacks its RAN id.
+    EXPECT_EQ(__ksEngine->NGAPErrors - errorsBefore, 8u);
     EXPECT_TRUE(has(app, "on ranAmfConn-ID=" + std::to_string(c->ID) + ": unknown procedure code, procedureCode=60"));
 
     EXPECT_TRUE(KsNGAP__OkToSend(c));

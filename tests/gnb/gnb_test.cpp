@@ -499,7 +499,7 @@ TEST(Dispatch, EveryAmfMessageIsFreedAndUnknownFormsIgnored) {
         KsNGAP__handle_ngap_message(p->procedureCode, p->form, rec, nullptr);
     }
     KsNGAP__handle_ngap_message(60, 0, nullptr, nullptr);
-    EXPECT_NE(gEnv->appLog().find("UE-associated NGAP handling is not part of this build, procedureCode=4 form=0"),
+    EXPECT_NE(gEnv->appLog().find("UE-associated NGAP handling is not part of this build, procedureCode=7 form=0"),
               std::string::npos);
 }
 

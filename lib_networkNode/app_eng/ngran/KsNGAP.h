@@ -84,6 +84,75 @@ const KsNGAPNasEntry* KsNGAP__GetNasEntry();
 int KsNGAP___sendNasMessage(MV_KsUE* ue, u_char* data, uint32_t len, uint8_t bearer, uint32_t nasMessageType,
                             uint32_t childNasMessageType, uint32_t childNasMessCateId, uint8_t initial);
 
+// The UE's RAN context of a bearer (1 3GPP, 2 non-3GPP), or null.
+MV_KsNGRanUeContext* KsNGAP__getRanUeContext(MV_KsUE* ue, uint8_t bearer);
+// A pool context for the bearer, on the RAN of the bearer's connection, and the UE on that
+// connection's list. An empty pool ends the process: the pool's size is a hard limit of a
+// test, set by the operator.
+MV_KsNGRanUeContext* KsNGAP__CreateRanUeContext(MV_KsUE* ue, uint8_t bearer);
+// Gives the bearer's context back under the bearer's lock; the UE stays on the connection's
+// list. 1, or -1 for a null UE.
+int KsNGAP___releaseUeContext(MV_KsUE* ue, uint8_t bearer);
+uint64_t KsNGAP___GetRANUEId(MV_KsUE* ue, uint8_t bearer);
+// The UE (or its ueId, -1) whose context on the node's RAN has that RAN UE NGAP id.
+MV_KsUE* KsNGAP__Find_UE_By_RanUENgapId(MV_NGAPNode* node, uint64_t id);
+int64_t KsNGAP__Find_UEId_By_RanUENgapId(MV_NGAPNode* node, uint64_t id);
+
+int KsNGAP___send_InitialUEMessage(MV_KsNGRanUeContext* ctx, u_char* data, uint32_t len, uint32_t nasMessageType,
+                                   uint32_t childNasMessageType, uint32_t childNasMessCateId);
+int KsNGAP___send_UplinkNasTransport(MV_KsNGRanUeContext* ctx, u_char* data, uint32_t len, uint32_t nasMessageType,
+                                     uint32_t childNasMessageType, uint32_t childNasMessCateId);
+// The NR location: the PLMN (engine order) in cell and TAI, the cell as four big-endian
+// bytes and a zero byte (36 bits), the TAC in three bytes; also names the serving network.
+void KsNGAP___setUserLocationInformation(MV_KsUE* ue, MV_AMF_DT_UserLocationInformation** uli, const uint8_t* plmn,
+                                         uint32_t cellId, uint32_t tac);
+int KsNGAP___send_InitialContextSetupResponse(MV_KsNGRanUeContext* ctx, const uint8_t* pduSessionIdList,
+                                              uint32_t count);
+int KsNGAP___send_UEContextReleaseRequest(MV_KsUE* ue, MV_KsNGRanUeContext* ctx, uint8_t bearer);
+int KsNGAP___send_PDUSessionResourceReleaseResponse(MV_KsNGRanUeContext* ctx, uint64_t amfId, uint64_t ranId,
+                                                    const uint8_t* pduSessionIdList, uint32_t count,
+                                                    MV_KsRanAmfConnection* conn);
+int KsNGAP___send_ErrorIndication(uint64_t amfId, uint64_t ranId, uint8_t causeChoice, uint8_t cause,
+                                  MV_KsRanAmfConnection* conn);
+int KsNGAP___send_CellTrafficTrace(MV_KsNGRanUeContext* ctx);
+// Sends a record through the path (tests' or the sockets'); the record stays the caller's.
+int KsNGAP___sendRecord(uint8_t procedureCode, uint8_t form, void* record, MV_KsRanAmfConnection* conn);
+
+// ---------------------------------------------------------------- PDU sessions (KsNGAP_pduSession.cpp)
+
+// The UE's session record of that id (1..15): the one holding the id, else the free slot of
+// that index, which takes the id. Null for an id outside 1..15.
+MV_KsUEPduSession* KsNGAP___sessionOf(MV_KsUE* ue, uint64_t sessionId);
+void KsNGAP__set_pdusession_ambr(uint8_t sessionId, MV_KsUE* ue, uint64_t dl, uint64_t ul);
+// The core's uplink tunnel: TEID (4 octets) and address (4 IPv4, 16 IPv6, 20 both). 1 when
+// stored, 0 for octets of another length.
+int KsNGAP__set_pdusession_transport_info(uint8_t sessionId, MV_KsUE* ue, uint8_t pDUSessionType,
+                                          const uint8_t* gTP_TEID, uint32_t teidLen, const uint8_t* tlaData,
+                                          uint32_t tlaLen);
+void KsNGAP__set_pdusession_release_transport_info(MV_KsUE* ue, uint8_t sessionId);
+void KsNGAP__set_pdusession_qosFlowIdentifier(uint8_t sessionId, MV_KsUE* ue, uint8_t qosFlowId);
+// The gNB's downlink TEID: the core's uplink TEID plus 5.
+uint32_t KsNGAP__get_pdusession_ran_teid(uint8_t sessionId, MV_KsUE* ue);
+
+// ---------------------------------------------------------------- UE-associated handlers (KsNGAP_ueHandle.cpp)
+
+// A UE-associated message on its way from the read thread to the UE's line; owns its record.
+struct KsNGAPUeMessage {
+    uint8_t Code, Form;
+    void* Record;
+    MV_NGAPNode* Node;
+    MV_KsRanAmfConnection* Conn;
+};
+// The read-thread tests of each UE-associated message: 1 when the message was taken (posted
+// to its line, or answered), 0 when it was dropped. The caller frees the record unless taken.
+int KsNGAP__handle_ue_message(const KsNGAPUeMessage& m);
+// Frees a decoded record of that procedure and form as the dispatch does.
+void KsNGAP___freeRecord(uint8_t procedureCode, uint8_t form, void* record);
+// Posts fn(obj) to the line of `key`. 1 posted, 0 when the lines do not run.
+int KsNGAP__run_thread(void* obj, uint64_t key, fnexec fn);
+// Counters of input from the AMF that no UE could take (bad or stale ids, empty NAS PDUs).
+uint64_t KsNGAP__DroppedUeMessages();
+
 // ---------------------------------------------------------------- builders (KsNGAP_build.cpp)
 
 // What a builder could not read or left out of a record. Builders change no state and

@@ -263,6 +263,7 @@ struct KsNgapMessage {
     void* Record;  // owned by the dispatch
     MV_NGAPNode* Node;
     MV_KsRanAmfConnection* Conn;
+    NgapPdu* Owner;  // a handler that keeps the record takes it from here
 };
 
 void unhandled(const KsNgapMessage& m) {
@@ -271,8 +272,8 @@ void unhandled(const KsNgapMessage& m) {
            "KsNGAP__handle_ngap_message", __LINE__);
 }
 
-// Messages of UE-associated signalling and mobility, acted on by the gNB's UE side.
-// That side is not part of this build: they are logged and dropped.
+// Messages of mobility, acted on by the gNB's handover side. That side is not part of
+// this build: they are logged and dropped.
 void notBuilt(const KsNgapMessage& m) {
     __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
              "UE-associated NGAP handling is not part of this build, procedureCode=%u form=%u dropped <%s|%s|%d>", m.Code,
@@ -285,6 +286,11 @@ void ignoredInitiating(const KsNgapMessage& m) {
              m.Code, __FILE_NAME__, "KsNGAP__handle_ngap_message", __LINE__);
 }
 void ignored(const KsNgapMessage&) {}
+
+// A UE's message: tested here, then carried to the UE's line with its record.
+void ueMessage(const KsNgapMessage& m) {
+    if (KsNGAP__handle_ue_message({m.Code, m.Form, m.Record, m.Node, m.Conn})) m.Owner->release();
+}
 
 void errorIndication(const KsNgapMessage& m) {
     KsNGAP__handle_ErrorIndication(m.Conn, static_cast<MV_AMF_DT_ErrorIndication*>(m.Record));
@@ -314,16 +320,16 @@ constexpr KsNgapHandler kHandlers[] = {
     {P::NGSetup, F::Successful, setupResponse},
     {P::NGSetup, F::Unsuccessful, setupFailure},
     // the UE side
-    {P::DownlinkNASTransport, F::Initiating, notBuilt},
+    {P::DownlinkNASTransport, F::Initiating, ueMessage},
     {P::DownlinkRANStatusTransfer, F::Initiating, notBuilt},
     {P::HandoverResourceAllocation, F::Initiating, notBuilt},
-    {P::InitialContextSetup, F::Initiating, notBuilt},
-    {P::PDUSessionResourceModify, F::Initiating, notBuilt},
-    {P::PDUSessionResourceRelease, F::Initiating, notBuilt},
-    {P::PDUSessionResourceSetup, F::Initiating, notBuilt},
-    {P::RerouteNASRequest, F::Initiating, notBuilt},
-    {P::UEContextModification, F::Initiating, notBuilt},
-    {P::UEContextRelease, F::Initiating, notBuilt},
+    {P::InitialContextSetup, F::Initiating, ueMessage},
+    {P::PDUSessionResourceModify, F::Initiating, ueMessage},
+    {P::PDUSessionResourceRelease, F::Initiating, ueMessage},
+    {P::PDUSessionResourceSetup, F::Initiating, ueMessage},
+    {P::RerouteNASRequest, F::Initiating, ueMessage},
+    {P::UEContextModification, F::Initiating, ueMessage},
+    {P::UEContextRelease, F::Initiating, ueMessage},
     {P::HandoverPreparation, F::Successful, notBuilt},
     {P::PathSwitchRequest, F::Successful, notBuilt},
     {P::HandoverPreparation, F::Unsuccessful, notBuilt},
@@ -372,8 +378,12 @@ void KsNGAP__handle_ngap_message(uint8_t procedureCode, uint8_t messageType, voi
         return;
     }
     NgapPdu owned(msg, NgapPduFree{pduOf(procedureCode, messageType), procedureCode, messageType});
-    KsNgapMessage m{procedureCode, messageType, owned.get(), node, KsNGAP___ConnectionOfNode(node)};
+    KsNgapMessage m{procedureCode, messageType, owned.get(), node, KsNGAP___ConnectionOfNode(node), &owned};
     auto handle = procedureCode < kNgapProcCount ? kTable.byCode[procedureCode][messageType] : nullptr;
     if (handle) handle(m);
     else unhandled(m);
+}
+
+void KsNGAP___freeRecord(uint8_t procedureCode, uint8_t form, void* record) {
+    if (record) NgapPduFree{pduOf(procedureCode, form), procedureCode, form}(record);
 }

@@ -128,6 +128,10 @@ int sendRecord(uint8_t procedureCode, uint8_t form, void* record, MV_KsRanAmfCon
 
 void KsNGAP__SetPath(const KsNGAPPath* p) { path = p ? p : &kSocketPath; }
 
+int KsNGAP___sendRecord(uint8_t procedureCode, uint8_t form, void* record, MV_KsRanAmfConnection* conn) {
+    return conn ? sendRecord(procedureCode, form, record, conn) : -1;
+}
+
 void KsNGAP___reportBuildNotes(const KsNgapBuildNotes& notes) {
     for (size_t i = 0; i < notes.count; ++i) {
         const KsNgapBuildNote& n = notes.notes[i];

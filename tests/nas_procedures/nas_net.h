@@ -99,6 +99,12 @@ public:
         f();
         pump();
     }
+    // The same, leaving what the answerer sent on the queue.
+    template <class F>
+    void runOnly(F&& f) {
+        std::lock_guard big(big_);
+        f();
+    }
     // The gNB asks for the UE's context to be released (user inactivity): the UE goes idle.
     void releaseForTest(MV_KsUE* ue) {
         std::lock_guard big(big_);

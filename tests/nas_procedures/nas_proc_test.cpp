@@ -11,6 +11,7 @@
 #include "Kestrane.h"
 #include "ks_engine_env.h"
 #include "nas_net.h"
+#include "mvalgo.h"
 #include "nas_testlib.h"
 
 namespace {
@@ -34,6 +35,11 @@ struct Ue {
     }
     // Makes st the UE's step and runs it; true when the step ended within the time.
     bool run(nsp::Net& net, const KsStep& st, double seconds = 20) {
+        start(net, st);
+        return net.pumpUntil([&] { return ended(ue) == 1; }, seconds);
+    }
+    // Starts the step; the network's answers wait on the queue.
+    void start(nsp::Net& net, const KsStep& st) {
         step = st;
         exec = KsStepExecution{};
         exec.ksStep = &step;
@@ -48,8 +54,7 @@ struct Ue {
         }
         ue->ksStepExecution = ue->ksStepExecutionHead = &exec;
         std::atomic_ref<uint32_t>(ue->EndOfTest).store(0);
-        net.run([&] { KsNAS__runStep_FQ(ue, KS_BEARER__3GPP); });
-        return net.pumpUntil([&] { return ended(ue) == 1; }, seconds);
+        net.runOnly([&] { KsNAS__runStep_FQ(ue, KS_BEARER__3GPP); });
     }
     void session(uint8_t id, uint8_t type, uint32_t requestType = 1) {
         __ks_pduSessionInfo i{};
@@ -86,6 +91,65 @@ void forget(MV_KsUE* ue) {
     }
     ue->fgGuti.isset = 0;
     for (auto& s : ue->pduSessions) s.PduAddress_SessionType = 0;
+}
+
+
+// A downlink message protected with the UE's own context, as its network would send it
+// next: for input the answerer would never make.
+std::vector<uint8_t> protectDown(MV_KsUE* ue, const uint8_t* plain, size_t n) {
+    MV_KsUECtx* c = &ue->TGPP;
+    std::vector<uint8_t> b(7 + n);
+    b[0] = 0x7E;
+    b[1] = 2;
+    b[6] = uint8_t(c->dl_count);
+    memcpy(b.data() + 7, plain, n);
+    EXPECT_EQ(__mv_algo__nas_encrypt(c->selected_ciphering_algo, c->knas_enc, c->dl_count, 1, 1, b.data() + 7,
+                                     uint32_t(n)),
+              0);
+    EXPECT_EQ(__mv_algo__nas_mac_calculate(c->selected_integrity_algo, c->knas_int, c->dl_count, 1, 1, b.data() + 6,
+                                           uint32_t(n + 1), b.data() + 2),
+              0);
+    return b;
+}
+
+// A DL NAS transport with an establishment accept for session psi with an address of that type.
+std::vector<uint8_t> acceptFor(MV_KsUE* ue, uint8_t psi, uint8_t addressType) {
+    NASPduFGSM_PDUSessionEstablishmentAccept a;
+    memset(static_cast<void*>(&a), 0, sizeof a);
+    a.pHeader.PDUSessionId = psi;
+    a.pHeader.ProcedureTransactionIdentity = ue->ProcedureTransactionIdentity;
+    a.pHeader.ProcedureTransactionIdentity_isset = 1;
+    a.b1 = uint8_t(0x10 | addressType);
+    const uint8_t rule[] = {0x01, 0x00, 0x06, 0x31, 0x31, 0x01, 0x01, 0xFF, 0x01};
+    memcpy(a.mAuthorizedQoSRules.data, rule, sizeof rule);
+    a.mAuthorizedQoSRules.Length = sizeof rule;
+    a.mAuthorizedQoSRules.isset = 1;
+    a.mSessionAMBR.Length = 6;
+    a.mSessionAMBR.DownlinkUnit = a.mSessionAMBR.UplinkUnit = 6;
+    a.mSessionAMBR.Downlink = a.mSessionAMBR.Uplink = 100;
+    a.mSessionAMBR.isset = 1;
+    a.mPDUAddress.PDUSessionType = addressType;
+    const uint8_t addr[12] = {0, 0, 0, 0, 0, 0, 0, 7, 10, 45, 0, 99};
+    size_t alen = addressType == 1 ? 4 : addressType == 2 ? 8 : 12;
+    memcpy(a.mPDUAddress.data, addressType == 1 ? addr + 8 : addr, alen);
+    a.mPDUAddress.Length = uint8_t(alen + 1);
+    a.mPDUAddress.isset = 1;
+    __mv_asn_coding_context sm;
+    __mv_asn_init_CodingContext(&sm);
+    EXPECT_EQ(__mv_naspdu_fgsm_encodePDUSessionEstablishmentAccept(&a, &sm), 0);
+    static NASPduFGMM_DLNASTransport t;
+    memset(static_cast<void*>(&t), 0, sizeof t);
+    t.b1 = 1;
+    memcpy(t.mPayloadContainer.data, sm.buffer, sm.pos);
+    t.mPayloadContainer.Length = sm.pos;
+    t.mPayloadContainer.isset = 1;
+    t.mPDUSessionID.Value = psi;
+    t.mPDUSessionID.Length = 1;
+    t.mPDUSessionID.isset = 1;
+    __mv_asn_coding_context ctx;
+    __mv_asn_init_CodingContext(&ctx);
+    EXPECT_EQ(__mv_naspdu_fgmm_encodeDLNASTransport(&t, &ctx), 0);
+    return protectDown(ue, ctx.buffer, ctx.pos);
 }
 
 size_t countType(const nsp::Net& n, uint32_t t) {
@@ -277,6 +341,65 @@ TEST(NasProcedures, AFailedSendEndsTheRunAndBadInputTouchesNothing) {
     EXPECT_EQ(__ksEngine->NASErrors - errors, 2u);
     EXPECT_EQ(v.ue->TGPP.dl_count, dl);
     EXPECT_EQ(v.ue->TGPP.RMStatus, uint32_t(RM_STATUS__REGISTERED));
+}
+
+TEST(NasProcedures, AcceptsForSessionsNotAskedForOrOfAnotherTypeAreDropped) {
+    nsp::Net net;
+    ASSERT_TRUE(net.ok) << net.error;
+    Ue u(13);
+    forget(u.ue);
+    ASSERT_TRUE(u.run(net, stepOf(KS_STEP__REGISTRATION)));
+    // The network's answer waits on the queue while the test answers first.
+    u.session(1, 1);
+    u.start(net, stepOf(KS_STEP__PDU_SESSION));
+    for (auto [psi, type] : {std::pair<uint8_t, uint8_t>{5, 1}, {1, 2}}) {
+        auto pdu = acceptFor(u.ue, psi, type);
+        net.runOnly([&] { KsNAS__processNasMessage(u.ue, pdu.data(), uint32_t(pdu.size()), 1, 4); });
+        EXPECT_EQ(ended(u.ue), 0u) << "session " << int(psi) << " type " << int(type);
+    }
+    EXPECT_EQ(u.ue->pduSessions[5].PduAddress_SessionType, 0);
+    EXPECT_EQ(u.ue->pduSessions[1].PduAddress_SessionType, 0);
+    const auto good = acceptFor(u.ue, 1, 1);
+    auto first = good;  // the UE deciphers in place
+    net.runOnly([&] { KsNAS__processNasMessage(u.ue, first.data(), uint32_t(first.size()), 1, 4); });
+    // The network's own accept, at a COUNT the test's messages used up, fails its MAC.
+    EXPECT_TRUE(net.pumpUntil([&] { return ended(u.ue) == 1; }));
+    EXPECT_EQ(u.ue->pduSessions[1].PduAddress_SessionType, 1);
+    EXPECT_STREQ(reinterpret_cast<const char*>(u.ue->pduSessions[1].PduAddress), "10.45.0.99");
+    // The same message again: its sequence number is stale, its MAC fails, nothing moves.
+    uint64_t errors = __ksEngine->NASErrors;
+    auto again = good;
+    net.run([&] { KsNAS__processNasMessage(u.ue, again.data(), uint32_t(again.size()), 1, 4); });
+    EXPECT_EQ(__ksEngine->NASErrors - errors, 1u);
+}
+
+TEST(NasProcedures, IdentityRequestsIgnoredThenAnsweredAndTheNetworksDeregistration) {
+    {
+        nsp::Net net({"--identity-request", "suci", "--t3570", "200"});
+        ASSERT_TRUE(net.ok) << net.error;
+        Ue u(14);
+        forget(u.ue);
+        KsStep st = stepOf(KS_STEP__REGISTRATION);
+        st.IdentityRequestIgnoreCount = 1;
+        ASSERT_TRUE(u.run(net, st));
+        EXPECT_EQ(u.exec.IdentityRequestIgnoreCounter, 1);
+        EXPECT_EQ(countType(net, 92), 1u) << "the retransmitted request is answered with the SUCI";
+        EXPECT_EQ(u.ue->TGPP.RMStatus, uint32_t(RM_STATUS__REGISTERED));
+        // The network deregisters the UE: it accepts and is deregistered.
+        net.control("dereg all");
+        net.pump();
+        EXPECT_EQ(u.ue->TGPP.RMStatus, uint32_t(RM_STATUS__DEREGISTERED));
+        EXPECT_EQ(countType(net, 0), 1u) << "the deregistration accept";
+    }
+    {
+        nsp::Net net({"--identity-request", "imei"});
+        ASSERT_TRUE(net.ok) << net.error;
+        Ue u(15);
+        forget(u.ue);
+        ASSERT_TRUE(u.run(net, stepOf(KS_STEP__REGISTRATION)));
+        EXPECT_EQ(u.ue->TGPP.RMStatus, uint32_t(RM_STATUS__REGISTERED));
+        EXPECT_EQ(countType(net, 92), 1u) << "the IMEI, asked under protection";
+    }
 }
 
 TEST(NasProcedures, EveryMessageTheUeSendsDissectsClean) {

@@ -72,7 +72,10 @@ void startSleep(MV_KsUE* ksUe, KsStep* st, int bearer) {
 void KsNAS__runStep_FQ(MV_KsUE* ksUe, int bearer) {
     uint8_t b = uint8_t(bearer);
     MV_KsUECtx* c = KsNAS__getUECtx(ksUe, b);
-    if (!c->ranAmfConnection) {
+    // A sleep needs no RAN: a scenario may wait before its UEs are attached.
+    const KsStepExecution* cur = ksUe->ksStepExecution ? ksUe->ksStepExecution : ksUe->ksStepExecutionHead;
+    bool sleeping = cur && cur->ksStep && cur->ksStep->StepCode == KS_STEP__SLEEP;
+    if (!c->ranAmfConnection && !sleeping) {
         if (ksUe->_initT3PP == 0) {
             uint32_t status = 0;
             KsEngine__FindRANAndLatch(ksUe, KS_ACCESS__3GPP, &status, 0);

@@ -106,7 +106,71 @@ void KsScanario__PduNextStep(void* ue);
 void KsNAS__processNasMessage2(MV_KsUE* ksUe, u_char* data, uint32_t len, uint8_t bearer, uint8_t ngapProcCode,
                                __ks_step_child* stepChild);
 void KsNAS__processNasMessage(MV_KsUE* ksUe, u_char* data, uint32_t len, uint8_t bearer, uint8_t ngapProcCode);
-// The 5GMM handlers of a decoded message. Not part of this build yet: it logs the message
-// it was given and does nothing else; the caller frees the decode.
+// The 5GMM handlers of a decoded message, by message type; the caller frees the decode.
+// outerSht is the security header type the message arrived under (0 plain).
 void KsNAS___dispatch5GMM(MV_KsUE* ksUe, __naspduDecode* decode, uint8_t bearer, uint8_t ngapProcCode,
-                          __ks_step_child* stepChild);
+                          __ks_step_child* stepChild, uint8_t outerSht);
+
+// ---------------------------------------------------------------- the gNB below
+
+// What the UE needs of the gNB: the uplink of a NAS PDU (InitialUEMessage on a fresh RAN
+// UE context, UplinkNASTransport after; the send's result, below 1 when it failed, in
+// which case the gNB has already called KsNAS__NGAPSendingMessageFailed), and giving a
+// RAN UE context back. Tests put an in-memory network in its place; null restores the gNB.
+struct KsNASLower {
+    int (*SendNas)(MV_KsUE* ue, u_char* data, uint32_t len, uint8_t bearer, uint32_t nasMessageType,
+                   uint32_t childNasMessageType, uint32_t childNasMessCateId, uint8_t initial);
+    void (*ReleaseRanUeContext)(MV_KsUE* ue, uint8_t bearer);
+};
+void KsNAS__SetLower(const KsNASLower* lower);
+
+// A UE message the gNB could not send: the UE's run ends now rather than at a timeout.
+void KsNAS__NGAPSendingMessageFailed(MV_KsUE* ksUe);
+
+// ---------------------------------------------------------------- mobility management
+
+void KsNAS__send_registration_request(MV_KsUE* ksUe, uint8_t bearer, int emergency);
+void KsNAS__send_registration_request__for_3gpp(void* ue);
+void KsNAS__send_deregistration_request(MV_KsUE* ksUe, uint8_t bearer);
+void KsNAS__send_service_request(MV_KsUE* ksUe, uint8_t bearer);
+void KsNAS__send_service_request_for_3gpp(void* ue);
+// The switch-off timer of a deregistration: completes the step without an accept.
+void KsNAS__stepDeRegistrationSwitchOff(void* ue);
+
+void KsNAS__handle__identity_request(MV_KsUE*, __naspduDecode*, uint8_t bearer, uint8_t ngapProcCode, uint8_t outerSht);
+void KsNAS__handle__authentication_request(MV_KsUE*, __naspduDecode*, uint8_t bearer, uint8_t ngapProcCode,
+                                           uint8_t outerSht);
+void KsNAS__handle__authentication_reject(MV_KsUE*, __naspduDecode*, uint8_t bearer, uint8_t ngapProcCode);
+void KsNAS__handle__security_mode_command_request(MV_KsUE*, __naspduDecode*, uint8_t bearer, uint8_t ngapProcCode);
+void KsNAS__handle__registration_accept(MV_KsUE*, __naspduDecode*, uint8_t bearer, uint8_t ngapProcCode);
+void KsNAS__handle__registration_reject(MV_KsUE*, __naspduDecode*, uint8_t bearer, uint8_t ngapProcCode);
+void KsNAS__handle__deregistration_request(MV_KsUE*, __naspduDecode*, uint8_t bearer, uint8_t ngapProcCode);
+void KsNAS__handle__deregistration_accept(MV_KsUE*, __naspduDecode*, uint8_t bearer, uint8_t ngapProcCode);
+void KsNAS__handle__service_accept(MV_KsUE*, __naspduDecode*, uint8_t bearer, uint8_t ngapProcCode);
+void KsNAS__handle__service_reject(MV_KsUE*, __naspduDecode*, uint8_t bearer, uint8_t ngapProcCode);
+void KsNAS__handle__configuration_update_command(MV_KsUE*, __naspduDecode*, uint8_t bearer, uint8_t ngapProcCode);
+void KsNAS__handle__5GMM_cause(MV_KsUE*, __naspduDecode*, uint8_t bearer, uint8_t ngapProcCode);
+
+// ---------------------------------------------------------------- session management
+
+void KsNAS__send_pdusession_request(MV_KsUE* ksUe, uint8_t bearer);
+void KsNAS__send_pdusession_modification_complete(MV_KsUE* ksUe, uint8_t pduSessionId, uint8_t bearer);
+void KsNAS__send_pdusession_release_complete(MV_KsUE* ksUe, uint8_t pduSessionId, uint8_t bearer);
+void KsNAS__handle__dl_nas_transport(MV_KsUE* ksUe, __naspduDecode* decode, uint8_t bearer, uint8_t ngapProcCode,
+                                     __ks_step_child* stepChild);
+// The UE's record of a session id 1..15; null for 0 (logged with the caller's place) and
+// for ids past the table.
+MV_KsUEPduSession* KsNAS__getKsUEPduSession(MV_KsUE* ksUe, uint8_t pduSessionId, const char* file, const char* func,
+                                            int line);
+// Per-session settings of the "AMF" member of data/set.json, by session id 1..5.
+const char* KsNAS__getDNN(uint8_t pduSessionId);
+uint8_t KsNAS__getFQI(uint8_t pduSessionId);
+uint8_t KsNAS__getPDNType(uint8_t pduSessionId);
+uint8_t KsNAS__getRATType(uint8_t pduSessionId);
+uint8_t KsNAS__getRANProtoVersion();
+
+// Step time-out callbacks of the two accesses (the execution is the argument).
+void KsNAS__stepTGPPTimeOut(void* execution);
+void KsNAS__stepNTGPPTimeOut(void* execution);
+// Starts a UE's run on its 3GPP access.
+void __KsNAS__Connect(MV_KsUE* ksUe, uint8_t bearer);

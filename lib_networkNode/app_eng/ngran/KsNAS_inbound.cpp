@@ -28,6 +28,8 @@ void KsNAS__processNasMessage2(MV_KsUE* ksUe, u_char* data, uint32_t len, uint8_
                                __ks_step_child* stepChild) {
     if (!ksUe) return;
     __naspduDecode decode{};
+    // The header type the message came under, before the header is taken off.
+    uint8_t outerSht = len >= 2 && data[0] == MV_5GS_MM_EPD ? uint8_t(data[1] & 0x0F) : 0;
     if (KsNAS__process_security_header(ksUe, data, len, bearer, ngapProcCode, &decode) != 1) {
         dropped(ksUe, data, len, bearer, ngapProcCode, "security header");
         return;
@@ -39,19 +41,11 @@ void KsNAS__processNasMessage2(MV_KsUE* ksUe, u_char* data, uint32_t len, uint8_
                  __FILE_NAME__, __func__, __LINE__);
         dropped(ksUe, data, len, bearer, ngapProcCode, "mandatory IEs not decoded");
     } else {
-        KsNAS___dispatch5GMM(ksUe, &decode, bearer, ngapProcCode, stepChild);
+        KsNAS___dispatch5GMM(ksUe, &decode, bearer, ngapProcCode, stepChild, outerSht);
     }
     __mv_naspdu_freeNASPduDecode(&decode);
 }
 
 void KsNAS__processNasMessage(MV_KsUE* ksUe, u_char* data, uint32_t len, uint8_t bearer, uint8_t ngapProcCode) {
     KsNAS__processNasMessage2(ksUe, data, len, bearer, ngapProcCode, nullptr);
-}
-
-// Stand-in until the UE's 5GMM procedures join this build: the message is named in the
-// log and goes no further, so the step runs into its timer.
-void KsNAS___dispatch5GMM(MV_KsUE* ksUe, __naspduDecode* decode, uint8_t, uint8_t ngapProcCode, __ks_step_child*) {
-    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
-             "[%s][%u] no 5GMM handler in this build for MessageType=%u ngapProcCode=%u <%s|%s|%d>", KsUE__supi(ksUe),
-             unsigned(ksUe->ueId), unsigned(decode->MessageType), ngapProcCode, __FILE_NAME__, __func__, __LINE__);
 }

@@ -37,6 +37,7 @@ const KsUECTransport kNoSend{noSend};
 }  // namespace
 
 void KsUECServer___handle_StatsRequest(__uec_stats_request* m) { touch(m); }
+void KsUECServer___handle_testStartRequest(__uec_test_start_request* m) { touch(m); }
 void KsUECServer___handle_testReportRequest(__uec_test_start_request* m) { touch(m); }
 void KsUECServer___handle_beginTest(__uec_begin_test* m) { touch(m); }
 void KsUECServer___handle_loadSettings(__uec_load_settings_request* m) { touch(m); }

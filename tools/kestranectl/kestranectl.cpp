@@ -37,6 +37,7 @@ constexpr const char* kUsage =
     "                                until the test is no longer queued or running\n"
     "  stats                         the engine's statistics\n"
     "  report                        ask for a text report in the engine's ./reports/\n"
+    "  latch UES_PER_SECOND          start binding UEs to RANs at that rate (once per engine)\n"
     "  nodes [APPTYPE]               the element connections of a type (name or number), or of all\n"
     "  node APPTYPE ID COMMAND       a command to connection ID (1 brings its node up)\n"
     "  raw TYPE [HEX...]             send a request of any type, print the answer\n"
@@ -356,6 +357,27 @@ int cmdStats(Client& c, const Options& o) {
     return Ok;
 }
 
+int cmdLatch(Client& c, const Options& o, uint32_t perSecond) {
+    __uec_test_start_request req{};
+    req.LatchPerSecond = perSecond;
+    __uec_test_start_response ans{};
+    int r = c.callRecord(VELTA_UEC_MSG_TYP__TEST_START_REQUEST, req, ans, o.timeoutMs);
+    if (r != Ok) return fail(o, "latch", r);
+    bool ok = ans.Status == 1;
+    if (o.json) {
+        json_t* j = json_object();
+        json_object_set_new(j, "command", json_string("latch"));
+        json_object_set_new(j, "ok", json_boolean(ok));
+        json_object_set_new(j, "status", json_integer(ans.Status));
+        emit(j);
+    } else if (ok) {
+        printf("latching %u UEs a second to their RANs\n", perSecond);
+    } else {
+        fprintf(stderr, "the engine latches at the rate it was given first (status %u)\n", ans.Status);
+    }
+    return ok ? Ok : Refused;
+}
+
 int cmdReport(Client& c, const Options& o) {
     __uec_test_start_request req{};
     __uec_test_start_response ans{};
@@ -649,7 +671,7 @@ int main(int argc, char** argv) {
     if (p != Ok) return usage("bad arguments");
     const std::string& cmd = o.args[0];
     static const char* const kCommands[] = {"ping", "start",  "stop", "status", "wait",
-                                            "stats", "report", "raw", "nodes", "node"};
+                                            "stats", "report", "raw", "nodes", "node", "latch"};
     bool known = false;
     for (const char* k : kCommands) known = known || cmd == k;
     if (!known) return usage(("unknown command " + cmd).c_str());
@@ -662,6 +684,8 @@ int main(int argc, char** argv) {
             return usage((cmd + " takes one TEST_ID, 1 or more").c_str());
     }
     uint32_t appType = 0, u = 0;
+    if (cmd == "latch" && (o.args.size() != 2 || !parseU32(o.args[1], u) || u == 0))
+        return usage("latch takes UES_PER_SECOND, 1 or more");
     if (cmd == "nodes" && (o.args.size() > 2 || (o.args.size() == 2 && !parseAppType(o.args[1], appType))))
         return usage("nodes takes at most one APPTYPE, a name such as UPF or a number from 1 to 31");
     if (cmd == "node" && (o.args.size() != 4 || !parseAppType(o.args[1], appType) || !parseU32(o.args[2], u) ||
@@ -686,6 +710,7 @@ int main(int argc, char** argv) {
     if (cmd == "wait") return cmdWait(c, o);
     if (cmd == "stats") return cmdStats(c, o);
     if (cmd == "report") return cmdReport(c, o);
+    if (cmd == "latch") return cmdLatch(c, o, u);
     if (cmd == "nodes") return cmdNodes(c, o);
     if (cmd == "node") return cmdNode(c, o);
     return cmdRaw(c, o);

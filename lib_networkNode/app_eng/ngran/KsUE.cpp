@@ -420,7 +420,7 @@ void KsEngine__FindRANAndLatch(MV_KsUE* ksUe, uint8_t accessType, uint32_t* atta
 }
 
 void KsEngine__LatchUEs() {
-    uint32_t limit = __ksEngine->LatchPerSecond;
+    uint32_t limit = std::atomic_ref<uint32_t>(__ksEngine->LatchPerSecond).load();  // set by the console
     if (limit == 0) return;
     uint32_t latched = 0;
     // Held for the walk: a loader may be appending to the list meanwhile.

@@ -37,6 +37,8 @@ constexpr struct {
 } kHandlers[] = {
     {VELTA_UEC_MSG_TYP__STATS_REQUEST,
      entry<__uec_stats_request, KsUECServer___handle_StatsRequest>("UEC_StatsResponse")},
+    {VELTA_UEC_MSG_TYP__TEST_START_REQUEST,
+     entry<__uec_test_start_request, KsUECServer___handle_testStartRequest>("UEC_TestStartResponse")},
     {VELTA_UEC_MSG_TYP__REPORT_REQUEST,
      entry<__uec_test_start_request, KsUECServer___handle_testReportRequest>("UEC_TestStartResponse")},
     {VELTA_UEC_MSG_TYP__BEGIN_TEST, entry<__uec_begin_test, KsUECServer___handle_beginTest>("UEC_NewTestResponse")},

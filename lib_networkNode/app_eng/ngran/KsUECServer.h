@@ -88,6 +88,7 @@ int KsUECServer___respond(const void* request, const void* response, uint32_t le
 // ---------------------------------------------------------------- handlers
 
 void KsUECServer___handle_StatsRequest(__uec_stats_request* message);
+void KsUECServer___handle_testStartRequest(__uec_test_start_request* message);
 void KsUECServer___handle_testReportRequest(__uec_test_start_request* message);
 void KsUECServer___handle_beginTest(__uec_begin_test* message);
 void KsUECServer___handle_loadSettings(__uec_load_settings_request* message);

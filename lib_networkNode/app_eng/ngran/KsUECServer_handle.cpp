@@ -199,12 +199,25 @@ void KsUECServer___handle_StatsRequest(__uec_stats_request* message) {
     r.TestCaseTimeout = cut32(e->TestCaseTimeout);
     r.Executed_TestCases = e->Executed_TestCases;
     r.Executed_TestSteps = cut32(e->Executed_TestSteps);
-    r.LatchPerSecond = e->LatchPerSecond;
+    r.LatchPerSecond = std::atomic_ref<uint32_t>(e->LatchPerSecond).load();
     char ds[40];
     __mv_makeTimeStamp(ds);
     copyText(r.ds, ds);
     r.UPTime = e->UPTime;
     KsUECServer___respond(message, &r, sizeof r, "UEC_StatsResponse");
+    KsUECServer___release(message);
+}
+
+// The first non-zero rate starts latching UEs to RANs and stays for the life of the process.
+void KsUECServer___handle_testStartRequest(__uec_test_start_request* message) {
+    __uec_test_start_response r{};
+    answerHeader(r.Header, message->Header, VELTA_UEC_MSG_TYP__TEST_START_RESPONSE, sizeof r);
+    uint32_t unset = 0;
+    r.Status = message->LatchPerSecond != 0 &&
+                       std::atomic_ref<uint32_t>(__ksEngine->LatchPerSecond).compare_exchange_strong(unset, message->LatchPerSecond)
+                   ? 1
+                   : 2;
+    KsUECServer___respond(message, &r, sizeof r, "UEC_TestStartResponse");
     KsUECServer___release(message);
 }
 

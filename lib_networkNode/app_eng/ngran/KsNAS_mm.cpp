@@ -177,6 +177,18 @@ void KsNAS__send_registration_request(MV_KsUE* ue, uint8_t bearer, int emergency
     if (__mv_naspdu_fgmm_encodeRegistrationRequest(&r, &ctx) != 0 || ctx.iError != 0)
         return logEncodeFailed(ue, "RegistrationRequest");
     keepPayload(c, ctx);
+    if (c->security_context_available != 1) {
+        // Without a security context the request goes in clear, and a standard AMF refuses
+        // one that carries more than the cleartext elements (#95). The whole request is kept
+        // above for the security mode complete's container, which the AMF then asks for.
+        r.mFGMMCapability.isset = 0;
+        r.mFGSUpdateType.isset = 0;
+        r.mRequestedNSSAI.isset = 0;
+        r.mLastVisitedRegisteredTAI.isset = 0;
+        __mv_asn_init_CodingContext(&ctx);
+        if (__mv_naspdu_fgmm_encodeRegistrationRequest(&r, &ctx) != 0 || ctx.iError != 0)
+            return logEncodeFailed(ue, "RegistrationRequest (cleartext elements)");
+    }
     ksnas::countN1(N1(Sent_N1_Registration));
     ksnas::countTest(ue, &KsTestExec::RegistrationRequest);
     if (ksnas::send(ue, ctx, bearer, ue->PlainNasMessage == 0, 65, 0, 0, 1) < 1) return;

@@ -247,6 +247,7 @@ void KsNAS__handle__registration_reject(MV_KsUE* ue, __naspduDecode* d, uint8_t 
     }
     c->RMStatus = RM_STATUS__DEREGISTERED;
     c->NASErrorMessage = uint32_t(d->MessageType);
+    freePayload(c);  // no security mode command will ask for it now
     ksnas::releaseRan(ue, bearer);
     __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "[%s][%u] Stop Testing, received registration reject %s|%s|%d",
              supiOf(ue), unsigned(ue->ueId), __FILE_NAME__, __func__, __LINE__);
@@ -387,7 +388,9 @@ void KsNAS__handle__authentication_request(MV_KsUE* ue, __naspduDecode* d, uint8
 }
 
 void KsNAS__handle__authentication_reject(MV_KsUE* ue, __naspduDecode* d, uint8_t bearer, uint8_t ngapProcCode) {
-    KsNAS__getUECtx(ue, bearer)->NASErrorMessage = uint32_t(d->MessageType);
+    MV_KsUECtx* c = KsNAS__getUECtx(ue, bearer);
+    c->NASErrorMessage = uint32_t(d->MessageType);
+    freePayload(c);
     ksnas::countN1(N1(Revd_N1_AuthenticationReject));
     ksnas::countTest(ue, &KsTestExec::AuthenticationReject);
     KsScanario__AddRecvEvent(ue, ngapProcCode, 88);
@@ -602,6 +605,7 @@ void KsNAS__handle__5GMM_cause(MV_KsUE* ue, __naspduDecode* d, uint8_t bearer, u
              m->mFGMMCause.Value, __FILE_NAME__, __func__, __LINE__);
     c->NASErrorMessage = uint32_t(d->MessageType);
     c->NASErrorCause = m->mFGMMCause.Value;
+    freePayload(c);  // the step ends here: a later one sends its own
     if (ue->ksStepExecution) KS_COMPLETE_STEP(ue, KS_STEP_CODE_FROM_UE);
 }
 
@@ -618,6 +622,7 @@ void KsNAS__NGAPSendingMessageFailed(MV_KsUE* ue) {
     __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "[%s] NGAP-Sending Failed %s|%s|%d", supiOf(ue), __FILE_NAME__,
              __func__, __LINE__);
     ksnas::releaseRan(ue, KS_BEARER__3GPP);
+    freePayload(&ue->TGPP);
     KsEngine__KsUE_ClearDefaultTimer(ue, __func__);
     if (!ue->testExec) ue->TestId = ue->CommandId = 0;
     Kestrane___execMarkAsComplete(ue);

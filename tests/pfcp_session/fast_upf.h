@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <ctime>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -32,6 +33,7 @@ public:
     std::atomic<uint64_t> establishments{0}, modifications{0}, deletions{0}, reportAnswers{0}, associations{0},
         heartbeats{0}, forwardingChanges{0};
     size_t keepAtMost = 4000;
+    std::atomic<int64_t> cpuNs{0};  // the answering thread's CPU time so far
 
     FastUpf(std::string ip, int port) : ip_(std::move(ip)), port_(port) {}
     ~FastUpf() { stop(); }
@@ -107,6 +109,9 @@ private:
         auto out = std::make_unique<pfcp_message_t>();
         uint8_t buf[65536];
         while (!stop_) {
+            timespec ts;
+            clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+            cpuNs = int64_t(ts.tv_sec) * 1000000000 + ts.tv_nsec;
             pollfd pf{fd_, POLLIN, 0};
             if (poll(&pf, 1, 50) <= 0) continue;
             sockaddr_in from{};

@@ -119,6 +119,11 @@ void KsPFCP__onAssociation(__mv_pfcp_node* node, int state, int cause);
 
 // ---------------------------------------------------------------- inside the module
 
+// Each message kind has its own counter of the test; the UE counts in the test it runs in.
+inline void KsPFCP__count(MV_KsUE* ue, MV_Counter KsTestExec::*field) {
+    if (ue->testExec) __mv_counter_increment_request(&(ue->testExec->*field));
+}
+
 // Pools and tables (KsPFCP_path.cpp). Sessions, addresses and ids for `count` UEs; 1 or 0.
 int KsPFCP_Initalize(uint32_t count);
 // The UE's session, made or reused, with its addresses and ids; null when a pool is empty.

@@ -11,13 +11,6 @@
 
 namespace {
 
-MV_Counter* counter(MV_KsUE* ue, MV_Counter KsTestExec::*field) {
-    return ue->testExec ? &(ue->testExec->*field) : nullptr;
-}
-void countRequest(MV_KsUE* ue, MV_Counter KsTestExec::*field) {
-    if (MV_Counter* c = counter(ue, field)) __mv_counter_increment_request(c);
-}
-
 // Completes the step only while it is still the UE's: the step timer may have moved it on.
 void complete(MV_KsUE* ue, uint32_t code) {
     if (KsScanario__CurrentStepEquals(ue, code) == 1 || (!ue->ksScanario && ue->CommandId))
@@ -30,13 +23,13 @@ void complete(MV_KsUE* ue, uint32_t code) {
 void onEstablishment(MV_KsUE* ue, pfcp_cp_sess_t* s, const KsPFCPAnswer& a) {
     if (a.cause < 0) {
         s->Status = KsPFCP__STATUS__RECV_FAILED__PFCP_ESTABLISHMENT;
-        countRequest(ue, &KsTestExec::PFCPSessionEstablishmentErrorResponse);
+        KsPFCP__count(ue, &KsTestExec::PFCPSessionEstablishmentErrorResponse);
     } else if (a.cause == PFCP_CAUSE_REQUEST_ACCEPTED) {
         s->Status = KsPFCP__STATUS__RECV__PFCP_ESTABLISHMENT_RESPONSE;
-        countRequest(ue, &KsTestExec::PFCPSessionEstablishmentResponse);
+        KsPFCP__count(ue, &KsTestExec::PFCPSessionEstablishmentResponse);
     } else {
         s->Status = KsPFCP__STATUS__RECV_ERROR__PFCP_ESTABLISHMENT;
-        countRequest(ue, &KsTestExec::PFCPSessionEstablishmentErrorResponse);
+        KsPFCP__count(ue, &KsTestExec::PFCPSessionEstablishmentErrorResponse);
     }
     if (a.cause >= 0 && a.upfSeid) s->upf_seid = a.upfSeid;
     const char* follow = KsPFCP_GetPFCPSettingValue(59);
@@ -52,13 +45,13 @@ void onEstablishment(MV_KsUE* ue, pfcp_cp_sess_t* s, const KsPFCPAnswer& a) {
 void onModification(MV_KsUE* ue, pfcp_cp_sess_t* s, const KsPFCPAnswer& a) {
     if (a.cause < 0) {
         s->Status = KsPFCP__STATUS__RECV_FAILED__PFCP_MODIFICATION;
-        countRequest(ue, &KsTestExec::PFCPSessionModificationErrorResponse);
+        KsPFCP__count(ue, &KsTestExec::PFCPSessionModificationErrorResponse);
     } else if (a.cause != PFCP_CAUSE_REQUEST_ACCEPTED) {
         s->Status = KsPFCP__STATUS__RECV_ERROR__PFCP_MODIFICATION;
-        countRequest(ue, &KsTestExec::PFCPSessionModificationErrorResponse);
+        KsPFCP__count(ue, &KsTestExec::PFCPSessionModificationErrorResponse);
     } else {
         s->Status = KsPFCP__STATUS__RECV__PFCP_MODIFICATION_RESPONSE;
-        countRequest(ue, &KsTestExec::PFCPSessionModificationResponse);
+        KsPFCP__count(ue, &KsTestExec::PFCPSessionModificationResponse);
     }
     if (s->ignore_pfcp_smr) return;
     if (s->sent_smr_attached_to_ser) {
@@ -71,7 +64,7 @@ void onModification(MV_KsUE* ue, pfcp_cp_sess_t* s, const KsPFCPAnswer& a) {
 
 void onDeletion(MV_KsUE* ue, pfcp_cp_sess_t* s) {
     if (s->Status == KsPFCP__STATUS__SENT__PFCP_DELETE_REQUEST) {
-        countRequest(ue, &KsTestExec::PFCPSessionDeleteResponse);
+        KsPFCP__count(ue, &KsTestExec::PFCPSessionDeleteResponse);
         __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_DEBUG, "[%s] pfcp-delete response received for SEID=%ld  <%s|%s|%d>",
                  KsUE__supi(ue), long(s->cp_seid), __FILE_NAME__, __func__, __LINE__);
         KsPFCP__release_session(ue);
@@ -106,8 +99,8 @@ void answerOnLine(void* v) {
 }
 
 void countTriggeredAnswer(MV_KsUE* ue, int cause) {
-    if (cause == PFCP_CAUSE_REQUEST_ACCEPTED) countRequest(ue, &KsTestExec::PFCPSessionModificationResponse);
-    else countRequest(ue, &KsTestExec::PFCPSessionModificationErrorResponse);
+    if (cause == PFCP_CAUSE_REQUEST_ACCEPTED) KsPFCP__count(ue, &KsTestExec::PFCPSessionModificationResponse);
+    else KsPFCP__count(ue, &KsTestExec::PFCPSessionModificationErrorResponse);
 }
 
 void onReport(pfcp_message_t* msg, __mv_pfcp_node* node, uint32_t seqNo, uint64_t SEID) {
@@ -126,10 +119,10 @@ void onReport(pfcp_message_t* msg, __mv_pfcp_node* node, uint32_t seqNo, uint64_
         __mv_pfcp__send_response(node, answer, seqNo);
         return;
     }
-    countRequest(ue, &KsTestExec::PFCPReceivedReportRequest);
+    KsPFCP__count(ue, &KsTestExec::PFCPReceivedReportRequest);
     KsPFCP__build_report_response(answer, s->upf_seid, PFCP_CAUSE_REQUEST_ACCEPTED);
     if (__mv_pfcp__send_response(node, answer, seqNo) > 0) {
-        countRequest(ue, &KsTestExec::PFCPSentReportResponse);
+        KsPFCP__count(ue, &KsTestExec::PFCPSentReportResponse);
         ++ksPfcpTally.ReportsAnswered;
     }
     const auto& rep = msg->pfcp_session_report_request;

@@ -11,13 +11,6 @@
 
 namespace {
 
-void count(MV_KsUE* ue, MV_Counter KsTestExec::*field, bool sendFailed) {
-    if (!ue->testExec) return;
-    MV_Counter* c = &(ue->testExec->*field);
-    if (sendFailed) __mv_counter_increment_send_failed(c);
-    else __mv_counter_increment_request(c);
-}
-
 const char* upfName(const KsTEConnection* conn) {
     return conn && conn->ksServer ? conn->ksServer->IP_1 : "?";
 }
@@ -38,7 +31,7 @@ void templateNotBuilt(MV_KsUE* ue) {
 
 // A step that cannot send: counted as a failed send of its message and completed at once.
 void cannotSend(MV_KsUE* ue, uint32_t code, MV_Counter KsTestExec::*field, const char* why) {
-    count(ue, field, true);
+    KsPFCP__count(ue, field);
     __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "[%s] PFCP StepCode=%u not sent: %s <%s|%s|%d>", KsUE__supi(ue),
              code, why, __FILE_NAME__, __func__, __LINE__);
     KS_COMPLETE_STEP(ue, code);
@@ -63,11 +56,11 @@ void KsPFCP__send_pfcp_sesson_establishment_request(MV_KsUE* ue, KsTEConnection*
     s->ul_mbr = s->dl_mbr = 10240;
     s->sent_smr_attached_to_ser = 0;
     s->ignore_pfcp_smr = 0;
-    count(ue, &KsTestExec::PFCPSessionEstablishmentRequest, false);
+    KsPFCP__count(ue, &KsTestExec::PFCPSessionEstablishmentRequest);
     uint32_t seq = sendOnSession(ue, s, conn, &m);
     if (!seq) {
         s->Status = KsPFCP__STATUS__SEND_FAILED__PFCP_ESTABLISHMENT_REQUEST;
-        count(ue, &KsTestExec::PFCPSessionEstablishmentSendFailed, true);
+        KsPFCP__count(ue, &KsTestExec::PFCPSessionEstablishmentSendFailed);
         KS_COMPLETE_STEP(ue, KS_STEP__PFCP_SESSION_ESTABLISHMENT_REQUEST);
         return;
     }
@@ -89,11 +82,11 @@ void KsPFCP__send_pfcp_sesson_modification_request(MV_KsUE* ue, KsTEConnection* 
     KsPFCPScratch scratch;
     KsPFCP__build_modification_default(&m, s, urrid, scratch);
     s->ignore_pfcp_smr = triggered == 1 ? 1 : 0;
-    count(ue, &KsTestExec::PFCPSessionModificationRequest, false);
+    KsPFCP__count(ue, &KsTestExec::PFCPSessionModificationRequest);
     uint32_t seq = sendOnSession(ue, s, conn, &m);
     if (!seq) {
         s->Status = KsPFCP__STATUS__SEND_FAILED__PFCP_MODIFICATION_REQUEST;
-        count(ue, &KsTestExec::PFCPSessionModificationSendFailed, true);
+        KsPFCP__count(ue, &KsTestExec::PFCPSessionModificationSendFailed);
         if (!triggered) KS_COMPLETE_STEP(ue, KS_STEP__PFCP_SESSION_MODIFICATION_REQUEST);
         return;
     }
@@ -113,11 +106,11 @@ void KsPFCP__send_pfcp_sesson_modification_request_raninfo(MV_KsUE* ue, KsTEConn
     KsPFCPScratch scratch;
     KsPFCP__build_modification_raninfo(&m, s, conn, scratch);
     s->ignore_pfcp_smr = 0;
-    count(ue, &KsTestExec::PFCPSessionModificationRequest, false);
+    KsPFCP__count(ue, &KsTestExec::PFCPSessionModificationRequest);
     uint32_t seq = sendOnSession(ue, s, conn, &m);
     if (!seq) {
         s->Status = KsPFCP__STATUS__SEND_FAILED__PFCP_MODIFICATION_REQUEST;
-        count(ue, &KsTestExec::PFCPSessionModificationSendFailed, true);
+        KsPFCP__count(ue, &KsTestExec::PFCPSessionModificationSendFailed);
         s->sent_smr_attached_to_ser = 0;
         KS_COMPLETE_STEP(ue, KS_STEP__PFCP_SESSION_ESTABLISHMENT_REQUEST);
         return;
@@ -145,11 +138,11 @@ void KsPFCP__send_pfcp_sesson_delete_request(MV_KsUE* ue, KsTEConnection* conn) 
     }
     pfcp_message_t m;
     KsPFCP__build_deletion(&m, s);
-    count(ue, &KsTestExec::PFCPSessionDeleteRequest, false);
+    KsPFCP__count(ue, &KsTestExec::PFCPSessionDeleteRequest);
     uint32_t seq = sendOnSession(ue, s, conn, &m);
     if (!seq) {
         s->Status = KsPFCP__STATUS__SEND_FAILED__PFCP_DELETE_REQUEST;
-        count(ue, &KsTestExec::PFCPSessionDeleteSendFailed, true);
+        KsPFCP__count(ue, &KsTestExec::PFCPSessionDeleteSendFailed);
         KS_COMPLETE_STEP(ue, KS_STEP__PFCP_SESSION_DELETE_REQUEST);
         return;
     }
@@ -215,11 +208,13 @@ int ipVersionOf(const char* ip) {
 std::atomic<int> gStarted{0};
 MV_Mutex gAddLock;
 
-// Pools for as many sessions as UEs can hold them, but no more than the engine has UEs.
+// Pools for as many sessions as UEs can hold them, but no more than the engine has UEs (a few
+// when it has none, so that a UPF can still be brought up).
+constexpr uint32_t kPoolWithoutUEs = 16;
 uint32_t poolSize() {
     uint32_t n = KsPFCP__max_ran_ue_ids();
-    if (__ksEngine && __ksEngine->ksUETotal > 0 && uint32_t(__ksEngine->ksUETotal) < n) n = uint32_t(__ksEngine->ksUETotal);
-    return n;
+    uint32_t ues = __ksEngine && __ksEngine->ksUETotal > 0 ? uint32_t(__ksEngine->ksUETotal) : kPoolWithoutUEs;
+    return ues < n ? ues : n;
 }
 
 }  // namespace

@@ -157,6 +157,9 @@ void KsPFCP__build_establishment(pfcp_message_t* m, const pfcp_cp_sess_t* s, con
     urr.presence = 1;
     urr.urr_id = {1, 1};
     urr.measurement_method = {1, PFCP_MEASUREMENT_METHOD_VOLUM};
+    // Reporting Triggers is mandatory in a Create URR: a report when the volume quota is used up.
+    static constexpr uint8_t kVolumeQuotaTrigger[] = {0x00, 0x01};
+    setOctets(urr.reporting_triggers, kVolumeQuotaTrigger, sizeof kVolumeQuotaTrigger);
     volumeQuota(urr.volume_quota, 10, scratch);
 
     auto& qer = r.create_qer[0];

@@ -37,7 +37,9 @@ struct MV_SocketThread;
 #define MV_TRANSPORT_SCTP 3
 
 #define MV_SOCKET_BUFFER_SIZE 1520
-#define MV_SOCKET_UDP_BUFFER_SIZE 1520
+// A datagram buffer holds what a control-plane peer sends in one datagram (a PFCP answer or
+// report of many rules is larger than an Ethernet frame); a larger datagram is dropped whole.
+#define MV_SOCKET_UDP_BUFFER_SIZE 9216
 #define MV_SOCKET_SCTP_BUFFER_SIZE 5000
 #define MV_SOCKET_MAX_ADDRESSES 4
 
@@ -234,6 +236,7 @@ struct MV_Socket {
     std::atomic<uint64_t> BeforeMessageSend;
     std::atomic<uint64_t> AfterMessageSent;
     std::atomic<uint64_t> ReceivedMessages;
+    std::atomic<uint64_t> TruncatedDatagrams;  // larger than a datagram buffer, dropped
     uint64_t LastMessageSent;
     uint64_t LastReceivedMessages;
 

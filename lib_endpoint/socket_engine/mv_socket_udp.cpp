@@ -60,8 +60,16 @@ void readLoop(MV_Socket* s) {
         {
             std::shared_lock f(s->FdLock);
             if (s->fd == fd)
-                n = recvfrom(fd, b->buff, MV_SOCKET_UDP_BUFFER_SIZE, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&from),
-                             &flen);
+                n = recvfrom(fd, b->buff, MV_SOCKET_UDP_BUFFER_SIZE, MSG_DONTWAIT | MSG_TRUNC,
+                             reinterpret_cast<sockaddr*>(&from), &flen);
+        }
+        if (n > MV_SOCKET_UDP_BUFFER_SIZE) {
+            // Cut short it would read as another, shorter message.
+            ++s->TruncatedDatagrams;
+            __mv_log(MV_STK_LOG, LOG_CAT_CORE, MV_LOG_ERROR, "UDP datagram of %ld octets on port %u dropped: larger than %d",
+                     long(n), unsigned(s->IPPort), MV_SOCKET_UDP_BUFFER_SIZE);
+            __mv_socket_engine_release_socket_udp_buffer(b);
+            continue;
         }
         if (n <= 0 || !s->OnUdpPacketReceive.load()) {
             __mv_socket_engine_release_socket_udp_buffer(b);

@@ -4,7 +4,10 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 
+#include <mutex>
+#include <set>
 #include <thread>
+#include <vector>
 
 #include "endpoint_env.h"
 #include "mv_socket_internal.h"
@@ -408,6 +411,41 @@ TEST(UdpSend, UnusableAddressAndBareDescriptor) {
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     EXPECT_EQ(__mv_socket_engine_udp_send_response(fd, reinterpret_cast<sockaddr*>(&a), sizeof a, "abc", 3), 3);
     EXPECT_TRUE(kst::waitFor([] { return plainDatagrams.load() == 1; }, 3));
+    close(fd);
+}
+
+std::mutex sizesLock;
+std::vector<int> datagramSizes;
+void keepSize(MV_SocketUdpBuffer* b) {
+    {
+        std::lock_guard g(sizesLock);
+        datagramSizes.push_back(b->len);
+    }
+    __mv_socket_engine_release_socket_udp_buffer(b);
+}
+
+// A control-plane answer larger than an Ethernet frame arrives whole; one larger than a buffer
+// is dropped and counted rather than handed on cut short.
+TEST(UdpReceive, DatagramsLargerThanAFrameArriveWholeAndOversizedOnesAreDropped) {
+    int port = kse::freePort(SOCK_DGRAM);
+    MV_Socket* srv = __mv_socket_engine__udp4_start_socket("127.0.0.1", port, keepSize);
+    ASSERT_TRUE(kst::waitFor([&] { return srv->isActive == 1; }, 3));
+    int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(uint16_t(port));
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    std::vector<uint8_t> big(60000, 0x21);
+    for (int n : {4000, 60000, MV_SOCKET_UDP_BUFFER_SIZE, 1600})
+        ASSERT_EQ(sendto(fd, big.data(), size_t(n), 0, reinterpret_cast<sockaddr*>(&a), sizeof a), n);
+    EXPECT_TRUE(kst::waitFor([] {
+        std::lock_guard g(sizesLock);
+        return datagramSizes.size() == 3;
+    }, 5));
+    EXPECT_TRUE(kst::waitFor([&] { return srv->TruncatedDatagrams.load() == 1; }, 5));
+    std::lock_guard g(sizesLock);
+    std::multiset<int> got(datagramSizes.begin(), datagramSizes.end());
+    EXPECT_EQ(got, (std::multiset<int>{1600, 4000, MV_SOCKET_UDP_BUFFER_SIZE}));
     close(fd);
 }
 

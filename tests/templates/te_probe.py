@@ -4,7 +4,7 @@ tables with explicit little-endian packing: the connection list (51) and a conne
 (53), checked byte for byte against a running engine whose data/noc.json holds
 
   UPF client 1  127.0.0.1:8805   IP_2 127.0.0.11  Port_2 "2152"
-  UPF server 2  10.0.0.2:8805    IP_2 10.0.0.22   Port_2 "2153"
+  UPF server 2  127.0.0.2:8805   IP_2 10.0.0.22   Port_2 "2153"
   UPF server 3  ::1:8806         IP_2 10.0.0.33   Port_2 "2154"
   HSS client 4  127.0.0.1:3868   IP_2 hss-client  Port_2 realm
   HSS server 5  10.0.0.5:3868    IP_2 hss         Port_2 realm
@@ -60,7 +60,7 @@ def main():
     upf = listing(c, 7, 2)
     check(len(upf) == 2, "two UPF pairs, got %d" % len(upf))
     want = [
-        (1, 0, 0, 2, b"TD-1 DUT-2".ljust(20, b"\0"), ipv4("10.0.0.2"), 4, 8805, ipv4("10.0.0.22"), 4, 2153,
+        (1, 0, 0, 2, b"TD-1 DUT-2".ljust(20, b"\0"), ipv4("127.0.0.2"), 4, 8805, ipv4("10.0.0.22"), 4, 2153,
          ipv4("127.0.0.1"), 4, 8805, ipv4("127.0.0.11"), 4, 2152),
         (2, 0, 0, 2, b"TD-1 DUT-3".ljust(20, b"\0"), bytes(16), 6, 8806, ipv4("10.0.0.33"), 4, 2154,
          ipv4("127.0.0.1"), 4, 8805, ipv4("127.0.0.11"), 4, 2152),

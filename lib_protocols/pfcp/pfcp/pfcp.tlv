@@ -50,7 +50,7 @@ ie 33 var Monitoring Time
 ie 34 var Subsequent Volume Threshold
 ie 35 var Subsequent Time Threshold
 ie 36 var Inactivity Detection Time
-ie 37 u8 Reporting Triggers
+ie 37 var Reporting Triggers
 ie 38 var Redirect Information
 ie 39 u8 Report Type
 ie 40 u16 Offending IE

@@ -36,10 +36,10 @@ kst::EngineInDir* gEnv = static_cast<kst::EngineInDir*>(::testing::AddGlobalTest
                       "DefaultTimeoutSeconds": 5, "LogLevel": {"APPLICATION": 4, "COMMON": 5}})"},
      {"data/uel.json", "[{\"ID\": 1, \"MSINStart\": \"" + imsi(1) + "\", \"MSINEnd\": \"" + imsi(100) +
                            "\", \"MCC\": \"001\", \"MNC\": \"01\", \"MSISDNBegin\": \"9000000001\"}]"},
-     // 1: a delayed step, the engine's sleep, a delayed step at once. 2: a PFCP step, whose
+     // 1: a delayed step, the engine's sleep, a delayed step at once. 2: an SGW step, whose
      // family is not in this build, then a delayed one.
      {"data/sce.json", "[{\"ID\": 1, \"Config\": [" + step(KS_DELAY_STEP_ID, 1) + "," + step(3, 0) + "," +
-                           step(KS_DELAY_STEP_ID, 0) + "]}, {\"ID\": 2, \"Config\": [{\"ID\": 1003}," +
+                           step(KS_DELAY_STEP_ID, 0) + "]}, {\"ID\": 2, \"Config\": [{\"ID\": 2001}," +
                            step(KS_DELAY_STEP_ID, 0) + "]}]"},
      {"data/tst.json", "[" + testEntry(1, 1, 1, 40) + "," + testEntry(2, 2, 41, 60) + "]"}})));
 
@@ -89,7 +89,7 @@ TEST(ModuleFromOutside, AStepOfAnAbsentFamilyStillCompletesAsSendFailed) {
     ASSERT_NE(t, nullptr);
     EXPECT_EQ(t->CompletedExecutionUECount.load(), 20);
     EXPECT_EQ(t->StepSendFailed.SendFailed, 20u);
-    EXPECT_NE(gEnv->appLog().find("has no runner in this build (KsPFCP__runStep_FQ), counted as send-failed"),
+    EXPECT_NE(gEnv->appLog().find("has no runner in this build (KsSGW__runStep_FQ), counted as send-failed"),
               std::string::npos);
 }
 
@@ -122,7 +122,7 @@ TEST(ModuleFromOutside, RegistrationsRefuseWhatCannotBeAndTemplatedCommandsTakeT
     EXPECT_EQ(KsEngine__RegisterStepBuilder(&kZero), -1);
     EXPECT_EQ(KsEngine__RegisterStepBuilder(&kTooHigh), -1);
     EXPECT_EQ(KsEngine__RegisterCommandStep(0, 900, 15001), -1);
-    EXPECT_EQ(KsEngine__RunStartStep(KsStartSlot::PFCP, nullptr), -ENOENT) << "no module fills the PFCP place";
+    EXPECT_EQ(KsEngine__RunStartStep(KsStartSlot::AGF, nullptr), -ENOENT) << "no module fills the AGF place";
     static constexpr KsTemplatedCommand kNoPick = {25, nullptr, nullptr};
     EXPECT_EQ(KsEngine__RegisterTemplatedCommand(&kNoPick), -1);
 

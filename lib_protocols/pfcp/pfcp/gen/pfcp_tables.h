@@ -229,7 +229,7 @@ typedef tlv_octet_t pfcp_tlv_monitoring_time_t;
 typedef tlv_octet_t pfcp_tlv_subsequent_volume_threshold_t;
 typedef tlv_octet_t pfcp_tlv_subsequent_time_threshold_t;
 typedef tlv_octet_t pfcp_tlv_inactivity_detection_time_t;
-typedef tlv_uint8_t pfcp_tlv_reporting_triggers_t;
+typedef tlv_octet_t pfcp_tlv_reporting_triggers_t;
 typedef tlv_octet_t pfcp_tlv_redirect_information_t;
 typedef tlv_uint8_t pfcp_tlv_report_type_t;
 typedef tlv_uint16_t pfcp_tlv_offending_ie_t;

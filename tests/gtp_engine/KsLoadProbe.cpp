@@ -1,6 +1,7 @@
 #include "KsLoadProbe.h"
 
 #include <chrono>
+#include <thread>
 
 #include "KsEngine_step.h"
 
@@ -32,6 +33,7 @@ void runStep(MV_KsUE* ksUe) {
     for (int32_t m = ksProbe.maxInProgress.load(); n > m && !ksProbe.maxInProgress.compare_exchange_weak(m, n);) {
     }
     KsEngine__KsUE_SetTimerActionRetry(ksUe, 0, st->StepCode);
+    if (int32_t us = ksProbe.holdUs.load()) std::this_thread::sleep_for(std::chrono::microseconds(us));
     if (st->SleepTime == 0 || !__mv_core_start_timer(ksUe, holdOver, int(st->SleepTime))) answer(ksUe);
 }
 

@@ -24,5 +24,7 @@ struct KsProbeTally {
     std::atomic<uint32_t> count{0};
     std::atomic<int32_t> inProgress{0};
     std::atomic<int32_t> maxInProgress{0};
+    // Microseconds a step keeps its UE's line before answering: a peer that takes a moment.
+    std::atomic<int32_t> holdUs{0};
 };
 extern KsProbeTally ksProbe;

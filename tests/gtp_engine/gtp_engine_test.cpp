@@ -313,6 +313,7 @@ TEST(GtpEngine, CaptureReplayForSeveralUEsCarriesEachUEsAddressTunnelAndQfi) {
         EXPECT_EQ(s.innerSrc, 0x0a2d0000u + n);
         seqByTeid[s.m.teid].push_back(s.m.seq);
     }
+    for (MV_KsUE* u : ues) EXPECT_EQ(u->pduSessions[1].PktsSentCount, v4) << "counted on the session";
     for (auto& [teid, seqs] : seqByTeid) {
         EXPECT_EQ(seqs.size(), v4);
         for (size_t i = 1; i < seqs.size(); ++i) EXPECT_EQ(uint16_t(seqs[i] - seqs[i - 1]), 1) << "in order";

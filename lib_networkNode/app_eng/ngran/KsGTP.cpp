@@ -225,6 +225,12 @@ void runStep(MV_KsUE* ue) {
 
 }  // namespace
 
+void ksgtp::countSent(MV_KsUE* ue, uint8_t id, uint64_t packets) {
+    if (id == 0 || id > GTPU_GEN_SESSIONS) return;
+    uint64_t n = gtpUeOf(ue)->s[id].PktsSentCount.fetch_add(packets) + packets;
+    __atomic_store_n(&ue->pduSessions[id].PktsSentCount, n, __ATOMIC_RELAXED);
+}
+
 // ---------------------------------------------------------------- start
 
 int KsGTP_Init(json_t* cfg) {

@@ -15,6 +15,10 @@ struct Tally {
 };
 extern Tally tally;
 
+// Packets sent on the UE's session outside the generator (a replay): counted where the
+// generator counts, so the session's record shows both.
+void countSent(MV_KsUE* ue, uint8_t pduSessionId, uint64_t packets);
+
 // The socket a send leaves from: the node's, or the process-wide one.
 __mv_gtpu_node* socketOf(gtp_node_t* node);
 

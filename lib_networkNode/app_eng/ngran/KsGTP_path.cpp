@@ -88,9 +88,11 @@ namespace {
 
 void replayForUE(MV_KsUE* ue, KsStep* st, bool firstOnly) {
     MV_KsUEPduSession* s = nullptr;
-    for (int id : {1, 2})
+    uint8_t sid = 0;
+    for (uint8_t id : {1, 2})
         if (ue->pduSessions[id].isStarted && ue->pduSessions[id].gtpTEID) {
             s = &ue->pduSessions[id];
+            sid = id;
             break;
         }
     gtpu_peer to{};
@@ -118,7 +120,7 @@ void replayForUE(MV_KsUE* ue, KsStep* st, bool firstOnly) {
         sent = ksgtp::replayCapture(sock, to, *cap, h, rw, &bytes);
         s->GTPSequence[0] += uint32_t(sent);
         s->IPSequence[0] += uint32_t(bytes);
-        s->PktsSentCount += uint64_t(sent);
+        ksgtp::countSent(ue, sid, uint64_t(sent));
         const gtpu_capture_stats& c = cap->stats;
         __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_INFO,
                  "PCAP Packet Sent with bytes=%d  packets=%d  ether_ip=%d, ether_oth=%d, ip_4=%d, ip_6=%d, ip_inv=%d, "

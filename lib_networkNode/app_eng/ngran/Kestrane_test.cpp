@@ -2,6 +2,7 @@
 // that starts UEs at the test's rate and ceiling.
 #include <unistd.h>
 
+#include <chrono>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -371,6 +372,29 @@ void startPass(KsTestExec* tstItem, KsScanario* scanario, uint32_t pass, uint32_
     tstItem->ExecutedNoOfTimes = int32_t(pass);
 }
 
+// The wait between two rounds of the drive loop. While the ceiling holds back starts that the
+// tick's budget still allows, the loop looks again every millisecond within the period, so that
+// the budget is spent as UEs complete rather than at the next round: otherwise a test whose
+// ceiling is below its budget starts only a ceiling's worth a round and never reaches its rate.
+void sleepOrRefill(KsTestExec* tstItem, long periodNs) {
+    using clock = std::chrono::steady_clock;
+    const auto end = clock::now() + std::chrono::nanoseconds(periodNs);
+    const uint64_t budget = uint64_t(tstItem->NoOfTimes) * tstItem->MPS;
+    for (;;) {
+        auto now = clock::now();
+        if (now >= end) return;
+        bool heldBack = tstItem->MPSCounter < budget && !tstItem->UEGotNULL &&
+                        tstItem->CurrentExecutionCount.load() >= tstItem->Concurrent && tstItem->Concurrent > 0 &&
+                        tstItem->Status != KS_TEST__STOP;
+        if (!heldBack) {
+            __mv_nanosleep(long(std::chrono::duration_cast<std::chrono::nanoseconds>(end - now).count()));
+            return;
+        }
+        __mv_nanosleep(1000000L);
+        Kestrane___execScalingModeTest(tstItem, &tstItem->itercounter);
+    }
+}
+
 // The drive loop: UEs start at the test's rate until all have completed, the test is
 // stopped or the no-progress watch ends the pass.
 void drivePass(KsTestExec* tstItem) {
@@ -387,7 +411,7 @@ void drivePass(KsTestExec* tstItem) {
             break;
         }
         if (tstItem->Status == KS_TEST__STOP) break;
-        __mv_nanosleep(periodNs);
+        sleepOrRefill(tstItem, periodNs);
     }
     if (tstItem->EndAction != KS_END_ACTION_FOREVER) {
         ilogCtr = __mv_core_get_server_timer_tick() - 1;

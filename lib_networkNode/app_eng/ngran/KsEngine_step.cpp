@@ -168,6 +168,10 @@ void Kestrane___runStepFSM(void* v) {
             case 39: st->StepIndex = 1001; break;
             case 40: st->StepIndex = 1002; break;
             case 41: st->StepIndex = 1003; break;
+            // The console's user-plane steps run where the scenario's do.
+            case 7: case 12: case 13: case 14: case 24: case 25: case 26: case 27: case 28:
+                st->StepIndex = 7;
+                break;
             default:
                 __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "StepIndex Not Coded for StepCode=%d  %s|%s|%d",
                          int(st->StepCode), __FILE_NAME__, __func__, __LINE__);

@@ -423,7 +423,8 @@ TEST_F(PfcpStack, BadInputIsLoggedCountedAndDroppedWithTheAssociationUp) {
     EXPECT_GT(s.rxUnexpectedIEs - before.rxUnexpectedIEs, 0u);
     EXPECT_GT(s.rxLateResponses - before.rxLateResponses, 0u);
     std::string log = stackLog();
-    EXPECT_NE(log.find("received invalid pfcp length expected=65503 received="), std::string::npos);
+    // A 64 KB datagram is larger than the socket engine's datagram buffer: dropped there, whole.
+    EXPECT_NE(log.find(" dropped: larger than "), std::string::npos);
     EXPECT_NE(log.find("TLV type:21 at octet 10 of Created PDR has length 9, 0 left"), std::string::npos);
     EXPECT_NE(log.find("received unsupported pfcp version=2 from ip=" + upf.ip), std::string::npos);
     EXPECT_NE(log.find("more like it not logged"), std::string::npos);

@@ -511,6 +511,14 @@ bool bothIds(const KsNGAPUeMessage& m, const char* what) {
     return false;
 }
 
+// Both ids present: the RAN id into `ranId`.
+template <class R>
+bool ranIdOf(const KsNGAPUeMessage& m, const char* what, uint64_t& ranId) {
+    if (!bothIds<R>(m, what)) return false;
+    ranId = static_cast<R*>(m.Record)->rANUENGAPID;
+    return true;
+}
+
 bool nasPresent(const MV_AMF_DT_NAS_PDU* nas) { return nas && nas->data && nas->length > 0; }
 
 }  // namespace
@@ -555,23 +563,19 @@ int KsNGAP__handle_ue_message(const KsNGAPUeMessage& m) {
             break;
         }
         case NgapProc::InitialContextSetup:
-            if (!bothIds<MV_AMF_DT_InitialContextSetupRequest>(m, "InitialContextSetupRequest")) return 0;
-            ranId = static_cast<MV_AMF_DT_InitialContextSetupRequest*>(m.Record)->rANUENGAPID;
+            if (!ranIdOf<MV_AMF_DT_InitialContextSetupRequest>(m, "InitialContextSetupRequest", ranId)) return 0;
             twin = initialContextSetupFSM;
             break;
         case NgapProc::PDUSessionResourceSetup:
-            if (!bothIds<MV_AMF_DT_PDUSessionResourceSetupRequest>(m, "PDUSessionResourceSetup")) return 0;
-            ranId = static_cast<MV_AMF_DT_PDUSessionResourceSetupRequest*>(m.Record)->rANUENGAPID;
+            if (!ranIdOf<MV_AMF_DT_PDUSessionResourceSetupRequest>(m, "PDUSessionResourceSetup", ranId)) return 0;
             twin = pduSessionResourceSetupFSM;
             break;
         case NgapProc::PDUSessionResourceRelease:
-            if (!bothIds<MV_AMF_DT_PDUSessionResourceReleaseCommand>(m, "PDUSessionResourceReleaseCommand")) return 0;
-            ranId = static_cast<MV_AMF_DT_PDUSessionResourceReleaseCommand*>(m.Record)->rANUENGAPID;
+            if (!ranIdOf<MV_AMF_DT_PDUSessionResourceReleaseCommand>(m, "PDUSessionResourceReleaseCommand", ranId)) return 0;
             twin = pduSessionResourceReleaseFSM;
             break;
         case NgapProc::PDUSessionResourceModify:
-            if (!bothIds<MV_AMF_DT_PDUSessionResourceModifyRequest>(m, "PDUSessionResourceReleaseCommand")) return 0;
-            ranId = static_cast<MV_AMF_DT_PDUSessionResourceModifyRequest*>(m.Record)->rANUENGAPID;
+            if (!ranIdOf<MV_AMF_DT_PDUSessionResourceModifyRequest>(m, "PDUSessionResourceReleaseCommand", ranId)) return 0;
             twin = pduSessionResourceModifyFSM;
             break;
         case NgapProc::UEContextRelease: {

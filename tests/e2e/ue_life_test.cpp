@@ -110,7 +110,7 @@ TEST(UeLife, RegistrationSessionAndDeregistrationOfEveryUeAgainstTheCoreAnswerer
     ctl("start 1", &st);
     ASSERT_EQ(st, 0);
     ctl("wait 1 --max-seconds 120", &st);
-    ASSERT_EQ(st, 0);
+    ASSERT_EQ(st, 0) << e.out() << e.log("app");
     std::map<std::string, long> c = counters(ctl("--json status 1 --app-type 1"));
     for (const char* name : {"RegistrationRequest", "AuthenticationResponse", "SecurityModeComplete", "RegistrationAccept",
                              "RegistrationComplete", "PDUSessionEstablishmentRequest", "PDUSessionEstablishmentAccept",

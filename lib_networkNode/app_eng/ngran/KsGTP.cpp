@@ -21,6 +21,10 @@ using ksgtp::tally;
 
 namespace {
 
+// The downlink TEIDs this gNB hands out, by row: its own table, since the engine's control-plane
+// TEID table is keyed by the core's TEIDs and of another kind.
+MV_IndexTable* gDownlinkTeids = nullptr;
+
 constexpr uint32_t kTeidOffset = 5;  // a downlink TEID is its row's id plus this
 constexpr int kGGSNMode = 31;
 std::atomic<int> currentApplicationType{0};
@@ -243,19 +247,19 @@ int KsGTP_Init(json_t* cfg) {
     if (!ip) return 1;  // start-up has said why
     snprintf(strchr(ip, ':') ? server.AN_IPv6 : server.AN_IPv4, INET6_ADDRSTRLEN, "%s", ip);
 
-    if (!__ksEngine->cpTeidTable) {
+    if (!gDownlinkTeids) {
         json_t* m = json_object_get(cfg, "MaximumUE");
         uint32_t ues = json_is_integer(m) && json_integer_value(m) > 0 ? uint32_t(json_integer_value(m)) : 100000;
         // Two sessions a UE, within what one table can hold.
         uint32_t rows = std::min<uint32_t>(std::max<uint32_t>(ues * 2, 1024), 4000000);
-        __ksEngine->cpTeidTable = __mv_IndexTable_create(1, rows);
+        gDownlinkTeids = __mv_IndexTable_create(1, rows);
     }
     if (__ksEngine->DataPlanePort > 0) return 1;  // the data-path peer owns the user plane
 
     __mv_gtpu_config c;
     c.ip = ip;
     c.port = server.srcport;
-    c.teidTable = static_cast<MV_IndexTable*>(__ksEngine->cpTeidTable);
+    c.teidTable = gDownlinkTeids;
     c.teidOffset = kTeidOffset;
     c.handlers.OnTPDU = onTPDU;
     c.handlers.OnEndMarker = onEndMarker;
@@ -294,14 +298,14 @@ void KsGTP_SetApplicationType(int ipt) { currentApplicationType = ipt; }
 // ---------------------------------------------------------------- tunnels
 
 uint32_t KsGTP__AllocateDownlinkTEID(MV_KsUEPduSession* session) {
-    auto* t = static_cast<MV_IndexTable*>(__ksEngine->cpTeidTable);
+    MV_IndexTable* t = gDownlinkTeids;
     if (!t || !session) return 0;
     uint32_t id = __mv_IndexTable_allocateRowId(t, session);
     return id ? id + kTeidOffset : 0;
 }
 
 void KsGTP__ReleaseDownlinkTEID(uint32_t teid) {
-    auto* t = static_cast<MV_IndexTable*>(__ksEngine->cpTeidTable);
+    MV_IndexTable* t = gDownlinkTeids;
     if (t && teid > kTeidOffset) __mv_IndexTable_FreeRow(t, teid - kTeidOffset);
 }
 

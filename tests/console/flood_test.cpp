@@ -332,7 +332,7 @@ TEST(ConsoleFlood, AConsolePastItsUnsentBoundIsDroppedWithALogLineAndACount) {
     ASSERT_TRUE(kst::waitFor([&] { return e.stk().find("of peer " + name + ": it reads too slowly") != std::string::npos; },
                              30))
         << "the engine never dropped the flooder";
-    EXPECT_EQ(kst::countOccurrences(e.stk(), "it reads too slowly"), 1u);
+    EXPECT_EQ(kst::countOccurrences(e.stk(), "it reads too slowly"), 1u) << e.stk();
     EXPECT_TRUE(kst::waitFor([&] { return e.log("per").find("Socket: OutboundLimitCloseCount=1\n") != std::string::npos; },
                              10));
     // What reaches the flooder before the close is its own answers, whole or cut by the reset.

@@ -159,7 +159,8 @@ TEST(Catalogue, EveryStepIdBuildsItsStepAndReachesItsRunner) {
             for (MV_Template* t : {st->nas5G_regTemplate, st->ngap_initUEMessTemplate, st->ngap_uplinkNASTranTemplate,
                                    st->nas5G_pduSessionTemplate, st->nas5G_ulNASTransport})
                 EXPECT_EQ(t, nullptr);
-            if (id == 3) continue;
+            // A family whose module is in this build runs the step itself; the others say so.
+            if (id == 3 || KsEngine__RunnerOfStepIndex(st->StepIndex)) continue;
             dispatch(u, sc);
             std::string line = "StepCode=" + std::to_string(st->StepCode) + " has no runner in this build (" + b.runner + ")";
             EXPECT_NE(gEnv->appLog().find(line), std::string::npos) << line;

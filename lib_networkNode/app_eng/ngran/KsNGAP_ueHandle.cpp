@@ -56,6 +56,18 @@ MV_KsNGRanUeContext* contextOf(MV_KsRanAmfConnection* conn, uint64_t ranId) {
     return ctx;
 }
 
+// The UE of a message's RAN id on its connection; without one, the "not found" line in the
+// handler's name and a drop.
+template <class R>
+MV_KsUE* ueOf(MV_KsRanAmfConnection* conn, const R* r, const char* func) {
+    MV_KsNGRanUeContext* ctx = contextOf(conn, r->rANUENGAPID);
+    if (ctx && ctx->ksUe) return ctx->ksUe;
+    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "UEContext Not Found For AMF-UE-Id=%lu RAN-UE-Id=%lu <%s|%s|%d>",
+             (unsigned long)r->aMFUENGAPID, (unsigned long)r->rANUENGAPID, __FILE_NAME__, func, __LINE__);
+    ++gDropped;
+    return nullptr;
+}
+
 uint8_t bearerOf(const MV_KsRanAmfConnection* conn) {
     return conn && conn->ran && conn->ran->AccessType == KS_ACCESS_TYPE__N3IWF ? KS_BEARER__NON3GPP : KS_BEARER__3GPP;
 }
@@ -329,14 +341,8 @@ void pduSessionResourceSetupFSM(void* p) {
 void pduSessionResourceModifyFSM(void* p) {
     OwnedMessage m(static_cast<KsNGAPUeMessage*>(p));
     auto* r = recordOf<MV_AMF_DT_PDUSessionResourceModifyRequest>(m);
-    MV_KsNGRanUeContext* ctx = contextOf(m->Conn, r->rANUENGAPID);
-    MV_KsUE* ue = ctx ? ctx->ksUe : nullptr;
-    if (!ue) {
-        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "UEContext Not Found For AMF-UE-Id=%lu RAN-UE-Id=%lu <%s|%s|%d>",
-                 (unsigned long)r->aMFUENGAPID, (unsigned long)r->rANUENGAPID, __FILE_NAME__, __func__, __LINE__);
-        ++gDropped;
-        return;
-    }
+    MV_KsUE* ue = ueOf(m->Conn, r, __func__);
+    if (!ue) return;
     KsScanario__AddRecvEvent(ue, 26, 0);
     uint8_t bearer = bearerOf(m->Conn);
     if (r->pDUSessionResourceModifyListModReq_isset != 1 || !r->pDUSessionResourceModifyListModReq) return;
@@ -350,14 +356,9 @@ void pduSessionResourceModifyFSM(void* p) {
 void pduSessionResourceReleaseFSM(void* p) {
     OwnedMessage m(static_cast<KsNGAPUeMessage*>(p));
     auto* r = recordOf<MV_AMF_DT_PDUSessionResourceReleaseCommand>(m);
-    MV_KsNGRanUeContext* ctx = contextOf(m->Conn, r->rANUENGAPID);
-    MV_KsUE* ue = ctx ? ctx->ksUe : nullptr;
-    if (!ue) {
-        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "UEContext Not Found For AMF-UE-Id=%lu RAN-UE-Id=%lu <%s|%s|%d>",
-                 (unsigned long)r->aMFUENGAPID, (unsigned long)r->rANUENGAPID, __FILE_NAME__, __func__, __LINE__);
-        ++gDropped;
-        return;
-    }
+    MV_KsUE* ue = ueOf(m->Conn, r, __func__);
+    if (!ue) return;
+    MV_KsNGRanUeContext* ctx = contextOf(m->Conn, r->rANUENGAPID);  // the answer names it
     KsScanario__AddRecvEvent(ue, 28, 0);
     SessionIds ids;
     if (r->pDUSessionResourceToReleaseListRelCmd_isset == 1 && r->pDUSessionResourceToReleaseListRelCmd) {
@@ -451,14 +452,8 @@ void ueContextReleaseFSM(void* p) {
 void rerouteNasRequestFSM(void* p) {
     OwnedMessage m(static_cast<KsNGAPUeMessage*>(p));
     auto* r = recordOf<MV_AMF_DT_RerouteNASRequest>(m);
-    MV_KsNGRanUeContext* ctx = contextOf(m->Conn, r->rANUENGAPID);
-    MV_KsUE* ue = ctx ? ctx->ksUe : nullptr;
-    if (!ue) {
-        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "UEContext Not Found For AMF-UE-Id=%lu RAN-UE-Id=%lu <%s|%s|%d>",
-                 (unsigned long)r->aMFUENGAPID, (unsigned long)r->rANUENGAPID, __FILE_NAME__, __func__, __LINE__);
-        ++gDropped;
-        return;
-    }
+    MV_KsUE* ue = ueOf(m->Conn, r, __func__);
+    if (!ue) return;
     const uint8_t* s = r->aMFSetID->data;
     uint16_t setId = r->aMFSetID->length >= 2 ? uint16_t((s[0] << 8 | s[1]) >> 6) : 0;
     MV_KsRanAmfConnection* found = nullptr;

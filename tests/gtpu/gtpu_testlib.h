@@ -32,9 +32,10 @@ inline Bytes slotBytes(const gtpu_tx_slot& s) {
 // error, which fails the verdict.
 inline kst::TsharkRun tshark(const std::vector<Bytes>& packets, const std::vector<std::string>& names) {
     return kst::runTshark(KS_WSDECODE, "gtpu", GTPU_PORT,
-                          // Inner flows use random ports; one on MPLS-over-UDP's port is not MPLS.
+                          // Inner flows take random ports in 6000-10000, where tshark knows SAP, MPLS,
+                          // X11 and more: their payload is plain data, whatever port it landed on.
                           "-o ip.check_checksum:TRUE -o udp.check_checksum:TRUE -o tcp.check_checksum:TRUE "
-                          "-d udp.port==6635,data",
+                          "-d udp.port==6000-10000,data -d tcp.port==6000-10000,data",
                           packets,
                           names);
 }

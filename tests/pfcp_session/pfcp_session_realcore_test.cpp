@@ -1,7 +1,10 @@
 // The SMF's PFCP sessions against the UPF of the real core network (../shared/peers), under the
 // machine's lock of the core: the UPF node comes up through connection command 1, then 1,000 UEs
 // establish a session, have their downlink moved into the RAN's tunnel, change their quota and
-// delete the session, at 400 UEs a second with at most 200 at a time. tshark captures the wire; the UPF's log shows the sessions.
+// delete the session, at 100 UEs a second with at most 50 at a time. tshark captures the wire; the
+// UPF's log shows the sessions. The UPF answers about 900 requests a second on a quiet machine and
+// drops what overflows its socket: the load stays well under that on a busy one, and a step's
+// timeout outlasts a request sent twice, so a lost datagram costs a retransmission, not the UE.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -36,14 +39,14 @@ std::string noc() {
 kst::EngineInDir* gEnv = static_cast<kst::EngineInDir*>(::testing::AddGlobalTestEnvironment(new kst::EngineInDir(
     "pfcpreal",
     {{"cfg.json", R"({"LOCAL_GTP_IP": "10.200.0.1", "MaximumUE": 2000, "IMSIPrefixWithZERO": 1, "CLIPort": 0,
-                      "DefaultTimeoutSeconds": 5, "LogLevel": {"APPLICATION": 3, "STACK": 3}})"},
+                      "DefaultTimeoutSeconds": 15, "LogLevel": {"APPLICATION": 3, "STACK": 3}})"},
      {"data/uel.json", "[{\"ID\": 1, \"MSINStart\": \"" + imsi(1) + "\", \"MSINEnd\": \"" + imsi(kUEs) +
                            "\", \"MCC\": \"001\", \"MNC\": \"01\", \"MSISDNBegin\": \"9000000001\"}]"},
      // Addresses of the UE pool the core's UPF routes, away from those its own SMF hands out.
      {"data/set.json", R"({"UPF": {"1": "10.45.200.1/16", "59": "1"}})"},
      {"data/noc.json", noc()},
      {"data/sce.json", R"([{"ID": 1, "Config": [{"ID": 1001}, {"ID": 1002}, {"ID": 1003}]}])"},
-     {"data/tst.json", "[{\"ID\": 1, \"Name\": \"upf\", \"ScenarioID\": 1, \"MPS\": 400, \"Concurrent\": 200, \"SUPIStartNo\": \"" +
+     {"data/tst.json", "[{\"ID\": 1, \"Name\": \"upf\", \"ScenarioID\": 1, \"MPS\": 100, \"Concurrent\": 50, \"SUPIStartNo\": \"" +
                            imsi(1) + "\", \"SUPIStartEnd\": \"" + imsi(kUEs) + "\"}]"}})));
 
 bool finished(uint32_t s) {

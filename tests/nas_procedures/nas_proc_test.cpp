@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "Kestrane.h"
+#include "KsTemplateEng.h"
 #include "ks_engine_env.h"
 #include "nas_net.h"
 #include "mvalgo.h"
@@ -400,6 +401,64 @@ TEST(NasProcedures, IdentityRequestsIgnoredThenAnsweredAndTheNetworksDeregistrat
         EXPECT_EQ(u.ue->TGPP.RMStatus, uint32_t(RM_STATUS__REGISTERED));
         EXPECT_EQ(countType(net, 92), 1u) << "the IMEI, asked under protection";
     }
+}
+
+// A registration template replaces the defaults with its elements; without a security context
+// the request on the wire carries only the cleartext ones, and the whole request reaches the AMF
+// in the security mode complete's container.
+TEST(NasProcedures, RegistrationTemplateGivesTheElementsAndTheFirstRequestOnlyTheCleartextOnes) {
+    if (runCommand("command -v tshark >/dev/null 2>&1", nullptr) != 0) GTEST_SKIP() << "no tshark";
+    json_t* j = json_loads(R"({"Type": "NAS5G", "Templates": [{"Name": "reg-sst1", "MessageType": 65, "Elements": [
+        {"ID": "10", "ValueType": "Json", "Value": {"Hex": "07"}},
+        {"ID": "2E", "ValueType": "UEProperty"},
+        {"ID": "2F", "ValueType": "Json", "Value": {"Hex": "0101"}},
+        {"ID": "52", "ValueType": "Json", "Value": {"HexPLMN": "00F110", "TAC": 7}},
+        {"ID": "18", "ValueType": "Json", "Value": {"Hex": "01"}},
+        {"ID": "40", "ValueType": "Json", "Value": {"Hex": "0020"}},
+        {"ID": "50", "ValueType": "Json", "Value": {"Hex": "01"}},
+        {"ID": "A-", "ValueType": "Int", "Value": 1}]}]})",
+                           0, nullptr);
+    ASSERT_TRUE(j);
+    KsTemplateEng__LoadTemplate(j, "nasproc.json");
+    json_decref(j);
+    MV_Template* tpl = KsTemplateEng__FindTemplateByMessageId("reg-sst1", "NAS5G", 65);
+    ASSERT_NE(tpl, nullptr);
+
+    nsp::Net net({"--nea", "0"});
+    ASSERT_TRUE(net.ok) << net.error;
+    Ue u(14);
+    forget(u.ue);
+    KsStep st = stepOf(KS_STEP__REGISTRATION);
+    st.nas5G_regTemplate = tpl;
+    ASSERT_TRUE(u.run(net, st));
+    EXPECT_EQ(u.ue->TGPP.RMStatus, uint32_t(RM_STATUS__REGISTERED));
+    ASSERT_GE(net.uplinkNas.size(), 3u);
+
+    std::string dir = kst::makeTempDir("nasproc_tpl");
+    auto dissect = [&](const std::vector<uint8_t>& pdu) {
+        std::string f = dir + "/p.hex", out;
+        kst::writeFile(f, kst::toHex(pdu) + "\n");
+        EXPECT_EQ(runCommand(std::string("sh ") + KS_WSDECODE + " -o nas-5gs.null_decipher:TRUE pdu:nas-5gs " + f +
+                                 " 2>&1",
+                             &out),
+                  0)
+            << out;
+        return out;
+    };
+    std::string first = dissect(net.uplinkNas[0]);
+    EXPECT_NE(first.find("UE security capability"), std::string::npos) << first;
+    for (const char* absent : {"NSSAI", "5GMM capability", "Last visited registered TAI", "UE's usage setting"})
+        EXPECT_EQ(first.find(absent), std::string::npos) << absent << " is no cleartext element\n" << first;
+    std::string whole = dissect(net.uplinkNas[2]);  // the security mode complete and its container
+    for (const char* present : {"Requested NSSAI", "5GMM capability", "UE's usage setting", "Uplink data status",
+                                "N5GC indication", "Last visited registered TAI"})
+        EXPECT_NE(whole.find(present), std::string::npos) << present << "\n" << whole;
+    EXPECT_EQ(whole.find("5GS update type"), std::string::npos) << "a template without it leaves it out";
+    EXPECT_EQ(whole.find("PDU session status"), std::string::npos) << "one octet where two are needed leaves it out";
+    EXPECT_NE(whole.find("Slice/service type (SST): eMBB (1)"), std::string::npos) << whole;
+    EXPECT_EQ(whole.find("Slice differentiator"), std::string::npos) << "SST 1 alone, as the template said";
+    EXPECT_NE(whole.find("TAC: 7"), std::string::npos) << whole;
+    kst::removeTree(dir);
 }
 
 TEST(NasProcedures, EveryMessageTheUeSendsDissectsClean) {

@@ -17,4 +17,13 @@ int send(MV_KsUE* ue, __mv_asn_coding_context& ctx, uint8_t bearer, bool protect
          uint32_t category, uint8_t initial);
 void releaseRan(MV_KsUE* ue, uint8_t bearer);
 
+// Registration request IEs that have a default, for registrationDefaults' `which`.
+inline constexpr unsigned kRegDefaultFGMMCapability = 1, kRegDefaultSecurityCapability = 2,
+                          kRegDefaultUpdateType = 4, kRegDefaultNssai = 8, kRegDefaultAll = 15;
+void registrationDefaults(KsStep* st, NASPduFGMM_RegistrationRequest& r, unsigned which);
+// The step's registration template in place of the defaults: only the IEs it names are set.
+void applyRegistrationTemplate(KsStep* st, const MV_Template* t, NASPduFGMM_RegistrationRequest& r);
+// Leaves only the IEs a request without a security context may carry in clear.
+void keepCleartextOnly(NASPduFGMM_RegistrationRequest& r);
+
 }  // namespace ksnas

@@ -143,6 +143,16 @@ void KsNAS__send_registration_request(MV_KsUE* ue, uint8_t bearer, int emergency
         idOk = __mv_nas_util_encode_fg_guti(&r.mFGSMobileIdentity, ue->fgGuti.val, 10);
     else
         idOk = KsNAS__set_suci_identity(ue, bearer, st, &r.mFGSMobileIdentity);
+    if (!emergency && ue->fgGuti.isset != 1 && c->security_context_available == 1) {
+        // A context from a registration that never got its accept: no 5G-GUTI names it, so an
+        // AMF cannot find it for a protected request with a SUCI and refuses the message. The
+        // request goes in clear and a fresh authentication follows.
+        c->security_context_available = 0;
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_INFO,
+                 "[%s] no 5G-GUTI for the security context of an unfinished registration, request sent in clear "
+                 "%s|%s|%d",
+                 supiOf(ue), __FILE_NAME__, __func__, __LINE__);
+    }
     if (idOk < 0) return logEncodeFailed(ue, "RegistrationRequest (mobile identity)");
     c->NASErrorMessage = c->NASErrorCause = 0;
 
@@ -158,19 +168,8 @@ void KsNAS__send_registration_request(MV_KsUE* ue, uint8_t bearer, int emergency
     r.mLastVisitedRegisteredTAI.data[5] = uint8_t(ue->TAI_TAC);
     r.mLastVisitedRegisteredTAI.isset = 1;
 
-    if (st->nas5G_regTemplate) {
-        // Template elements are not read yet: the defaults stand in, and the log says so.
-        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_WARNING,
-                 "[%s] registration template not applied, default elements sent %s|%s|%d", supiOf(ue), __FILE_NAME__,
-                 __func__, __LINE__);
-    }
-    r.mFGMMCapability.Length = 1;
-    r.mFGMMCapability.data[0] = 0;
-    r.mFGMMCapability.isset = 1;
-    KsNAS__set_ue_security_capability(st, &r.mUESecurityCapability);
-    byteIe(r.mFGSUpdateType, 1);
-    const uint8_t sd[3] = {1, 2, 3};
-    __mv_naspdu_addSNSSAI(&r.mRequestedNSSAI, 1, sd, nullptr, nullptr);
+    if (st->nas5G_regTemplate) ksnas::applyRegistrationTemplate(st, st->nas5G_regTemplate, r);
+    else ksnas::registrationDefaults(st, r, ksnas::kRegDefaultAll);
 
     __mv_asn_coding_context ctx;
     __mv_asn_init_CodingContext(&ctx);
@@ -181,10 +180,7 @@ void KsNAS__send_registration_request(MV_KsUE* ue, uint8_t bearer, int emergency
         // Without a security context the request goes in clear, and a standard AMF refuses
         // one that carries more than the cleartext elements (#95). The whole request is kept
         // above for the security mode complete's container, which the AMF then asks for.
-        r.mFGMMCapability.isset = 0;
-        r.mFGSUpdateType.isset = 0;
-        r.mRequestedNSSAI.isset = 0;
-        r.mLastVisitedRegisteredTAI.isset = 0;
+        ksnas::keepCleartextOnly(r);
         __mv_asn_init_CodingContext(&ctx);
         if (__mv_naspdu_fgmm_encodeRegistrationRequest(&r, &ctx) != 0 || ctx.iError != 0)
             return logEncodeFailed(ue, "RegistrationRequest (cleartext elements)");

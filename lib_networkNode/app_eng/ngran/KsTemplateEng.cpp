@@ -675,11 +675,25 @@ const char* KsTemplateEng__GetStrValue(const MV_Element* e) { return e ? e->strV
 int64_t KsTemplateEng__GetStrLen(const MV_Element* e) { return e ? e->IntVal : 0; }
 
 int KsTemplateEng__GetHexValue(const MV_Element* e, uint8_t* out, size_t cap) {
-    if (!e || e->ValueType != KsTMT__VALUE_TYPE__Hex || !e->strVal) return -1;
-    size_t n = size_t(e->IntVal) / 2;
+    if (!e) return -1;
+    const char* text = nullptr;
+    size_t len = 0;
+    if (e->ValueType == KsTMT__VALUE_TYPE__Hex && e->strVal) {
+        text = e->strVal;
+        len = size_t(e->IntVal);
+    } else if (e->ValueType == KsTMT__VALUE_TYPE__JSon) {
+        // A Json element gives its bytes in member "Hex", which loading does not check.
+        json_t* h = json_object_get(e->jData, "Hex");
+        if (!json_is_string(h) || !isHexText(json_string_value(h), json_string_length(h))) return -1;
+        text = json_string_value(h);
+        len = json_string_length(h);
+    } else {
+        return -1;
+    }
+    size_t n = len / 2;
     if (n > cap || (n && !out)) return -1;
     auto nibble = [](char c) { return uint8_t(c <= '9' ? c - '0' : (c | 0x20) - 'a' + 10); };
-    for (size_t i = 0; i < n; ++i) out[i] = uint8_t(nibble(e->strVal[2 * i]) << 4 | nibble(e->strVal[2 * i + 1]));
+    for (size_t i = 0; i < n; ++i) out[i] = uint8_t(nibble(text[2 * i]) << 4 | nibble(text[2 * i + 1]));
     return int(n);
 }
 

@@ -148,8 +148,8 @@ json_t* KsTemplateEng__GetJsonValue(const MV_Element* element);
 int64_t KsTemplateEng__GetIntValue(const MV_Element* element);
 const char* KsTemplateEng__GetStrValue(const MV_Element* element);
 int64_t KsTemplateEng__GetStrLen(const MV_Element* element);
-// The bytes of a "Hex" element, at most cap of them: their count, or -1 for an element
-// that is not "Hex" or holds more than cap bytes.
+// The bytes of a "Hex" element or of a "Json" element's member "Hex", at most cap of them:
+// their count, or -1 for an element that has no such bytes or holds more than cap.
 int KsTemplateEng__GetHexValue(const MV_Element* element, uint8_t* out, size_t cap);
 
 // ---------------------------------------------------------------- lists for the console

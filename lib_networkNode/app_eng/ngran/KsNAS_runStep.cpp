@@ -147,6 +147,11 @@ void KsNAS__runStep_FQ(MV_KsUE* ksUe, int bearer) {
             return KsNAS__send_deregistration_request(ksUe, b);
         case KS_STEP__PDU_SESSION:
             return KsNAS__send_pdusession_request(ksUe, b);
+        case KS_STEP__UE_CONTEXT_RELEASE_REQUEST:
+            // Ends when the AMF's release command arrives, or by the step timer.
+            KsNGAP___send_UEContextReleaseRequest(ksUe, c->ranUeContext, b);
+            KsEngine__KsUE_SetTimerActionRetry(ksUe, 1, KS_STEP__UE_CONTEXT_RELEASE_REQUEST);
+            return;
         case KS_STEP__CLEAR_GUTI:
             c->security_context_available = 0;
             ksUe->fgGuti.isset = 0;
@@ -158,7 +163,7 @@ void KsNAS__runStep_FQ(MV_KsUE* ksUe, int bearer) {
             KS_COMPLETE_STEP(ksUe, code);
             return;
         default:
-            // The gNB's context release, handovers and the data plane join with their modules.
+            // Handovers and the data plane join with their modules.
             __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "[%s][%u] Unhandled StepId[%d]  StepCode=[%d] %s|%s|%d",
                      KsUE__supi(ksUe), unsigned(ksUe->ueId), int(st->StepIndex), int(code), __FILE_NAME__, __func__,
                      __LINE__);

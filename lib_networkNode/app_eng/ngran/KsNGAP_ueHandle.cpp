@@ -429,11 +429,10 @@ void ueContextReleaseFSM(void* p) {
                  "<%s|%s|%d>",
                  (unsigned long)KsNGAP___GetKsNGRanUeContext_UEId(ctx), (unsigned long)ctx->amf_id,
                  (unsigned long)ranId, __FILE_NAME__, __func__, __LINE__);
-        if (ctx->LastReleasedForN2Handover == 1) {
-            // The source side of a handover: the AMF ends the old context.
-            sendReleaseComplete(m->Conn, amfIdOfMessage, ranId, nullptr);
-            ctx->LastReleasedForN2Handover = 0;
-        }
+        // The source side of a handover, or a UE that already let its context go (after a
+        // deregistration): either way the AMF holds its side until it hears the release is done.
+        sendReleaseComplete(m->Conn, amfIdOfMessage, ranId, nullptr);
+        ctx->LastReleasedForN2Handover = 0;
         return;
     }
     KsScanario__AddRecvEvent(ue, 41, 0);

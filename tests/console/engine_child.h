@@ -29,7 +29,13 @@ public:
         : host(uniqueLoopback()) {
         dir = makeTempDir("uec");
         mkdir((dir + "/data").c_str(), 0700);
-        for (const auto& [name, text] : files) writeFile(dir + "/data/" + name, text);
+        for (const auto& [name, text] : files) {
+            // A name with folders ("../resources/templates/x.json") gets them made first.
+            std::string path = dir + "/data/" + name;
+            for (size_t p = path.find('/', dir.size() + 6); p != std::string::npos; p = path.find('/', p + 1))
+                mkdir(path.substr(0, p).c_str(), 0700);
+            writeFile(path, text);
+        }
         std::string cfg = R"({"LOCAL_GTP_IP": "127.0.0.1", "MaximumUE": 5000, "IMSIPrefixWithZERO": 1)";
         if (withConsole) cfg += R"(, "LocalAddress": {"IPVersion": 4, "IP": [")" + host + R"("]}, "CLIPort": )" + std::to_string(port);
         if (!config.empty()) cfg += ", " + config;

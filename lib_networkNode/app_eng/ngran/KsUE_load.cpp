@@ -246,11 +246,15 @@ int KsEngine__ConfigureUEListEntry(json_t* el) {
     if (KsJson::plmn(el, mcc, mnc, where) == KsJson::PlmnRead::Bad) return 0;
     int count = 0;
     for (uint64_t n = start; n <= end; ++n) {
-        if (!KsEngine__AddUE(nullptr, mcc, mnc, text(el, "SubKey"), text(el, "OPC"), imeiBase + uint64_t(count), n, 0, 1,
-                             long(msisdnBase + uint64_t(count)), text(el, "APN"))) {
+        MV_KsUE* ue = KsEngine__AddUE(nullptr, mcc, mnc, text(el, "SubKey"), text(el, "OPC"),
+                                      imeiBase + uint64_t(count), n, 0, 1, long(msisdnBase + uint64_t(count)),
+                                      text(el, "APN"));
+        if (!ue) {
             printf("Adding UE Failed after=%d %s|%d\n", count, __func__, __LINE__);
             break;
         }
+        // The SUCI keys of the subscriber files, where an element gives them.
+        setSuci(ue, el, nullptr);
         ++count;
         if (n == UINT64_MAX) break;
     }

@@ -461,6 +461,57 @@ TEST(NasProcedures, RegistrationTemplateGivesTheElementsAndTheFirstRequestOnlyTh
     kst::removeTree(dir);
 }
 
+// A session step's templates: the establishment request carries what its template names and
+// nothing of the defaults, the UL NAS transport the template's S-NSSAI and DNN.
+TEST(NasProcedures, SessionTemplatesShapeTheEstablishmentRequestAndItsTransport) {
+    if (runCommand("command -v tshark >/dev/null 2>&1", nullptr) != 0) GTEST_SKIP() << "no tshark";
+    json_t* j = json_loads(R"({"Type": "NAS5G", "Templates": [
+        {"Name": "est-tpl", "MessageType": 193, "Elements": [
+            {"ID": "IntegrityProtectionMaximumDatarate", "ValueType": "Json", "Value": {"Uplink": 255, "Downlink": 1}},
+            {"ID": "9-", "ValueType": "Int", "Value": 1},
+            {"ID": "A-", "ValueType": "Int", "Value": 1},
+            {"ID": "55", "ValueType": "Int", "Value": 16},
+            {"ID": "B-", "ValueType": "Int", "Value": 1},
+            {"ID": "7B", "ValueType": "Json", "Value": {"PC000D": 1, "PC0011": 1}}]},
+        {"Name": "ul-tpl", "MessageType": 103, "Elements": [
+            {"ID": "22", "ValueType": "Json", "Value": {"Hex": "01"}},
+            {"ID": "25", "ValueType": "String", "Value": "\binternet"}]}]})",
+                           0, nullptr);
+    ASSERT_TRUE(j);
+    KsTemplateEng__LoadTemplate(j, "nasproc-sm.json");
+    json_decref(j);
+    KsTemplateEng__DoInterfaceIndex(KsTemplateEng__FindInterface("NAS5G"));
+    MV_Template* est = KsTemplateEng__FindTemplateByMessageId("est-tpl", "NAS5G", 193);
+    MV_Template* ul = KsTemplateEng__FindTemplateByMessageId("ul-tpl", "NAS5G", 103);
+    ASSERT_TRUE(est && ul);
+
+    nsp::Net net({"--nea", "0"});
+    ASSERT_TRUE(net.ok) << net.error;
+    Ue u(15);
+    forget(u.ue);
+    ASSERT_TRUE(u.run(net, stepOf(KS_STEP__REGISTRATION)));
+    size_t before = net.uplinkNas.size();
+    u.session(1, 3);  // the template's type 1 wins over the step's 3
+    KsStep st = stepOf(KS_STEP__PDU_SESSION);
+    st.nas5G_pduSessionTemplate = est;
+    st.nas5G_ulNASTransport = ul;
+    ASSERT_TRUE(u.run(net, st));
+    ASSERT_GT(net.uplinkNas.size(), before);
+    EXPECT_EQ(u.ue->pduSessions[1].PduAddress_SessionType, 1) << "an IPv4 session, as the template asked";
+
+    std::string dir = kst::makeTempDir("nasproc_smtpl"), f = dir + "/p.hex", out;
+    kst::writeFile(f, kst::toHex(net.uplinkNas[before]) + "\n");
+    EXPECT_EQ(runCommand(std::string("sh ") + KS_WSDECODE + " -o nas-5gs.null_decipher:TRUE pdu:nas-5gs " + f + " 2>&1",
+                         &out),
+              0)
+        << out;
+    for (const char* present : {"SSC mode 1", "Always-on PDU session requested", "Maximum number of supported packet filters",
+                                "Extended protocol configuration options", "S-NSSAI", "DNN: internet"})
+        EXPECT_NE(out.find(present), std::string::npos) << present << "\n" << out;
+    EXPECT_EQ(out.find("5GSM capability"), std::string::npos) << "not in the template";
+    kst::removeTree(dir);
+}
+
 TEST(NasProcedures, EveryMessageTheUeSendsDissectsClean) {
     if (runCommand("command -v tshark >/dev/null 2>&1", nullptr) != 0) GTEST_SKIP() << "no tshark";
     nsp::Net net({"--nea", "0"});

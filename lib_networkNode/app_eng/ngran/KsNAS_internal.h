@@ -25,5 +25,11 @@ void registrationDefaults(KsStep* st, NASPduFGMM_RegistrationRequest& r, unsigne
 void applyRegistrationTemplate(KsStep* st, const MV_Template* t, NASPduFGMM_RegistrationRequest& r);
 // Leaves only the IEs a request without a security context may carry in clear.
 void keepCleartextOnly(NASPduFGMM_RegistrationRequest& r);
+// A session step's templates by element index: the establishment template replaces the
+// defaults (false when t is no establishment template), the modification and UL NAS transport
+// templates add to them.
+bool applyEstablishmentTemplate(const MV_Template* t, NASPduFGSM_PDUSessionEstablishmentRequest& r);
+void applyModificationTemplate(const MV_Template* t, NASPduFGSM_PDUSessionModificationRequest& r);
+void applyUlTransportTemplate(const MV_Template* t, NASPduFGMM_ULNASTransport& x);
 
 }  // namespace ksnas

@@ -85,7 +85,7 @@ bool encodeSm(int (*enc)(R*, __mv_asn_coding_context*), R& rec, uint8_t psi, uin
 
 // Carries an encoded 5GSM message in a UL NAS transport and sends it.
 int sendUlTransport(MV_KsUE* ue, uint8_t bearer, uint8_t psi, const __mv_asn_coding_context& sm, uint8_t smType,
-                    int requestType, const char* dnn) {
+                    int requestType, const char* dnn, const MV_Template* tpl = nullptr) {
     static thread_local NASPduFGMM_ULNASTransport t;
     memset(static_cast<void*>(&t), 0, sizeof t);
     t.b1 = 0x01;  // N1 SM information
@@ -98,6 +98,7 @@ int sendUlTransport(MV_KsUE* ue, uint8_t bearer, uint8_t psi, const __mv_asn_cod
         t.mDNN.Length = dnnLabels(dnn, t.mDNN.data, sizeof t.mDNN.data);
         t.mDNN.isset = t.mDNN.Length ? 1 : 0;
     }
+    if (tpl) ksnas::applyUlTransportTemplate(tpl, t);
     __mv_asn_coding_context ctx;
     __mv_asn_init_CodingContext(&ctx);
     if (__mv_naspdu_fgmm_encodeULNASTransport(&t, &ctx) != 0 || ctx.iError != 0) {
@@ -172,6 +173,7 @@ void KsNAS__send_pdusession_request(MV_KsUE* ue, uint8_t bearer) {
             NASPduFGSM_PDUSessionModificationRequest r;
             memset(static_cast<void*>(&r), 0, sizeof r);
             halfIe(r.mAlwaysOnPDUSessionRequested, 1);
+            ksnas::applyModificationTemplate(e->ksStep->nas5G_pduSessionTemplate, r);
             smType = 201;
             requestType = 5;
             ok = encodeSm(__mv_naspdu_fgsm_encodePDUSessionModificationRequest, r, psi, pti, sm);
@@ -192,7 +194,7 @@ void KsNAS__send_pdusession_request(MV_KsUE* ue, uint8_t bearer) {
         default: {
             NASPduFGSM_PDUSessionEstablishmentRequest r;
             memset(static_cast<void*>(&r), 0, sizeof r);
-            fillEstablishment(ue, info, r);
+            if (!ksnas::applyEstablishmentTemplate(e->ksStep->nas5G_pduSessionTemplate, r)) fillEstablishment(ue, info, r);
             smType = 193;
             requestType = 1;
             dnn = KsNAS__getDNN(psi);
@@ -208,7 +210,7 @@ void KsNAS__send_pdusession_request(MV_KsUE* ue, uint8_t bearer) {
                  supiOf(ue), smType, __FILE_NAME__, __func__, __LINE__);
         return;
     }
-    if (sendUlTransport(ue, bearer, psi, sm, smType, requestType, dnn) < 1) return;
+    if (sendUlTransport(ue, bearer, psi, sm, smType, requestType, dnn, e->ksStep->nas5G_ulNASTransport) < 1) return;
     KsEngine__KsUE_SetTimerActionRetry(ue, 1, KS_STEP__PDU_SESSION);
 }
 

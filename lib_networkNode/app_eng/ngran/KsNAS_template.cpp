@@ -2,7 +2,9 @@
 // registration request or a PDU session establishment request with the IEs it names, and adds to
 // a modification request and a UL NAS transport. Elements are read from the loaded tree without a
 // lock; a value that does not fit its IE is logged and the IE left out, never cut.
+#include <algorithm>
 #include <cstring>
+#include <initializer_list>
 #include <span>
 #include <string_view>
 
@@ -232,6 +234,150 @@ void keepCleartextOnly(NASPduFGMM_RegistrationRequest& r) {
 #define KS_NAS_CLEARTEXT(kind, type, member, iei) clear(r.member, iei);
     NAS_FGMM_RegistrationRequest(KS_NAS_CLEARTEXT)
 #undef KS_NAS_CLEARTEXT
+}
+
+// ---------------------------------------------------------------- sessions
+
+namespace {
+
+int64_t intOf(const MV_Element* e) { return KsTemplateEng__GetIntValue(e); }
+
+// "Uplink" and "Downlink" of a Json element, one octet each, 0 when absent.
+void dataRate(const MV_Element* e, __naspdu_ie_l8<2>& ie) {
+    json_t* j = KsTemplateEng__GetJsonValue(e);
+    const uint8_t v[2] = {uint8_t(json_integer_value(json_object_get(j, "Uplink"))),
+                          uint8_t(json_integer_value(json_object_get(j, "Downlink")))};
+    setRaw(ie, Bytes(v, 2));
+}
+
+// The extended protocol configuration options a Json element asks for, member by member.
+void epco(const MV_Element* e, __naspdu_ie_l16<1024>& ie) {
+    struct Option {
+        const char* member;
+        std::initializer_list<uint8_t> bytes;
+    };
+    static const Option kOptions[] = {
+        {"PC8021", {0x80, 0x21, 0x10, 0x01, 0x00, 0x00, 0x10, 0x81, 0x06, 0x00, 0x00, 0x00, 0x00, 0x83, 0x06, 0x00, 0x00,
+                    0x00, 0x00}},
+        {"PC000D", {0x00, 0x0D, 0x00}}, {"PC000A", {0x00, 0x0A, 0x00}}, {"PC0005", {0x00, 0x05, 0x00}},
+        {"PC0010", {0x00, 0x10, 0x00}}, {"PC0011", {0x00, 0x11, 0x00}}, {"PC0017", {0x00, 0x17, 0x01, 0x01}},
+        {"PC0023", {0x00, 0x23, 0x00}}, {"PC0024", {0x00, 0x24, 0x00}},
+    };
+    json_t* j = KsTemplateEng__GetJsonValue(e);
+    uint8_t out[64];
+    size_t n = 0;
+    out[n++] = 0x80;
+    for (const Option& o : kOptions) {
+        if (json_integer_value(json_object_get(j, o.member)) != 1) continue;
+        for (uint8_t b : o.bytes) out[n++] = b;
+    }
+    setRaw(ie, Bytes(out, n));
+}
+
+void setHalf(__naspdu_ie_half& ie, uint8_t v) { setRaw(ie, Bytes(&v, 1)); }
+
+bool isMessage(const MV_Template* t, uint32_t type) { return t && t->MessageType == type; }
+
+}  // namespace
+
+bool applyEstablishmentTemplate(const MV_Template* t, NASPduFGSM_PDUSessionEstablishmentRequest& r) {
+    if (!isMessage(t, 193)) return false;
+    for (MV_Element* e = KsTemplateEng__BeginIterator(t); e; e = KsTemplateEng__NextIterator(e)) {
+        bool isInt = isValueOf(e, KsTMT__VALUE_TYPE__INT), isJson = isValueOf(e, KsTMT__VALUE_TYPE__JSon);
+        uint8_t v = isInt ? uint8_t(intOf(e)) : 0;
+        switch (KsTemplateEng__GetIndex(e)) {
+            case 0:
+                if (isJson) dataRate(e, r.mIntegrityProtectionMaximumDataRate);
+                break;
+            case 1:
+                if (isInt) setHalf(r.mPDUSessionType, uint8_t(v & 0x07));
+                break;
+            case 2:
+                if (isInt) setHalf(r.mSSCMode, uint8_t(v & 0x07));
+                break;
+            case 3:
+                if (isJson) {
+                    ElementBytes b(e);
+                    if (b.n >= 1) setRaw(r.mFGSMCapability, b.bytes());
+                }
+                break;
+            case 4:
+                if (isInt) {
+                    const uint8_t f[2] = {uint8_t(intOf(e) >> 8), uint8_t(intOf(e))};
+                    setRaw(r.mMaximumNumberOfSupportedPacketFilters, Bytes(f, 2));
+                }
+                break;
+            case 5:
+                if (isInt) setHalf(r.mAlwaysOnPDUSessionRequested, uint8_t(v & 0x01));
+                break;
+            case 7:
+                if (isJson) epco(e, r.mExtendedProtocolConfigurationOptions);
+                break;
+            default: break;
+        }
+    }
+    return true;
+}
+
+void applyModificationTemplate(const MV_Template* t, NASPduFGSM_PDUSessionModificationRequest& r) {
+    if (!isMessage(t, 201)) return;
+    for (MV_Element* e = KsTemplateEng__BeginIterator(t); e; e = KsTemplateEng__NextIterator(e)) {
+        bool isInt = isValueOf(e, KsTMT__VALUE_TYPE__INT), isJson = isValueOf(e, KsTMT__VALUE_TYPE__JSon);
+        uint8_t v = isInt ? uint8_t(intOf(e)) : 0;
+        switch (KsTemplateEng__GetIndex(e)) {
+            case 0:
+                if (isJson) {
+                    ElementBytes b(e);
+                    if (b.n >= 1) setRaw(r.mFGSMCapability, b.bytes());
+                }
+                break;
+            case 1:
+                if (isInt) setRaw(r.mFGSMCause, Bytes(&v, 1));
+                break;
+            case 2:
+                if (isInt) {
+                    const uint8_t f[2] = {uint8_t(intOf(e) >> 8), uint8_t(intOf(e))};
+                    setRaw(r.mMaximumNumberOfSupportedPacketFilters, Bytes(f, 2));
+                }
+                break;
+            case 3:
+                if (isInt) setHalf(r.mAlwaysOnPDUSessionRequested, uint8_t(v & 0x01));
+                break;
+            case 4:
+                if (isJson) dataRate(e, r.mIntegrityProtectionMaximumDataRate);
+                break;
+            default: break;
+        }
+    }
+}
+
+void applyUlTransportTemplate(const MV_Template* t, NASPduFGMM_ULNASTransport& x) {
+    if (!isMessage(t, 103)) return;
+    x.mDNN.isset = 0;  // the template's DNN or none
+    for (MV_Element* e = KsTemplateEng__BeginIterator(t); e; e = KsTemplateEng__NextIterator(e)) {
+        switch (KsTemplateEng__GetIndex(e)) {
+            case 4:
+                if (isValueOf(e, KsTMT__VALUE_TYPE__INT)) {
+                    uint8_t v = uint8_t(intOf(e) & 0x07);
+                    setRaw(x.mRequestType, Bytes(&v, 1));
+                }
+                break;
+            case 5: {
+                ElementBytes b(e);
+                if (isValueOf(e, KsTMT__VALUE_TYPE__JSon) && b.n >= 1 && !setRaw(x.mSNSSAI, b.bytes())) badValue(t, e);
+                break;
+            }
+            case 6:
+                // The DNN as the template writes it, labels and all.
+                if (isValueOf(e, KsTMT__VALUE_TYPE__String)) {
+                    const char* text = KsTemplateEng__GetStrValue(e);
+                    size_t n = std::min<size_t>(size_t(KsTemplateEng__GetStrLen(e)), sizeof x.mDNN.data);
+                    setRaw(x.mDNN, Bytes(reinterpret_cast<const uint8_t*>(text), n));
+                }
+                break;
+            default: break;
+        }
+    }
 }
 
 }  // namespace ksnas

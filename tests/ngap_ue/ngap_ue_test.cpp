@@ -601,10 +601,13 @@ TEST_F(NgapUe, ContextSetupAndSessionResourcesFillTheSessionsAndAnswer) {
 
     std::string out = dissectAll();
     if (out.empty()) GTEST_SKIP() << "tshark is not installed";
-    for (const std::string& f : {std::string("\"ngap.AMF_UE_NGAP_ID\": \"900\""), std::string("\"ngap.AMF_UE_NGAP_ID\": \"901\""),
-                                 "\"ngap.TransportLayerAddressIPv4\": \"" + kGtpIp + "\"",
-                                 "\"ngap.gTP_TEID\": \"" + teidText(teid1) + "\"",
-                                 "\"ngap.gTP_TEID\": \"" + teidText(teid5) + "\"", std::string("\"ngap.pDUSessionID\": \"2\"")})
+    const std::string fields[] = {"\"ngap.AMF_UE_NGAP_ID\": \"900\"",
+                                  "\"ngap.AMF_UE_NGAP_ID\": \"901\"",
+                                  "\"ngap.TransportLayerAddressIPv4\": \"" + kGtpIp + "\"",
+                                  "\"ngap.gTP_TEID\": \"" + teidText(teid1) + "\"",
+                                  "\"ngap.gTP_TEID\": \"" + teidText(teid5) + "\"",
+                                  "\"ngap.pDUSessionID\": \"2\""};
+    for (const std::string& f : fields)
         EXPECT_TRUE(has(out, f)) << f << "\n" << out.substr(0, 8000);
     EXPECT_FALSE(has(out, "_ws.malformed")) << out;
     EXPECT_FALSE(has(out, "\"_ws.expert.severity\": \"8388608\"")) << out;

@@ -151,7 +151,9 @@ std::atomic<const KsUserPlane*> gUserPlane{nullptr};
 std::atomic<const KsCommandQueue*> gCommandQueue{nullptr};
 }  // namespace
 
-void KsEngine__RegisterCommandQueue(const KsCommandQueue* queue) { gCommandQueue.store(queue, std::memory_order_release); }
+void KsEngine__RegisterCommandQueue(const KsCommandQueue* queue) {
+    gCommandQueue.store(queue, std::memory_order_release);
+}
 const KsCommandQueue* KsEngine__CommandQueue() { return gCommandQueue.load(std::memory_order_acquire); }
 
 void KsEngine__RegisterUserPlane(const KsUserPlane* ops) { gUserPlane.store(ops, std::memory_order_release); }

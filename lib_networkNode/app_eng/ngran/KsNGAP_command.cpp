@@ -58,7 +58,8 @@ void KsNGAP__run_command(MV_KsUE* ue) {
     }
     if (ue->_initT3PP == 1) {
         if (KsNGAP__run_thread(ue, ue->ueId, KsNGAP__run_command_async) != 1)
-            __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "[%s] UE lines not running, command stays queued <%s|%s|%d>",
+            __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
+                     "[%s] UE lines not running, command stays queued <%s|%s|%d>",
                      KsUE__supi(ue), __FILE_NAME__, __func__, __LINE__);
         return;
     }

@@ -91,7 +91,8 @@ uint32_t KsNGAP__get_pdusession_ran_teid(uint8_t sessionId, MV_KsUE* ue) {
     if (!told.exchange(true))
         __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_WARNING,
                  "[%s] %s: downlink TEID of PDU session %u is the core's TEID + 5, T-PDUs to it reach no session  %s|%s|%d",
-                 KsUE__supi(ue), t ? "no downlink TEID free in the user plane" : "no user plane in this build",
+                 KsUE__supi(ue),
+                 t ? "the user plane gave no downlink TEID (table full or not made)" : "no user plane in this build",
                  unsigned(sessionId), __FILE_NAME__, __func__, __LINE__);
     return s->gtpTEID + 5;
 }

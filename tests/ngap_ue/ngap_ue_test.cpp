@@ -2,7 +2,10 @@
 // setup, PDU session resources and UE context release, against AMF messages that went
 // through the codec, with a recording NAS side. Everything the gNB sends is dissected by
 // tshark.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -13,6 +16,7 @@
 
 #include "Kestrane.h"
 #include "KsNGAP.h"
+#include "gtpu_codec.h"
 #include "asn_testlib.h"
 #include "ca_ngap.h"
 #include "KsTemplateEng.h"
@@ -25,6 +29,7 @@ namespace {
 struct Sent {
     uint8_t code, form;
     std::vector<uint8_t> bytes;
+    MV_KsRanAmfConnection* conn;
 };
 std::mutex gLock;
 std::vector<Sent> gSent;
@@ -36,11 +41,11 @@ const MvAsnPdu* pduOf(uint8_t code, uint8_t form) {
     return nullptr;
 }
 
-int recordSend(uint8_t code, uint8_t form, void* rec, MV_KsRanAmfConnection*) {
+int recordSend(uint8_t code, uint8_t form, void* rec, MV_KsRanAmfConnection* conn) {
     const MvAsnPdu* p = pduOf(code, form);
     std::vector<uint8_t> b = p ? encodePdu(p, rec) : std::vector<uint8_t>{};
     std::lock_guard g(gLock);
-    gSent.push_back({code, form, b});
+    gSent.push_back({code, form, b, conn});
     if (!b.empty()) gAllSent.push_back(b);
     return b.empty() ? -1 : int(b.size());
 }
@@ -62,8 +67,19 @@ void nasIn(MV_KsUE* ue, u_char* d, uint32_t len, uint8_t, uint8_t proc) {
 void nasFailed(MV_KsUE*) { ++gSendFailed; }
 const KsNGAPNasEntry kNas{nasIn, nasFailed};
 
+// The GTP-U socket of this process, and the UPF the sessions' first packets go to, on addresses
+// of their own.
+const std::string kGtpIp = kst::uniqueLoopback();
+const std::string kUpfIp = kst::uniqueLoopback();
+std::vector<uint8_t> upfAddr() {
+    in_addr a{};
+    inet_pton(AF_INET, kUpfIp.c_str(), &a);
+    const auto* b = reinterpret_cast<const uint8_t*>(&a);
+    return {b[0], b[1], b[2], b[3]};
+}
+
 kst::EngineInDir* const gEnv = static_cast<kst::EngineInDir*>(::testing::AddGlobalTestEnvironment(new kst::EngineInDir(
-    "ngapue", {{"cfg.json", R"({"LOCAL_GTP_IP": "127.0.0.1", "CLIPort": 0, "MaximumUE": 10, "MaxRANUEID": 100,
+    "ngapue", {{"cfg.json", R"({"LOCAL_GTP_IP": ")" + kGtpIp + R"(", "CLIPort": 0, "MaximumUE": 10, "MaxRANUEID": 100,
                                 "LogLevel": {"APPLICATION": 5}})"}})));
 
 size_t sentCount() {
@@ -406,6 +422,13 @@ void addCxtItem(MV_AMF_DT_InitialContextSetupRequest* r, uint64_t id, const std:
     r->pDUSessionResourceSetupListCxtReq_isset = 1;
 }
 
+// A TEID as tshark shows it: four octets in hexadecimal with colons.
+std::string teidText(uint32_t teid) {
+    char b[16];
+    snprintf(b, sizeof b, "%02x:%02x:%02x:%02x", teid >> 24, (teid >> 16) & 0xff, (teid >> 8) & 0xff, teid & 0xff);
+    return b;
+}
+
 MV_AMF_DT_InitialContextSetupRequest* contextSetup(uint64_t amfId, uint64_t ranId) {
     auto* r = newRec<MV_AMF_DT_InitialContextSetupRequest>(mv_asn_amf::T_InitialContextSetupRequest);
     r->aMFUENGAPID = amfId;
@@ -438,12 +461,12 @@ TEST_F(NgapUe, ContextSetupAndSessionResourcesFillTheSessionsAndAnswer) {
     // With a NAS PDU and sessions: 1 IPv4, 2 IPv4 and IPv6, 3 a transfer that does not
     // decode, 16 outside the range. The answer lists 1 and 2.
     auto* r = contextSetup(901, ranId);
-    addCxtItem(r, 1, setupTransfer(0x11223344, {10, 0, 0, 9}, 5));
-    std::vector<uint8_t> both = {10, 0, 0, 10};
+    addCxtItem(r, 1, setupTransfer(0x11223344, upfAddr(), 5));
+    std::vector<uint8_t> both = upfAddr();  // IPv4 and IPv6
     for (int i = 0; i < 16; ++i) both.push_back(uint8_t(0x20 + i));
     addCxtItem(r, 2, setupTransfer(0x55667788, both, 6));
     addCxtItem(r, 3, {0xFF, 0xFF, 0xFF});
-    addCxtItem(r, 16, setupTransfer(0x99, {10, 0, 0, 11}, 7));
+    addCxtItem(r, 16, setupTransfer(0x99, upfAddr(), 7));
     r->nASPDU = octets(__mv_amf_init_NAS_PDU2, kNasDown);
     r->nASPDU_isset = 1;
     size_t nasBefore = nasCount();
@@ -462,8 +485,13 @@ TEST_F(NgapUe, ContextSetupAndSessionResourcesFillTheSessionsAndAnswer) {
         std::span<const uint8_t>(item->pDUSessionResourceSetupResponseTransfer->data,
                                  item->pDUSessionResourceSetupResponseTransfer->length),
         gnb));
-    EXPECT_EQ(gnb.teid, 0x11223344u + 5) << "the gNB's TEID is the core's plus 5";
-    EXPECT_EQ(std::vector<uint8_t>(gnb.addr, gnb.addr + gnb.addrLen), (std::vector<uint8_t>{127, 0, 0, 1}));
+    EXPECT_NE(gnb.teid, 0u);
+    EXPECT_EQ(gnb.teid, KsNGAP___sessionOf(ue, 1)->ranTEID) << "the tunnel the user plane handed out";
+    in_addr gtpIp{};
+    inet_pton(AF_INET, kGtpIp.c_str(), &gtpIp);
+    EXPECT_EQ(0, memcmp(gnb.addr, &gtpIp, 4));
+    EXPECT_EQ(gnb.addrLen, 4);
+    const uint32_t teid1 = gnb.teid;
     __mv_asn_memfree_pdu(pduOf(14, 1), rec);
 
     const MV_KsUEPduSession* s1 = KsNGAP___sessionOf(ue, 1);
@@ -472,7 +500,7 @@ TEST_F(NgapUe, ContextSetupAndSessionResourcesFillTheSessionsAndAnswer) {
     EXPECT_EQ(s1->gtpTEID, 0x11223344u);
     EXPECT_EQ(s1->QosFlowIdentifier, 5);
     EXPECT_EQ(s1->ambrDL, 2000000u);
-    EXPECT_STREQ(s1->UPF__UPTLA_ipv4, "10.0.0.9");
+    EXPECT_STREQ(s1->UPF__UPTLA_ipv4, kUpfIp.c_str());
     EXPECT_EQ(s1->UPF__UPTLA_ipv, 1);
     EXPECT_EQ(s1->isStarted, 1);
     EXPECT_EQ(s2->UPF__UPTLA_ipv, 3);
@@ -499,7 +527,7 @@ TEST_F(NgapUe, ContextSetupAndSessionResourcesFillTheSessionsAndAnswer) {
     si->s_NSSAI->sST = octets(__mv_amf_init_SST2, std::vector<uint8_t>{1});
     si->pDUSessionResourceSetupRequestTransfer = octets(
         __mv_amf_init_PDUSessionResourceSetupItemSUReq_pDUSessionResourceSetupRequestTransfer2,
-        setupTransfer(0xABCD0000, {10, 0, 0, 12}, 9));
+        setupTransfer(0xABCD0000, upfAddr(), 9));
     si->pDUSessionNAS_PDU = octets(__mv_amf_init_NAS_PDU2, kNasDown);
     si->isPresent_pDUSessionNAS_PDU = 1;
     l = nullptr;
@@ -511,6 +539,9 @@ TEST_F(NgapUe, ContextSetupAndSessionResourcesFillTheSessionsAndAnswer) {
     EXPECT_EQ(sentAt(3).code, 29);
     EXPECT_EQ(sentAt(3).form, 1);
     EXPECT_EQ(KsNGAP___sessionOf(ue, 5)->gtpTEID, 0xABCD0000u);
+    const uint32_t teid5 = KsNGAP___sessionOf(ue, 5)->ranTEID;
+    EXPECT_NE(teid5, 0u);
+    EXPECT_NE(teid5, teid1);
 
     // Modify: the NAS PDU goes up, nothing is answered.
     auto* mo = newRec<MV_AMF_DT_PDUSessionResourceModifyRequest>(mv_asn_amf::T_PDUSessionResourceModifyRequest);
@@ -566,16 +597,143 @@ TEST_F(NgapUe, ContextSetupAndSessionResourcesFillTheSessionsAndAnswer) {
     EXPECT_EQ(rr->pDUSessionResourceReleasedListRelRes->PDUSessionResourceReleasedItemRelRes->Count, 1u);
     __mv_asn_memfree_pdu(pduOf(28, 1), rec);
     EXPECT_EQ(s1->isStarted, 0);
+    EXPECT_EQ(s1->ranTEID, 0u) << "the released session's tunnel is given back";
 
     std::string out = dissectAll();
     if (out.empty()) GTEST_SKIP() << "tshark is not installed";
-    for (const char* f : {"\"ngap.AMF_UE_NGAP_ID\": \"900\"", "\"ngap.AMF_UE_NGAP_ID\": \"901\"",
-                          "\"ngap.TransportLayerAddressIPv4\": \"127.0.0.1\"", "\"ngap.gTP_TEID\": \"11:22:33:49\"",
-                          "\"ngap.gTP_TEID\": \"ab:cd:00:05\"", "\"ngap.pDUSessionID\": \"2\""})
+    const std::string fields[] = {"\"ngap.AMF_UE_NGAP_ID\": \"900\"",
+                                  "\"ngap.AMF_UE_NGAP_ID\": \"901\"",
+                                  "\"ngap.TransportLayerAddressIPv4\": \"" + kGtpIp + "\"",
+                                  "\"ngap.gTP_TEID\": \"" + teidText(teid1) + "\"",
+                                  "\"ngap.gTP_TEID\": \"" + teidText(teid5) + "\"",
+                                  "\"ngap.pDUSessionID\": \"2\""};
+    for (const std::string& f : fields)
         EXPECT_TRUE(has(out, f)) << f << "\n" << out.substr(0, 8000);
     EXPECT_FALSE(has(out, "_ws.malformed")) << out;
     EXPECT_FALSE(has(out, "\"_ws.expert.severity\": \"8388608\"")) << out;
     KsNGAP___releaseUeContext(ue, 1);
+}
+
+// A T-PDU from a UPF's socket to the gNB's GTP-U address on `teid`.
+void sendTpdu(uint32_t teid) {
+    std::vector<uint8_t> d(64, 0);
+    gtpu_tpdu_hdr h;
+    h.teid = teid;
+    h.pduType = GTPU_PDU_TYPE_DL;
+    const size_t payload = 28;
+    size_t n = gtpu_build_tpdu_header(d, h, payload);
+    ASSERT_GT(n, 0u);
+    d.resize(n + payload);
+    d[n] = 0x45;  // an IPv4 header's first octet, as a UPF's payload would begin
+    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(GTPU_PORT);
+    inet_pton(AF_INET, kGtpIp.c_str(), &to.sin_addr);
+    EXPECT_EQ(sendto(fd, d.data(), d.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to), ssize_t(d.size()));
+    close(fd);
+}
+
+// The UPF's GTP-U socket: counts the ICMP echoes that come in T-PDUs on `teid`.
+struct UpfSocket {
+    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    UpfSocket() {
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_port = htons(GTPU_PORT);
+        inet_pton(AF_INET, kUpfIp.c_str(), &a.sin_addr);
+        EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    }
+    ~UpfSocket() { close(fd); }
+    int echoesOn(uint32_t teid, int wanted) {
+        int n = 0;
+        pollfd pf{fd, POLLIN, 0};
+        while (n < wanted && poll(&pf, 1, 20000) == 1) {
+            uint8_t b[2048];
+            ssize_t len = recv(fd, b, sizeof b, 0);
+            gtpu_msg_t m{};
+            if (len > 0 && gtpu_decode(std::span<const uint8_t>(b, size_t(len)), &m) == 1 && m.type == 0xFF &&
+                m.teid == teid && m.payload.size() > 20 && m.payload[9] == 1 && m.payload[20] == 8)
+                ++n;
+        }
+        return n;
+    }
+};
+
+uint32_t cxtResponseTeid(const Sent& s, uint64_t sessionId) {
+    void* rec = nullptr;
+    if (decodePdu(pduOf(14, 1), s.bytes, &rec) != 1) return 0;
+    auto* rsp = static_cast<MV_AMF_DT_InitialContextSetupResponse*>(rec);
+    uint32_t teid = 0;
+    __mv_asn_list* l = rsp->pDUSessionResourceSetupListCxtRes_isset == 1
+                           ? rsp->pDUSessionResourceSetupListCxtRes->PDUSessionResourceSetupItemCxtRes
+                           : nullptr;
+    for (auto* it = l ? l->Head : nullptr; it; it = it->Next) {
+        auto* item = static_cast<MV_AMF_DT_PDUSessionResourceSetupItemCxtRes*>(it->data);
+        ca::UpTunnel gnb;
+        if (item->pDUSessionID == sessionId &&
+            ca::readSetupResponseTransfer(
+                std::span<const uint8_t>(item->pDUSessionResourceSetupResponseTransfer->data,
+                                         item->pDUSessionResourceSetupResponseTransfer->length),
+                gnb))
+            teid = gnb.teid;
+    }
+    __mv_asn_memfree_pdu(pduOf(14, 1), rec);
+    return teid;
+}
+
+TEST_F(NgapUe, DownlinkTunnelIsTheUserPlanesAndItsTpdusReachTheSession) {
+    UpfSocket upf;
+    Gnb g(8);
+    MV_KsUE* a = newUe(g, 8);
+    MV_KsUE* b = newUe(g, 9);
+    std::vector<uint8_t> nas = kNasUp;
+    for (MV_KsUE* u : {a, b}) ASSERT_EQ(KsNGAP___sendNasMessage(u, nas.data(), uint32_t(nas.size()), 1, 0, 0, 0, 0), 1);
+    // The same core TEID for both: the gNB's tunnels must still differ.
+    uint32_t teid[2] = {};
+    for (int i = 0; i < 2; ++i) {
+        MV_KsUE* u = i ? b : a;
+        u->pduSessions[1].u_pduAddress = 0x0a2d0001u + uint32_t(i);  // as the NAS side learnt it
+        size_t before = sentCount();
+        auto* r = contextSetup(950 + uint64_t(i), KsNGAP___GetRANUEId(u, 1));
+        addCxtItem(r, 1, setupTransfer(0x0BADF00D, upfAddr(), 1));
+        g.deliver(14, 0, r);
+        ASSERT_TRUE(waitFor([&] { return sentCount() == before + 1; }));
+        teid[i] = cxtResponseTeid(sentAt(before), 1);
+        EXPECT_EQ(teid[i], u->pduSessions[1].ranTEID);
+    }
+    ASSERT_NE(teid[0], 0u);
+    ASSERT_NE(teid[0], teid[1]);
+    EXPECT_NE(teid[0], 0x0BADF00Du + 5);
+    EXPECT_EQ(upf.echoesOn(0x0BADF00D, 2), 2) << "each session's first packet, an echo request to the core's tunnel";
+
+    sendTpdu(teid[1]);
+    sendTpdu(teid[1]);
+    sendTpdu(teid[0]);
+    ASSERT_TRUE(waitFor([&] { return b->pduSessions[1].PktsRecvCount == 2 && a->pduSessions[1].PktsRecvCount == 1; }))
+        << a->pduSessions[1].PktsRecvCount << " " << b->pduSessions[1].PktsRecvCount;
+
+    // Without a user plane the answer still carries a tunnel, the core's TEID + 5, counted.
+    const KsUserPlane* up = KsEngine__UserPlane();
+    KsEngine__RegisterUserPlane(nullptr);
+    uint64_t fallbacks = KsNGAP__FallbackDownlinkTeids();
+    size_t before = sentCount();
+    auto* r = contextSetup(950, KsNGAP___GetRANUEId(a, 1));
+    addCxtItem(r, 1, setupTransfer(0x0BADF00D, upfAddr(), 1));
+    addCxtItem(r, 2, setupTransfer(0x00C0FFEE, upfAddr(), 1));
+    g.deliver(14, 0, r);
+    ASSERT_TRUE(waitFor([&] { return sentCount() == before + 1; }));
+    KsEngine__RegisterUserPlane(up);
+    EXPECT_EQ(cxtResponseTeid(sentAt(before), 2), 0x00C0FFEEu + 5);
+    EXPECT_EQ(cxtResponseTeid(sentAt(before), 1), teid[0]) << "a session set up again keeps its tunnel";
+    EXPECT_EQ(KsNGAP__FallbackDownlinkTeids(), fallbacks + 1);
+
+    std::string out = dissectAll();
+    for (MV_KsUE* u : {a, b}) KsNGAP___releaseUeContext(u, 1);
+    if (out.empty()) GTEST_SKIP() << "tshark is not installed";
+    EXPECT_TRUE(has(out, "\"ngap.gTP_TEID\": \"" + teidText(teid[1]) + "\"")) << out.substr(0, 4000);
+    EXPECT_FALSE(has(out, "_ws.malformed")) << out;
+    EXPECT_FALSE(has(out, "\"_ws.expert.severity\": \"8388608\"")) << out;
 }
 
 // ---------------------------------------------------------------- release
@@ -654,6 +812,95 @@ TEST_F(NgapUe, ReleaseFromTheAmfAndFromAStepAndLateMessagesAreDropped) {
 
 // Reroute moves the UE to the connection whose AMF serves the named set; context
 // modification is answered at once with the two ids.
+// ---------------------------------------------------------------- console commands
+
+// Stands in for the step families: notes the step and the thread it ran on, and leaves the
+// step running until the test completes it.
+std::atomic<int> gRuns{0};
+std::atomic<uint32_t> gRunStepCode{0};
+std::atomic<pthread_t> gRunThread{}, gLineThread{};
+std::atomic<int> gLineVisits{0};
+void recordingRunner(MV_KsUE* ue) {
+    ue->ksStepExecution = KsScanario__GetKsExecution(ue);
+    KsStep* st = KsScanario__GetKsExecutionStep(ue);
+    gRunStepCode = st ? st->StepCode : 0;
+    gRunThread = pthread_self();
+    ++gRuns;
+}
+void visitLine(void*) {
+    gLineThread = pthread_self();
+    ++gLineVisits;
+}
+// The registration's NAS side: its first message goes up at once.
+void registeringRunner(MV_KsUE* ue) {
+    recordingRunner(ue);
+    std::vector<uint8_t> nas = kNasUp;
+    KsNGAP___sendNasMessage(ue, nas.data(), uint32_t(nas.size()), 1, 0, 0, 0, 0);
+}
+void completeOnLine(void* p) { KS_COMPLETE_STEP(static_cast<MV_KsUE*>(p), KS_STEP_CODE_FROM_UE); }
+
+// Everything posted to the UE's line before now has run.
+void drainLine(MV_KsUE* ue) {
+    int visits = gLineVisits.load();
+    ASSERT_EQ(KsEngine__PostToUELine(ue, visitLine), 1);
+    ASSERT_TRUE(waitFor([&] { return gLineVisits.load() > visits; }));
+}
+
+void queueCommand(MV_KsUE* ue, uint32_t number) {
+    MV_KsTestCommand* c = KsScanario__NewTestCommand();
+    ASSERT_NE(c, nullptr);
+    c->Command = number;
+    c->TAC = 7;
+    KsScanario__QueueTestCommand(ue, c);
+}
+
+TEST_F(NgapUe, ConsoleCommandsRunOnTheUesLineOneAtATime) {
+    Gnb g(10);
+    MV_KsUE* ue = newUe(g, 10);
+    KsEngine__SetRunnerOverride(recordingRunner);
+    int runs = gRuns.load();
+
+    // Not latched, and no RAN serves the UE: the command waits in the queue.
+    queueCommand(ue, 1);
+    KsNGAP__run_command(ue);
+    drainLine(ue);
+    EXPECT_EQ(gRuns.load(), runs);
+    EXPECT_NE(ue->commandHead, nullptr);
+
+    // Latched: the registration runs on the UE's line.
+    ue->_initT3PP = 1;
+    KsNGAP__run_command(ue);
+    ASSERT_TRUE(waitFor([&] { return gRuns.load() == runs + 1; }));
+    EXPECT_EQ(gRunStepCode.load(), __ksEngine->step_initialRegistration->StepCode);
+    EXPECT_EQ(ue->commandHead, nullptr);
+    drainLine(ue);
+    EXPECT_TRUE(pthread_equal(gRunThread.load(), gLineThread.load())) << "the step ran on the UE's line";
+
+    // A command that comes while that step runs stays queued, and runs once the step completes.
+    queueCommand(ue, 4);
+    KsNGAP__run_command(ue);
+    drainLine(ue);
+    EXPECT_EQ(gRuns.load(), runs + 1);
+    ASSERT_NE(ue->commandHead, nullptr);
+    EXPECT_EQ(ue->commandHead->Command, 4u);
+    ASSERT_EQ(KsEngine__PostToUELine(ue, completeOnLine), 1);
+    ASSERT_TRUE(waitFor([&] { return ue->CommandId == 0 && ue->ksStepExecutionHead == nullptr; }));
+    KsNGAP__run_command(ue);
+    ASSERT_TRUE(waitFor([&] { return gRuns.load() == runs + 2; }));
+    EXPECT_EQ(gRunStepCode.load(), __ksEngine->step_deRegistration->StepCode);
+    ASSERT_EQ(KsEngine__PostToUELine(ue, completeOnLine), 1);
+    ASSERT_TRUE(waitFor([&] { return ue->CommandId == 0 && ue->ksStepExecutionHead == nullptr; }));
+
+    // An update of the UE runs no step.
+    queueCommand(ue, 17);
+    KsNGAP__run_command(ue);
+    drainLine(ue);
+    EXPECT_EQ(ue->TAI_TAC, 7u);
+    EXPECT_EQ(gRuns.load(), runs + 2);
+    EXPECT_EQ(ue->commandHead, nullptr);
+    KsEngine__SetRunnerOverride(nullptr);
+}
+
 TEST_F(NgapUe, RerouteMovesTheUeAndModificationIsEchoed) {
     Gnb g(6);
     auto* other = __mv_arena_new<MV_KsRanAmfConnection>();
@@ -699,10 +946,25 @@ TEST_F(NgapUe, RerouteMovesTheUeAndModificationIsEchoed) {
         g.deliver(36, 0, r);
     };
     uint64_t dropped = KsNGAP__DroppedUeMessages();
+    // The UE registers afresh towards the AMF of the set: its NAS side sends on the new connection.
+    ue->_initT3PP = 1;
+    KsEngine__SetRunnerOverride(registeringRunner);
+    int runs = gRuns.load();
+    size_t sent = sentCount();
     rerouteTo(0x3FF);
-    ASSERT_TRUE(waitFor([&] { return ue->TGPP.ranAmfConnection == other; }));
+    ASSERT_TRUE(waitFor([&] { return gRuns.load() == runs + 1 && sentCount() == sent + 1; }));
+    KsEngine__SetRunnerOverride(nullptr);
+    EXPECT_EQ(ue->TGPP.ranAmfConnection, other);
     EXPECT_EQ(ue->AMFConnId, 61u);
-    EXPECT_EQ(KsNGAP__getRanUeContext(ue, 1), nullptr) << "the old context is given back";
+    EXPECT_EQ(gRunStepCode.load(), __ksEngine->step_initialRegistration->StepCode);
+    Sent initial = sentAt(sent);
+    EXPECT_EQ(initial.code, 15) << "a fresh InitialUEMessage";
+    EXPECT_EQ(initial.conn, other);
+    EXPECT_NE(KsNGAP___GetRANUEId(ue, 1), ranId);
+    ASSERT_EQ(KsEngine__PostToUELine(ue, completeOnLine), 1);
+    ASSERT_TRUE(waitFor([&] { return ue->CommandId == 0 && ue->ksStepExecutionHead == nullptr; }));
+    KsNGAP___releaseUeContext(ue, 1);
+    ue->TGPP.ranAmfConnection = g.conn;
     // No connection serves set 5, and the old id is stale now.
     rerouteTo(5);
     ASSERT_TRUE(waitFor([&] { return KsNGAP__DroppedUeMessages() == dropped + 1; }));

@@ -394,6 +394,10 @@ int loadSubscribersAndCommands(json_t* cfg) {
     KsEngine__CreateN1Counters();
 
     KsScanario__CreateCommandSteps();
+    static constexpr KsCommandQueue kCommandQueue{KsScanario__NewTestCommand, KsScanario__QueueTestCommand,
+                                                  KsScanario__PopTestCommand, KsScanario__AddTestCommand,
+                                                  KsScanario__ReleaseTestCommand};
+    KsEngine__RegisterCommandQueue(&kCommandQueue);
     return KsSeam__DiamDict_Init(cfg);
 }
 

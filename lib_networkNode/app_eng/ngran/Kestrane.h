@@ -47,7 +47,6 @@ KsTestExec* KsEngine__FindTest(uint32_t TestId);
 void Kestrane___RunTest(KsTestExec* tstItem);
 void Kestrane___execScalingModeTest(KsTestExec* tstItem, uint32_t* iterations);
 void Kestrane___runStep(void* v, int index);
-void Kestrane___runStepFSM(void* v);
 void Kestrane___completedScalingModeStep(MV_KsUE* ksUe, uint32_t StepCode, const char* funcName, const char* file,
                                          int line);
 void KsEngine__ReInit_MVCounters(KsTestExec* tstItem, int total);
@@ -64,7 +63,6 @@ KsStep* KsScanario__NewStep(uint32_t StepCode, uint32_t StepIndex);
 void KsScanario__CreateKsStepExecutions(MV_KsUE* ksUe, int stepId);
 // An execution of `st` with its PDU session entries, appended to the UE's list.
 KsStepExecution* KsScanario__AppendExecution(MV_KsUE* ksUe, KsStep* st, uint32_t Id);
-void KsScanario__ReleaseUEExecutionSteps(MV_KsUE* ksUe);
 void KsScanario__ReRunScanario(MV_KsUE* ksUe, int clearResult);
 
 void KsScanario__ClearResult(MV_KsUE* ksUe);

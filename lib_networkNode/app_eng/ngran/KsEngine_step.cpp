@@ -144,6 +144,21 @@ int KsEngine__PostToUELine(MV_KsUE* ksUe, fnexec work) {
                : 0;
 }
 
+// ---------------------------------------------------------------- registered operations
+
+namespace {
+std::atomic<const KsUserPlane*> gUserPlane{nullptr};
+std::atomic<const KsCommandQueue*> gCommandQueue{nullptr};
+}  // namespace
+
+void KsEngine__RegisterCommandQueue(const KsCommandQueue* queue) {
+    gCommandQueue.store(queue, std::memory_order_release);
+}
+const KsCommandQueue* KsEngine__CommandQueue() { return gCommandQueue.load(std::memory_order_acquire); }
+
+void KsEngine__RegisterUserPlane(const KsUserPlane* ops) { gUserPlane.store(ops, std::memory_order_release); }
+const KsUserPlane* KsEngine__UserPlane() { return gUserPlane.load(std::memory_order_acquire); }
+
 // ---------------------------------------------------------------- the road to a runner
 
 void Kestrane___runStep(void* v, int index) {

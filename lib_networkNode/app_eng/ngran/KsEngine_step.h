@@ -23,6 +23,19 @@ const char* KsGGSN_GetPGWSettingValue(uint32_t id);
 // not run yet, -1 for a null UE.
 int KsEngine__PostToUELine(MV_KsUE* ksUe, fnexec work);
 
+// ---------------------------------------------------------------- the user plane
+
+// What a RAN emulation asks of the user-plane module, which registers it at start (null when
+// the build has none): the downlink TEIDs it hands the core, so that a T-PDU to one reaches
+// its session, and the first packet of a session the core set up.
+struct KsUserPlane {
+    uint32_t (*AllocateDownlinkTEID)(MV_KsUEPduSession* session);  // 0 when none is free
+    void (*ReleaseDownlinkTEID)(uint32_t teid);
+    void (*SendFirstPacket)(MV_KsUE* ksUe, uint8_t pduSessionId, uint8_t qfi);
+};
+void KsEngine__RegisterUserPlane(const KsUserPlane* ops);
+const KsUserPlane* KsEngine__UserPlane();
+
 // ---------------------------------------------------------------- the current step
 
 // The execution a runner works on (it takes the head when none is set yet), its step.
@@ -35,6 +48,23 @@ KsStepExecution* KsScanario__GetCurrentExecutingStep(MV_KsUE* ksUe, uint32_t exp
 int KsScanario__CurrentStepEquals(MV_KsUE* ksUe, uint32_t StepCode);
 int Kestrane___hasStepExecTemplate(MV_KsUE* ksUe);
 
+// Gives back every execution of the UE and clears its command and test ids.
+void KsScanario__ReleaseUEExecutionSteps(MV_KsUE* ksUe);
+
+// ---------------------------------------------------------------- console commands of a UE
+
+// The UE's queue of console commands as a module that runs them on the UE's line sees it.
+// The engine core registers it at start; null before.
+struct KsCommandQueue {
+    MV_KsTestCommand* (*New)();                             // zeroed, from the pool; null when it is gone
+    void (*Queue)(MV_KsUE* ksUe, MV_KsTestCommand* command);  // appended, under commandLock
+    MV_KsTestCommand* (*Pop)(MV_KsUE* ksUe);                // the head, under commandLock; null when empty
+    void (*Add)(MV_KsTestCommand* command, MV_KsUE* ksUe);  // the command's steps appended, or the UE updated
+    void (*Release)(MV_KsTestCommand* command);             // back to its pool
+};
+void KsEngine__RegisterCommandQueue(const KsCommandQueue* queue);
+const KsCommandQueue* KsEngine__CommandQueue();
+
 // ---------------------------------------------------------------- completion
 
 // Ends the UE's current step, exactly once per step: counts it, and creates and posts the
@@ -45,6 +75,9 @@ void KsScanario__CompleteCurrentStepAndExecutionNextStep(MV_KsUE* ksUe, uint32_t
     KsScanario__CompleteCurrentStepAndExecutionNextStep((ue), (code), __func__, __FILE_NAME__, __LINE__)
 // Ends the UE's whole run in its test (an error indication, for instance).
 void Kestrane___execMarkAsComplete(MV_KsUE* ksUe);
+// Starts the UE's first execution with the runner of its StepIndex, on the caller's thread,
+// which must be the UE's line.
+void Kestrane___runStepFSM(void* ksUe);
 // Runs the UE's current step again, through its test's step queue.
 void Kestrane___runStepAsync(MV_KsUE* ksUe, uint8_t bearer);
 void Kestrane___runStepAsync_timer(MV_KsUE* ksUe);

@@ -291,6 +291,8 @@ void KsGTP__Init() {
     // The user-plane steps: the scenario's (StepIndex 7) and the console's prebuilt ones, which
     // dispatch gives the same index.
     KsEngine__RegisterRunner(7, 7, "KsGTP__runStep_FQ", runStep);
+    static constexpr KsUserPlane kUserPlane{KsGTP__AllocateDownlinkTEID, KsGTP__ReleaseDownlinkTEID, KsGTP_SendICMP};
+    KsEngine__RegisterUserPlane(&kUserPlane);
 }
 
 void KsGTP_SetApplicationType(int ipt) { currentApplicationType = ipt; }

@@ -131,8 +131,11 @@ int KsNGAP__set_pdusession_transport_info(uint8_t sessionId, MV_KsUE* ue, uint8_
                                           uint32_t tlaLen);
 void KsNGAP__set_pdusession_release_transport_info(MV_KsUE* ue, uint8_t sessionId);
 void KsNGAP__set_pdusession_qosFlowIdentifier(uint8_t sessionId, MV_KsUE* ue, uint8_t qosFlowId);
-// The gNB's downlink TEID: the core's uplink TEID plus 5.
+// The gNB's downlink TEID of the session: one the user plane hands out, kept until the session
+// is released (which gives it back). Without a user plane, or with its table full, the core's
+// uplink TEID plus 5, logged once and counted.
 uint32_t KsNGAP__get_pdusession_ran_teid(uint8_t sessionId, MV_KsUE* ue);
+uint64_t KsNGAP__FallbackDownlinkTeids();
 
 // ---------------------------------------------------------------- UE-associated handlers (KsNGAP_ueHandle.cpp)
 
@@ -152,6 +155,17 @@ void KsNGAP___freeRecord(uint8_t procedureCode, uint8_t form, void* record);
 int KsNGAP__run_thread(void* obj, uint64_t key, fnexec fn);
 // Counters of input from the AMF that no UE could take (bad or stale ids, empty NAS PDUs).
 uint64_t KsNGAP__DroppedUeMessages();
+
+// ---------------------------------------------------------------- console commands (KsNGAP_command.cpp)
+
+// A console command queued at the UE: on the caller's thread the UE is latched to a RAN when
+// it has none (no test runs for it then), and the command goes on to the UE's line.
+void KsNGAP__run_command(MV_KsUE* ue);
+// On the UE's line: the head command becomes the UE's steps and the first is started; while
+// a command's step still runs, the next one stays queued.
+void KsNGAP__run_command_async(void* ue);
+// Gives back executions that no longer run (none current, or a test that ended).
+void KsNGAP__deleteKsStepExecution(MV_KsUE* ue);
 
 // ---------------------------------------------------------------- builders (KsNGAP_build.cpp)
 

@@ -2,6 +2,7 @@
 // from the transfers the AMF sends, and the gNB's downlink tunnel in the answers.
 #include <arpa/inet.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 
@@ -54,14 +55,44 @@ int KsNGAP__set_pdusession_transport_info(uint8_t sessionId, MV_KsUE* ue, uint8_
 }
 
 void KsNGAP__set_pdusession_release_transport_info(MV_KsUE* ue, uint8_t sessionId) {
-    if (MV_KsUEPduSession* s = KsNGAP___sessionOf(ue, sessionId)) s->isStarted = 0;
+    MV_KsUEPduSession* s = KsNGAP___sessionOf(ue, sessionId);
+    if (!s) return;
+    s->isStarted = 0;
+    if (s->ranTEID == 0) return;
+    if (const KsUserPlane* up = KsEngine__UserPlane()) up->ReleaseDownlinkTEID(s->ranTEID);
+    s->ranTEID = 0;
 }
 
 void KsNGAP__set_pdusession_qosFlowIdentifier(uint8_t sessionId, MV_KsUE* ue, uint8_t qosFlowId) {
     if (MV_KsUEPduSession* s = KsNGAP___sessionOf(ue, sessionId)) s->QosFlowIdentifier = qosFlowId;
 }
 
+namespace {
+std::atomic<uint64_t> gFallbackTeids{0};
+std::atomic<bool> gToldNoUserPlane{false}, gToldNoTeid{false};
+}  // namespace
+
+uint64_t KsNGAP__FallbackDownlinkTeids() { return gFallbackTeids.load(); }
+
 uint32_t KsNGAP__get_pdusession_ran_teid(uint8_t sessionId, MV_KsUE* ue) {
     MV_KsUEPduSession* s = KsNGAP___sessionOf(ue, sessionId);
-    return s ? s->gtpTEID + 5 : 0;
+    if (!s) return 0;
+    // A session set up again (after idle, or modified) keeps the tunnel the core knows.
+    if (s->ranTEID) return s->ranTEID;
+    const KsUserPlane* t = KsEngine__UserPlane();
+    if (uint32_t teid = t ? t->AllocateDownlinkTEID(s) : 0) {
+        s->ranTEID = teid;
+        return teid;
+    }
+    // The core still needs a number in the answer; traffic to it reaches no session, so say
+    // so once rather than for every session of a load test.
+    ++gFallbackTeids;
+    std::atomic<bool>& told = t ? gToldNoTeid : gToldNoUserPlane;
+    if (!told.exchange(true))
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_WARNING,
+                 "[%s] %s: downlink TEID of PDU session %u is the core's TEID + 5, T-PDUs to it reach no session  %s|%s|%d",
+                 KsUE__supi(ue),
+                 t ? "the user plane gave no downlink TEID (table full or not made)" : "no user plane in this build",
+                 unsigned(sessionId), __FILE_NAME__, __func__, __LINE__);
+    return s->gtpTEID + 5;
 }

@@ -16,6 +16,7 @@
 namespace {
 
 constexpr uint32_t kStepUEContextReleaseRequest = 5;
+constexpr uint32_t kCommandInitialRegistration = 1;
 constexpr size_t kMaxSessionsPerMessage = 16;
 
 std::atomic<uint64_t> gDropped{0};
@@ -148,6 +149,26 @@ void applySetupItem(MV_KsUE* ue, uint64_t sessionId, const uint8_t* octets_, uin
     __mv_ngap_free_pdu_PDUSessionResourceSetupRequestTransfer(t);
 }
 
+// The first packet of a session the core just set up, so that its uplink tunnel is used at once.
+void firstPacket(MV_KsUE* ue, uint64_t sessionId) {
+    if (sessionId < 1 || sessionId > 15) return;
+    const MV_KsUEPduSession& s = ue->pduSessions[sessionId];
+    if (s.pduSessionId != sessionId) return;
+    if (__ksEngine->DataPlanePort > 0) {
+        static std::atomic<bool> told{false};
+        if (!told.exchange(true))
+            __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_WARNING,
+                     "[%s] DataPlanePort=%d: the data-path peer is not part of this build, no first packet on PDU "
+                     "session %u  %s|%s|%d",
+                     KsUE__supi(ue), int(__ksEngine->DataPlanePort), unsigned(sessionId), __FILE_NAME__, __func__,
+                     __LINE__);
+        return;
+    }
+    // Without a user plane the fallback TEID's line has said so already.
+    const KsUserPlane* up = KsEngine__UserPlane();
+    if (up && up->SendFirstPacket) up->SendFirstPacket(ue, uint8_t(sessionId), s.QosFlowIdentifier);
+}
+
 // The gNB's downlink tunnel of a session as the octets of its setup response transfer;
 // 0 octets when it cannot be encoded.
 uint32_t responseTransfer(MV_KsUE* ue, uint8_t id, __mv_asn_coding_context& ctx) {
@@ -263,6 +284,7 @@ void initialContextSetupFSM(void* p) {
             auto* tr = item->pDUSessionResourceSetupRequestTransfer;
             applySetupItem(ue, item->pDUSessionID, tr ? tr->data : nullptr, tr ? tr->length : 0, true, ids);
             if (item->isPresent_nAS_PDU == 1) toNas(ue, item->nAS_PDU, bearer, 14);
+            firstPacket(ue, item->pDUSessionID);
         }
     }
     MV_KsUECtx* side = bearer == KS_BEARER__NON3GPP ? &ue->NTGPP : &ue->TGPP;
@@ -306,6 +328,7 @@ void pduSessionResourceSetupFSM(void* p) {
             auto* tr = item->pDUSessionResourceSetupRequestTransfer;
             applySetupItem(ue, item->pDUSessionID, tr ? tr->data : nullptr, tr ? tr->length : 0, false, ids);
             if (item->isPresent_pDUSessionNAS_PDU == 1) toNas(ue, item->pDUSessionNAS_PDU, bearer, 0);
+            firstPacket(ue, item->pDUSessionID);
         }
     }
     if (KsNGAP__getRanUeContext(ue, bearer) != ctx) return;
@@ -470,10 +493,30 @@ void rerouteNasRequestFSM(void* p) {
         return;
     }
     KsNGAP__ReleaseRanUeContext(ue, KS_BEARER__3GPP);
+    // What ran towards the old AMF is over: a fresh initial registration towards the new one
+    // takes its place, as if the console had asked for it.
+    KsEngine__KsUE_ClearDefaultTimer(ue, __func__);
+    KsScanario__ReleaseUEExecutionSteps(ue);
     ue->TGPP.ranAmfConnection = found;
     ue->AMFConnId = found->ID;
     __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_INFO, "RerouteNASRequest to ConnID[%u] <%s|%s|%d>", found->ID,
              __FILE_NAME__, __func__, __LINE__);
+    const KsCommandQueue* q = KsEngine__CommandQueue();
+    MV_KsTestCommand* c = q ? q->New() : nullptr;
+    if (!c) {
+        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
+                 "[%s] no console command could be made, registration towards ConnID[%u] not started <%s|%s|%d>",
+                 KsUE__supi(ue), found->ID, __FILE_NAME__, __func__, __LINE__);
+        return;
+    }
+    c->Command = kCommandInitialRegistration;
+    c->EA0 = c->EA1 = c->EA2 = c->IA0 = c->IA1 = c->IA2 = 1;
+    c->TAC = 1;
+    snprintf(c->MCC, sizeof c->MCC, "%.3s", ue->mcc);
+    snprintf(c->MNC, sizeof c->MNC, "%.3s", ue->mnc);
+    c->RANAMFConnId = found->ID;
+    q->Queue(ue, c);
+    KsNGAP__run_command(ue);
 }
 
 // The answer needs no UE state: the two ids echoed.

@@ -112,6 +112,7 @@ struct __mv_ks__ue_pdu_session {
     uint32_t ranIP;
     uint32_t gtpTEID;
     uint32_t upfTEID;
+    uint32_t ranTEID;  // the gNB's downlink TEID while the session stands, 0 before
     uint8_t PduAddressIPv6[17];
     uint32_t u_pduAddress;
     uint8_t PduAddress[17];

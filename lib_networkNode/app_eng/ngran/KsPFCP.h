@@ -98,7 +98,8 @@ struct pfcp_cp_sess_t {
 // The module's counters beside the test's: what a test's counters cannot hold.
 struct KsPFCPTally {
     std::atomic<uint64_t> SessionsCreated{0}, SessionsReleased{0}, UnknownSeid{0}, StaleAnswers{0},
-        RequestsFailed{0}, PoolExhausted{0}, ReportsAnswered{0}, StepsWithoutConnection{0}, StepsNotImplemented{0};
+        RequestsFailed{0}, PoolExhausted{0}, ReportsAnswered{0}, StepsWithoutConnection{0}, StepsNotImplemented{0},
+        StepsWithoutSession{0};
 };
 extern KsPFCPTally ksPfcpTally;
 
@@ -136,6 +137,16 @@ uint32_t KsPFCP__max_ran_ue_ids();
 void KsPFCP__set_elements(KsTEClient* ksClient, KsTEServer* ksServer);
 // Free sessions and IPv4 addresses; returns the pools' size (0 before the first node).
 int KsPFCP__pool_availability(uint32_t* sessions, uint32_t* ipv4);
+
+// The user plane (KsPFCP_userPlane.cpp). The pair's GTP-U socket, at the client's IP_2/Port_2
+// towards the server's, its tunnels found in `teidTable`; null in the connection when it cannot be.
+void KsPFCP__open_gtp(KsTEClient* ksClient, KsTEServer* ksServer, KsTEConnection* ksTEConn, MV_IndexTable* teidTable);
+MV_IndexTable* KsPFCP__teid_table();
+// Codes 42 to 70: sends on the UE's session and completes the step.
+void KsPFCP__runUserPlaneStep(MV_KsUE* ue, KsTEConnection* conn, const KsStep* st);
+// The console's row of a simulated UE: the session's status, and its tunnel and traffic once up.
+struct __uec_simulated_ue;
+void KsPFCP__ProvideUE_PFCP_Status(__uec_simulated_ue* simUe, MV_KsUE* ksUE);
 
 // Builders (KsPFCP_build.cpp): fill `m` for the UE's session; no I/O.
 struct KsPFCPScratch;

@@ -39,6 +39,33 @@ std::string noc() {
            R"(", "Port_1": 8805, "IP_2": ")" + kUpf + R"(", "Port_2": "2152", "TransportType": 1, "Enabled": 1}])";
 }
 
+#define KS_INT(t, v) "{\"IEType\": " #t ", \"ValueType\": \"Int\", \"Value\": " #v "}"
+const std::string kTemplates = R"({"Type": "PFCP", "Templates": [
+ {"Name": "est-sdf", "MessageType": 50, "Elements": [
+  {"IEType": 1, "Elements": [)" KS_INT(56, 77) "," KS_INT(29, 200) R"(,
+    {"IEType": 2, "Elements": [)" KS_INT(20, 0) "," KS_INT(21, 1) R"(,
+      {"IEType": 22, "ValueType": "String", "Value": "internet"},
+      {"IEType": 23, "ValueType": "String", "Value": "permit out 17 from %s %s to %s %s"},
+      )" KS_INT(93, 1) "," KS_INT(124, 5) R"(]},
+    )" KS_INT(95, 0) "," KS_INT(108, 2) "," KS_INT(109, 1) R"(]},
+  {"IEType": 1, "Elements": [)" KS_INT(56, 1) "," KS_INT(29, 100) R"(,
+    {"IEType": 2, "Elements": [)" KS_INT(20, 1) "," KS_INT(93, 1) R"(]}, )" KS_INT(108, 1) R"(]},
+  {"IEType": 3, "ValueType": "Int", "Value": 1, "Elements": [)" KS_INT(44, 2) R"(,
+    {"IEType": 4, "Elements": [)" KS_INT(42, 0) "," KS_INT(84, 256) R"(]}]},
+  {"IEType": 3, "ValueType": "Int", "Value": 2, "Elements": [)" KS_INT(44, 2) R"(,
+    {"IEType": 4, "Elements": [)" KS_INT(42, 1) "," KS_INT(84, 5) R"(]}]},
+  {"IEType": 6, "ValueType": "Int", "Value": 3, "Elements": [)" KS_INT(62, 2) R"(,
+    {"IEType": 73, "ValueType": "Json", "Value": {"TotalVolume": 100000, "DownlinkVolume": 60000}}]},
+  {"IEType": 7, "ValueType": "Int", "Value": 4, "Elements": [)" KS_INT(25, 0) R"(,
+    {"IEType": 26, "ValueType": "Json", "Value": {"ULMBR": 2000, "DLMBR": 4000}}, )" KS_INT(124, 5) R"(]},
+  )" KS_INT(113, 1) R"(]},
+ {"Name": "mod-far", "MessageType": 52, "Elements": [
+  {"IEType": 10, "ValueType": "Int", "Value": 1, "Elements": [)" KS_INT(44, 2) R"(,
+    {"IEType": 4, "Elements": [)" KS_INT(84, 256) R"(]}]},
+  {"IEType": 13, "ValueType": "Int", "Value": 3, "Elements": [
+    {"IEType": 31, "ValueType": "Json", "Value": {"TotalVolume": 5000}}]}]}]})";
+#undef KS_INT
+
 kst::EngineInDir* gEnv = static_cast<kst::EngineInDir*>(::testing::AddGlobalTestEnvironment(new kst::EngineInDir(
     "pfcpup",
     {{"cfg.json", "{\"LOCAL_GTP_IP\": \"" + kGtpLocal +
@@ -48,6 +75,13 @@ kst::EngineInDir* gEnv = static_cast<kst::EngineInDir*>(::testing::AddGlobalTest
                            "\", \"MCC\": \"001\", \"MNC\": \"01\", \"MSISDNBegin\": \"9000000001\"}]"},
      {"data/set.json", R"({"UPF": {"1": "10.45.0.1/16", "6": "9.9.9.9"}})"},
      {"data/noc.json", noc()},
+     // A session's rules from templates: an establishment and a forwarding change.
+     {"data/sce.json", R"([{"ID": 1, "Config": [{"ID": 1001, "Dict": [{"Key": 22, "Value": "est-sdf"}]},
+                                               {"ID": 1002, "Dict": [{"Key": 22, "Value": "mod-far"}]},
+                                               {"ID": 1003}]}])"},
+     {"data/tst.json", "[{\"ID\": 1, \"Name\": \"tmpl\", \"ScenarioID\": 1, \"MPS\": 100, \"SUPIStartNo\": \"" +
+                           imsi(11) + "\", \"SUPIStartEnd\": \"" + imsi(12) + "\"}]"},
+     {"resources/templates/pfcp.json", kTemplates},
      {"pcap_protocols/ue_traffic.pcap", kst::readFile(std::string(KS_GTPU_DATA) + "/ue_traffic.pcap")}})));
 
 uint32_t be32(const uint8_t* p) { return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3]; }
@@ -308,6 +342,72 @@ TEST_F(PfcpUserPlane, PacketsBackAreCountedOnTheirFlowAndTheConsoleSeesTheSessio
     __uec_simulated_ue row3{};
     KsPFCP__ProvideUE_PFCP_Status(&row3, kst::ueOf001(10));
     EXPECT_EQ(row3.U32_1, 0u) << "no session, nothing filled";
+}
+
+TEST_F(PfcpUserPlane, TemplatedRequestsCarryTheTemplatesRulesWithTheSessionsOwnIds) {
+    size_t before = upf->received().size();
+    ASSERT_EQ(KsEngine__AddTestToQueue(1, KS_TEST__QUEUED), 3u);
+    ASSERT_TRUE(kst::waitFor(
+        [] {
+            uint32_t st = KsEngine__GetTestStatus(1);
+            return st != KS_TEST__QUEUED && st != KS_TEST__QUEUED_ALT && st != KS_TEST__RUNNING && st != KS_TEST__STOP;
+        },
+        30));
+    KsTestExec* t = KsEngine__FindTest(1);
+    ASSERT_NE(t, nullptr);
+    EXPECT_EQ(t->PFCPSessionEstablishmentResponse.Request.load(), 2u);
+    EXPECT_EQ(t->PFCPSessionModificationResponse.Request.load(), 2u);
+    EXPECT_EQ(t->PFCPSessionDeleteResponse.Request.load(), 2u);
+    EXPECT_EQ(t->ExecutionTimeout.Total.load(), 0u);
+
+    std::vector<Bytes> est, mod;
+    auto all = upf->received();
+    for (size_t i = before; i < all.size(); ++i) {
+        if (all[i][1] == PFCP_SESSION_ESTABLISHMENT_REQUEST_TYPE) est.push_back(all[i]);
+        if (all[i][1] == PFCP_SESSION_MODIFICATION_REQUEST_TYPE) mod.push_back(all[i]);
+    }
+    ASSERT_EQ(est.size(), 2u);
+    ASSERT_EQ(mod.size(), 2u);
+    auto m = std::make_unique<pfcp_message_t>();
+    ASSERT_EQ(pfcp_decode_datagram(est[0], m.get()), 1);
+    auto& r = m->pfcp_session_establishment_request;
+    // Ids by slot, not by the template's number; the F-TEID is the session's own.
+    EXPECT_EQ(r.create_pdr[0].pdr_id.u16, 1);
+    EXPECT_EQ(r.create_pdr[1].pdr_id.u16, 2);
+    EXPECT_EQ(r.create_pdr[0].precedence.u32, 200u);
+    EXPECT_EQ(r.create_pdr[0].pdi.qfi.u8, 5);
+    EXPECT_EQ(r.create_pdr[0].pdi.local_f_teid.len, 9u);
+    EXPECT_EQ(r.create_far[1].far_id.u32, 2u);
+    EXPECT_EQ(r.create_far[1].forwarding_parameters.outer_header_creation.presence, 0u) << "only GTP-U/IPv4 is built";
+    EXPECT_EQ(r.create_far[0].forwarding_parameters.outer_header_creation.len, 10u);
+    EXPECT_EQ(r.create_urr[0].urr_id.u32, 3u);
+    EXPECT_EQ(r.create_urr[0].volume_quota.len, 17u) << "flags, total and downlink";
+    EXPECT_EQ(r.create_qer[0].qer_id.u32, 4u);
+    EXPECT_EQ(r.pdn_type.u8, 1);
+    std::string sdf(reinterpret_cast<const char*>(r.create_pdr[0].pdi.sdf_filter[0].data) + 4,
+                    r.create_pdr[0].pdi.sdf_filter[0].len - 4);
+    EXPECT_EQ(sdf.find("permit out 17 from 10.45.0."), 0u) << sdf;
+    EXPECT_NE(sdf.find(" 88888 to 11.11.11.11 99999"), std::string::npos) << sdf;
+
+    ASSERT_EQ(pfcp_decode_datagram(mod[0], m.get()), 1);
+    auto& q = m->pfcp_session_modification_request;
+    EXPECT_EQ(q.update_far[0].far_id.u32, 1u);
+    EXPECT_EQ(q.update_far[0].update_forwarding_parameters.outer_header_creation.len, 10u);
+    EXPECT_EQ(q.update_urr[0].volume_threshold.len, 9u);
+
+    if (!kst::tsharkAvailable()) GTEST_SKIP() << "tshark is not installed";
+    kst::TsharkRun run = kst::runTshark(KS_WSDECODE, "pfcp", 8805, "", {est[0], mod[0]},
+                                        {"pfcp.pdr_id", "pfcp.far_id", "pfcp.urr_id", "pfcp.qer_id", "pfcp.qfi_value",
+                                         "pfcp.flow_desc", "pfcp.ul_mbr", "pfcp.dl_mbr", "pfcp.apply_action.forw"});
+    EXPECT_EQ(run.rc, 0) << run.report;
+    ASSERT_EQ(run.fields.size(), 2u);
+    EXPECT_EQ(run.fields[0]["pfcp.pdr_id"], "1,2");
+    EXPECT_EQ(run.fields[0]["pfcp.far_id"], "2,1,1,2");
+    EXPECT_EQ(run.fields[0]["pfcp.urr_id"], "3");
+    EXPECT_EQ(run.fields[0]["pfcp.ul_mbr"], "2000");
+    EXPECT_EQ(run.fields[0]["pfcp.dl_mbr"], "4000");
+    EXPECT_EQ(run.fields[0]["pfcp.flow_desc"], sdf);
+    EXPECT_EQ(run.fields[1]["pfcp.far_id"], "1");
 }
 
 }  // namespace

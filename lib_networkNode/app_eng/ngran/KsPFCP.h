@@ -156,6 +156,12 @@ void KsPFCP__build_modification_default(pfcp_message_t* m, const pfcp_cp_sess_t*
                                         KsPFCPScratch& scratch);
 void KsPFCP__build_modification_raninfo(pfcp_message_t* m, const pfcp_cp_sess_t* s, const KsTEConnection* conn,
                                         KsPFCPScratch& scratch);
+// The template forms: the template's rules, the session's ids and addresses.
+struct MV_Template;
+void KsPFCP__build_establishment_by_template(pfcp_message_t* m, pfcp_cp_sess_t* s, const KsTEConnection* conn,
+                                             const MV_Template* t, KsPFCPScratch& scratch);
+void KsPFCP__build_modification_by_template(pfcp_message_t* m, pfcp_cp_sess_t* s, const KsTEConnection* conn,
+                                            const MV_Template* t, KsPFCPScratch& scratch);
 void KsPFCP__build_deletion(pfcp_message_t* m, const pfcp_cp_sess_t* s);
 void KsPFCP__build_report_response(pfcp_message_t* m, uint64_t upfSeid, uint8_t cause);
 

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "KsPFCP.h"
+#include "KsTemplateEng.h"
 #include "pfcp_codec.h"
 #include "pfcp_node.h"
 
@@ -23,11 +24,10 @@ uint32_t sendOnSession(MV_KsUE* ue, pfcp_cp_sess_t* s, KsTEConnection* conn, pfc
     return __mv_pfcp__send_request(upfNode(conn), m, s->cp_seid, ue);
 }
 
-void templateNotBuilt(MV_KsUE* ue) {
-    if (!Kestrane___hasStepExecTemplate(ue)) return;
-    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
-             "[%s] PFCP message templates are not part of this build: the default request is sent <%s|%s|%d>",
-             KsUE__supi(ue), __FILE_NAME__, __func__, __LINE__);
+// The template the current step names, or null for the default request.
+const MV_Template* stepTemplate(MV_KsUE* ue) {
+    KsStep* st = KsScanario__GetKsExecutionStep(ue);
+    return st ? st->nas5G_regTemplate : nullptr;
 }
 
 // A step that cannot send: counted as a failed send of its message and completed at once.
@@ -50,11 +50,14 @@ void KsPFCP__send_pfcp_sesson_establishment_request(MV_KsUE* ue, KsTEConnection*
                    "no free session, address or tunnel id");
         return;
     }
-    templateNotBuilt(ue);
     pfcp_message_t m;
     KsPFCPScratch scratch;
-    KsPFCP__build_establishment(&m, s, conn, scratch);
-    s->ul_mbr = s->dl_mbr = 10240;
+    if (const MV_Template* t = stepTemplate(ue)) {
+        KsPFCP__build_establishment_by_template(&m, s, conn, t, scratch);
+    } else {
+        KsPFCP__build_establishment(&m, s, conn, scratch);
+        s->ul_mbr = s->dl_mbr = 10240;
+    }
     s->sent_smr_attached_to_ser = 0;
     s->ignore_pfcp_smr = 0;
     KsPFCP__count(ue, &KsTestExec::PFCPSessionEstablishmentRequest);
@@ -78,10 +81,12 @@ void KsPFCP__send_pfcp_sesson_modification_request(MV_KsUE* ue, KsTEConnection* 
                        "the UE has no PFCP session");
         return;
     }
-    if (!triggered) templateNotBuilt(ue);
     pfcp_message_t m;
     KsPFCPScratch scratch;
-    KsPFCP__build_modification_default(&m, s, urrid, scratch);
+    // A modification the UPF's report asked for is always the default one.
+    const MV_Template* t = triggered ? nullptr : stepTemplate(ue);
+    if (t) KsPFCP__build_modification_by_template(&m, s, conn, t, scratch);
+    else KsPFCP__build_modification_default(&m, s, urrid, scratch);
     s->ignore_pfcp_smr = triggered == 1 ? 1 : 0;
     KsPFCP__count(ue, &KsTestExec::PFCPSessionModificationRequest);
     uint32_t seq = sendOnSession(ue, s, conn, &m);

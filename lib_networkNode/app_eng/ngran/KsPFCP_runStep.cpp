@@ -3,8 +3,8 @@
 #include <arpa/inet.h>
 
 #include <cstdio>
-#include <iterator>
 #include <cstring>
+#include <iterator>
 
 #include "KsPFCP.h"
 #include "KsTemplateEng.h"

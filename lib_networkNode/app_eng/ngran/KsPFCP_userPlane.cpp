@@ -109,31 +109,30 @@ struct PacketStep {
     uint8_t fragment;
     int gtpType;        // 0: the 16-octet form with flags 0x34
     uint16_t dstPort;   // 0: the flow's
-    uint32_t completes;
 };
 // SCTP's 64 octets behind the IPv4 header: its port form plus a fixed chunk area of zeros.
 constexpr int kSctpPayload = 56;
 constexpr int kFull = 1350;
 constexpr PacketStep kPacketSteps[] = {
-    {42, GTPU_IP_TCP, 4, -1, 0, 0, 0, 42},
-    {44, GTPU_IP_TCP, 4, -1, 0, 0, 0, 42},
-    {47, GTPU_IP_TCP, 4, -1, 0, 0, 853, 47},
-    {52, GTPU_IP_TCP, 6, -1, 0, 0, 0, 42},
-    {53, GTPU_IP_SCTP, 4, kSctpPayload, 0, 0, 0, 42},
-    {54, GTPU_IP_ESP, 4, -1, 0, 0, 0, 42},
-    {55, GTPU_IP_UDP, 4, -1, 1, 0, 0, 55},
-    {56, GTPU_IP_UDP, 4, -1, 2, 0, 0, 56},
-    {57, GTPU_IP_UDP, 4, -1, 3, 0, 0, 57},
-    {58, GTPU_IP_TCP, 4, kFull, 0, 0, 0, 58},
-    {59, GTPU_IP_UDP, 4, kFull, 0, 0, 0, 59},
-    {60, GTPU_IP_TCP, 6, kFull, 0, 0, 0, 60},
-    {61, GTPU_IP_UDP, 6, kFull, 0, 0, 0, 61},
-    {64, GTPU_IP_TCP, 4, -2, 0, 1, 0, 64},
-    {65, GTPU_IP_TCP, 4, -2, 0, 2, 0, 65},
-    {66, GTPU_IP_TCP, 4, -2, 0, 3, 0, 66},
-    {67, GTPU_IP_TCP, 4, -2, 0, 4, 0, 67},
-    {69, GTPU_IP_TCP, 4, -2, 0, 5, 0, 69},
-    {70, GTPU_IP_TCP, 4, -2, 0, 6, 0, 70},
+    {42, GTPU_IP_TCP, 4, -1, 0, 0, 0},
+    {44, GTPU_IP_TCP, 4, -1, 0, 0, 0},
+    {47, GTPU_IP_TCP, 4, -1, 0, 0, 853},
+    {52, GTPU_IP_TCP, 6, -1, 0, 0, 0},
+    {53, GTPU_IP_SCTP, 4, kSctpPayload, 0, 0, 0},
+    {54, GTPU_IP_ESP, 4, -1, 0, 0, 0},
+    {55, GTPU_IP_UDP, 4, -1, 1, 0, 0},
+    {56, GTPU_IP_UDP, 4, -1, 2, 0, 0},
+    {57, GTPU_IP_UDP, 4, -1, 3, 0, 0},
+    {58, GTPU_IP_TCP, 4, kFull, 0, 0, 0},
+    {59, GTPU_IP_UDP, 4, kFull, 0, 0, 0},
+    {60, GTPU_IP_TCP, 6, kFull, 0, 0, 0},
+    {61, GTPU_IP_UDP, 6, kFull, 0, 0, 0},
+    {64, GTPU_IP_TCP, 4, -2, 0, 1, 0},
+    {65, GTPU_IP_TCP, 4, -2, 0, 2, 0},
+    {66, GTPU_IP_TCP, 4, -2, 0, 3, 0},
+    {67, GTPU_IP_TCP, 4, -2, 0, 4, 0},
+    {69, GTPU_IP_TCP, 4, -2, 0, 5, 0},
+    {70, GTPU_IP_TCP, 4, -2, 0, 6, 0},
 };
 
 const PacketStep* packetStep(uint32_t code) {
@@ -319,7 +318,7 @@ void KsPFCP__runUserPlaneStep(MV_KsUE* ue, KsTEConnection* conn, const KsStep* s
         ++ksPfcpTally.StepsWithoutSession;
         __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "[%s] StepCode=%u: the UE has no PFCP session <%s|%s|%d>",
                  KsUE__supi(ue), code, __FILE_NAME__, __func__, __LINE__);
-        KS_COMPLETE_STEP(ue, ps ? ps->completes : code);
+        KS_COMPLETE_STEP(ue, code);
         return;
     }
     if (code == 43) {
@@ -344,7 +343,8 @@ void KsPFCP__runUserPlaneStep(MV_KsUE* ue, KsTEConnection* conn, const KsStep* s
         else if (code >= 49 && code <= 51) sendIcmp(ue, s, n, code - 49);
         else if (code == 68) sendCapture(ue, s, n);
     }
-    KS_COMPLETE_STEP(ue, ps ? ps->completes : (code == 45 ? 43 : code));
+    // Each step ends as itself: a scenario's line expects the code it runs.
+    KS_COMPLETE_STEP(ue, code);
 }
 
 // ---------------------------------------------------------------- the console's view

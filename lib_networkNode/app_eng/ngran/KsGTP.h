@@ -132,6 +132,7 @@ struct KsGTPDirectPacket {
     uint8_t qfi = 1;
     gtpu_inner inner;         // addresses, ports, protocol, identification, TCP sequence
     uint32_t payloadLen = 0;  // octets behind the transport header
+    const uint8_t* payload = nullptr;  // their bytes; null: zeros
     // IPv4 UDP only: 1 first fragment, 2 a middle one, 3 the last (identification = payloadLen).
     uint8_t fragment = 0;
 };

@@ -251,11 +251,13 @@ int KsGTP__send_direct(gtp_node_t* node, const gtpu_peer& to, const KsGTPDirectP
     uint8_t inner[kDirectMax] = {};
     uint8_t buf[kDirectMax] = {};
     if (p.payloadLen > kDirectMax - GTPU_INNER_HEADERS_MAX - GTPU_HEADER_MAX) return 0;
+    uint32_t payloadSum = p.payload ? gtpu_csum_add(p.payload, p.payloadLen) : 0;
     size_t il = p.fragment && p.inner.ipVersion == 4
                     ? buildFragment(inner, sizeof inner, p)
-                    : gtpu_build_inner_headers(inner, p.inner, p.payloadLen, 0);
+                    : gtpu_build_inner_headers(inner, p.inner, p.payloadLen, payloadSum);
     if (!il) return 0;
-    size_t innerLen = il + p.payloadLen;  // the payload is zeros, already in place
+    if (p.payload) memcpy(inner + il, p.payload, p.payloadLen);  // else zeros, already in place
+    size_t innerLen = il + p.payloadLen;
     size_t hl;
     if (p.gtpType >= 1 && p.gtpType <= 6) {
         hl = gtpu_build_form_header(buf, p.gtpType, p.teid, p.seq, innerLen);

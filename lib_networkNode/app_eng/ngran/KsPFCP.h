@@ -98,7 +98,8 @@ struct pfcp_cp_sess_t {
 // The module's counters beside the test's: what a test's counters cannot hold.
 struct KsPFCPTally {
     std::atomic<uint64_t> SessionsCreated{0}, SessionsReleased{0}, UnknownSeid{0}, StaleAnswers{0},
-        RequestsFailed{0}, PoolExhausted{0}, ReportsAnswered{0}, StepsWithoutConnection{0}, StepsNotImplemented{0};
+        RequestsFailed{0}, PoolExhausted{0}, ReportsAnswered{0}, StepsWithoutConnection{0}, StepsNotImplemented{0},
+        StepsWithoutSession{0};
 };
 extern KsPFCPTally ksPfcpTally;
 
@@ -137,6 +138,16 @@ void KsPFCP__set_elements(KsTEClient* ksClient, KsTEServer* ksServer);
 // Free sessions and IPv4 addresses; returns the pools' size (0 before the first node).
 int KsPFCP__pool_availability(uint32_t* sessions, uint32_t* ipv4);
 
+// The user plane (KsPFCP_userPlane.cpp). The pair's GTP-U socket, at the client's IP_2/Port_2
+// towards the server's, its tunnels found in `teidTable`; null in the connection when it cannot be.
+void KsPFCP__open_gtp(KsTEClient* ksClient, KsTEServer* ksServer, KsTEConnection* ksTEConn, MV_IndexTable* teidTable);
+MV_IndexTable* KsPFCP__teid_table();
+// Codes 42 to 70: sends on the UE's session and completes the step.
+void KsPFCP__runUserPlaneStep(MV_KsUE* ue, KsTEConnection* conn, const KsStep* st);
+// The console's row of a simulated UE: the session's status, and its tunnel and traffic once up.
+struct __uec_simulated_ue;
+void KsPFCP__ProvideUE_PFCP_Status(__uec_simulated_ue* simUe, MV_KsUE* ksUE);
+
 // Builders (KsPFCP_build.cpp): fill `m` for the UE's session; no I/O.
 struct KsPFCPScratch;
 void KsPFCP__build_establishment(pfcp_message_t* m, const pfcp_cp_sess_t* s, const KsTEConnection* conn,
@@ -145,6 +156,12 @@ void KsPFCP__build_modification_default(pfcp_message_t* m, const pfcp_cp_sess_t*
                                         KsPFCPScratch& scratch);
 void KsPFCP__build_modification_raninfo(pfcp_message_t* m, const pfcp_cp_sess_t* s, const KsTEConnection* conn,
                                         KsPFCPScratch& scratch);
+// The template forms: the template's rules, the session's ids and addresses.
+struct MV_Template;
+void KsPFCP__build_establishment_by_template(pfcp_message_t* m, pfcp_cp_sess_t* s, const KsTEConnection* conn,
+                                             const MV_Template* t, KsPFCPScratch& scratch);
+void KsPFCP__build_modification_by_template(pfcp_message_t* m, pfcp_cp_sess_t* s, const KsTEConnection* conn,
+                                            const MV_Template* t, KsPFCPScratch& scratch);
 void KsPFCP__build_deletion(pfcp_message_t* m, const pfcp_cp_sess_t* s);
 void KsPFCP__build_report_response(pfcp_message_t* m, uint64_t upfSeid, uint8_t cause);
 

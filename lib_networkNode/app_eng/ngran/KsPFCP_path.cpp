@@ -77,6 +77,8 @@ void addressOf(const char* pool, char* out, size_t size) {
 
 }  // namespace
 
+MV_IndexTable* KsPFCP__teid_table() { return __ks_pfcp_instance ? __ks_pfcp_instance->teidTable : nullptr; }
+
 uint32_t KsPFCP__max_ran_ue_ids() { return __ksEngine ? __ksEngine->maxRanUEIDs : 0; }
 
 int KsPFCP_Init() {

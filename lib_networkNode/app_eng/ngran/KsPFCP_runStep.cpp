@@ -4,8 +4,10 @@
 
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 
 #include "KsPFCP.h"
+#include "KsTemplateEng.h"
 #include "pfcp_codec.h"
 #include "pfcp_node.h"
 
@@ -22,11 +24,10 @@ uint32_t sendOnSession(MV_KsUE* ue, pfcp_cp_sess_t* s, KsTEConnection* conn, pfc
     return __mv_pfcp__send_request(upfNode(conn), m, s->cp_seid, ue);
 }
 
-void templateNotBuilt(MV_KsUE* ue) {
-    if (!Kestrane___hasStepExecTemplate(ue)) return;
-    __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR,
-             "[%s] PFCP message templates are not part of this build: the default request is sent <%s|%s|%d>",
-             KsUE__supi(ue), __FILE_NAME__, __func__, __LINE__);
+// The template the current step names, or null for the default request.
+const MV_Template* stepTemplate(MV_KsUE* ue) {
+    KsStep* st = KsScanario__GetKsExecutionStep(ue);
+    return st ? st->nas5G_regTemplate : nullptr;
 }
 
 // A step that cannot send: counted as a failed send of its message and completed at once.
@@ -49,11 +50,14 @@ void KsPFCP__send_pfcp_sesson_establishment_request(MV_KsUE* ue, KsTEConnection*
                    "no free session, address or tunnel id");
         return;
     }
-    templateNotBuilt(ue);
     pfcp_message_t m;
     KsPFCPScratch scratch;
-    KsPFCP__build_establishment(&m, s, conn, scratch);
-    s->ul_mbr = s->dl_mbr = 10240;
+    if (const MV_Template* t = stepTemplate(ue)) {
+        KsPFCP__build_establishment_by_template(&m, s, conn, t, scratch);
+    } else {
+        KsPFCP__build_establishment(&m, s, conn, scratch);
+        s->ul_mbr = s->dl_mbr = 10240;
+    }
     s->sent_smr_attached_to_ser = 0;
     s->ignore_pfcp_smr = 0;
     KsPFCP__count(ue, &KsTestExec::PFCPSessionEstablishmentRequest);
@@ -77,10 +81,12 @@ void KsPFCP__send_pfcp_sesson_modification_request(MV_KsUE* ue, KsTEConnection* 
                        "the UE has no PFCP session");
         return;
     }
-    if (!triggered) templateNotBuilt(ue);
     pfcp_message_t m;
     KsPFCPScratch scratch;
-    KsPFCP__build_modification_default(&m, s, urrid, scratch);
+    // A modification the UPF's report asked for is always the default one.
+    const MV_Template* t = triggered ? nullptr : stepTemplate(ue);
+    if (t) KsPFCP__build_modification_by_template(&m, s, conn, t, scratch);
+    else KsPFCP__build_modification_default(&m, s, urrid, scratch);
     s->ignore_pfcp_smr = triggered == 1 ? 1 : 0;
     KsPFCP__count(ue, &KsTestExec::PFCPSessionModificationRequest);
     uint32_t seq = sendOnSession(ue, s, conn, &m);
@@ -183,13 +189,7 @@ void KsPFCP__runStep_FQ(MV_KsUE* ksUe) {
             KsPFCP__send_pfcp_sesson_modification_request(ksUe, conn, 0, 0);
             break;
         case KS_STEP__PFCP_SESSION_DELETE_REQUEST: KsPFCP__send_pfcp_sesson_delete_request(ksUe, conn); break;
-        default:
-            // The user-plane steps (42 to 70) need the GTP-U engine, which this build lacks.
-            ++ksPfcpTally.StepsNotImplemented;
-            __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_ERROR, "StepCode=%u Not Implemented  <%s|%s|%d>", st->StepCode,
-                     __FILE_NAME__, __func__, __LINE__);
-            KS_COMPLETE_STEP(ksUe, st->StepCode);
-            break;
+        default: KsPFCP__runUserPlaneStep(ksUe, conn, st); break;
     }
 }
 
@@ -258,10 +258,7 @@ void KsPFCP_AddPFCPNode(uint32_t CommandID, KsTEClient* ksClient, KsTEServer* ks
     int dataPlanePort = __ksEngine && __ksEngine->config
                             ? int(json_integer_value(json_object_get(__ksEngine->config, "DataPlanePort")))
                             : 0;
-    if (dataPlanePort < 1)
-        __mv_log(MV_APP_LOG, LOG_CAT_APP, MV_LOG_INFO,
-                 "GTP-U socket at %s|%u is not part of this build: the user-plane steps are not run <%s|%s|%d>",
-                 ksClient->IP_2, ksClient->Port_2, __FILE_NAME__, __func__, __LINE__);
+    if (dataPlanePort < 1) KsPFCP__open_gtp(ksClient, ksServer, ksTEConn, KsPFCP__teid_table());
     else
         printf("GTP Data Plane Not Binded, because external DataPlane Configured on Port=%d  %s|%d\n", dataPlanePort,
                __func__, __LINE__);
@@ -288,8 +285,17 @@ int startStep(json_t* cfg) {
 }
 }  // namespace
 
+// The console's user-plane commands 3004 to 3032 and the step code each runs; they come to
+// this runner by the index of the scenario's user-plane step.
+constexpr uint32_t kUserPlaneCommandCodes[] = {42, 43, 44, 45, 46, 47, 48, 49, 50, 51, 52, 53, 54, 55, 56,
+                                               57, 58, 59, 60, 61, 62, 63, 67, 66, 65, 64, 68, 69, 70};
+constexpr uint32_t kFirstUserPlaneCommand = 3004;
+constexpr uint32_t kUserPlaneStepIndex = 1004;
+
 void KsPFCP__Init() {
     KsEngine__RegisterRunner(1000, 1999, "KsPFCP__runStep_FQ", KsPFCP__runStep_FQ);
+    for (uint32_t i = 0; i < std::size(kUserPlaneCommandCodes); ++i)
+        KsEngine__RegisterCommandStep(kFirstUserPlaneCommand + i, kUserPlaneCommandCodes[i], kUserPlaneStepIndex);
     KsEngine__RegisterStartStep(KsStartSlot::PFCP, startStep);
     KsTE__RegisterNodeCommand(KS_APP_TYPE__UPF, KsPFCP_AddPFCPNode, nullptr, KsPFCP__UpdateConnStatus);
 }

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "e2e_ctl.h"
 #include "engine_child.h"
 #include "netns.h"
 
@@ -21,42 +22,10 @@ namespace {
 using kse::Netns;
 constexpr int kUes = 200;
 
-// The standard output of a command, and its exit status.
-std::string run(const std::string& cmd, int* status = nullptr) {
-    std::string out;
-    FILE* p = popen((cmd + " 2>&1").c_str(), "r");
-    if (!p) return out;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-    int st = pclose(p);
-    if (status) *status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    return out;
-}
-
-std::string ctl(const std::string& args, int* status = nullptr) {
-    return run(std::string(KS_CTL_BINARY) + " --host " + Netns::A[0] + " --port 9119 --timeout 10 " + args, status);
-}
-
-// A value of `kestranectl stats` (-1 when absent).
-long stat(const std::string& name) {
-    std::string out = ctl("stats");
-    size_t p = out.find("\n" + name + " ");
-    return p == std::string::npos ? -1 : atol(out.c_str() + p + name.size() + 2);
-}
-
-// Counter totals of the test by name, from `kestranectl --json status`.
-std::map<std::string, long> counters(const std::string& json) {
-    std::map<std::string, long> out;
-    json_t* j = json_loads(json.c_str(), 0, nullptr);
-    json_t* rows = json_object_get(j, "counters");
-    for (size_t i = 0; rows && i < json_array_size(rows); ++i) {
-        json_t* r = json_array_get(rows, i);
-        out[json_string_value(json_object_get(r, "name")) ?: ""] = long(json_integer_value(json_object_get(r, "total")));
-    }
-    json_decref(j);
-    return out;
-}
+// The engine's console of this test.
+std::string ctl(const std::string& args, int* status = nullptr) { return kse2e::ctl(Netns::A[0], args, status); }
+long stat(const std::string& name) { return kse2e::stat(Netns::A[0], name); }
+using kse2e::counters;
 
 // The answerer's counter block printed at its end.
 long answererCounter(const std::string& out, const std::string& name) {

@@ -17,6 +17,7 @@
 #include <memory>
 #include <string>
 
+#include "e2e_ctl.h"
 #include "engine_child.h"
 #include "ks_rig.h"
 #include "ks_tshark.h"
@@ -26,39 +27,10 @@ namespace {
 constexpr int kUes = 300;
 const std::string kEngineIp = kst::kRigEngineIp;
 
-std::string run(const std::string& cmd, int* status = nullptr) {
-    std::string out;
-    FILE* p = popen((cmd + " 2>&1").c_str(), "r");
-    if (!p) return out;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-    int st = pclose(p);
-    if (status) *status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    return out;
-}
-
-std::string ctl(const std::string& args, int* status = nullptr) {
-    return run(std::string(KS_CTL_BINARY) + " --host " + kEngineIp + " --port 9119 --timeout 10 " + args, status);
-}
-
-long stat(const std::string& name) {
-    std::string out = ctl("stats");
-    size_t p = out.find("\n" + name + " ");
-    return p == std::string::npos ? -1 : atol(out.c_str() + p + name.size() + 2);
-}
-
-std::map<std::string, long> counters(const std::string& json) {
-    std::map<std::string, long> out;
-    json_t* j = json_loads(json.c_str(), 0, nullptr);
-    json_t* rows = json_object_get(j, "counters");
-    for (size_t i = 0; rows && i < json_array_size(rows); ++i) {
-        json_t* r = json_array_get(rows, i);
-        out[json_string_value(json_object_get(r, "name")) ?: ""] = long(json_integer_value(json_object_get(r, "total")));
-    }
-    json_decref(j);
-    return out;
-}
+// The engine's console of this test.
+std::string ctl(const std::string& args, int* status = nullptr) { return kse2e::ctl(kEngineIp, args, status); }
+long stat(const std::string& name) { return kse2e::stat(kEngineIp, name); }
+using kse2e::counters;
 
 // UEs of one SUCI scheme: IMSIs first..first+99.
 std::string ueRange(int id, int first, int scheme, int keyId, const char* key) {

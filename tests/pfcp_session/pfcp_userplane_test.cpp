@@ -319,17 +319,19 @@ TEST_F(PfcpUserPlane, PacketsBackAreCountedOnTheirFlowAndTheConsoleSeesTheSessio
     EXPECT_EQ(row.datalen, 52u);
     __uec_pfcp_sess_data d;
     memcpy(&d, row.data, sizeof d);
-    EXPECT_EQ(d.ue_ip, s->ipv4->ipv4);
-    EXPECT_EQ(d.access_teid, s->teid);
-    EXPECT_EQ(d.upf_teid, downTeid);
-    EXPECT_EQ(d.cp_seid, s->cp_seid);
-    EXPECT_EQ(d.up_seid, s->upf_seid.load());
-    EXPECT_EQ(d.up_seid, upf->upfSeidOf(s->cp_seid));
+    // The record is packed: its fields are read by value, never bound to a reference.
+    auto val = [](auto field) { return field; };
+    EXPECT_EQ(val(d.ue_ip), s->ipv4->ipv4);
+    EXPECT_EQ(val(d.access_teid), s->teid);
+    EXPECT_EQ(val(d.upf_teid), downTeid);
+    EXPECT_EQ(val(d.cp_seid), s->cp_seid);
+    EXPECT_EQ(val(d.up_seid), s->upf_seid.load());
+    EXPECT_EQ(val(d.up_seid), upf->upfSeidOf(s->cp_seid));
     uint32_t recv = 0;
     for (const auto& f : s->flows) recv += f.packets_recv;
-    EXPECT_EQ(d.pkts_recv, recv);
-    EXPECT_EQ(d.pkts_sent, packetsSent(s));
-    EXPECT_EQ(d.bytes_recv, s->bytes_recv);
+    EXPECT_EQ(val(d.pkts_recv), recv);
+    EXPECT_EQ(val(d.pkts_sent), packetsSent(s));
+    EXPECT_EQ(val(d.bytes_recv), s->bytes_recv);
 
     // While a request is outstanding the row shows the status alone.
     __uec_simulated_ue row2{};
